@@ -1,0 +1,58 @@
+// download_file.h: the local file of a download. Protocol clients deliver bytes in arbitrary pieces; limits and totals
+// are judged in steps of a fixed size (the block in which the protocol's read call would have handed them out), so
+// that what is logged and where a download fails does not depend on how the network cut the bytes. The file is removed
+// unless finish() succeeded; it is removed only if this call opened it. One thread at a time.
+#ifndef FETCHRIG_CORE_DOWNLOAD_FILE_H
+#define FETCHRIG_CORE_DOWNLOAD_FILE_H
+
+#include <stdint.h>
+
+#include <span>
+#include <string>
+
+#include "core/owners.h"
+#include "include/fetchrig.h"
+
+namespace fetchrig {
+
+class download_file {
+ public:
+  // `module` logs; `step` is the block size in bytes; `limit` is option 6.
+  download_file(int module, uint32_t step, uint32_t limit) : module_(module), step_(step), limit_(limit) {}
+  ~download_file();
+  download_file(const download_file&) = delete;
+  download_file& operator=(const download_file&) = delete;
+
+  // Creates or truncates the file; logs "Can't open %s\n" and returns false when that fails.
+  [[nodiscard]] bool open(const char* path);
+
+  // Room for the next bytes: the caller receives straight into it and then calls accept(). Never empty.
+  std::span<char> room();
+  // Takes the first `count` bytes of room(). Returns 0, or -1 with `result` filled: the limit was passed ("exceed max
+  // size\n" is logged), or the local write failed (-8, logged with errno).
+  [[nodiscard]] int accept(uint32_t count, dl_result* result);
+  // The body has ended: judges the last, short step, writes what is buffered, closes and keeps the file. Returns 0 or
+  // -1 as accept().
+  [[nodiscard]] int finish(dl_result* result);
+
+  // Bytes delivered in whole steps, the short last one included after finish(): the total that is logged.
+  uint64_t total() const { return total_; }
+
+ private:
+  int judge(uint64_t total, dl_result* result);
+  int flush(dl_result* result);
+  int write_failed(dl_result* result, const char* operation);
+
+  int module_;
+  uint32_t step_;
+  uint32_t limit_;
+  unique_fd fd_;
+  std::string path_;
+  unique_malloc<char> buffer_;
+  std::size_t held_ = 0;
+  uint64_t received_ = 0;
+  uint64_t total_ = 0;
+};
+
+}  // namespace fetchrig
+#endif

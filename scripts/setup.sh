@@ -1,0 +1,55 @@
+#!/usr/bin/env bash
+# Installs what building, testing and the demonstration need and what is missing, from Debian's packages.
+# Works as root or with sudo, as often as you like. Servers are installed without being started.
+set -euo pipefail
+
+packages=(
+  g++ cmake ninja-build pkg-config git
+  libssl-dev openssl ca-certificates
+  libgtest-dev libbenchmark-dev libcli11-dev nlohmann-json3-dev
+  clang clang-format libclang-rt-14-dev
+  nginx vsftpd python3-pyftpdlib tftpd-hpa libpcre3 libwrap0
+  python3 iproute2
+  gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")
+done
+
+as_root=()
+if [ "$(id -u)" -ne 0 ]; then as_root=(sudo); fi
+
+# Packages that cannot be installed beside others are unpacked into build-servers/ instead: atftpd excludes tftpd-hpa.
+unpack_servers() {
+  local target
+  target=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/build-servers
+  [ ! -x "$target/usr/sbin/atftpd" ] || return 0
+  mkdir -p "$target"
+  local download
+  download=$(mktemp -d)
+  chmod 755 "$download"
+  (cd "$download" && apt-get download -qq atftpd >/dev/null 2>&1 && dpkg-deb -x atftpd_*.deb "$target")
+  rm -rf "$download"
+}
+
+if [ ${#missing[@]} -eq 0 ]; then
+  unpack_servers
+  exit 0
+fi
+
+# While the packages are configured, services must not start: the tests start servers of their own on free ports.
+policy=/usr/sbin/policy-rc.d
+placed_policy=no
+if [ ! -e "$policy" ]; then
+  printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" tee "$policy" >/dev/null
+  "${as_root[@]}" chmod +x "$policy"
+  placed_policy=yes
+fi
+trap '[ "$placed_policy" = no ] || "${as_root[@]}" rm -f "$policy"' EXIT
+
+echo "Installing: ${missing[*]}"
+"${as_root[@]}" apt-get update -qq
+"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+unpack_servers
