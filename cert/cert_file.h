@@ -1,5 +1,5 @@
-// cert_file.h: certificate and key files in PEM or DER. Encoding codes: 0 PEM, 1 DER, -1 cannot be opened. No state
-// between calls; ca_file_hash() uses one scratch file per machine, so its callers run one at a time.
+// cert_file.h: certificate and key files in PEM or DER. Encoding codes: 0 PEM, 1 DER, -1 cannot be opened. No
+// state between calls; ca_file_hash() uses one scratch file per machine, so its callers run one at a time.
 #ifndef FETCHRIG_CERT_CERT_FILE_H
 #define FETCHRIG_CERT_CERT_FILE_H
 
@@ -20,7 +20,8 @@ inline constexpr int encoding_none = -1;
 [[nodiscard]] X509* load_cert_bio(int encoding, BIO* bio);
 // The next private key, the caller's, opened with password_cb; null as above.
 [[nodiscard]] EVP_PKEY* load_key_bio(int encoding, BIO* bio);
-// The subject-name hash of the certificate in the file, 0 when there is none. A DER file is left rewritten as PEM.
+// The subject-name hash of the certificate in the file, 0 when there is none. A DER file is left rewritten as
+// PEM.
 [[nodiscard]] uint32_t ca_file_hash(const char* path);
 
 }  // namespace fetchrig

@@ -1,5 +1,5 @@
-// passphrase.h: pass phrases for OpenSSL's PEM readers. The exported password_cb() is in fetchrig_openssl.h; TLS set-up
-// and the certificate operations register it. Any thread.
+// passphrase.h: pass phrases for OpenSSL's PEM readers. The exported password_cb() is in fetchrig_openssl.h;
+// TLS set-up and the certificate operations register it. Any thread.
 #ifndef FETCHRIG_CERT_PASSPHRASE_H
 #define FETCHRIG_CERT_PASSPHRASE_H
 
