@@ -1,5 +1,5 @@
-// boundary.h: what every exported function wraps its work in. No exception leaves the library: an allocation that
-// fails inside becomes the call's own out-of-memory result.
+// boundary.h: what every exported function wraps its work in. No exception leaves the library: an allocation
+// that fails inside becomes the call's own out-of-memory result.
 #ifndef FETCHRIG_CORE_BOUNDARY_H
 #define FETCHRIG_CORE_BOUNDARY_H
 

@@ -1,5 +1,5 @@
-// config.h: reading the configuration. Every function copies what it returns under the configuration lock and has
-// released the lock when it returns, so no lock is ever held across I/O. Any thread.
+// config.h: reading the configuration. Every function copies what it returns under the configuration lock and
+// has released the lock when it returns, so no lock is ever held across I/O. Any thread.
 #ifndef FETCHRIG_CORE_CONFIG_H
 #define FETCHRIG_CORE_CONFIG_H
 
@@ -26,18 +26,18 @@ struct tls_options {
 // 1 after initialisation; read without the lock, as initialisation precedes all other use.
 [[nodiscard]] bool config_initialised();
 
-[[nodiscard]] int net_timeout_seconds();   // option 7
-[[nodiscard]] int ipv6_enabled();          // option 8: 0 or 1
-[[nodiscard]] uint32_t max_file_size();    // option 6, bytes
-[[nodiscard]] uint32_t max_redirects();    // option 5
-[[nodiscard]] uint32_t auth_retry_limit(); // option 15
-[[nodiscard]] int ssl_method();            // option 3
-[[nodiscard]] tls_options https_options(); // options 12, 11, 3, 4, 10
-[[nodiscard]] option_text user_agent();       // option 0
-[[nodiscard]] option_text trust_ca_dir();     // option 1
-[[nodiscard]] option_text device_cert_file(); // option 2
-[[nodiscard]] option_text key_passphrase();   // option 16; wipe the copy after use
-[[nodiscard]] option_text key_seed();         // option 25; wipe the copy after use
+[[nodiscard]] int net_timeout_seconds();       // option 7
+[[nodiscard]] int ipv6_enabled();              // option 8: 0 or 1
+[[nodiscard]] uint32_t max_file_size();        // option 6, bytes
+[[nodiscard]] uint32_t max_redirects();        // option 5
+[[nodiscard]] uint32_t auth_retry_limit();     // option 15
+[[nodiscard]] int ssl_method();                // option 3
+[[nodiscard]] tls_options https_options();     // options 12, 11, 3, 4, 10
+[[nodiscard]] option_text user_agent();        // option 0
+[[nodiscard]] option_text trust_ca_dir();      // option 1
+[[nodiscard]] option_text device_cert_file();  // option 2
+[[nodiscard]] option_text key_passphrase();    // option 16; wipe the copy after use
+[[nodiscard]] option_text key_seed();          // option 25; wipe the copy after use
 
 // The number of the first ring entry (slot order) whose name equals `name` in any letter case, or -1.
 [[nodiscard]] int ring_number_of(const char* name);

@@ -1,5 +1,5 @@
-// cursor.h: reading untrusted bytes in order. Every read is bounded by what is left; a failed read yields nothing and
-// consumes nothing. Knows bytes, not sockets. One thread at a time per cursor.
+// cursor.h: reading untrusted bytes in order. Every read is bounded by what is left; a failed read yields
+// nothing and consumes nothing. Knows bytes, not sockets. One thread at a time per cursor.
 #ifndef FETCHRIG_CORE_CURSOR_H
 #define FETCHRIG_CORE_CURSOR_H
 

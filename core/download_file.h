@@ -1,7 +1,8 @@
-// download_file.h: the local file of a download. Protocol clients deliver bytes in arbitrary pieces; limits and totals
-// are judged in steps of a fixed size (the block in which the protocol's read call would have handed them out), so
-// that what is logged and where a download fails does not depend on how the network cut the bytes. The file is removed
-// unless finish() succeeded; it is removed only if this call opened it. One thread at a time.
+// download_file.h: the local file of a download. Protocol clients deliver bytes in arbitrary pieces; limits
+// and totals are judged in steps of a fixed size (the block in which the protocol's read call would have
+// handed them out), so that what is logged and where a download fails does not depend on how the network cut
+// the bytes. The file is removed unless finish() succeeded; it is removed only if this call opened it. One
+// thread at a time.
 #ifndef FETCHRIG_CORE_DOWNLOAD_FILE_H
 #define FETCHRIG_CORE_DOWNLOAD_FILE_H
 
@@ -26,13 +27,14 @@ class download_file {
   // Creates or truncates the file; logs "Can't open %s\n" and returns false when that fails.
   [[nodiscard]] bool open(const char* path);
 
-  // Room for the next bytes: the caller receives straight into it and then calls accept(). Never empty.
+  // Room for the next bytes: the caller receives straight into it and then calls accept(). At least 4096
+  // bytes.
   std::span<char> room();
-  // Takes the first `count` bytes of room(). Returns 0, or -1 with `result` filled: the limit was passed ("exceed max
-  // size\n" is logged), or the local write failed (-8, logged with errno).
+  // Takes the first `count` bytes of room(). Returns 0, or -1 with `result` filled: the limit was passed
+  // ("exceed max size\n" is logged), or the local write failed (-8, logged with errno).
   [[nodiscard]] int accept(uint32_t count, dl_result* result);
-  // The body has ended: judges the last, short step, writes what is buffered, closes and keeps the file. Returns 0 or
-  // -1 as accept().
+  // The body has ended: judges the last, short step, writes what is buffered, closes and keeps the file.
+  // Returns 0 or -1 as accept().
   [[nodiscard]] int finish(dl_result* result);
 
   // Bytes delivered in whole steps, the short last one included after finish(): the total that is logged.

@@ -1,5 +1,5 @@
-// text.h: small text routines over bytes, free of locale. Nothing here allocates, except where it returns std::string.
-// Any thread.
+// text.h: small text routines over bytes, free of locale. Nothing here allocates, except where it returns
+// std::string. Any thread.
 #ifndef FETCHRIG_CORE_TEXT_H
 #define FETCHRIG_CORE_TEXT_H
 
@@ -13,13 +13,21 @@
 
 namespace fetchrig {
 
-constexpr bool is_digit(char c) { return c >= '0' && c <= '9'; }
+constexpr bool is_digit(char c) {
+  return c >= '0' && c <= '9';
+}
 // Space, tab, carriage return and line feed.
-constexpr bool is_white_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
-constexpr char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+constexpr bool is_white_space(char c) {
+  return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
+constexpr char lower(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
 
 // An empty text for null.
-constexpr std::string_view or_empty(const char* text) { return text ? std::string_view(text) : std::string_view(); }
+constexpr std::string_view or_empty(const char* text) {
+  return text ? std::string_view(text) : std::string_view();
+}
 
 [[nodiscard]] bool equal_ignoring_case(std::string_view first, std::string_view second);
 [[nodiscard]] bool starts_ignoring_case(std::string_view text, std::string_view prefix);
@@ -35,11 +43,12 @@ constexpr std::string_view or_empty(const char* text) { return text ? std::strin
 // Copies as much as fits and terminates; false when the text was cut. `to` has at least one byte.
 bool copy_text(std::span<char> to, std::string_view text);
 
-// The whole text as a decimal number of at most `max`; nothing for an empty text, another character or a larger value.
+// The whole text as a decimal number of at most `max`; nothing for an empty text, another character or a
+// larger value.
 [[nodiscard]] std::optional<uint64_t> whole_number(std::string_view text, uint64_t max);
 
-// The decimal digits that `text` starts with, as a number; nothing without a digit or above `max`. `rest`, when given,
-// receives what follows the digits.
+// The decimal digits that `text` starts with, as a number; nothing without a digit or above `max`. `rest`,
+// when given, receives what follows the digits.
 [[nodiscard]] std::optional<uint64_t> leading_number(std::string_view text, uint64_t max,
                                                      std::string_view* rest = nullptr);
 

@@ -1,5 +1,5 @@
-// printable.h: making outside text fit for a log line. A format never comes from outside; its arguments pass through
-// here. No allocation. Any thread.
+// printable.h: making outside text fit for a log line. A format never comes from outside; its arguments pass
+// through here. No allocation. Any thread.
 #ifndef FETCHRIG_LOG_PRINTABLE_H
 #define FETCHRIG_LOG_PRINTABLE_H
 
@@ -7,8 +7,8 @@
 
 namespace fetchrig {
 
-// A terminated copy of outside text for a log argument: control characters become "?", and it is cut at 300 bytes.
-// Null reads as an empty text.
+// A terminated copy of outside text for a log argument: control characters become "?", and it is cut at 300
+// bytes. Null reads as an empty text.
 class printable {
  public:
   explicit printable(const char* text) : printable(text ? std::string_view(text) : std::string_view()) {}

@@ -1,5 +1,6 @@
-// connect.h: plain sockets below the exported dl_select(), dl_look_up_host() and dl_connect() (fetchrig_openssl.h):
-// sending whole buffers and the settings every TCP connection gets. No state; any thread.
+// connect.h: plain sockets below the exported dl_select(), dl_look_up_host() and dl_connect()
+// (fetchrig_openssl.h): sending whole buffers and the settings every TCP connection gets. No state; any
+// thread.
 #ifndef FETCHRIG_NET_CONNECT_H
 #define FETCHRIG_NET_CONNECT_H
 
@@ -13,8 +14,8 @@ namespace fetchrig {
 inline constexpr int wait_readable = 1;
 inline constexpr int wait_writable = 2;
 
-// Sends all bytes. Returns 0 (at once when `length` is below 1) or -4. Never raises SIGPIPE; a send that makes no
-// progress for the socket's send time-out fails.
+// Sends all bytes. Returns 0 (at once when `length` is below 1) or -4. Never raises SIGPIPE; a send that
+// makes no progress for the socket's send time-out fails.
 [[nodiscard]] int dl_send_all(int sock, const char* buffer, int length);
 
 }  // namespace fetchrig

@@ -1,6 +1,6 @@
 // stream.h: the bytes of one connection, whether plain TCP, TLS or a test's script. A plain stream may own a
-// read-ahead, so that reading lines and small pieces does not cost a system call each; a stream over a bare socket
-// works without one. Peeking never consumes. One thread at a time per stream.
+// read-ahead, so that reading lines and small pieces does not cost a system call each; a stream over a bare
+// socket works without one. Peeking never consumes. One thread at a time per stream.
 #ifndef FETCHRIG_NET_STREAM_H
 #define FETCHRIG_NET_STREAM_H
 
@@ -46,12 +46,13 @@ class read_ahead {
   std::size_t end_ = 0;
 };
 
-// A connected TCP socket, borrowed. Without `ahead` each call is one wait and one receive. With it, a receive is tried
-// before waiting, and reads of less than the read-ahead's size go through it; `may_read_ahead` bounds how much more
-// than the asked-for bytes may be received (the rest of a body whose length is known).
+// A connected TCP socket, borrowed. Without `ahead` each call is one wait and one receive. With it, a receive
+// is tried before waiting, and reads of less than the read-ahead's size go through it; `may_read_ahead`
+// bounds how much more than the asked-for bytes may be received (the rest of a body whose length is known).
 class tcp_stream final : public stream {
  public:
-  explicit tcp_stream(int sock, read_ahead* ahead = nullptr, std::size_t may_read_ahead = read_ahead::capacity)
+  explicit tcp_stream(int sock, read_ahead* ahead = nullptr,
+                      std::size_t may_read_ahead = read_ahead::capacity)
       : sock_(sock), ahead_(ahead), may_read_ahead_(may_read_ahead) {}
   io_result read(std::span<char> to, int timeout_s) override;
   io_result peek(std::span<char> to, int timeout_s) override;

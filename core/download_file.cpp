@@ -1,0 +1,90 @@
+// download_file.cpp: the local file of a download and its size limit.
+#include "core/download_file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+
+#include "core/result.h"
+#include "log/printable.h"
+
+namespace fetchrig {
+namespace {
+
+constexpr std::size_t buffer_bytes = 65536;
+// room() never offers less, so that a datagram always fits and receives stay large.
+constexpr std::size_t min_room_bytes = 4096;
+
+}  // namespace
+
+download_file::~download_file() {
+  if (path_.empty()) return;
+  fd_.reset();
+  struct stat status = {};
+  if (lstat(path_.c_str(), &status) == 0 && S_ISREG(status.st_mode)) ::unlink(path_.c_str());
+}
+
+bool download_file::open(const char* path) {
+  path_.assign(path);
+  fd_.reset(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+  if (fd_) {
+    buffer_.reset(static_cast<char*>(::malloc(buffer_bytes)));
+    if (buffer_) return true;
+  }
+  const int error = errno;
+  qxfr_log(module_, DL_LOG_ERROR, "Can't open %s\n", printable(path).c_str());
+  qxfr_log(module_, DL_LOG_NOTICE, "open errno %d\n", error);
+  if (!fd_) path_.clear();
+  return false;
+}
+
+std::span<char> download_file::room() {
+  return {buffer_.get() + held_, buffer_bytes - held_};
+}
+
+int download_file::accept(uint32_t count, dl_result* result) {
+  held_ += count;
+  received_ += count;
+  if (const int rc = judge(received_ - received_ % step_, result); rc < 0) return rc;
+  return buffer_bytes - held_ < min_room_bytes ? flush(result) : 0;
+}
+
+int download_file::finish(dl_result* result) {
+  if (const int rc = judge(received_, result); rc < 0) return rc;
+  if (const int rc = flush(result); rc < 0) return rc;
+  if (::close(fd_.release()) != 0) return write_failed(result, "close");
+  path_.clear();
+  return 0;
+}
+
+// The limit is passed by the first step whose end lies beyond it; the total then counts that step.
+int download_file::judge(uint64_t total, dl_result* result) {
+  total_ = total;
+  if (total <= limit_) return 0;
+  total_ = std::min(total, (uint64_t{limit_} / step_ + 1) * step_);
+  qxfr_log(module_, DL_LOG_ERROR, "exceed max size\n");
+  return fail_exceeded(result, limit_);
+}
+
+int download_file::flush(dl_result* result) {
+  const char* from = buffer_.get();
+  for (std::size_t left = held_; left > 0;) {
+    const ssize_t written = ::write(fd_.get(), from, left);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return write_failed(result, "write");
+    from += written;
+    left -= static_cast<std::size_t>(written);
+  }
+  held_ = 0;
+  return 0;
+}
+
+int download_file::write_failed(dl_result* result, const char* operation) {
+  qxfr_log(module_, DL_LOG_ERROR, "%s error on %s, errno %d\n", operation, printable(path_.c_str()).c_str(),
+           errno);
+  return fail(result, DL_ERR_READ);
+}
+
+}  // namespace fetchrig

@@ -1,0 +1,73 @@
+// text.cpp: small text routines over bytes.
+#include "core/text.h"
+
+#include <algorithm>
+
+namespace fetchrig {
+
+bool equal_ignoring_case(std::string_view first, std::string_view second) {
+  return first.size() == second.size() && starts_ignoring_case(first, second);
+}
+
+bool starts_ignoring_case(std::string_view text, std::string_view prefix) {
+  return text.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), text.begin(),
+                                                    [](char a, char b) { return lower(a) == lower(b); });
+}
+
+std::string_view skip_white_space(std::string_view text) {
+  while (!text.empty() && is_white_space(text.front())) text.remove_prefix(1);
+  return text;
+}
+
+std::string_view trim_white_space(std::string_view text) {
+  text = skip_white_space(text);
+  while (!text.empty() && is_white_space(text.back())) text.remove_suffix(1);
+  return text;
+}
+
+bool has_line_break(std::string_view text) {
+  return text.find_first_of("\r\n") != std::string_view::npos;
+}
+
+std::string_view base_name(std::string_view path) {
+  return path.substr(path.rfind('/') + 1);
+}
+
+bool copy_text(std::span<char> to, std::string_view text) {
+  const std::size_t count = std::min(text.size(), to.size() - 1);
+  std::copy_n(text.begin(), count, to.begin());
+  to[count] = '\0';
+  return count == text.size();
+}
+
+std::optional<uint64_t> leading_number(std::string_view text, uint64_t max, std::string_view* rest) {
+  uint64_t value = 0;
+  std::size_t used = 0;
+  for (; used < text.size() && is_digit(text[used]); ++used) {
+    const auto digit = static_cast<uint64_t>(text[used] - '0');
+    if (digit > max || value > (max - digit) / 10) return std::nullopt;
+    value = value * 10 + digit;
+  }
+  if (used == 0) return std::nullopt;
+  if (rest) *rest = text.substr(used);
+  return value;
+}
+
+std::optional<uint64_t> whole_number(std::string_view text, uint64_t max) {
+  std::string_view rest;
+  const auto value = leading_number(text, max, &rest);
+  return value && rest.empty() ? value : std::nullopt;
+}
+
+std::string to_hex(std::span<const unsigned char> bytes) {
+  constexpr std::string_view digits = "0123456789abcdef";
+  std::string text;
+  text.reserve(bytes.size() * 2);
+  for (const unsigned char byte : bytes) {
+    text.push_back(digits[byte >> 4]);
+    text.push_back(digits[byte & 15]);
+  }
+  return text;
+}
+
+}  // namespace fetchrig

@@ -1,0 +1,166 @@
+// url.cpp: "http" and "https" URLs as the HTTP client handles them (RFC 3986, without user information). The
+// URL's bytes are parsed as a view; the record is built when everything has been checked.
+#include <openssl/crypto.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <array>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "core/boundary.h"
+#include "core/config.h"
+#include "core/owners.h"
+#include "core/text.h"
+#include "include/fetchrig.h"
+
+namespace fetchrig {
+namespace {
+
+struct scheme_entry {
+  std::string_view prefix;
+  int default_port;
+};
+constexpr std::array<scheme_entry, 2> schemes = {{{"http://", 80}, {"https://", 443}}};
+constexpr int no_scheme_port = -1;
+
+struct url_deleter {
+  void operator()(dl_url* url) const { dl_url_free(url); }
+};
+using unique_url = std::unique_ptr<dl_url, url_deleter>;
+
+struct url_view {
+  uint32_t scheme = 0;
+  std::string_view host;
+  uint32_t port = 0;
+  std::string_view path;
+};
+
+int reject(const char* message, int code = DL_ERR_URL) {
+  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "%s", message);
+  return code;
+}
+
+std::optional<uint32_t> match_scheme(std::string_view url) {
+  for (uint32_t i = 0; i < schemes.size(); ++i) {
+    if (starts_ignoring_case(url, schemes[i].prefix)) return i;
+  }
+  return std::nullopt;
+}
+
+std::string escape_spaces(std::string_view url) {
+  std::string escaped;
+  escaped.reserve(url.size());
+  for (const char c : url) {
+    if (c == ' ') {
+      escaped += "%20";
+    } else {
+      escaped += c;
+    }
+  }
+  return escaped;
+}
+
+// Takes the host off the front of `rest`.
+int parse_host(std::string_view& rest, std::string_view& host) {
+  if (rest.starts_with('[')) {
+    const auto end = rest.find(']');
+    if (end == std::string_view::npos) return reject("Invalid Host\n");
+    if (!ipv6_enabled()) return reject("can't use ipv6 when ipv6 is diable\n", DL_ERR_IPV6_DISABLED);
+    host = rest.substr(1, end - 1);
+    rest.remove_prefix(end + 1);
+  } else {
+    host = rest.substr(0, rest.find_first_of("/:?#"));
+    rest.remove_prefix(host.size());
+  }
+  return host.empty() || has_line_break(host) ? reject("Invalid Host\n") : 0;
+}
+
+// Takes ":port" off the front of `rest`; an absent or empty port is the scheme's.
+int parse_port(std::string_view& rest, url_view& url) {
+  url.port = static_cast<uint32_t>(schemes[url.scheme].default_port);
+  if (!rest.starts_with(':')) return 0;
+  const auto text = rest.substr(1, rest.find('/') - 1);
+  rest.remove_prefix(1 + text.size());
+  if (text.empty()) return 0;
+  const auto port = whole_number(text, 65535);
+  if (!port) return reject("BAD_PORT_NUMBER\n");
+  url.port = static_cast<uint32_t>(*port);
+  return 0;
+}
+
+int parse_view(std::string_view text, uint32_t scheme, url_view& url) {
+  url.scheme = scheme;
+  auto rest = text.substr(schemes[scheme].prefix.size());
+  if (const int code = parse_host(rest, url.host); code < 0) return code;
+  if (const int code = parse_port(rest, url); code < 0) return code;
+  if (!rest.empty() && (rest.front() != '/' || has_line_break(rest))) return reject("Bad file name\n");
+  url.path = rest.empty() ? std::string_view("/") : rest;
+  return 0;
+}
+
+// Copies an optional text; false without memory.
+bool copy_optional(const char* from, char*& to) {
+  if (!from) return true;
+  to = duplicate_text(from).release();
+  return to != nullptr;
+}
+
+int build_url(const url_view& view, const char* user, const char* password, unique_url& url) {
+  url.reset(zeroed_record<dl_url>().release());
+  if (!url) return DL_ERR_MEMORY;
+  url->scheme = view.scheme;
+  url->port = view.port;
+  url->host = duplicate_text(view.host).release();
+  url->path = duplicate_text(view.path).release();
+  const bool whole =
+      url->host && url->path && copy_optional(user, url->user) && copy_optional(password, url->password);
+  return whole ? 0 : DL_ERR_MEMORY;
+}
+
+int parse_url(const char* text, const char* user, const char* password, unique_url& url) {
+  const auto scheme = match_scheme(or_empty(text));
+  if (!scheme) return reject("Invalid URL\n");
+  const std::string escaped = escape_spaces(text);
+  url_view view;
+  if (const int code = parse_view(escaped, *scheme, view); code < 0) return code;
+  return build_url(view, user, password, url);
+}
+
+}  // namespace
+}  // namespace fetchrig
+
+using namespace fetchrig;
+
+dl_url* dl_url_parse(const char* url, const char* user, const char* password, int32_t* code) {
+  unique_url parsed;
+  const int outcome =
+      guarded([&] { return parse_url(url, user, password, parsed); }, [] { return int{DL_ERR_MEMORY}; });
+  if (code) *code = outcome;
+  return outcome == 0 ? parsed.release() : nullptr;
+}
+
+void dl_url_free(dl_url* url) {
+  if (!url) return;
+  ::free(url->host);
+  ::free(url->path);
+  if (url->password) OPENSSL_cleanse(url->password, strlen(url->password));
+  ::free(url->password);
+  ::free(url->user);
+  ::free(url);
+}
+
+int scheme_default_port(uint32_t scheme) {
+  return scheme < schemes.size() ? schemes[scheme].default_port : no_scheme_port;
+}
+
+char* strdupdelim(const char* start, const char* end) {
+  if (!start || end < start) return nullptr;
+  return duplicate_text({start, static_cast<std::size_t>(end - start)}).release();
+}
+
+void str2lower(char* text, int count, char stop) {
+  for (int i = 0; text && i < count && text[i] != '\0' && text[i] != stop; ++i) text[i] = lower(text[i]);
+}

@@ -1,0 +1,223 @@
+// log.cpp: every message of the library goes through qxfr_vlog(), which filters by module, builds one line of
+// at most 382 characters in a fixed buffer and hands it to the outputs. Takes no lock; the settings are
+// relaxed atomics, so a message logged while a setting changes sees the old or the new value.
+#include <stdarg.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+
+#include "include/fetchrig.h"
+#include "log/syslog_socket.h"
+
+namespace fetchrig {
+namespace {
+
+constexpr uint32_t num_modules = 7;
+constexpr int default_level = 4;
+constexpr int facility_local0 = 128;
+
+constexpr std::array<const char*, num_modules> module_names = {"DANY", "DMEM", "DCMN", "HTTP",
+                                                               "TFTP", "FTP ", "DLNC"};
+constexpr std::array<const char*, 10> level_tags = {"<0+emerg >", "<1+alert >", "<2+crit  >", "<3+error >",
+                                                    "<4+warnin>", "<5+notice>", "<6+info  >", "<7+debug >",
+                                                    "<8+apykky>", "<9+anydbg>"};
+
+using identity_text = std::array<char, 4>;
+
+struct log_state {
+  std::atomic<identity_text> identity{{'s', 'l', 'o', 'g'}};
+  syslog_socket socket;
+  std::array<std::atomic<int>, num_modules> levels = {default_level, 0, 0, 0, 0, 0, 0};
+  std::atomic<bool> to_syslog{false};
+  std::atomic<bool> to_console{true};
+  std::atomic<bool> with_time{false};
+  std::atomic<dl_log_callback> callback{nullptr};
+};
+
+// Written by the setting calls, read by every logging thread.
+log_state state;
+
+template <typename T>
+T get(const std::atomic<T>& field) {
+  return field.load(std::memory_order_relaxed);
+}
+template <typename T>
+void set(std::atomic<T>& field, T value) {
+  field.store(value, std::memory_order_relaxed);
+}
+
+void set_all_levels(int level) {
+  for (auto& field : state.levels) set(field, level);
+}
+
+// One line under construction; what does not fit is dropped and the terminator always stays.
+class line_buffer {
+ public:
+  void vformat(const char* format, va_list arguments) __attribute__((format(printf, 2, 0))) {
+    const std::size_t room = sizeof text_ - length_;
+    const int wanted = vsnprintf(text_ + length_, room, format, arguments);
+    if (wanted > 0) length_ += std::min(static_cast<std::size_t>(wanted), room - 1);
+  }
+  void format(const char* format, ...) __attribute__((format(printf, 2, 3))) {
+    va_list arguments;
+    va_start(arguments, format);
+    vformat(format, arguments);
+    va_end(arguments);
+  }
+  const char* text() const { return text_; }
+  std::size_t length() const { return length_; }
+
+ private:
+  char text_[383] = {};
+  std::size_t length_ = 0;
+};
+
+void add_syslog_prefix(line_buffer& line, int level) {
+  const time_t now = ::time(nullptr);
+  char date[64] = {};
+  if (!ctime_r(&now, date)) date[0] = '\0';
+  line.format("<%d>%.15s ", level + facility_local0, strlen(date) > 19 ? date + 4 : "");
+}
+
+void add_time_stamp(line_buffer& line) {
+  timeval now = {};
+  gettimeofday(&now, nullptr);
+  const auto micros = static_cast<int>(now.tv_usec);
+  line.format("%03d.%03d.%03d:", static_cast<int>(now.tv_sec % 1000), micros / 1000, micros % 1000);
+}
+
+void emit(const line_buffer& line, std::size_t console_from) {
+  if (get(state.to_syslog)) state.socket.open();
+  if (state.socket.is_open()) state.socket.write(line.text(), line.length());
+  if (get(state.to_console)) {
+    fwrite(line.text() + console_from, 1, line.length() - console_from, stdout);
+    fflush(stdout);
+  }
+  if (const dl_log_callback callback = get(state.callback)) {
+    callback(line.text(), static_cast<int32_t>(line.length()));
+  }
+}
+
+// The first characters of a name, lower-cased, up to a space; the rest empty.
+std::array<char, 5> name_key(const char* name) {
+  std::array<char, 5> key = {};
+  for (std::size_t i = 0; i < key.size() && name[i] != '\0' && name[i] != ' '; ++i) {
+    key[i] = name[i] >= 'A' && name[i] <= 'Z' ? static_cast<char>(name[i] - 'A' + 'a') : name[i];
+  }
+  return key;
+}
+
+void open_syslog(const char* identity) {
+  const char* from = identity ? identity : "slog";
+  identity_text text = {' ', ' ', ' ', ' '};
+  for (std::size_t i = 0; i < text.size() && from[i] != '\0'; ++i) text[i] = from[i];
+  set(state.identity, text);
+  state.socket.open();
+}
+
+}  // namespace
+}  // namespace fetchrig
+
+using namespace fetchrig;
+
+int qxfr_vlog(int module, int level, const char* format, va_list arguments) {
+  const auto index = static_cast<uint32_t>(module);
+  if (index >= num_modules || level > get(state.levels[index])) return 0;
+  if (level < 0 || static_cast<std::size_t>(level) >= level_tags.size() || !format) return 0;
+  line_buffer line;
+  if (get(state.to_syslog)) add_syslog_prefix(line, level);
+  const identity_text identity = get(state.identity);
+  line.format("%.4s[%d]: ", identity.data(), static_cast<int>(getpid()));
+  const std::size_t console_from = line.length();
+  line.format("%s%s ", module_names[index], level_tags[static_cast<std::size_t>(level)]);
+  if (get(state.with_time)) add_time_stamp(line);
+  line.vformat(format, arguments);
+  emit(line, console_from);
+  return 0;
+}
+
+int qxfr_log(int module, int level, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const int result = qxfr_vlog(module, level, format, arguments);
+  va_end(arguments);
+  return result;
+}
+
+int qxfr_log_init(const char* identity, uint32_t flags, dl_log_callback callback) {
+  set_all_levels(default_level);
+  state.socket.close();
+  const bool to_syslog = flags & DL_LOG_TO_SYSLOG;
+  const bool to_console = flags & DL_LOG_TO_CONSOLE;
+  const bool with_time = flags & DL_LOG_WITH_TIME;
+  set(state.to_syslog, to_syslog);
+  set(state.to_console, to_console);
+  set(state.with_time, with_time);
+  set(state.callback, callback);
+  if (to_syslog) open_syslog(identity);
+  qxfr_log(DL_LOG_ANY, DL_LOG_EMERG, "%s log :sys=%d,cons=%d,time=%d,E=%d,W=%d,N=%d,I=%d,D=%d\n",
+           identity ? identity : "slog", to_syslog, to_console, with_time, DL_LOG_ERROR, DL_LOG_WARNING,
+           DL_LOG_NOTICE, DL_LOG_INFO, DL_LOG_DEBUG);
+  return 0;
+}
+
+int qxfr_log_exit(void) {
+  set_all_levels(default_level);
+  state.socket.close();
+  set(state.to_console, true);
+  set(state.to_syslog, false);
+  set(state.with_time, false);
+  set(state.callback, static_cast<dl_log_callback>(nullptr));
+  return 0;
+}
+
+int qxfr_log_set(uint32_t module, int level) {
+  if (module >= num_modules) return -1;
+  qxfr_log(DL_LOG_ANY, DL_LOG_EMERG, "%s=%d\n", module_names[module], level);
+  if (module != DL_LOG_ANY) return state.levels[module].exchange(level, std::memory_order_relaxed);
+  set_all_levels(level);
+  return 0;
+}
+
+int qxfr_log_set2(const char* name, int level) {
+  constexpr int no_such_module = -22;
+  if (!name) return no_such_module;
+  const auto key = name_key(name);
+  for (uint32_t module = 0; module < num_modules; ++module) {
+    if (name_key(module_names[module]) == key) return qxfr_log_set(module, level);
+  }
+  return no_such_module;
+}
+
+int qxfr_log_get(uint32_t module) {
+  return module < num_modules ? get(state.levels[module]) : -1;
+}
+
+const char* qxfr_log_name(uint32_t module) {
+  return module < num_modules ? module_names[module] : nullptr;
+}
+
+int dl_log_init(uint32_t flags, dl_log_callback callback) {
+  return qxfr_log_init("QXFR", flags, callback);
+}
+
+int dl_set_log_level(uint32_t verbosity) {
+  constexpr std::array<int, 4> levels = {DL_LOG_DEBUG, DL_LOG_INFO, DL_LOG_WARNING, DL_LOG_ERROR};
+  const int level = verbosity < levels.size() ? levels[verbosity] : int{DL_LOG_NOTICE};
+  for (uint32_t module = 0; module < num_modules; ++module) qxfr_log_set(module, level);
+  return level;
+}
+
+int dl_set_log_module_level(uint32_t module, uint32_t level) {
+  return qxfr_log_set(module, static_cast<int>(level));
+}
+
+void dl_set_log_callback(dl_log_callback) {}
+void dl_set_log_cb_printf(dl_log_callback) {}

@@ -1,0 +1,99 @@
+// stream.cpp: reading, peeking and writing on plain TCP connections.
+#include "net/stream.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <new>
+
+#include "net/connect.h"
+
+namespace fetchrig {
+namespace {
+
+// One receive, repeated when a signal interrupts it.
+std::ptrdiff_t receive_once(int sock, std::span<char> to, int flags) {
+  for (;;) {
+    const std::ptrdiff_t count = ::recv(sock, to.data(), to.size(), flags);
+    if (count >= 0 || errno != EINTR) return count;
+  }
+}
+
+io_result failed(bool in_wait) {
+  return {-1, in_wait, errno};
+}
+
+// The front of what is held, copied out.
+std::ptrdiff_t copy_held(const read_ahead& ahead, std::span<char> to) {
+  const std::size_t count = std::min(ahead.held().size(), to.size());
+  memcpy(to.data(), ahead.held().data(), count);
+  return static_cast<std::ptrdiff_t>(count);
+}
+
+}  // namespace
+
+char* read_ahead::storage() {
+  if (!buffer_) buffer_.reset(new (std::nothrow) char[capacity]);
+  return buffer_.get();
+}
+
+// With a read-ahead the bytes are usually there already, so the receive comes first and the wait only when it
+// would block. A bare socket is waited for, then read.
+io_result tcp_stream::receive(std::span<char> to, int flags, int timeout_s) {
+  if (ahead_) {
+    const std::ptrdiff_t count = receive_once(sock_, to, flags | MSG_DONTWAIT);
+    if (count >= 0) return {count};
+    if (errno != EAGAIN && errno != EWOULDBLOCK) return failed(false);
+  }
+  errno = 0;
+  if (dl_select(sock_, wait_readable, timeout_s) < 1) return failed(true);
+  const std::ptrdiff_t count = receive_once(sock_, to, flags);
+  return count >= 0 ? io_result{count} : failed(false);
+}
+
+// Receives into the empty read-ahead: `wanted` bytes and at most may_read_ahead_ more.
+io_result tcp_stream::refill(std::size_t wanted, int timeout_s) {
+  char* storage = ahead_->storage();
+  if (!storage) {
+    errno = ENOMEM;
+    return failed(false);
+  }
+  const std::size_t size = std::min(read_ahead::capacity, std::max(wanted, may_read_ahead_));
+  const io_result received = receive({storage, size}, 0, timeout_s);
+  if (received.count > 0) ahead_->filled(static_cast<std::size_t>(received.count));
+  return received;
+}
+
+io_result tcp_stream::read(std::span<char> to, int timeout_s) {
+  if (!ahead_) return receive(to, 0, timeout_s);
+  if (ahead_->held().empty()) {
+    if (to.size() >= read_ahead::capacity || to.size() >= may_read_ahead_) return receive(to, 0, timeout_s);
+    if (const io_result received = refill(to.size(), timeout_s); received.count <= 0) return received;
+  }
+  const std::ptrdiff_t count = copy_held(*ahead_, to);
+  ahead_->consume(static_cast<std::size_t>(count));
+  return {count};
+}
+
+io_result tcp_stream::peek(std::span<char> to, int timeout_s) {
+  if (to.empty()) return {};
+  if (!ahead_) return receive(to, MSG_PEEK, timeout_s);
+  if (ahead_->held().empty()) {
+    if (const io_result received = refill(to.size(), timeout_s); received.count <= 0) return received;
+  }
+  return {copy_held(*ahead_, to)};
+}
+
+int tcp_stream::write_all(std::span<const char> from) {
+  while (!from.empty()) {
+    const std::ptrdiff_t sent = ::send(sock_, from.data(), from.size(), MSG_NOSIGNAL);
+    if (sent < 0 && errno == EINTR) continue;
+    if (sent < 0) return -1;
+    from = from.subspan(static_cast<std::size_t>(sent));
+  }
+  return 0;
+}
+
+}  // namespace fetchrig

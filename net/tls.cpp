@@ -1,0 +1,194 @@
+// tls.cpp: a TLS client session over a connected socket: protocol method, trusted CAs, client certificate,
+// handshake, and then the checks of chain and host name that the caller asks for. Every call makes its own
+// context.
+#include <arpa/inet.h>
+#include <errno.h>
+#include <netinet/in.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/rand.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <array>
+#include <string>
+
+#include "core/boundary.h"
+#include "core/config.h"
+#include "core/openssl_owners.h"
+#include "core/text.h"
+#include "include/fetchrig_openssl.h"
+#include "net/tls_bio.h"
+#include "net/tls_host.h"
+
+namespace fetchrig {
+namespace {
+
+constexpr int max_chain_depth = 10;
+
+int refuse(const char* message) {
+  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "%s", message);
+  return DL_ERR_CONNECT;
+}
+
+// Why OpenSSL's last call failed, at notice level: the fixed messages name the step, this the reason.
+void log_reason(const char* step) {
+  const unsigned long error = ERR_peek_error();
+  const char* reason = error ? ERR_reason_error_string(error) : nullptr;
+  qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "%s: %s\n", step, reason ? reason : "no reason given");
+}
+
+// Pins the one version of method 0; TLS 1.0 hand-shakes at security level 0 only.
+bool pin_tls1(SSL_CTX* ctx) {
+  SSL_CTX_set_security_level(ctx, 0);
+  return SSL_CTX_set_min_proto_version(ctx, TLS1_VERSION) == 1 &&
+         SSL_CTX_set_max_proto_version(ctx, TLS1_VERSION) == 1;
+}
+
+int make_context(int method, unique_ssl_ctx& ctx) {
+  constexpr int tls1 = 0;
+  constexpr int any_version = 3;
+  if (method < tls1 || method > any_version) return refuse("wrong method\n");
+  if (method != tls1 && method != any_version) return refuse("SSL 2.0 and SSL 3.0 are not available\n");
+  ctx.reset(SSL_CTX_new(TLS_client_method()));
+  if (!ctx || (method == tls1 && !pin_tls1(ctx.get()))) return refuse("SSL_CTX_new Error\n");
+  return 0;
+}
+
+int load_trusted_cas(SSL_CTX* ctx, const char* ca_dir) {
+  ERR_clear_error();
+  if (SSL_CTX_load_verify_locations(ctx, nullptr, ca_dir) == 1) return 0;
+  const char* reason = ERR_reason_error_string(ERR_get_error());
+  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "loading CA certificate: %s\n", reason ? reason : "");
+  return DL_ERR_CONNECT;
+}
+
+// A certificate with an old signature or a short key does not load at the usual security level; the level of
+// this one context is lowered for it.
+bool load_certificate(SSL_CTX* ctx, const char* path) {
+  ERR_clear_error();
+  if (SSL_CTX_use_certificate_file(ctx, path, SSL_FILETYPE_PEM) == 1) return true;
+  if (SSL_CTX_get_security_level(ctx) == 0) return false;
+  const int level = SSL_CTX_get_security_level(ctx);
+  SSL_CTX_set_security_level(ctx, 0);
+  if (SSL_CTX_use_certificate_file(ctx, path, SSL_FILETYPE_PEM) != 1) {
+    SSL_CTX_set_security_level(ctx, level);
+    return false;
+  }
+  qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "client certificate needs security level 0, lowered from %d\n", level);
+  return true;
+}
+
+// The key is read here and not by SSL_CTX_use_PrivateKey_file(), which takes a key of another certificate for
+// an unreadable one.
+unique_pkey read_key(const char* path) {
+  const unique_bio bio(BIO_new_file(path, "r"));
+  if (!bio) return nullptr;
+  return unique_pkey(PEM_read_bio_PrivateKey(bio.get(), nullptr, password_cb, nullptr));
+}
+
+int load_client_certificate(SSL_CTX* ctx, const char* path) {
+  if (access(path, F_OK) != 0) {
+    qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "Https ca serverfile file no exist\n");
+    return 0;
+  }
+  if (!load_certificate(ctx, path)) {
+    log_reason("client certificate");
+    return refuse("load publick key error\n");
+  }
+  const unique_pkey key = read_key(path);
+  if (!key) {
+    log_reason("client key");
+    return refuse("Can't load private key from CA_serverfile\n");
+  }
+  const X509* certificate = SSL_CTX_get0_certificate(ctx);
+  const bool usable =
+      X509_check_private_key(certificate, key.get()) == 1 && SSL_CTX_use_PrivateKey(ctx, key.get()) == 1;
+  if (!usable) qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Private key not match\n");
+  return 0;
+}
+
+int seed_random() {
+  constexpr long seed_bytes = 1024;
+  return RAND_load_file("/dev/urandom", seed_bytes) > 0 ? 0 : refuse("Couldn't load randomness\n");
+}
+
+bool is_address(const std::string& host) {
+  in6_addr address = {};
+  return inet_pton(AF_INET, host.c_str(), &address) == 1 || host.find(':') != std::string::npos;
+}
+
+// Servers with several names need to be told which one is meant; an address is never sent (RFC 6066 section
+// 3).
+void name_server(SSL* ssl, const char* host) {
+  const std::string name(or_empty(host));
+  if (!name.empty() && !is_address(name)) SSL_set_tlsext_host_name(ssl, name.c_str());
+}
+
+int hand_shake(int sock, SSL_CTX* ctx, const char* host, unique_ssl& ssl) {
+  ssl.reset(SSL_new(ctx));
+  BIO* bio = ssl ? new_tls_bio(sock, tls_wait_limit_seconds()) : nullptr;
+  if (!bio) return refuse("Create ssl error\n");
+  SSL_set_bio(ssl.get(), bio, bio);
+  name_server(ssl.get(), host);
+  start_tls_operation(ssl.get());
+  ERR_clear_error();
+  if (SSL_connect(ssl.get()) > 0) return 0;
+  const int error = errno;
+  log_reason("TLS handshake");
+  qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "TLS handshake errno %d\n", error);
+  return refuse("SSL Connect error\n");
+}
+
+int distrust(const char* reason) {
+  if (reason) qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "%s", reason);
+  return refuse("trust check error\n");
+}
+
+int check_server(SSL* ssl, const char* host, bool check_host) {
+  const long verdict = SSL_get_verify_result(ssl);
+  if (verdict != X509_V_OK) {
+    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Certificate doesn't verify and error is %ld\n", verdict);
+    return distrust(nullptr);
+  }
+  const unique_x509 certificate(SSL_get1_peer_certificate(ssl));
+  if (!certificate) return distrust("get peer error\n");
+  if (!check_host || ssl_check_host_name(certificate.get(), host) == 0) return 0;
+  return distrust("Common name and subject alt name doesn't match host name\n");
+}
+
+struct tls_session {
+  unique_ssl_ctx ctx;
+  unique_ssl ssl;
+};
+
+int set_up(const char* cert_file, const char* ca_dir, int method, unique_ssl_ctx& ctx) {
+  if (const int rc = make_context(method, ctx); rc < 0) return rc;
+  if (const int rc = load_trusted_cas(ctx.get(), ca_dir); rc < 0) return rc;
+  SSL_CTX_set_default_passwd_cb(ctx.get(), password_cb);
+  if (const int rc = load_client_certificate(ctx.get(), cert_file ? cert_file : ""); rc < 0) return rc;
+  SSL_CTX_set_verify_depth(ctx.get(), max_chain_depth);
+  return seed_random();
+}
+
+}  // namespace
+}  // namespace fetchrig
+
+using namespace fetchrig;
+
+int dl_do_SSL_connect(int sock, const char* cert_file, const char* ca_dir, int method, int verify_peer,
+                      int verify_host, const char* host, SSL** ssl, SSL_CTX** ctx) {
+  if (!ssl || !ctx) return DL_ERR_CONNECT;
+  const auto work = [&]() -> int {
+    tls_session session;
+    if (const int rc = set_up(cert_file, ca_dir, method, session.ctx); rc < 0) return rc;
+    if (const int rc = hand_shake(sock, session.ctx.get(), host, session.ssl); rc < 0) return rc;
+    if (verify_peer) {
+      if (const int rc = check_server(session.ssl.get(), host, verify_host != 0); rc < 0) return rc;
+    }
+    *ssl = session.ssl.release();
+    *ctx = session.ctx.release();
+    return 0;
+  };
+  return guarded(work, [] { return int{DL_ERR_CONNECT}; });
+}

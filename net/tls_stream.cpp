@@ -1,0 +1,58 @@
+// tls_stream.cpp: reading, peeking and writing on TLS connections.
+#include <errno.h>
+#include <limits.h>
+#include <openssl/err.h>
+
+#include <algorithm>
+
+#include "net/stream.h"
+#include "net/tls_bio.h"
+
+namespace fetchrig {
+namespace {
+
+int bounded(std::size_t size) {
+  return static_cast<int>(std::min<std::size_t>(size, INT_MAX));
+}
+
+bool interrupted(SSL* ssl, int count) {
+  return count == -1 && SSL_get_error(ssl, count) == SSL_ERROR_SYSCALL && errno == EINTR;
+}
+
+// Runs one OpenSSL call, again while a signal interrupts it. The error queue is emptied first, because
+// SSL_get_error() looks at it.
+template <typename Call>
+int run(SSL* ssl, Call call) {
+  start_tls_operation(ssl);
+  for (;;) {
+    ERR_clear_error();
+    const int count = call();
+    if (!interrupted(ssl, count)) return count;
+  }
+}
+
+io_result as_result(int count) {
+  return {count, false, count < 0 ? errno : 0};
+}
+
+}  // namespace
+
+io_result tls_stream::read(std::span<char> to, int) {
+  return as_result(run(ssl_, [&] { return SSL_read(ssl_, to.data(), bounded(to.size())); }));
+}
+
+io_result tls_stream::peek(std::span<char> to, int) {
+  if (to.empty()) return {};
+  return as_result(run(ssl_, [&] { return SSL_peek(ssl_, to.data(), bounded(to.size())); }));
+}
+
+int tls_stream::write_all(std::span<const char> from) {
+  while (!from.empty()) {
+    const int sent = run(ssl_, [&] { return SSL_write(ssl_, from.data(), bounded(from.size())); });
+    if (sent <= 0) return -1;
+    from = from.subspan(static_cast<std::size_t>(sent));
+  }
+  return 0;
+}
+
+}  // namespace fetchrig
