@@ -1,0 +1,164 @@
+// tftp_upload.cpp: sending a file, one block at a time, each waiting for its ACK.
+#include <errno.h>
+#include <limits.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <algorithm>
+
+#include "core/config.h"
+#include "core/owners.h"
+#include "core/result.h"
+#include "core/text.h"
+#include "log/printable.h"
+#include "tftp/tftp_session.h"
+
+namespace fetchrig {
+
+namespace {
+
+constexpr int max_repeats = 5;  // of the request, and of each block
+
+// A DATA packet being sent: the header's place and the payload.
+struct data_packet {
+  tftp_packet_buffer bytes;
+  std::size_t length = 0;  // header and payload
+};
+
+// Sends the write request until the server accepts it. Returns 0 or a negative code; an OACK sets the sizes.
+int request_accepted(dl_tftp_session& session, const char* remote_name, dl_result* result) {
+  const int timeout_s = net_timeout_seconds();
+  for (int repeats = 0; repeats <= max_repeats; ++repeats) {
+    if (const int code = tftp_send_request(session, tftp_opcode::wrq, remote_name); code < 0) return code;
+    tftp_packet_buffer buffer;
+    const ssize_t length = tftp_receive(session, timeout_s, buffer, result);
+    if (length < 0) return DL_ERR_READ;
+    const tftp_packet reply = tftp_parse_packet({buffer.data(), static_cast<std::size_t>(length)});
+    if (reply.kind == tftp_kind::oack)
+      return tftp_take_oack(session, reply.body, result) < 0 ? DL_ERR_READ : 0;
+    if (reply.kind != tftp_kind::ack) continue;
+    if (reply.block == 0) return 0;
+    tftp_drain(session.sock);
+  }
+  return DL_ERR_READ;
+}
+
+// Sends the block until its ACK arrives; after the last repeat it counts as delivered whatever the answer.
+// Returns 0 or -1 with the result filled.
+int deliver_block(dl_tftp_session& session, const data_packet& packet, int timeout_s, dl_result* result) {
+  for (int repeats = 0; repeats <= max_repeats; ++repeats) {
+    if (tftp_send_packet(session, {packet.bytes.data(), packet.length}) !=
+        static_cast<ssize_t>(packet.length)) {
+      qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "Send DATA Error\n");
+      return fail(result, DL_ERR_SEND);
+    }
+    tftp_packet_buffer buffer;
+    const ssize_t length = tftp_receive(session, timeout_s, buffer, result);
+    if (length < 0) return -1;
+    const tftp_packet reply = tftp_parse_packet({buffer.data(), static_cast<std::size_t>(length)});
+    if (reply.kind != tftp_kind::ack) continue;
+    if (reply.block == static_cast<uint16_t>(session.block)) return 0;
+    if (!session.done) tftp_drain(session.sock);
+  }
+  return 0;
+}
+
+// Reads the next block from the file; a short one is the last. Returns false when reading fails, which is
+// logged.
+bool read_block(dl_tftp_session& session, FILE* file, const char* local_path, data_packet& packet) {
+  const std::span<char, tftp_packet_capacity> bytes(packet.bytes);
+  const std::span<char> payload = bytes.subspan<tftp_header_len>();
+  const auto wanted = static_cast<std::size_t>(std::clamp<int32_t>(session.blksize, 1, tftp_max_blksize));
+  memset(payload.data(), 0, payload.size());
+  const std::size_t count = ::fread(payload.data(), 1, wanted, file);
+  if (count < wanted && ::ferror(file)) {
+    qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "Can't read %s, errno %d\n", printable(local_path).c_str(), errno);
+    return false;
+  }
+  if (count < wanted) session.done = 1;
+  tftp_write_header(bytes.first<tftp_header_len>(), tftp_opcode::data, static_cast<uint16_t>(session.block));
+  packet.length = tftp_header_len + count;
+  return true;
+}
+
+// Sends the rest of the file. Returns the bytes sent or -1 with the result filled.
+int send_blocks(dl_tftp_session& session, FILE* file, const char* local_path, dl_result* result) {
+  const int timeout_s = net_timeout_seconds();
+  data_packet packet;
+  int total = 0;
+  while (!session.done) {
+    if (!read_block(session, file, local_path, packet)) return fail(result, DL_ERR_READ);
+    const int count = static_cast<int>(packet.length) - tftp_header_len;
+    if (count > INT_MAX - total) {
+      qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "File %s has 2 GiB or more\n", printable(local_path).c_str());
+      return fail(result, DL_ERR_READ);
+    }
+    if (deliver_block(session, packet, timeout_s, result) < 0) return -1;
+    total += count;
+    session.block = static_cast<uint16_t>(session.block + 1);
+  }
+  return total;
+}
+
+int send_file(dl_tftp_session& session, const char* local_path, dl_result* result) {
+  const uint32_t limit = max_file_size();
+  const int64_t size = dl_get_file_size(local_path);
+  if (size != -1 && size > static_cast<int64_t>(limit)) {
+    qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "File %s size larger than maxsize %ld\n",
+             printable(local_path).c_str(), static_cast<long>(limit));
+    return fail(result, DL_ERR_READ);
+  }
+  const unique_file file(::fopen(local_path, "rbe"));
+  if (!file) {
+    qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "Can't open %s\n", printable(local_path).c_str());
+    return fail(result, DL_ERR_READ);
+  }
+  // A file that opens has a size; one without has more bytes than 31 bits count.
+  if (size == -1) {
+    qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "File %s has 2 GiB or more\n", printable(local_path).c_str());
+    return fail(result, DL_ERR_READ);
+  }
+  return send_blocks(session, file.get(), local_path, result);
+}
+
+}  // namespace
+
+}  // namespace fetchrig
+
+int dl_tftp_send_open(dl_tftp_session** session, const char* host, uint32_t port, const char* remote_name,
+                      dl_result* result) {
+  using namespace fetchrig;
+  const tftp_target target{host, port, remote_name};
+  if (tftp_check_open(session, target, result) < 0) return -1;
+  if (tftp_start(session, target, 0, result) < 0) return -1;
+  qxfr_log(DL_LOG_TFTP, DL_LOG_INFO, "Send Request Packet\n");
+  if (const int code = request_accepted(**session, remote_name, result); code < 0) {
+    return tftp_abandon(session, result, code);
+  }
+  (*session)->block = 1;
+  qxfr_log(DL_LOG_TFTP, DL_LOG_NOTICE, "tftp open success\n");
+  return 0;
+}
+
+int dl_tftp_send(dl_tftp_session* session, const char* local_path, dl_result* result) {
+  using namespace fetchrig;
+  if (!local_path || !result || !tftp_usable(session)) {
+    qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "Tftp read with invalid parameter\n");
+    return fail(result, DL_ERR_PARAMETER);
+  }
+  return send_file(*session, local_path, result);
+}
+
+int dl_tftp_send_file(const char* host, uint32_t port, const char* remote_name, const char* local_path,
+                      dl_result* result) {
+  using namespace fetchrig;
+  if (!local_path || !*local_path || port >= 65536 || !result || !host) return fail(result, DL_ERR_PARAMETER);
+  const char* name = remote_name && *remote_name ? remote_name : base_name(local_path).data();
+  dl_tftp_session* opened = nullptr;
+  if (dl_tftp_send_open(&opened, host, port, name, result) < 0) return -1;
+  const unique_tftp session(opened);
+  const int total = dl_tftp_send(session.get(), local_path, result);
+  if (total < 0) return -1;
+  qxfr_log(DL_LOG_TFTP, DL_LOG_NOTICE, "send: %d bytes\n", total);
+  return 0;
+}
