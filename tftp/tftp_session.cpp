@@ -2,6 +2,7 @@
 #include "tftp/tftp_session.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <stdlib.h>
@@ -71,6 +72,14 @@ bool bind_port(int sock, int family, in_port_t port) {
   return ::bind(sock, reinterpret_cast<const sockaddr*>(&any6), sizeof any6) == 0;
 }
 
+// Close calls spare descriptors 0 to 2, and 0 in a record means no socket: in a process without standard
+// streams the socket is moved up.
+unique_fd datagram_socket(int family) {
+  unique_fd sock(::socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!sock || sock.get() > 2) return sock;
+  return unique_fd(::fcntl(sock.get(), F_DUPFD_CLOEXEC, 3));
+}
+
 // Ports 1024 to 65534, drawn from a generator seeded with the time.
 bool bind_random_port(int sock, int family) {
   ::srand(static_cast<unsigned>(::time(nullptr)));
@@ -129,7 +138,7 @@ int tftp_setup_socket(dl_tftp_session& session, const char* host, uint16_t port,
   if (!answers) return DL_ERR_HOST;
   const addrinfo* chosen = first_usable(answers.get(), ipv6);
   if (!chosen) return DL_ERR_SOCKET;
-  unique_fd sock(::socket(chosen->ai_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  unique_fd sock = datagram_socket(chosen->ai_family);
   if (!sock || !bind_random_port(sock.get(), chosen->ai_family)) return DL_ERR_SOCKET;
 
   memcpy(session.server, chosen->ai_addr, std::min<std::size_t>(chosen->ai_addrlen, sizeof session.server));
