@@ -1,0 +1,201 @@
+// device_cert.cpp: installs, completes and deletes the device certificate, the PEM file that option 2 names.
+#include <dirent.h>
+#include <errno.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "cert/cert_file.h"
+#include "cert/private_file.h"
+#include "cert/shell.h"
+#include "cert/tls_check.h"
+#include "core/boundary.h"
+#include "core/config.h"
+#include "core/openssl_owners.h"
+#include "include/fetchrig_openssl.h"
+
+namespace fetchrig {
+namespace {
+
+// Results of dl_install_ser_ca().
+enum install_code {
+  installed = 0,
+  no_private_key = -2,
+  no_certificate = -3,
+  key_mismatch = -4,
+  set_up_failed = -5,
+  no_directory = -6,
+  path_or_method_or_same = -7,
+  same_as_factory = -8,
+};
+
+struct device_paths {
+  std::string directory;  // of the device certificate
+  std::string root;       // its parent
+  std::string custom;
+  std::string factory;
+};
+
+// Everything before the last "/"; nothing without one.
+std::optional<std::string_view> parent(std::string_view path) {
+  const std::size_t at = path.rfind('/');
+  if (at == std::string_view::npos) return std::nullopt;
+  return path.substr(0, at);
+}
+
+std::optional<device_paths> paths_from(std::string_view device_file) {
+  const auto directory = parent(device_file);
+  const auto root = directory ? parent(*directory) : std::nullopt;
+  if (!root) return std::nullopt;
+  const std::string root_path(*root);
+  return device_paths{std::string(*directory), root_path, root_path + "/server/WebServer.pem",
+                      root_path + "/phonedev/WebServer.pem"};
+}
+
+bool can_open_directory(const std::string& path) {
+  DIR* directory = ::opendir(path.c_str());
+  if (!directory) return false;
+  ::closedir(directory);
+  return true;
+}
+
+bool open_or_make_directory(const std::string& path) {
+  if (can_open_directory(path)) return true;
+  run_shell(shell_command(command_size, "mkdir", {path}));
+  return can_open_directory(path);
+}
+
+int log_error(int code, const char* text) {
+  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "%s", text);
+  return code;
+}
+
+install_code code_for(tls_file_check outcome) {
+  switch (outcome) {
+    case tls_file_check::fine:
+      return installed;
+    case tls_file_check::wrong_method:
+      return path_or_method_or_same;
+    case tls_file_check::no_context:
+    case tls_file_check::no_ca_file:
+      return set_up_failed;
+    case tls_file_check::no_certificate:
+      return no_certificate;
+    case tls_file_check::no_key:
+      return no_private_key;
+    case tls_file_check::key_mismatch:
+      return key_mismatch;
+  }
+  return set_up_failed;
+}
+
+// The digest of the file's content; empty when it cannot be read.
+std::string content_digest(const std::string& path) {
+  std::array<char, 33> digest = {};
+  if (dl_get_file_md5(path.c_str(), digest.data()) != 0) return {};
+  return digest.data();
+}
+
+int install(const char* path) {
+  if (SSL_library_init() != 1) return log_error(set_up_failed, "SSL_library_init error\n");
+  const option_text device_file = device_cert_file();
+  const int method = ssl_method();
+  const auto paths = paths_from(device_file.data());
+  if (!paths) return log_error(path_or_method_or_same, "Wrong server ca path\n");
+  if (const install_code code = code_for(check_tls_file(path, method)); code != installed) return code;
+  if (!open_or_make_directory(paths->root)) return log_error(no_directory, "Can't open trust_path\n");
+  if (!open_or_make_directory(paths->directory)) return log_error(no_directory, "Can't open serverdir\n");
+
+  const std::string digest = content_digest(path);
+  if (digest == content_digest(paths->custom)) {
+    return log_error(path_or_method_or_same, "cert file same to custom device cert file\n");
+  }
+  if (digest == content_digest(paths->factory)) {
+    return log_error(same_as_factory, "cert file same to factory prefabrication device cert flie\n");
+  }
+  reserve_private_file(device_file.data());
+  dl_copy_file(path, device_file.data());
+  return installed;
+}
+
+struct key_pair {
+  unique_x509 certificate;
+  unique_pkey key;
+};
+
+// Reads from the file what the pair still lacks. False when the file cannot be opened.
+bool complete_from(key_pair& pair, const char* path) {
+  const unique_bio file(BIO_new_file(path, "r"));
+  if (!file) {
+    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file dev cert err\n");
+    return false;
+  }
+  const int encoding = cert_file_format(path);
+  if (!pair.certificate) pair.certificate.reset(load_cert_bio(encoding, file.get()));
+  if (!pair.key && BIO_reset(file.get()) == 0) pair.key.reset(load_key_bio(encoding, file.get()));
+  return true;
+}
+
+// The directory that option 2 leads through: all up to the end of its first "server".
+bool make_server_directory(std::string_view device_file) {
+  constexpr std::string_view mark = "server";
+  const std::size_t at = device_file.find(mark);
+  if (at == std::string_view::npos) {
+    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "server cert dir err");
+    return false;
+  }
+  const std::string directory(device_file.substr(0, at + mark.size()));
+  if (can_open_directory(directory)) return true;
+  ::mkdir(directory.c_str(), 0775);
+  if (can_open_directory(directory)) return true;
+  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't open serverdir\n");
+  return false;
+}
+
+int install_separate(const char* path) {
+  const option_text device_file = device_cert_file();
+  key_pair pair;
+  if (!complete_from(pair, path)) return -1;
+  if (!pair.certificate && !pair.key) return log_error(-1, "load dev cert err\n");
+  (void)complete_from(pair, device_file.data());  // there may be no device certificate yet
+  if (!make_server_directory(device_file.data())) return -1;
+  // The usual way to replace both is one after the other, so this state is allowed but worth knowing.
+  if (pair.certificate && pair.key && X509_check_private_key(pair.certificate.get(), pair.key.get()) != 1) {
+    qxfr_log(DL_LOG_CMN, DL_LOG_WARNING, "device certificate and private key do not belong together\n");
+  }
+  const unique_bio text = pem_text(pair.certificate.get(), pair.key.get());
+  if (!text) return log_error(-1, "Can't encode the device certificate\n");
+  return write_private_file(device_file.data(), text.get()) ? 0 : -1;
+}
+
+}  // namespace
+}  // namespace fetchrig
+
+int dl_install_ser_ca(const char* path) {
+  using namespace fetchrig;
+  const int rc = guarded([&] { return install(path); }, [] { return int{set_up_failed}; });
+  ERR_clear_error();  // nothing of this call explains a later failure on this thread
+  return rc;
+}
+
+int dl_install_ser_ca_separate(const char* path) {
+  using namespace fetchrig;
+  if (!path) return log_error(-1, "Invaild paramter\n");
+  const int rc = guarded([&] { return install_separate(path); }, [] { return -1; });
+  ERR_clear_error();
+  return rc;
+}
+
+int dl_del_ser_ca(void) {
+  using namespace fetchrig;
+  const option_text device_file = device_cert_file();
+  guarded([&] { return run_shell(shell_command(command_size, "rm", {device_file.data()})); },
+          [] { return -1; });
+  return 0;
+}

@@ -1,0 +1,108 @@
+// keygen.cpp: loads, generates and writes the device's RSA key.
+#include "cert/keygen.h"
+
+#include <errno.h>
+#include <openssl/bn.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+#include <stdio.h>
+
+#include <memory>
+#include <optional>
+
+#include "cert/passphrase.h"
+#include "cert/private_file.h"
+#include "core/boundary.h"
+#include "core/owners.h"
+#include "include/fetchrig_openssl.h"
+
+namespace fetchrig {
+namespace {
+
+using unique_bignum = std::unique_ptr<BIGNUM, openssl_deleter<BN_free>>;
+using unique_rsa = std::unique_ptr<RSA, openssl_deleter<RSA_free>>;
+
+enum class key_file { absent, unusable, without_key, with_key };
+
+// True when OpenSSL's error queue names a cause that says nothing about the bytes it was given.
+bool ran_out_of_memory() {
+  while (const unsigned long error = ERR_get_error()) {
+    if (ERR_GET_REASON(error) == ERR_R_MALLOC_FAILURE) return true;
+  }
+  return false;
+}
+
+key_file read_key_file(unique_pkey& key, const char* path) {
+  const unique_file file(::fopen(path, "re"));
+  if (!file) return errno == ENOENT || errno == ENOTDIR ? key_file::absent : key_file::unusable;
+  const unique_bio bio(BIO_new_fp(file.get(), BIO_NOCLOSE));
+  if (!bio) return key_file::unusable;
+  ERR_clear_error();
+  key.reset(PEM_read_bio_PrivateKey(bio.get(), nullptr, no_password_cb, nullptr));
+  if (key) return key_file::with_key;
+  return ferror(file.get()) || ran_out_of_memory() ? key_file::unusable : key_file::without_key;
+}
+
+unique_rsa generate_rsa(int bits, BIGNUM* exponent) {
+  unique_rsa rsa(RSA_new());
+  if (rsa && RSA_generate_key_ex(rsa.get(), bits, exponent, nullptr) != 1) rsa.reset();
+  return rsa;
+}
+
+unique_rsa generate_seeded_rsa(int bits, BIGNUM* exponent, const keygen_state& start) {
+  const seeded_rand_scope seeded(start);
+  return seeded.installed() ? generate_rsa(bits, exponent) : nullptr;
+}
+
+unique_pkey generate_key(int bits, const keygen_state* start) {
+  if (bits > OPENSSL_RSA_MAX_MODULUS_BITS)
+    return nullptr;  // OpenSSL would work for hours on a key that it cannot use
+  const unique_bignum exponent(BN_new());
+  if (!exponent || BN_set_word(exponent.get(), RSA_F4) != 1) return nullptr;
+  const unique_rsa rsa =
+      start ? generate_seeded_rsa(bits, exponent.get(), *start) : generate_rsa(bits, exponent.get());
+  unique_pkey key(EVP_PKEY_new());
+  if (!rsa || !key || EVP_PKEY_set1_RSA(key.get(), rsa.get()) != 1) return nullptr;
+  return key;
+}
+
+}  // namespace
+
+int build_rsa_key(device_key& result, const char* path, int bits, const keygen_state* start) {
+  switch (read_key_file(result.key, path)) {
+    case key_file::with_key:
+      result.reused = true;
+      return 0;
+    case key_file::unusable:
+      return -1;
+    case key_file::without_key:
+      qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "prikey err,create new\n");
+      remove_plain_file(path);
+      break;
+    case key_file::absent:
+      break;
+  }
+  result.key = generate_key(bits, start);
+  return result.key ? 0 : -1;
+}
+
+}  // namespace fetchrig
+
+int dl_cert_build_rsa_key(const char* path, int bits, EVP_PKEY** key, int* reused) {
+  if (!path || !key || !reused) return -1;
+  fetchrig::device_key result;
+  if (fetchrig::build_rsa_key(result, path, bits, nullptr) != 0) return -1;
+  if (result.reused) *reused = 1;
+  *key = result.key.release();
+  return 0;
+}
+
+int dl_cert_write_key(const char* path, int /*unused1*/, EVP_PKEY* key, int /*unused2*/) {
+  if (!path || !key) return -1;
+  const fetchrig::unique_bio text = fetchrig::pem_text(nullptr, key);
+  if (!text) return -1;
+  fetchrig::remove_plain_file(path);
+  (void)fetchrig::write_private_file(path, text.get());  // a failure is in the log only
+  return 0;
+}

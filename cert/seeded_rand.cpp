@@ -1,0 +1,150 @@
+// seeded_rand.cpp: the generator's steps and its installation as OpenSSL's random method.
+#include "cert/seeded_rand.h"
+
+#include <openssl/crypto.h>
+#include <openssl/md5.h>
+#include <openssl/rand.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+#include <atomic>
+
+namespace fetchrig {
+
+keygen_state keygen_rand_state;
+
+namespace {
+
+constexpr unsigned libc_seed = 0x4E7B2A93;
+constexpr uint32_t counter_start_low = 14873;
+constexpr uint32_t counter_start_high = 5;
+constexpr std::size_t bytes_per_digest = 8;  // the second half of an MD5
+
+using libc_values = std::array<int, sizeof(seed_block)>;
+
+// The first values of libc's rand() after srand(libc_seed), leaving libc's generator behind them. Any thread
+// may draw from or reseed that generator at the same time, and the key would change with it; so where libc
+// can run the same sequence on a state of our own, the values come from there.
+libc_values draw_libc_values() {
+  libc_values values;
+  srand(libc_seed);
+  for (int& value : values) value = rand();
+#ifdef __GLIBC__
+  char memory[128] = {};  // the size of the state behind rand()
+  random_data own = {};
+  if (initstate_r(libc_seed, memory, sizeof memory, &own) == 0) {
+    for (int& value : values) random_r(&own, &value);
+  }
+#endif
+  return values;
+}
+
+void store_little_endian(unsigned char* to, uint32_t value) {
+  for (unsigned i = 0; i < 4; ++i) to[i] = static_cast<unsigned char>(value >> (8 * i));
+}
+
+seed_block first_bytes(std::string_view text) {
+  seed_block block = {};
+  std::copy_n(text.begin(), std::min(text.size(), block.size()), block.begin());
+  return block;
+}
+
+// Guards keygen_rand_state and the installed method for as long as a key is being generated.
+std::mutex generation_lock;
+// The method that other threads are served from; written under generation_lock, before ours is installed. It
+// stays set, as a thread may still be inside our functions when the scope has ended.
+std::atomic<const RAND_METHOD*> other_threads_method = nullptr;
+// True in the thread that is generating a key.
+thread_local bool is_generating = false;
+
+const RAND_METHOD& method_of_others() {
+  return *other_threads_method.load(std::memory_order_acquire);
+}
+
+int method_bytes(unsigned char* buffer, int count) {
+  if (is_generating) return seeded_rand_bytes(buffer, count);
+  const RAND_METHOD& others = method_of_others();
+  return others.bytes ? others.bytes(buffer, count) : RAND_OpenSSL()->bytes(buffer, count);
+}
+
+int method_seed(const void* bytes, int count) {
+  const RAND_METHOD& others = method_of_others();
+  return others.seed ? others.seed(bytes, count) : 1;
+}
+
+int method_add(const void* bytes, int count, double entropy) {
+  const RAND_METHOD& others = method_of_others();
+  return others.add ? others.add(bytes, count, entropy) : 1;
+}
+
+int method_status() {
+  if (is_generating) return 1;
+  const RAND_METHOD& others = method_of_others();
+  return others.status ? others.status() : 1;
+}
+
+// Never changes and never goes away, so a thread that fetched it just before it was replaced may still call
+// it.
+constexpr RAND_METHOD forwarding_method = {method_seed, method_bytes, nullptr,
+                                           method_add,  method_bytes, method_status};
+
+}  // namespace
+
+keygen_state initial_keygen_state(std::string_view common_name, std::string_view key_seed) {
+  return {first_bytes(common_name), first_bytes(key_seed), counter_start_low, counter_start_high, false};
+}
+
+int seeded_rand_bytes(unsigned char* buffer, int count) {
+  if (count <= 0) return 1;
+  keygen_state& state = keygen_rand_state;
+  if (!state.seeded) {
+    const libc_values values = draw_libc_values();
+    for (std::size_t i = 0; i < values.size(); ++i) {
+      state.pool[i] = static_cast<unsigned char>(state.pool[i] + static_cast<unsigned>(values[i]));
+    }
+    state.seeded = true;
+  }
+
+  unsigned char input[40];  // salt, pool, counter
+  std::copy(state.salt.begin(), state.salt.end(), input);
+  std::copy(state.pool.begin(), state.pool.end(), input + 16);
+  store_little_endian(input + 32, state.counter_low++);
+  store_little_endian(input + 36, state.counter_high);
+
+  std::size_t rest = static_cast<std::size_t>(count);
+  unsigned char stir[32];  // last digest, pool
+  MD5(input, sizeof input, stir);
+  std::size_t taken = std::min(rest, bytes_per_digest);
+  memcpy(buffer, stir + bytes_per_digest, taken);
+  if (rest > taken) MD5(input + 16, 24, stir);  // without the salt, the same for every further block
+  while ((rest -= taken) > 0) {
+    buffer += taken;
+    taken = std::min(rest, bytes_per_digest);
+    memcpy(buffer, stir + bytes_per_digest, taken);
+  }
+
+  std::copy(state.pool.begin(), state.pool.end(), stir + 16);
+  MD5(stir, sizeof stir, state.pool.data());
+  OPENSSL_cleanse(input, sizeof input);
+  OPENSSL_cleanse(stir, sizeof stir);
+  return 1;
+}
+
+// OpenSSL guards the pointer to its method with a lock of its own; all that other threads can see of the swap
+// is which of two constant tables they get, and both serve them from the same source.
+seeded_rand_scope::seeded_rand_scope(const keygen_state& start)
+    : lock_(generation_lock), before_(RAND_get_rand_method()), installed_(false) {
+  keygen_rand_state = start;
+  other_threads_method.store(before_ ? before_ : RAND_OpenSSL(), std::memory_order_release);
+  installed_ = RAND_set_rand_method(&forwarding_method) == 1;
+  is_generating = installed_;
+}
+
+seeded_rand_scope::~seeded_rand_scope() {
+  is_generating = false;
+  if (installed_) RAND_set_rand_method(before_);
+  OPENSSL_cleanse(&keygen_rand_state, sizeof keygen_rand_state);
+}
+
+}  // namespace fetchrig

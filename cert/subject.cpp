@@ -1,0 +1,89 @@
+// subject.cpp: splits subject texts and builds OpenSSL names from them.
+#include "cert/subject.h"
+
+#include <openssl/objects.h>
+#include <openssl/x509.h>
+
+#include "core/boundary.h"
+#include "core/openssl_owners.h"
+#include "include/fetchrig_openssl.h"
+
+namespace fetchrig {
+namespace {
+
+constexpr std::size_t max_common_name_len = 511;
+
+enum class piece_end { delimiter, text_end, malformed };
+
+// Appends the characters before the next unescaped `delimiter` to `piece` and consumes them with the
+// delimiter.
+piece_end take_piece(std::string_view& rest, char delimiter, std::string& piece) {
+  while (!rest.empty()) {
+    char c = rest.front();
+    rest.remove_prefix(1);
+    if (c == delimiter) return piece_end::delimiter;
+    if (c == '\\') {
+      if (rest.empty()) return piece_end::malformed;
+      c = rest.front();
+      rest.remove_prefix(1);
+    }
+    piece.push_back(c);
+  }
+  return piece_end::text_end;
+}
+
+// Adds the element at the end of the name. Unknown types and empty values are skipped; false when OpenSSL
+// refuses the value.
+bool add_element(X509_NAME* name, const subject_element& element, int string_type) {
+  const int nid = OBJ_txt2nid(element.type.c_str());
+  if (nid == NID_undef || element.value.empty()) return true;
+  const auto* value = reinterpret_cast<const unsigned char*>(element.value.c_str());
+  return X509_NAME_add_entry_by_NID(name, nid, string_type, value, -1, -1, 0) == 1;
+}
+
+unique_x509_name name_from_text(const char* text, int string_type) {
+  const auto elements = parse_subject(text);
+  if (!elements) return nullptr;
+  unique_x509_name name(X509_NAME_new());
+  if (!name) return nullptr;
+  for (const subject_element& element : *elements) {
+    if (!add_element(name.get(), element, string_type)) return nullptr;
+  }
+  return name;
+}
+
+}  // namespace
+
+std::optional<std::vector<subject_element>> parse_subject(std::string_view text) {
+  if (text.empty() || text.front() != '/') return std::nullopt;
+  text.remove_prefix(1);
+  std::vector<subject_element> elements;
+  while (!text.empty()) {
+    subject_element element;
+    if (take_piece(text, '=', element.type) != piece_end::delimiter || text.empty()) return std::nullopt;
+    if (take_piece(text, '/', element.value) == piece_end::malformed) return std::nullopt;
+    elements.push_back(std::move(element));
+  }
+  return elements;
+}
+
+std::optional<std::string_view> raw_common_name(std::string_view subject) {
+  constexpr std::string_view mark = "CN=";
+  const std::size_t at = subject.find(mark);
+  if (at == std::string_view::npos) return std::nullopt;
+  const std::string_view name = subject.substr(at + mark.size(), max_common_name_len);
+  return name.substr(0, name.find('/'));
+}
+
+}  // namespace fetchrig
+
+X509_NAME* do_subject(const char* text, int string_type) {
+  if (!text) return nullptr;
+  return fetchrig::guarded([&] { return fetchrig::name_from_text(text, string_type).release(); },
+                           []() -> X509_NAME* { return nullptr; });
+}
+
+int build_subject(X509_REQ* request, const char* text, int string_type) {
+  const fetchrig::unique_x509_name name(do_subject(text, string_type));
+  return name && X509_REQ_set_subject_name(request, name.get()) == 1 ? 1 : 0;
+}

@@ -1,0 +1,79 @@
+// tls_check.cpp: loads a certificate file into a TLS context, step by step.
+#include "cert/tls_check.h"
+
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+
+#include "core/openssl_owners.h"
+#include "include/fetchrig_openssl.h"
+
+namespace fetchrig {
+namespace {
+
+// Numbers of option 3.
+constexpr int method_tls1 = 0;
+constexpr int method_ssl3 = 2;
+constexpr int method_any = 3;
+
+// A context for one of option 3's methods. OpenSSL 3 has neither SSL 2.0 nor SSL 3.0; TLS 1.0 is pinned by
+// version.
+unique_ssl_ctx make_context(int method) {
+  if (method > method_tls1 && method <= method_ssl3) return nullptr;
+  unique_ssl_ctx context(SSL_CTX_new(TLS_method()));
+  if (!context) return nullptr;
+  SSL_CTX_set_security_level(context.get(), 0);
+  SSL_CTX_set_default_passwd_cb(context.get(), password_cb);
+  if (method == method_tls1 && (SSL_CTX_set_min_proto_version(context.get(), TLS1_VERSION) != 1 ||
+                                SSL_CTX_set_max_proto_version(context.get(), TLS1_VERSION) != 1)) {
+    return nullptr;
+  }
+  return context;
+}
+
+// The file's private key, opened with option 16 when it is encrypted.
+unique_pkey read_key(const char* path) {
+  const unique_bio file(BIO_new_file(path, "r"));
+  return file ? unique_pkey(PEM_read_bio_PrivateKey(file.get(), nullptr, password_cb, nullptr)) : nullptr;
+}
+
+tls_file_check load_file(SSL_CTX* context, const char* path) {
+  if (SSL_CTX_load_verify_locations(context, path, nullptr) != 1) {
+    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't open ca file ser_ca_file\n");
+    return tls_file_check::no_ca_file;
+  }
+  if (SSL_CTX_use_certificate_file(context, path, SSL_FILETYPE_PEM) != 1) {
+    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't load public key from ser_ca_file\n");
+    return tls_file_check::no_certificate;
+  }
+  // The context's own key loader refuses a mismatch itself and would hide it behind "no key".
+  const unique_pkey key = read_key(path);
+  if (!key) {
+    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't load private key from ser_ca_file");
+    return tls_file_check::no_key;
+  }
+  if (X509_check_private_key(SSL_CTX_get0_certificate(context), key.get()) != 1) {
+    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Private key does not match the certificate public key\n");
+    return tls_file_check::key_mismatch;
+  }
+  return tls_file_check::fine;
+}
+
+}  // namespace
+
+tls_file_check check_tls_file(const char* path, int method) {
+  if (method < method_tls1 || method > method_any) {
+    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Wrong method");
+    return tls_file_check::wrong_method;
+  }
+  const unique_ssl_ctx context = make_context(method);
+  if (!context) {
+    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "SSL_CTX_new error\n");
+    return tls_file_check::no_context;
+  }
+  const tls_file_check outcome = load_file(context.get(), path);
+  ERR_clear_error();
+  return outcome;
+}
+
+}  // namespace fetchrig
