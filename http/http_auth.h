@@ -1,0 +1,46 @@
+// http_auth.h: answering a 401: parsing the server's challenge and building the Authorization line for Basic
+// (RFC 7617), Digest (RFC 2617, MD5 and MD5-sess, qop "auth") and BroadWorks XSI. The exported operations are
+// declared in fetchrig.h and fetchrig_openssl.h; here is what they share. Names of parameters have at most
+// 255 characters, values 1023. Knows texts, not sockets. One thread at a time per record; secrets are wiped
+// before their memory is given back.
+#ifndef FETCHRIG_HTTP_HTTP_AUTH_H
+#define FETCHRIG_HTTP_HTTP_AUTH_H
+
+#include "include/fetchrig.h"
+
+namespace fetchrig {
+
+inline constexpr uint32_t auth_basic = 1;   // bit 0 of a picked scheme
+inline constexpr uint32_t auth_digest = 2;  // bit 1
+
+// The working record of one 401: zeroed at the start, everything it owns released at the end.
+class auth_work {
+ public:
+  auth_work() = default;
+  ~auth_work();
+  auth_work(const auth_work&) = delete;
+  auth_work& operator=(const auth_work&) = delete;
+
+  http_auth_state* get() { return &state_; }
+  http_auth_state* operator->() { return &state_; }
+
+ private:
+  http_auth_state state_ = {};
+};
+
+// The fields that one side uses, the origin server's or the proxy's. Borrows from the record.
+struct auth_side {
+  const char* prefix;  // before the header name: empty or "Proxy-"
+  const char* user;
+  const char* password;
+  digest_challenge& challenge;
+  uint32_t& picked;
+  char*& answer;
+};
+[[nodiscard]] auth_side side_of(http_auth_state& state, int proxy);
+
+// Wipes and frees an answer line; the place becomes null.
+void release_answer(char*& answer);
+
+}  // namespace fetchrig
+#endif
