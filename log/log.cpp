@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <bit>
 
 #include "include/fetchrig.h"
 #include "log/syslog_socket.h"
@@ -31,8 +32,13 @@ constexpr std::array<const char*, 10> level_tags = {"<0+emerg >", "<1+alert >", 
 
 using identity_text = std::array<char, 4>;
 
+// The identity as one number, so that it changes in one store.
+constexpr uint32_t packed(identity_text text) {
+  return std::bit_cast<uint32_t>(text);
+}
+
 struct log_state {
-  std::atomic<identity_text> identity{{'s', 'l', 'o', 'g'}};
+  std::atomic<uint32_t> identity{packed({'s', 'l', 'o', 'g'})};
   syslog_socket socket;
   std::array<std::atomic<int>, num_modules> levels = {default_level, 0, 0, 0, 0, 0, 0};
   std::atomic<bool> to_syslog{false};
@@ -118,7 +124,7 @@ void open_syslog(const char* identity) {
   const char* from = identity ? identity : "slog";
   identity_text text = {' ', ' ', ' ', ' '};
   for (std::size_t i = 0; i < text.size() && from[i] != '\0'; ++i) text[i] = from[i];
-  set(state.identity, text);
+  set(state.identity, packed(text));
   state.socket.open();
 }
 
@@ -133,7 +139,7 @@ int qxfr_vlog(int module, int level, const char* format, va_list arguments) {
   if (level < 0 || static_cast<std::size_t>(level) >= level_tags.size() || !format) return 0;
   line_buffer line;
   if (get(state.to_syslog)) add_syslog_prefix(line, level);
-  const identity_text identity = get(state.identity);
+  const auto identity = std::bit_cast<identity_text>(get(state.identity));
   line.format("%.4s[%d]: ", identity.data(), static_cast<int>(getpid()));
   const std::size_t console_from = line.length();
   line.format("%s%s ", module_names[index], level_tags[static_cast<std::size_t>(level)]);
