@@ -1,0 +1,134 @@
+// ca_info.cpp: the short description of a certificate file, and the check of the device certificate.
+#include "cert/ca_info.h"
+
+#include <errno.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include "cert/asn1_text.h"
+#include "cert/cert_file.h"
+#include "core/boundary.h"
+#include "core/config.h"
+#include "core/text.h"
+
+namespace fetchrig {
+namespace {
+
+// A file that cannot be opened: gone (or a link to nothing), or there but out of reach for now.
+certificate_read why_not_opened(const char* path) {
+  struct stat status;
+  if (::stat(path, &status) == 0) return certificate_read::failed;
+  const bool gone = errno == ENOENT || errno == ENOTDIR || errno == ELOOP;
+  return gone ? certificate_read::unusable : certificate_read::failed;
+}
+
+// A file that was opened but gave no certificate. Empties OpenSSL's error queue, which was empty before the
+// read.
+certificate_read why_not_read(int encoding, BIO* bio) {
+  FILE* file = nullptr;
+  BIO_get_fp(bio, &file);
+  bool ours = encoding == encoding_none || (file && ::ferror(file));
+  while (const unsigned long error = ERR_get_error()) {
+    if (ERR_GET_REASON(error) == ERR_R_MALLOC_FAILURE) ours = true;
+  }
+  return ours ? certificate_read::failed : certificate_read::unusable;
+}
+
+void fill_element(std::span<char, 64> field, const X509_NAME* name, int nid) {
+  if (const auto value = name_element(name, nid)) copy_text(field, *value);
+}
+
+// Whether the device file's private key is there, opens and belongs to its certificate.
+bool device_key_matches(const char* path) {
+  const unique_bio bio(BIO_new_file(path, "r"));
+  if (!bio) {
+    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error dev cert\n");
+    return false;
+  }
+  const int encoding = cert_file_format(path);
+  const unique_x509 certificate(load_cert_bio(encoding, bio.get()));
+  if (BIO_seek(bio.get(), 0) < 0) return false;
+  const unique_pkey key(load_key_bio(encoding, bio.get()));
+  return certificate && key && X509_check_private_key(certificate.get(), key.get()) == 1;
+}
+
+int result_of(certificate_read outcome) {
+  return outcome == certificate_read::fine ? 0 : -2;
+}
+
+int invalid_parameter() {
+  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Invalid Parameter\n");
+  return -1;
+}
+
+int describe_device(dl_ca_info& info) {
+  memset(&info, 0, sizeof info);
+  const option_text path = device_cert_file();
+  if (const int rc = result_of(describe_ca(path.data(), info)); rc < 0) return rc;
+  if (device_key_matches(path.data())) return 0;
+  qxfr_log(DL_LOG_CMN, DL_LOG_WARNING, "private key doesn't match public key\n");
+  return -3;
+}
+
+}  // namespace
+
+certificate_file open_certificate(const char* path) {
+  certificate_file opened;
+  if (dl_path_is_directory(path)) {
+    qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "path is directory, ret\n");
+    return opened;
+  }
+  opened.bio.reset(BIO_new_file(path, "r"));
+  if (!opened.bio) {
+    opened.outcome = why_not_opened(path);
+    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error filename\n");
+    return opened;
+  }
+  const int encoding = cert_file_format(path);
+  ERR_clear_error();
+  opened.certificate.reset(load_cert_bio(encoding, opened.bio.get()));
+  if (!opened.certificate) {
+    opened.outcome = why_not_read(encoding, opened.bio.get());
+    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "unable to load certificate filename\n");
+    return opened;
+  }
+  opened.outcome = certificate_read::fine;
+  return opened;
+}
+
+void fill_date(std::span<char, 64> field, const ASN1_TIME* time) {
+  if (time) (void)asn1_time_to_text(time, field);
+}
+
+certificate_read describe_ca(const char* path, dl_ca_info& info) {
+  const certificate_file opened = open_certificate(path);
+  if (opened.outcome != certificate_read::fine) return opened.outcome;
+  X509* certificate = opened.certificate.get();
+  info.hash = static_cast<uint32_t>(X509_subject_name_hash(certificate));
+  const X509_NAME* subject = X509_get_subject_name(certificate);
+  if (!subject) {
+    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "X509_get_issuer_name error\n");
+    return certificate_read::unusable;
+  }
+  fill_element(info.cn, subject, NID_commonName);
+  fill_element(info.org, subject, NID_organizationName);
+  fill_date(info.not_after, X509_get0_notAfter(certificate));
+  return certificate_read::fine;
+}
+
+}  // namespace fetchrig
+
+int dl_get_ca_info(const char* path, dl_ca_info* info) {
+  using namespace fetchrig;
+  if (!path || !info) return invalid_parameter();
+  return guarded([&] { return result_of(describe_ca(path, *info)); }, [] { return -2; });
+}
+
+int dl_get_ser_ca_info(dl_ca_info* info) {
+  using namespace fetchrig;
+  if (!info) return invalid_parameter();
+  return guarded([&] { return describe_device(*info); }, [] { return -2; });
+}
