@@ -103,20 +103,23 @@ void fill_date(std::span<char, 64> field, const ASN1_TIME* time) {
   if (time) (void)asn1_time_to_text(time, field);
 }
 
-certificate_read describe_ca(const char* path, dl_ca_info& info) {
-  const certificate_file opened = open_certificate(path);
-  if (opened.outcome != certificate_read::fine) return opened.outcome;
-  X509* certificate = opened.certificate.get();
+bool fill_ca_info(X509* certificate, dl_ca_info& info) {
   info.hash = static_cast<uint32_t>(X509_subject_name_hash(certificate));
   const X509_NAME* subject = X509_get_subject_name(certificate);
   if (!subject) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "X509_get_issuer_name error\n");
-    return certificate_read::unusable;
+    return false;
   }
   fill_element(info.cn, subject, NID_commonName);
   fill_element(info.org, subject, NID_organizationName);
   fill_date(info.not_after, X509_get0_notAfter(certificate));
-  return certificate_read::fine;
+  return true;
+}
+
+certificate_read describe_ca(const char* path, dl_ca_info& info) {
+  const certificate_file opened = open_certificate(path);
+  if (opened.outcome != certificate_read::fine) return opened.outcome;
+  return fill_ca_info(opened.certificate.get(), info) ? certificate_read::fine : certificate_read::unusable;
 }
 
 }  // namespace fetchrig

@@ -33,8 +33,12 @@ struct certificate_file {
 // The date as text, left alone when there is none or it cannot be read.
 void fill_date(std::span<char, 64> field, const ASN1_TIME* time);
 
-// Fill the record of one file, which is not cleared first; failures are logged. `flags` bit 0: the private
-// key too.
+// Fill what the certificate alone tells. The record is not cleared first. False (logged) when a name is
+// missing.
+[[nodiscard]] bool fill_ca_info(X509* certificate, dl_ca_info& info);
+[[nodiscard]] bool fill_ca_info_ex(X509* certificate, dl_ca_info_ex& info);
+
+// Fill the record of one file; failures are logged. `flags` bit 0: the private key too.
 [[nodiscard]] certificate_read describe_ca(const char* path, dl_ca_info& info);
 [[nodiscard]] certificate_read describe_ca_ex(const char* path, dl_ca_info_ex& info, uint32_t flags);
 

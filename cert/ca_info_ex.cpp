@@ -82,18 +82,22 @@ int code_of(certificate_read outcome) {
 
 }  // namespace
 
-certificate_read describe_ca_ex(const char* path, dl_ca_info_ex& info, uint32_t flags) {
-  const certificate_file opened = open_certificate(path);
-  if (opened.outcome != certificate_read::fine) return opened.outcome;
-  X509* certificate = opened.certificate.get();
-  info.version = static_cast<uint8_t>(X509_get_version(certificate) + 1);
+bool fill_ca_info_ex(X509* certificate, dl_ca_info_ex& info) {
+  info.version = static_cast<uint8_t>(static_cast<unsigned long>(X509_get_version(certificate)) + 1);
   asn1_serial_to_text(X509_get0_serialNumber(certificate), info.serial);
-  if (!fill_names(certificate, info)) return certificate_read::unusable;
+  if (!fill_names(certificate, info)) return false;
   fill_date(info.not_after, X509_get0_notAfter(certificate));
   fill_date(info.not_before, X509_get0_notBefore(certificate));
   fill_algorithms(certificate, info);
-  info.hash = ca_file_hash(path);
   info.ext_count = static_cast<uint8_t>(std::clamp(X509_get_ext_count(certificate), 0, 255));
+  return true;
+}
+
+certificate_read describe_ca_ex(const char* path, dl_ca_info_ex& info, uint32_t flags) {
+  const certificate_file opened = open_certificate(path);
+  if (opened.outcome != certificate_read::fine) return opened.outcome;
+  if (!fill_ca_info_ex(opened.certificate.get(), info)) return certificate_read::unusable;
+  info.hash = ca_file_hash(path);
   return flags & with_private_key ? fill_private_key(opened.bio.get(), info) : certificate_read::fine;
 }
 
