@@ -5,7 +5,6 @@
 #include <string.h>
 
 #include <array>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,6 +13,7 @@
 #include "core/config.h"
 #include "core/owners.h"
 #include "core/text.h"
+#include "core/url.h"
 #include "include/fetchrig.h"
 
 namespace fetchrig {
@@ -25,11 +25,6 @@ struct scheme_entry {
 };
 constexpr std::array<scheme_entry, 2> schemes = {{{"http://", 80}, {"https://", 443}}};
 constexpr int no_scheme_port = -1;
-
-struct url_deleter {
-  void operator()(dl_url* url) const { dl_url_free(url); }
-};
-using unique_url = std::unique_ptr<dl_url, url_deleter>;
 
 struct url_view {
   uint32_t scheme = 0;

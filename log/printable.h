@@ -19,7 +19,7 @@ class printable {
   printable() = default;
   void append(std::string_view text);
 
-  char text_[301] = {};
+  char text_[384] = {};
   unsigned length_ = 0;
 };
 

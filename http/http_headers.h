@@ -1,0 +1,54 @@
+// http_headers.h: the status line and header block of a response as bytes: parsing the values the client acts
+// on, and looking a header up. A block holds terminated lines, names in lower case, and ends with an empty
+// line. At most 256 KiB per block. Knows bytes, not sockets. Any thread.
+#ifndef FETCHRIG_HTTP_HTTP_HEADERS_H
+#define FETCHRIG_HTTP_HTTP_HEADERS_H
+
+#include <stdint.h>
+
+#include <optional>
+#include <span>
+#include <string_view>
+
+#include "core/owners.h"
+
+namespace fetchrig {
+
+// The status of "HTTP/1.x NNN ..." (up to three characters, a sign allowed); nothing for another line.
+[[nodiscard]] std::optional<int> parse_status_line(std::string_view line);
+
+// The length of a "content-length: N" line; nothing when it is negative, above 32 bits or no number.
+[[nodiscard]] std::optional<uint32_t> parse_content_length(std::string_view line);
+
+// The value of a stored line whose name has `name_len` characters: what follows the colon and one more
+// character.
+[[nodiscard]] const char* header_value(const char* line, std::size_t name_len);
+
+// The first line of the block that begins with `name` (lower case) and ":"; null when there is none.
+[[nodiscard]] const char* http_find_header(const char* block, std::string_view name);
+
+// The header block of a response while its lines arrive.
+class header_block {
+ public:
+  // The block starts with `size` bytes of room; false without memory.
+  [[nodiscard]] bool start(std::size_t size);
+  // At least 256 bytes of room for the next line, or an empty span: without memory, or beyond 256 KiB.
+  [[nodiscard]] std::span<char> room();
+  // Takes the line of `length` characters that was read into room().
+  void take_line(std::size_t length);
+  // Bytes used by the lines.
+  std::size_t used() const { return used_; }
+  // Room of the whole block, kept for the next response.
+  std::size_t size() const { return size_; }
+  // Hands the block over.
+  char* release() { return block_.release(); }
+  const char* get() const { return block_.get(); }
+
+ private:
+  unique_text block_;
+  std::size_t size_ = 0;
+  std::size_t used_ = 0;
+};
+
+}  // namespace fetchrig
+#endif

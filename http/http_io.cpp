@@ -1,0 +1,171 @@
+// http_io.cpp: connection, whole sends, reads, and lines read by peeking.
+#include "http/http_io.h"
+
+#include <errno.h>
+#include <openssl/crypto.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <exception>
+
+#include "core/config.h"
+#include "include/fetchrig_openssl.h"
+
+namespace fetchrig {
+namespace {
+
+// A request whose body is larger goes out in two pieces, so that the body is not copied.
+constexpr std::size_t max_joined_body_bytes = 65536;
+
+int start_tls(http_channel& channel, const char* host) {
+  const tls_options options = https_options();
+  SSL* ssl = nullptr;
+  SSL_CTX* ctx = nullptr;
+  dl_http_session& session = channel.session;
+  const int rc =
+      dl_do_SSL_connect(session.sock, options.cert_file.data(), options.ca_dir.data(), options.method,
+                        options.verify_peer, options.verify_host, host, &ssl, &ctx);
+  if (rc < 0) {
+    ::close(session.sock);
+    session.sock = 0;
+    return rc;
+  }
+  session.ssl = ssl;
+  session.ssl_ctx = ctx;
+  return 0;
+}
+
+int write_failed() {
+  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "write error, errno %d\n", errno);
+  return DL_ERR_SEND;
+}
+
+int send_message(http_channel& channel, const http_msg& message) {
+  std::string head = http_serialise_head(message);
+  std::span<const char> rest;
+  if (message.body.buffer) {
+    const std::string& body = *message.body.buffer;
+    const std::size_t joined = body.size() <= max_joined_body_bytes ? body.size() : 0;
+    head.append(body, 0, joined);
+    rest = std::span(body).subspan(joined);
+  }
+  const int rc = with_stream(channel, [&](stream& to) {
+    return to.write_all(head) < 0 || to.write_all(rest) < 0 ? write_failed() : 0;
+  });
+  OPENSSL_cleanse(head.data(), head.size());
+  return rc;
+}
+
+// The bytes of the connection that make up one line: what was taken so far and what was seen behind it.
+class line_reader {
+ public:
+  line_reader(std::size_t initial, std::size_t maximum) : size_(initial), maximum_(maximum) {}
+
+  std::span<char> peek_room() { return std::span(buffer_).subspan(held_, size_ - 1 - held_); }
+  // Notes `count` peeked bytes and returns how many of them belong to the line, its CRLF included.
+  std::size_t wanted_of(std::size_t count) {
+    const std::string_view seen(buffer_.data(), held_ + count);
+    length_ = seen.find("\r\n");
+    ended_ = length_ != std::string_view::npos;
+    return ended_ ? length_ + 2 - held_ : count;
+  }
+  std::span<char> take_room(std::size_t count) { return std::span(buffer_).subspan(held_, count); }
+  void taken(std::size_t count) { held_ += count; }
+  void grow_when_full() {
+    if (held_ == size_ - 1) size_ = std::min(size_ * 2, maximum_);
+  }
+  std::size_t held() const { return held_; }
+  bool ended() const { return ended_; }
+  std::string_view line() const { return {buffer_.data(), length_}; }
+  std::string_view all() const { return {buffer_.data(), held_}; }
+
+ private:
+  std::array<char, max_line_bytes> buffer_;
+  std::size_t size_;
+  std::size_t maximum_;
+  std::size_t held_ = 0;
+  std::size_t length_ = 0;
+  bool ended_ = false;
+};
+
+int peek_failed(const io_result& outcome) {
+  if (outcome.wait_failed) qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "Select error! errno %d\n", outcome.error);
+  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "Peek error!\n");
+  return DL_ERR_READ;
+}
+
+// The number of bytes to take next, 0 at the end of the stream, or -8. A full buffer asks for nothing more,
+// but still waits for the peer like any other step.
+int peek_line(http_channel& channel, line_reader& reader, int timeout_s) {
+  char probe = 0;
+  const bool full = reader.peek_room().empty();
+  const auto room = full && !channel.is_tls() ? std::span(&probe, 1) : reader.peek_room();
+  const io_result outcome = with_stream(channel, [&](stream& from) { return from.peek(room, timeout_s); });
+  if (outcome.count < 0) return peek_failed(outcome);
+  return full ? 0 : static_cast<int>(reader.wanted_of(static_cast<std::size_t>(outcome.count)));
+}
+
+int give(std::string_view text, std::span<char> line) {
+  memcpy(line.data(), text.data(), text.size());
+  line[text.size()] = '\0';
+  return static_cast<int>(text.size());
+}
+
+}  // namespace
+
+int http_connect(http_channel& channel, const char* host, uint32_t port, tls_use tls) {
+  const int timeout_s = net_timeout_seconds();
+  const int sock = dl_connect(host, static_cast<int>(port), ipv6_enabled(), timeout_s);
+  if (sock < 1) return sock;
+  channel.session.sock = sock;
+  return tls == tls_use::allowed && channel.is_tls() ? start_tls(channel, host) : 0;
+}
+
+int http_send_request(http_channel& channel, const http_msg& message) {
+  if (channel.is_tls() && !channel.session.ssl) return DL_ERR_SEND;
+  try {
+    return send_message(channel, message);
+  } catch (const std::exception&) {
+    qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "Out of memory\n");
+    return DL_ERR_MEMORY;
+  }
+}
+
+int http_recv(http_channel& channel, std::span<char> to) {
+  if (!to.data()) return -1;
+  if (channel.is_tls() && !channel.session.ssl) {
+    qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "context ssl is null\n");
+    return DL_ERR_READ;
+  }
+  const int timeout_s = net_timeout_seconds();
+  const io_result outcome = with_stream(channel, [&](stream& from) { return from.read(to, timeout_s); });
+  if (!outcome.wait_failed) return static_cast<int>(outcome.count);
+  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "Select error! errno %d\n", outcome.error);
+  return DL_ERR_READ;
+}
+
+int http_read_line(http_channel& channel, std::size_t initial, std::size_t maximum, std::span<char> line) {
+  if (channel.is_tls() && !channel.session.ssl) return peek_failed({});
+  const int timeout_s = net_timeout_seconds();
+  line_reader reader(initial, maximum);
+  for (;;) {
+    const int wanted = peek_line(channel, reader, timeout_s);
+    if (wanted < 0) return wanted;
+    const int taken =
+        wanted == 0 ? 0 : http_recv(channel, reader.take_room(static_cast<std::size_t>(wanted)));
+    if (taken < 0) return DL_ERR_READ;
+    reader.taken(static_cast<std::size_t>(taken));
+    if (reader.held() + 1 >= line.size()) {
+      qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "Buffer not enough! buffer len %d\n",
+               static_cast<int>(line.size()));
+      return DL_ERR_READ;
+    }
+    if (taken == 0) return give(reader.all(), line);
+    if (taken == wanted && reader.ended()) return give(reader.line(), line);
+    reader.grow_when_full();
+  }
+}
+
+}  // namespace fetchrig

@@ -1,0 +1,36 @@
+// http_io.h: moving bytes between an HTTP session and the network, plain or TLS by the session's TLS bit. One
+// thread at a time per session; the time-out (option 7) is read once per call.
+#ifndef FETCHRIG_HTTP_HTTP_IO_H
+#define FETCHRIG_HTTP_HTTP_IO_H
+
+#include <span>
+
+#include "http/http_message.h"
+#include "http/http_session.h"
+
+namespace fetchrig {
+
+enum class tls_use { allowed, never };
+
+// Connects the session. `never` forbids TLS even for an HTTPS session (a proxy). Returns 0, -1 or -3.
+[[nodiscard]] int http_connect(http_channel& channel, const char* host, uint32_t port, tls_use tls);
+
+// Sends the whole request. Returns 0, -4 or -7.
+[[nodiscard]] int http_send_request(http_channel& channel, const http_msg& message);
+
+// One read of up to `to.size()` bytes. Returns the count, 0 at the end of the stream, or a negative value: -8
+// for a failed wait or a missing TLS session, else the failed read's own.
+[[nodiscard]] int http_recv(http_channel& channel, std::span<char> to);
+
+// The most that http_read_line() holds at once.
+inline constexpr std::size_t max_line_bytes = 512;
+
+// Reads one line into `line`, terminated, without its CRLF; nothing behind the CRLF is consumed. The search
+// for the CRLF works in a buffer of `initial` bytes that grows to `maximum` (at most max_line_bytes); a
+// longer line comes in pieces. Returns the length, 0 at the end of the stream too, or -8 (also when the line
+// does not fit `line`).
+[[nodiscard]] int http_read_line(http_channel& channel, std::size_t initial, std::size_t maximum,
+                                 std::span<char> line);
+
+}  // namespace fetchrig
+#endif

@@ -1,0 +1,157 @@
+// http_message.cpp: composing and editing a request.
+#include "http/http_message.h"
+
+#include <openssl/crypto.h>
+#include <string.h>
+
+#include <algorithm>
+#include <array>
+#include <new>
+
+#include "core/config.h"
+#include "core/text.h"
+#include "http/http_body.h"
+#include "log/printable.h"
+
+namespace fetchrig {
+namespace {
+
+constexpr std::array<const char*, 4> method_texts = {"GET", "POST", "PUT", "DELETE"};
+constexpr std::size_t usual_num_headers = 8;
+
+auto find_header(http_msg& message, std::string_view name) {
+  return std::find_if(message.headers.begin(), message.headers.end(),
+                      [name](const http_header& header) { return header.name == name; });
+}
+
+// Header values may be credentials.
+void wipe(std::string& text) {
+  OPENSSL_cleanse(text.data(), text.size());
+}
+
+template <typename Work>
+int out_of_memory_guard(Work work) {
+  try {
+    return work();
+  } catch (const std::exception&) {
+    return DL_ERR_MEMORY;
+  }
+}
+
+// An IPv6 literal stands in brackets (RFC 9110 section 7.2).
+std::string host_value(const dl_url& url) {
+  const std::string host = url.host;
+  const bool ipv6 = host.find(':') != std::string::npos;
+  std::string value = ipv6 ? "[" + host + "]" : host;
+  if (url.port != static_cast<uint32_t>(scheme_default_port(url.scheme)))
+    value += ":" + std::to_string(url.port);
+  return value;
+}
+
+int set_user_agent(http_msg& message) {
+  const option_text agent = user_agent();
+  qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "User-Agent: %s\n", printable(agent.data()).c_str());
+  return http_set_header(message, "User-Agent", agent.data());
+}
+
+int set_standard_headers(bool tls, http_msg& message, const dl_url& url) {
+  if (const int rc = http_set_request_line(message, url); rc < 0) return rc;
+  if (const int rc = http_set_host(message, url); rc < 0) return rc;
+  if (const int rc = set_user_agent(message); rc < 0) return rc;
+  if (const int rc = http_set_header(message, "Accept", "*/*"); rc < 0) return rc;
+  return tls ? 0 : http_set_header(message, "Connection", "Keep-Alive");
+}
+
+int set_content_length(http_msg& message) {
+  const std::string length = std::to_string(message.body.buffer->size());
+  qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "Content-Length: %s\n", length.c_str());
+  return http_set_header(message, "Content-Length", length.c_str());
+}
+
+bool caller_gives_length(const http_msg& message) {
+  return message.extra_headers && strstr(message.extra_headers, "Content-Length");
+}
+
+int log_make_error(int code) {
+  if (code < 0) qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "make request error\n");
+  return code;
+}
+
+}  // namespace
+
+http_msg::~http_msg() {
+  for (auto& header : headers) wipe(header.value);
+}
+
+std::unique_ptr<http_msg> http_msg_new() {
+  std::unique_ptr<http_msg> message(new (std::nothrow) http_msg);
+  const auto reserve = [&] {
+    message->headers.reserve(usual_num_headers);
+    return 0;
+  };
+  if (!message || out_of_memory_guard(reserve) < 0) return nullptr;
+  return message;
+}
+
+int http_set_header(http_msg& message, std::string_view name, const char* value) {
+  if (!value) return 0;
+  return out_of_memory_guard([&] {
+    http_header header{std::string(name), value};
+    const auto found = find_header(message, name);
+    if (found == message.headers.end()) {
+      message.headers.push_back(std::move(header));
+    } else {
+      wipe(found->value);
+      *found = std::move(header);
+    }
+    return 0;
+  });
+}
+
+void http_remove_header(http_msg& message, std::string_view name) {
+  const auto found = find_header(message, name);
+  if (found == message.headers.end()) return;
+  wipe(found->value);
+  message.headers.erase(found);
+}
+
+int http_set_request_line(http_msg& message, const dl_url& url) {
+  if (url.method >= method_texts.size()) return DL_ERR_URL;
+  return out_of_memory_guard([&] {
+    message.method_text = method_texts[url.method];
+    message.request_line = std::string(message.method_text) + " " + url.path + " HTTP/1.1";
+    qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "Request Line: %s\r\n",
+             printable(message.request_line.c_str()).c_str());
+    message.request_line += "\r\n";
+    return 0;
+  });
+}
+
+int http_set_host(http_msg& message, const dl_url& url) {
+  return out_of_memory_guard([&] {
+    const std::string value = host_value(url);
+    qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "Host: %s\n", printable(value.c_str()).c_str());
+    return http_set_header(message, "Host", value.c_str());
+  });
+}
+
+int http_make_request(bool tls, http_msg& message, const dl_http_request& request, const dl_url& url) {
+  if (const int rc = set_standard_headers(tls, message, url); rc < 0) return log_make_error(rc);
+  message.extra_headers = request.headers;
+  message.body.text = request.body;
+  if (const int rc = http_prepare_body(message); rc < 0) return rc;
+  if (!message.body.buffer || caller_gives_length(message)) return 0;
+  return log_make_error(out_of_memory_guard([&] { return set_content_length(message); }));
+}
+
+std::string http_serialise_head(const http_msg& message) {
+  std::string head = message.request_line;
+  for (const auto& header : message.headers) {
+    head.append(header.name).append(": ").append(header.value).append("\r\n");
+  }
+  if (message.extra_headers) head += message.extra_headers;
+  head += "\r\n";
+  return head;
+}
+
+}  // namespace fetchrig

@@ -1,0 +1,31 @@
+// http_open.h: the one sequence that every HTTP call runs: prepare the URL, connect (directly or through a
+// proxy), compose and send the request, process the response. One thread at a time per call.
+#ifndef FETCHRIG_HTTP_HTTP_OPEN_H
+#define FETCHRIG_HTTP_HTTP_OPEN_H
+
+#include "http/http_message.h"
+#include "http/http_session.h"
+
+namespace fetchrig {
+
+// What one call asks of the sequence. Everything is borrowed for the duration of the call.
+struct http_plan {
+  const dl_http_request& request;
+  char* redirect;
+  dl_result* result;
+  http_auth_type auth_type = http_auth_type::ordinary;
+  const dl_auth_info* credentials = nullptr;
+  int32_t num_credentials = 0;
+  const char* file_path = nullptr;  // the local file to send
+  bool refuse_304 = false;
+};
+
+// Clears the result and runs the sequence. Returns 0 with the session open at the start of the body, or -1
+// with `result` filled and no session.
+[[nodiscard]] int http_open_plan(const http_plan& plan, unique_http_session& session);
+
+// The refusal of a call with a missing argument: logs `message` and fills `result` with -6 when there is one.
+int http_refuse(const char* message, dl_result* result);
+
+}  // namespace fetchrig
+#endif

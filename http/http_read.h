@@ -1,0 +1,26 @@
+// http_read.h: reading a response body, by length or in chunks (RFC 9112 section 7.1), below dl_http_read().
+// One thread at a time per session.
+#ifndef FETCHRIG_HTTP_HTTP_READ_H
+#define FETCHRIG_HTTP_HTTP_READ_H
+
+#include <span>
+#include <string_view>
+
+#include "http/http_session.h"
+
+namespace fetchrig {
+
+// Fills `to` unless the body ends first. Returns the count, 0 at the end, or -1 with `result` filled.
+[[nodiscard]] int http_read_full(http_channel& channel, std::span<char> to, dl_result& result);
+
+// As http_read_full(), but returns as soon as there is something: for callers that take bytes as they come.
+[[nodiscard]] int http_read_some(http_channel& channel, std::span<char> to, dl_result& result);
+
+// Reads and discards the rest of the body; false when it is longer than `limit` bytes.
+[[nodiscard]] bool http_drain(http_channel& channel, uint32_t limit);
+
+// The size at the front of a chunk-size line, 0 without digits; UINT32_MAX when it does not fit 32 bits.
+[[nodiscard]] uint64_t parse_chunk_size(std::string_view line);
+
+}  // namespace fetchrig
+#endif

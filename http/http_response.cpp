@@ -1,0 +1,309 @@
+// http_response.cpp: reading responses, following redirects, answering challenges.
+#include "http/http_response.h"
+
+#include <openssl/crypto.h>
+#include <string.h>
+
+#include <algorithm>
+#include <array>
+#include <exception>
+
+#include "core/config.h"
+#include "core/owners.h"
+#include "core/text.h"
+#include "http/http_headers.h"
+#include "http/http_io.h"
+#include "http/http_read.h"
+#include "include/fetchrig_openssl.h"
+#include "log/printable.h"
+
+namespace fetchrig {
+namespace {
+
+constexpr std::size_t first_block_bytes = 1024;
+
+// A handler's wish to have the next response read.
+constexpr int read_next = 1;
+
+int log_error(const char* message, int code) {
+  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "%s", message);
+  return code;
+}
+
+void wipe_and_free(char*& text) {
+  if (text) OPENSSL_cleanse(text, strlen(text));
+  ::free(text);
+  text = nullptr;
+}
+
+// The working record of one challenge, released with what it owns.
+struct auth_answer : http_auth_state {
+  auth_answer() : http_auth_state{} {}
+  ~auth_answer() {
+    Curl_digest_cleanup_one(&challenge);
+    wipe_and_free(answer);
+  }
+  auth_answer(const auth_answer&) = delete;
+  auth_answer& operator=(const auth_answer&) = delete;
+};
+
+class response_loop {
+ public:
+  response_loop(http_channel& channel, unique_url& url, bool proxied, http_msg& message, char* redirect)
+      : channel_(channel), url_(url), proxied_(proxied), message_(message), redirect_(redirect) {}
+
+  int run() {
+    for (;;) {
+      const int status = read_response();
+      if (status < 0) return status;
+      const int outcome = dispatch(status);
+      if (outcome != read_next) return outcome;
+    }
+  }
+
+ private:
+  int read_response();
+  int read_headers();
+  void note_body();
+  int dispatch(int status);
+
+  int follow_redirect();
+  int take_target(const char* target);
+  void leave_origin(const dl_url& old_url);
+  int rebuild_message();
+  int renew_connection();
+  int drain_proxied();
+
+  int answer_challenge();
+  int check_attempts();
+  int build_answer(const char* challenge, auth_answer& answer);
+  int build_chosen(auth_answer& answer);
+  int resend_with(const auth_answer& answer);
+  int auth_failed(const char* text);
+
+  const char* header(std::string_view name) { return http_find_header(channel_.session.headers, name); }
+  bool uses_list() const { return message_.auth_type == http_auth_type::credential_list; }
+
+  http_channel& channel_;
+  unique_url& url_;
+  bool proxied_;
+  http_msg& message_;
+  char* redirect_;
+
+  const uint32_t redirect_limit_ = max_redirects();
+  const uint32_t retry_limit_ = auth_retry_limit();
+  uint32_t redirects_ = 0;
+  uint32_t attempts_ = 0;
+  std::size_t block_bytes_ = first_block_bytes;
+};
+
+// Returns the status, or a negative code.
+int response_loop::read_response() {
+  std::array<char, 128> line = {};
+  const int length = http_read_line(channel_, 256, 256, line);
+  if (length < 0) return length;
+  const auto status = parse_status_line({line.data(), static_cast<std::size_t>(length)});
+  if (!status) return DL_ERR_INVALID_DATA;
+  if (*status < 0) return *status;
+  qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "response code: %d\n", *status);
+  if (const int rc = read_headers(); rc < 0) return rc;
+  note_body();
+  return *status;
+}
+
+int response_loop::read_headers() {
+  free_headers(channel_.session);
+  header_block block;
+  if (!block.start(block_bytes_)) return DL_ERR_MEMORY;
+  for (;;) {
+    const auto room = block.room();
+    if (room.empty()) return DL_ERR_MEMORY;
+    const int length = http_read_line(channel_, 256, 512, room);
+    if (length < 0) return length;
+    if (length == 0) break;
+    block.take_line(static_cast<std::size_t>(length));
+  }
+  block_bytes_ = block.size();
+  channel_.session.headers_len = static_cast<uint32_t>(block.used());
+  channel_.session.headers = block.release();
+  return 0;
+}
+
+// How the body is to be read: by length or in chunks.
+void response_loop::note_body() {
+  dl_http_session& session = channel_.session;
+  const char* line = header("content-length");
+  if (const auto length = line ? parse_content_length(line) : std::nullopt) {
+    session.remaining = *length;
+    qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "Content-Length: %d\n", static_cast<int>(*length));
+  } else {
+    session.remaining = max_file_size();
+  }
+  const char* encoding = header("transfer-encoding");
+  if (encoding && strcasestr(encoding, "chunked")) {
+    qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "Chunked Encoding\n");
+    session.flags |= DL_HTTP_FLAG_CHUNKED;
+  }
+}
+
+int response_loop::dispatch(int status) {
+  switch (status) {
+    case 200:
+      return 0;
+    case 301:
+    case 302:
+      return follow_redirect();
+    case 401:
+      return answer_challenge();
+    default:
+      return status;
+  }
+}
+
+int response_loop::follow_redirect() {
+  if (redirects_ >= redirect_limit_) return DL_ERR_REDIRECTS;
+  const char* line = header("location");
+  if (!line) return log_error("Can't find location header\n", DL_ERR_REDIRECTS);
+  if (const int rc = take_target(header_value(line, strlen("location"))); rc < 0) return rc;
+  if (const int rc = rebuild_message(); rc < 0) return rc;
+  if (const int rc = proxied_ ? drain_proxied() : renew_connection(); rc < 0) return rc;
+  if (const int rc = http_send_request(channel_, message_); rc < 0)
+    return log_error("Request Send Error\n", rc);
+  ++redirects_;
+  return read_next;
+}
+
+// The target becomes the URL; method and credentials carry over.
+int response_loop::take_target(const char* target) {
+  qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "redirect to new url\n");
+  copy_text({redirect_, DL_REDIRECT_SIZE}, target);
+  int32_t code = 0;
+  unique_url next(dl_url_parse(target, url_->user, url_->password, &code));
+  if (!next) return code == DL_ERR_MEMORY ? DL_ERR_MEMORY : DL_ERR_REDIRECT_URL;
+  next->method = url_->method;
+  std::swap(url_, next);
+  leave_origin(*next);
+  return 0;
+}
+
+// An answer to one origin's challenge is not shown to another.
+void response_loop::leave_origin(const dl_url& old_url) {
+  const bool same = old_url.scheme == url_->scheme && old_url.port == url_->port &&
+                    equal_ignoring_case(old_url.host, url_->host);
+  if (same) return;
+  http_remove_header(message_, "Authorization");
+  const bool downgrade = old_url.scheme == scheme_https && url_->scheme == scheme_http;
+  qxfr_log(DL_LOG_HTTP, DL_LOG_WARNING, "redirect leaves %s:%u for %s:%u%s\n",
+           printable(old_url.host).c_str(), static_cast<unsigned>(old_url.port),
+           printable(url_->host).c_str(), static_cast<unsigned>(url_->port),
+           downgrade ? ", from https to http" : "");
+}
+
+int response_loop::rebuild_message() {
+  if (const int rc = http_set_host(message_, *url_); rc < 0)
+    return log_error("Reset Host Header Error\n", rc);
+  if (const int rc = http_set_request_line(message_, *url_); rc < 0)
+    return log_error("Reset First Line Error\n", rc);
+  return 0;
+}
+
+int response_loop::renew_connection() {
+  http_session_reset(channel_);
+  if (url_->scheme == scheme_https) channel_.session.flags |= DL_HTTP_FLAG_TLS;
+  if (http_connect(channel_, url_->host, url_->port, tls_use::allowed) == 0) return 0;
+  return log_error("Connect Error\n", DL_ERR_CONNECT);
+}
+
+// The connection to the proxy stays; the next response starts without a chunk state of this one. An https
+// target gets the TLS bit without a TLS session, so that nothing for it is ever sent in clear.
+int response_loop::drain_proxied() {
+  if (!http_drain(channel_, max_file_size())) return log_error("redirect body too long\n", DL_ERR_READ);
+  free_chunk(channel_);
+  channel_.session.flags &= ~DL_HTTP_FLAG_CHUNKED;
+  if (url_->scheme == scheme_https) channel_.session.flags |= DL_HTTP_FLAG_TLS;
+  return 0;
+}
+
+int response_loop::answer_challenge() {
+  if (const int rc = check_attempts(); rc < 0) return rc;
+  const char* line = header("www-authenticate");
+  if (!line) {
+    ++attempts_;
+    return read_next;
+  }
+  auth_answer answer;
+  if (const int rc = build_answer(header_value(line, strlen("www-authenticate")), answer); rc < 0) return rc;
+  qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "http auth type: %d,\n", static_cast<int>(answer.picked));
+  qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "Reconnect %s:%d\n", printable(url_->host).c_str(),
+           static_cast<int>(url_->port));
+  if (const int rc = renew_connection(); rc < 0) return rc;
+  proxied_ = false;
+  if (const int rc = resend_with(answer); rc < 0) return rc;
+  ++attempts_;
+  return read_next;
+}
+
+int response_loop::check_attempts() {
+  const auto list_length = static_cast<uint32_t>(std::max(0, message_.num_credentials));
+  if (attempts_ < (uses_list() ? list_length : retry_limit_)) return 0;
+  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "auth err, req type:%d, 4xx times:%d, limit itmes:%d, wparam:%d\n",
+           static_cast<int>(message_.auth_type), static_cast<int>(attempts_),
+           static_cast<int>(retry_limit_ + 1), message_.num_credentials);
+  return DL_ERR_AUTH;
+}
+
+int response_loop::build_answer(const char* challenge, auth_answer& answer) {
+  if (Curl_input_auth(&answer, 0, challenge) != HTTP_CHALLENGE_FINE) return auth_failed("Input Auth Error\n");
+  if (!uses_list()) {
+    answer.user = url_->user;
+    answer.password = url_->password;
+  } else if (message_.next_credential < message_.num_credentials) {
+    const dl_auth_info& credential = message_.credentials[message_.next_credential++];
+    answer.user = credential.user;
+    answer.password = credential.password;
+  }
+  return build_chosen(answer);
+}
+
+int response_loop::build_chosen(auth_answer& answer) {
+  if (message_.auth_type == http_auth_type::broadworks_xsi) {
+    const bool built = Curl_output_xsi_auth(&answer) == HTTP_ANSWER_OK && answer.answer;
+    return built ? 0 : auth_failed("Output SIP XSI Auth Error\n");
+  }
+  const bool built =
+      Curl_output_auth(&answer, 0, message_.method_text, url_->path) == HTTP_ANSWER_OK && answer.answer;
+  return built ? 0 : auth_failed("Output Auth Error\n");
+}
+
+// The answer is a whole header line; its value becomes the message's Authorization header.
+int response_loop::resend_with(const auth_answer& answer) {
+  const std::string_view line = answer.answer;
+  const auto value = line.substr(std::min(line.size(), line.find(' ') + 1));
+  const auto text = duplicate_text(value.substr(0, value.find("\r\n")));
+  if (!text) return DL_ERR_MEMORY;
+  const int rc = http_set_header(message_, "Authorization", text.get());
+  OPENSSL_cleanse(text.get(), strlen(text.get()));
+  if (rc < 0) return rc;
+  return http_send_request(channel_, message_);
+}
+
+int response_loop::auth_failed(const char* text) {
+  http_session_reset(channel_);
+  return log_error(text, DL_ERR_AUTH);
+}
+
+}  // namespace
+
+int http_process_response(http_channel& channel, unique_url& url, bool proxied, http_msg& message,
+                          char* redirect) {
+  int outcome = DL_ERR_MEMORY;
+  try {
+    outcome = response_loop(channel, url, proxied, message, redirect).run();
+  } catch (const std::exception&) {
+    outcome = DL_ERR_MEMORY;
+  }
+  if (outcome != 0) free_headers(channel.session);
+  return outcome;
+}
+
+}  // namespace fetchrig

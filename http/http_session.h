@@ -1,0 +1,62 @@
+// http_session.h: the session record's life and what belongs to it privately. The record itself is plain C
+// (dl_http_session), allocated with calloc(); private state is found by the record's address, so that every
+// call also works, without read-ahead, on a record that a caller made. One thread at a time per session.
+#ifndef FETCHRIG_HTTP_HTTP_SESSION_H
+#define FETCHRIG_HTTP_HTTP_SESSION_H
+
+#include <memory>
+
+#include "include/fetchrig.h"
+#include "net/stream.h"
+
+namespace fetchrig {
+
+// What an open call keeps beside its session record.
+struct http_private {
+  read_ahead ahead;
+  uint32_t chunk_begin = 0;  // taken bytes at the front of the chunk buffer
+};
+
+// A session at work: the record and its private state, which is null for a caller's own record.
+struct http_channel {
+  explicit http_channel(dl_http_session& record);
+  dl_http_session& session;
+  http_private* own;
+
+  bool is_tls() const { return (session.flags & DL_HTTP_FLAG_TLS) != 0; }
+  bool is_chunked() const { return (session.flags & DL_HTTP_FLAG_CHUNKED) != 0; }
+  SSL* ssl() const { return static_cast<SSL*>(session.ssl); }
+};
+
+struct http_session_closer {
+  void operator()(dl_http_session* session) const;
+};
+using unique_http_session = std::unique_ptr<dl_http_session, http_session_closer>;
+
+// A live, empty session; null without memory.
+[[nodiscard]] unique_http_session new_http_session();
+
+// True for a record with a live session's mark.
+[[nodiscard]] bool is_http_session(const dl_http_session* session);
+
+// Releases the connection and everything that belongs to one response; an empty live session remains.
+void http_session_reset(http_channel& channel);
+
+// Frees the chunk buffer; the next chunked read makes a new one.
+void free_chunk(http_channel& channel);
+// Frees the header block.
+void free_headers(dl_http_session& session);
+
+// Calls `work` with the session's stream: TLS when its TLS bit is set, else plain.
+template <typename Work>
+auto with_stream(http_channel& channel, Work work) {
+  if (channel.is_tls()) {
+    tls_stream tls(channel.ssl());
+    return work(static_cast<stream&>(tls));
+  }
+  tcp_stream tcp(channel.session.sock, channel.own ? &channel.own->ahead : nullptr);
+  return work(static_cast<stream&>(tcp));
+}
+
+}  // namespace fetchrig
+#endif
