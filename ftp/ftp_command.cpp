@@ -1,0 +1,64 @@
+// ftp_command.cpp: building and sending command lines.
+#include "ftp/ftp_command.h"
+
+#include <limits.h>
+#include <openssl/crypto.h>
+#include <string.h>
+
+#include "core/owners.h"
+#include "log/printable.h"
+#include "net/connect.h"
+
+namespace fetchrig {
+namespace {
+
+constexpr std::string_view password_word = "PASS";
+constexpr std::string_view masked_password = "PASS ******";
+
+// One command line. Wiped afterwards: it may hold a password.
+class command_line {
+ public:
+  command_line(std::string_view word, std::optional<std::string_view> argument)
+      : length_(word.size() + 2 + (argument ? argument->size() + 1 : 0)),
+        text_(length_ <= INT_MAX ? static_cast<char*>(::malloc(length_)) : nullptr) {
+    if (!text_) return;
+    char* to = append(text_.get(), word);
+    if (argument) to = append(append(to, " "), *argument);
+    append(to, "\r\n");
+  }
+  ~command_line() {
+    if (text_) OPENSSL_cleanse(text_.get(), length_);
+  }
+  command_line(const command_line&) = delete;
+  command_line& operator=(const command_line&) = delete;
+
+  explicit operator bool() const { return text_ != nullptr; }
+  const char* data() const { return text_.get(); }
+  int size() const { return static_cast<int>(length_); }
+  std::string_view without_end() const { return {text_.get(), length_ - 2}; }
+
+ private:
+  static char* append(char* to, std::string_view text) {
+    return static_cast<char*>(mempcpy(to, text.data(), text.size()));
+  }
+
+  std::size_t length_;
+  unique_malloc<char> text_;
+};
+
+}  // namespace
+
+int ftp_command(const dl_ftp_session& session, std::string_view word,
+                std::optional<std::string_view> argument, ftp_reply& reply, ftp_expected expected) {
+  reply.set_length(0);
+  const command_line line(word, argument);
+  if (!line) return DL_ERR_MEMORY;
+  if (const int rc = dl_send_all(session.ctrl_sock, line.data(), line.size()); rc < 0) {
+    const std::string_view shown = word == password_word ? masked_password : line.without_end();
+    qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "Error send command %s\r\n\n", printable(shown).c_str());
+    return rc;
+  }
+  return dl_recv_reply(session, reply, expected);
+}
+
+}  // namespace fetchrig

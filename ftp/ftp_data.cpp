@@ -1,0 +1,118 @@
+// ftp_data.cpp: opening the passive data connection.
+#include "ftp/ftp_data.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+
+#include "core/config.h"
+#include "core/result.h"
+#include "ftp/ftp_command.h"
+#include "ftp/ftp_parse.h"
+#include "log/printable.h"
+#include "net/connect.h"
+
+namespace fetchrig {
+namespace {
+
+constexpr ftp_expected extended_passive = {229};
+constexpr ftp_expected passive = {227};
+// Part of the answer of a server that cannot do EPSV for this network protocol.
+constexpr std::string_view protocol_not_supported = "522";
+
+// A host text and a port to connect to.
+struct data_target {
+  std::array<char, sizeof(dl_ftp_session::host)> host = {};
+  uint16_t port = 0;
+  int ipv6 = 0;
+};
+
+// A server behind address translation, or one that bounces the transfer elsewhere.
+void warn_if_elsewhere(const dl_ftp_session& session, const ftp_endpoint& endpoint, const char* address) {
+  sockaddr_storage peer = {};
+  socklen_t length = sizeof peer;
+  if (getpeername(session.ctrl_sock, reinterpret_cast<sockaddr*>(&peer), &length) != 0) return;
+  const auto* ipv4 = reinterpret_cast<const sockaddr_in*>(&peer);
+  const bool same = peer.ss_family == AF_INET &&
+                    memcmp(&ipv4->sin_addr, endpoint.address.data(), endpoint.address.size()) == 0;
+  if (same) return;
+  qxfr_log(DL_LOG_FTP, DL_LOG_WARNING, "PASV address %s is not the control connection's\n", address);
+}
+
+int passive_target(const dl_ftp_session& session, std::string_view text, data_target& target) {
+  const auto endpoint = ftp_pasv_endpoint(text);
+  if (!endpoint) return DL_ERR_FTP_REPLY;
+  const auto& ip = endpoint->address;
+  snprintf(target.host.data(), target.host.size(), "%u.%u.%u.%u", ip[0], ip[1], ip[2], ip[3]);
+  target.port = endpoint->port;
+  target.ipv6 = 0;
+  warn_if_elsewhere(session, *endpoint, target.host.data());
+  return 0;
+}
+
+int extended_target(const dl_ftp_session& session, std::string_view text, data_target& target) {
+  const auto port = ftp_epsv_port(text);
+  if (!port) return DL_ERR_FTP_REPLY;
+  memcpy(target.host.data(), session.host, sizeof session.host);
+  target.port = *port;
+  target.ipv6 = 1;
+  return 0;
+}
+
+// Sends EPSV or PASV; turns `extended` off when the server had to be asked with PASV after all.
+int request_endpoint(const dl_ftp_session& session, ftp_reply& reply, bool& extended) {
+  if (extended) {
+    const int rc = ftp_command(session, "EPSV", {}, reply, extended_passive);
+    if (rc != DL_ERR_FTP_REPLY || reply.line().find(protocol_not_supported) == std::string_view::npos) {
+      return rc;
+    }
+    qxfr_log(DL_LOG_FTP, DL_LOG_WARNING, "DL_ERRFTP:[%s], Try use PASV\n", printable(reply.line()).c_str());
+    extended = false;
+  }
+  return ftp_command(session, "PASV", {}, reply, passive);
+}
+
+}  // namespace
+
+int ftp_open_data(dl_ftp_session& session, ftp_reply& reply, int timeout_s) {
+  bool extended = ipv6_enabled() != 0;
+  if (const int rc = request_endpoint(session, reply, extended); rc < 0) return rc;
+  const auto text = ftp_parenthesised(reply.line());
+  if (!text) {
+    qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "Passive mode string format error\n");
+    return DL_ERR_FTP_REPLY;
+  }
+  data_target target;
+  const int rc = extended ? extended_target(session, *text, target) : passive_target(session, *text, target);
+  if (rc < 0) return rc;
+
+  const int sock = dl_connect(target.host.data(), target.port, target.ipv6, timeout_s);
+  if (sock < 0) return sock;
+  ftp_close_socket(session.data_sock);
+  session.data_sock = sock;
+  return 0;
+}
+
+void ftp_close_socket(int32_t& sock) {
+  if (sock > STDERR_FILENO) ::close(sock);
+  sock = 0;
+}
+
+}  // namespace fetchrig
+
+int dl_ftp_create_data_conn(dl_ftp_session* session, char* reply, int32_t reply_size, int32_t timeout_s) {
+  using namespace fetchrig;
+  const bool good = session && session->magic == DL_FTP_MAGIC && reply && reply_size > 0 &&
+                    strnlen(session->host, sizeof session->host) < sizeof session->host;
+  if (!good) {
+    qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "ftp data connection with invalid parameter\n");
+    return DL_ERR_PARAMETER;
+  }
+  ftp_reply line({reply, static_cast<std::size_t>(reply_size)});
+  return ftp_open_data(*session, line, timeout_s);
+}

@@ -1,0 +1,153 @@
+// ftp_download.cpp: fetching a file. SIZE tells how many bytes there are, and exactly those are read from the
+// data connection; how the server ends it does not matter.
+#include <errno.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+
+#include "core/boundary.h"
+#include "core/config.h"
+#include "core/download_file.h"
+#include "core/result.h"
+#include "core/text.h"
+#include "ftp/ftp_command.h"
+#include "ftp/ftp_parse.h"
+#include "ftp/ftp_session.h"
+#include "log/printable.h"
+#include "net/connect.h"
+
+namespace fetchrig {
+namespace {
+
+constexpr int size_known = 213;
+constexpr int last_good_retr_code = 150;
+// A file is delivered in reads of this size; totals and the size limit are judged in it.
+constexpr uint32_t file_step = 512;
+
+int ask_size(dl_ftp_session& session, std::string_view name, ftp_reply& reply) {
+  qxfr_log(DL_LOG_FTP, DL_LOG_INFO, "Sending size cmd to get file size\n");
+  int rc = ftp_command(session, "SIZE", name, reply, {size_known});
+  const auto size = rc < 0 ? std::nullopt : ftp_size_answer(reply.line());
+  if (rc >= 0 && !size) rc = DL_ERR_FTP_REPLY;
+  if (rc < 0) {
+    qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "Get file size error\n");
+    return rc;
+  }
+  if (*size > UINT32_MAX) qxfr_log(DL_LOG_FTP, DL_LOG_WARNING, "File of 4 GiB or more is cut\n");
+  session.remaining = static_cast<uint32_t>(std::min<uint64_t>(*size, UINT32_MAX));
+  qxfr_log(DL_LOG_FTP, DL_LOG_INFO, "File size:%d\n", static_cast<int>(session.remaining));
+  return 0;
+}
+
+int request_file(const dl_ftp_session& session, std::string_view name, ftp_reply& reply) {
+  const int code = ftp_command(session, "RETR", name, reply);
+  if (code > last_good_retr_code) {
+    qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "Server response wrong code : %d\n", code);
+    return DL_ERR_FTP_REPLY;
+  }
+  if (code < 0) {
+    qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "Send RETR cmd Error\n");
+    return code;
+  }
+  return 0;
+}
+
+int open_download(const ftp_outcome& out, const ftp_login_data& login, const char* path) {
+  if (!ftp_check_open(out, login, path)) return -1;
+  ftp_reply_bytes bytes;
+  ftp_reply reply(bytes);
+  if (ftp_session_open(out, login, reply) < 0) return -1;
+  const std::string_view name = ftp_wire_name(path);
+  if (const int rc = ask_size(**out.handle, name, reply); rc < 0) return ftp_fail(out, reply, rc);
+  if (const int rc = request_file(**out.handle, name, reply); rc < 0) return ftp_fail(out, reply, rc);
+  qxfr_log(DL_LOG_FTP, DL_LOG_NOTICE, "Open Success\n");
+  return 0;
+}
+
+// Receives between one byte and `to.size()` bytes, which is above 0: what is there, else what comes within
+// the time-out. Returns the count, or -1 with the result filled.
+ssize_t receive_some(int sock, std::span<char> to, int timeout_s, dl_result* result) {
+  for (;;) {
+    const ssize_t count = ::recv(sock, to.data(), to.size(), MSG_DONTWAIT);
+    if (count > 0) return count;
+    if (count == 0) {
+      qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "data connection closed too early\n");
+      return fail(result, DL_ERR_READ);
+    }
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN && errno != EWOULDBLOCK) {
+      qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "read error! errno %d\n", errno);
+      return fail(result, DL_ERR_READ);
+    }
+    if (dl_select(sock, wait_readable, timeout_s) <= 0) {
+      qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "dl_select error! errno %d\n", errno);
+      return fail(result, DL_ERR_READ);
+    }
+  }
+}
+
+// Fills `to`, which is no larger than what remains. Returns its size or -1 with the result filled.
+int read_whole(dl_ftp_session& session, std::span<char> to, dl_result* result) {
+  const int timeout_s = net_timeout_seconds();
+  for (std::span<char> rest = to; !rest.empty();) {
+    const ssize_t count = receive_some(session.data_sock, rest, timeout_s, result);
+    if (count < 0) return -1;
+    rest = rest.subspan(static_cast<std::size_t>(count));
+  }
+  session.remaining -= static_cast<uint32_t>(to.size());
+  return static_cast<int>(to.size());
+}
+
+// Receives what remains straight into the file's buffer. Returns 0 or -1 with the result filled.
+int copy_to_file(dl_ftp_session& session, download_file& file, dl_result* result) {
+  const int timeout_s = net_timeout_seconds();
+  while (session.remaining > 0) {
+    const std::span<char> room = file.room();
+    const auto wanted = std::min<std::size_t>(room.size(), session.remaining);
+    const ssize_t count = receive_some(session.data_sock, room.first(wanted), timeout_s, result);
+    if (count < 0) return -1;
+    session.remaining -= static_cast<uint32_t>(count);
+    if (file.accept(static_cast<uint32_t>(count), result) < 0) return -1;
+  }
+  return file.finish(result);
+}
+
+int receive_to_file(const ftp_login_data& login, const char* path, const char* local_path,
+                    dl_result* result) {
+  dl_ftp_session* opened = nullptr;
+  if (open_download({&opened, result}, login, path) < 0) return -1;
+  const unique_ftp session(opened);
+  download_file file(DL_LOG_FTP, file_step, max_file_size());
+  if (!file.open(local_path ? local_path : base_name(path).data())) return -1;
+  if (copy_to_file(*session, file, result) < 0) return -1;
+  qxfr_log(DL_LOG_FTP, DL_LOG_NOTICE, "recv: %d bytes\n", static_cast<int>(file.total()));
+  return 0;
+}
+
+}  // namespace
+}  // namespace fetchrig
+
+int dl_ftp_open(dl_ftp_session** session, const char* host, uint32_t port, const char* user,
+                const char* password, const char* path, dl_result* result) {
+  return fetchrig::open_download({session, result}, {host, port, user, password}, path);
+}
+
+int dl_ftp_read(dl_ftp_session* session, char* buffer, int32_t size, dl_result* result) {
+  using namespace fetchrig;
+  if (!buffer || !result || size < 0 || !ftp_usable(session)) {
+    qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "ftp read with invalid parameter\n");
+    return fail(result, DL_ERR_PARAMETER);
+  }
+  const std::size_t wanted = std::min<std::size_t>(static_cast<std::size_t>(size), session->remaining);
+  return read_whole(*session, {buffer, wanted}, result);
+}
+
+int dl_ftp_recv_to_file(const char* host, uint32_t port, const char* user, const char* password,
+                        const char* path, const char* local_path, dl_result* result) {
+  using namespace fetchrig;
+  return guarded(
+      [&] {
+        return receive_to_file({host, port, user, password}, path, local_path, result);
+      },
+      [&] { return fail(result, DL_ERR_MEMORY); });
+}

@@ -1,0 +1,126 @@
+// ftp_session.cpp: login, opening and closing.
+#include "ftp/ftp_session.h"
+
+#include <openssl/crypto.h>
+#include <stddef.h>
+#include <string.h>
+
+#include "core/config.h"
+#include "core/owners.h"
+#include "core/result.h"
+#include "core/text.h"
+#include "ftp/ftp_command.h"
+#include "ftp/ftp_data.h"
+#include "net/connect.h"
+
+namespace fetchrig {
+namespace {
+
+constexpr uint32_t default_port = 21;
+constexpr uint32_t first_bad_port = 65536;
+constexpr const char* anonymous_user = "anonymous";
+constexpr unsigned max_message_len = 252;
+
+enum reply_code : int {
+  command_okay = 200,
+  service_ready = 220,
+  logged_in = 230,
+  need_password = 331,
+};
+
+static_assert(offsetof(dl_ftp_session, host) == 16 && sizeof(dl_ftp_session) == 528);
+
+int login(const dl_ftp_session& session, const char* user, const char* password, ftp_reply& reply) {
+  if (const int rc = dl_recv_reply(session, reply, {service_ready}); rc < 0) return rc;
+
+  const int answer = ftp_command(session, "USER", user && *user ? user : anonymous_user, reply);
+  if (answer < 0) return answer;
+  if (answer != logged_in && answer != need_password) return DL_ERR_FTP_USER;
+  if (answer == need_password) {
+    const auto argument = password ? std::optional<std::string_view>(password) : std::nullopt;
+    const int rc = ftp_command(session, "PASS", argument, reply, {logged_in, DL_ERR_FTP_PASS});
+    if (rc < 0) return rc;
+  }
+  const int rc = ftp_command(session, "TYPE", "I", reply, {command_okay});
+  return rc < 0 ? rc : 0;
+}
+
+// Logs a failed opening step and passes its code on.
+int failed_step(const char* message, int code) {
+  qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "%s", message);
+  return code;
+}
+
+// The opening steps on a fresh session. Returns 0 or a negative code.
+int open_connections(dl_ftp_session& session, const ftp_login_data& data, ftp_reply& reply) {
+  const int timeout_s = net_timeout_seconds();
+  const uint32_t port = data.port ? data.port : default_port;
+  copy_text(session.host, data.host);
+  const int sock = dl_connect(session.host, static_cast<int>(port), ipv6_enabled(), timeout_s);
+  if (sock <= 0) return failed_step("Connect Error\n", sock);
+  session.ctrl_sock = sock;
+
+  if (const int rc = login(session, data.user, data.password, reply); rc < 0) {
+    return failed_step("ftp login error\n", rc);
+  }
+  const int rc = ftp_open_data(session, reply, timeout_s);
+  return rc < 0 ? failed_step("Create data connection failed\n", rc) : 0;
+}
+
+}  // namespace
+
+bool ftp_check_open(const ftp_outcome& out, const ftp_login_data& login, const char* name) {
+  const bool good = out.handle && out.result && login.host && name && login.port < first_bad_port &&
+                    strnlen(login.host, sizeof(dl_ftp_session::host)) < sizeof(dl_ftp_session::host) &&
+                    !has_line_break(or_empty(login.user)) && !has_line_break(or_empty(login.password)) &&
+                    !has_line_break(name);
+  if (good) return true;
+  qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "Invalid Parameter\n");
+  if (out.handle) *out.handle = nullptr;
+  fail(out.result, DL_ERR_PARAMETER);
+  return false;
+}
+
+int ftp_session_open(const ftp_outcome& out, const ftp_login_data& login, ftp_reply& reply) {
+  clear_result(*out.result);
+  auto session = zeroed_record<dl_ftp_session>();
+  *out.handle = session.get();
+  if (!session) return fail(out.result, DL_ERR_MEMORY);
+  session->magic = DL_FTP_MAGIC;
+  const int rc = open_connections(*session.release(), login, reply);
+  return rc < 0 ? ftp_fail(out, reply, rc) : 0;
+}
+
+int ftp_fail(const ftp_outcome& out, const ftp_reply& reply, int code) {
+  if (code == DL_ERR_FTP_REPLY) {
+    fail_with_text(out.result, code, reply.c_str(), max_message_len);
+  } else {
+    fail(out.result, code);
+  }
+  dl_ftp_close(*out.handle);
+  *out.handle = nullptr;
+  return -1;
+}
+
+bool ftp_usable(const dl_ftp_session* session) {
+  return session && session->magic == DL_FTP_MAGIC && session->data_sock != 0;
+}
+
+std::string_view ftp_wire_name(std::string_view name) {
+  if (name.starts_with('/')) name.remove_prefix(1);
+  return name;
+}
+
+}  // namespace fetchrig
+
+void dl_ftp_close(dl_ftp_session* session) {
+  using namespace fetchrig;
+  if (!session || session->magic != DL_FTP_MAGIC) {
+    qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "ftp close with invalid parameter\n");
+    return;
+  }
+  const unique_malloc<dl_ftp_session> owner(session);
+  ftp_close_socket(session->ctrl_sock);
+  ftp_close_socket(session->data_sock);
+  OPENSSL_cleanse(session, sizeof *session);
+}

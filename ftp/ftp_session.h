@@ -1,0 +1,56 @@
+// ftp_session.h: what download and upload share: checking arguments, login, the opening steps, their failure
+// path and closing. One thread at a time per session.
+#ifndef FETCHRIG_FTP_FTP_SESSION_H
+#define FETCHRIG_FTP_FTP_SESSION_H
+
+#include <array>
+#include <memory>
+#include <string_view>
+
+#include "ftp/ftp_reply.h"
+#include "include/fetchrig.h"
+
+namespace fetchrig {
+
+// The buffer of the open calls' exchanges.
+using ftp_reply_bytes = std::array<char, 512>;
+
+// Whom an open call talks to, and as whom. Texts are borrowed; user and password may be null.
+struct ftp_login_data {
+  const char* host;
+  uint32_t port;  // 0: the default port
+  const char* user;
+  const char* password;
+};
+
+// Where an open call publishes its session and stores its outcome.
+struct ftp_outcome {
+  dl_ftp_session** handle;
+  dl_result* result;
+};
+
+struct ftp_closer {
+  void operator()(dl_ftp_session* session) const { dl_ftp_close(session); }
+};
+using unique_ftp = std::unique_ptr<dl_ftp_session, ftp_closer>;
+
+// True when the open call's arguments can be used; `name` is the remote file, as sent and not null. Otherwise
+// logs, fills the result and empties the handle.
+[[nodiscard]] bool ftp_check_open(const ftp_outcome& out, const ftp_login_data& login, const char* name);
+
+// Allocates and publishes a session, connects, logs in and opens the data connection. Returns 0, or -1 after
+// ftp_fail().
+[[nodiscard]] int ftp_session_open(const ftp_outcome& out, const ftp_login_data& login, ftp_reply& reply);
+
+// Fills the result for `code` (for -15 with the text in `reply`), closes the session, empties the handle.
+// Returns -1.
+int ftp_fail(const ftp_outcome& out, const ftp_reply& reply, int code);
+
+// True for a live session with a data connection.
+[[nodiscard]] bool ftp_usable(const dl_ftp_session* session);
+
+// The name as it goes on the wire: without one leading "/".
+[[nodiscard]] std::string_view ftp_wire_name(std::string_view name);
+
+}  // namespace fetchrig
+#endif
