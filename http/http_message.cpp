@@ -40,11 +40,11 @@ int out_of_memory_guard(Work work) {
 
 // An IPv6 literal stands in brackets (RFC 9110 section 7.2).
 std::string host_value(const dl_url& url) {
-  const std::string host = url.host;
-  const bool ipv6 = host.find(':') != std::string::npos;
-  std::string value = ipv6 ? "[" + host + "]" : host;
-  if (url.port != static_cast<uint32_t>(scheme_default_port(url.scheme)))
-    value += ":" + std::to_string(url.port);
+  std::string value = url.host;
+  if (value.find(':') != std::string::npos) value.insert(0, 1, '[').push_back(']');
+  if (url.port != static_cast<uint32_t>(scheme_default_port(url.scheme))) {
+    value.append(1, ':').append(std::to_string(url.port));
+  }
   return value;
 }
 
@@ -119,7 +119,7 @@ int http_set_request_line(http_msg& message, const dl_url& url) {
   if (url.method >= method_texts.size()) return DL_ERR_URL;
   return out_of_memory_guard([&] {
     message.method_text = method_texts[url.method];
-    message.request_line = std::string(message.method_text) + " " + url.path + " HTTP/1.1";
+    message.request_line.assign(message.method_text).append(" ").append(url.path).append(" HTTP/1.1");
     qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "Request Line: %s\r\n",
              printable(message.request_line.c_str()).c_str());
     message.request_line += "\r\n";
