@@ -1,0 +1,52 @@
+// ring_cache.cpp: names and files of the ring cache.
+#include "ringtone/ring_cache.h"
+
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include "core/text.h"
+
+namespace fetchrig {
+
+std::string ring_cache_path(const char* url) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned length = 0;
+  if (EVP_Digest(url, strlen(url), digest, &length, EVP_md5(), nullptr) != 1) return {};
+  return "/tmp/" + to_hex({digest, length}) + ".wav";
+}
+
+bool is_regular_file(const char* path) {
+  struct stat status;
+  return ::stat(path, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+ring_cache_file::~ring_cache_file() {
+  if (!partial_path_.empty()) ::unlink(partial_path_.c_str());
+}
+
+// A fresh name each time, so that two calls for one URL cannot meet in one file, and a link left under a
+// known name is never followed.
+bool ring_cache_file::open() {
+  std::string name = path_ + ".XXXXXX";
+  unique_fd fd(::mkostemp(name.data(), O_CLOEXEC));
+  if (!fd) return false;
+  partial_path_ = std::move(name);
+  file_.reset(::fdopen(fd.get(), "wb+"));
+  if (file_) fd.release();
+  return file_ != nullptr;
+}
+
+bool ring_cache_file::write(std::span<const char> bytes) {
+  return ::fwrite(bytes.data(), 1, bytes.size(), file_.get()) == bytes.size();
+}
+
+bool ring_cache_file::finish() {
+  if (::fclose(file_.release()) != 0) return false;
+  if (::rename(partial_path_.c_str(), path_.c_str()) != 0) return false;
+  partial_path_.clear();
+  return true;
+}
+
+}  // namespace fetchrig
