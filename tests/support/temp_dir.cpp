@@ -1,0 +1,106 @@
+// temp_dir.cpp: temporary directories, whole files, deterministic content and digests.
+#include "tests/support/temp_dir.h"
+
+#include <errno.h>
+#include <openssl/evp.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+namespace test {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string digest_hex(const EVP_MD* kind, std::string_view data) {
+  unsigned char digest[EVP_MAX_MD_SIZE] = {};
+  unsigned digest_len = 0;
+  if (EVP_Digest(data.data(), data.size(), digest, &digest_len, kind, nullptr) != 1) {
+    throw std::runtime_error("digest failed");
+  }
+  std::string hex;
+  for (unsigned i = 0; i < digest_len; ++i) {
+    constexpr std::string_view digits = "0123456789abcdef";
+    hex += digits[digest[i] >> 4];
+    hex += digits[digest[i] & 15];
+  }
+  return hex;
+}
+
+}  // namespace
+
+temp_dir::temp_dir() {
+  std::string name = (fs::temp_directory_path() / "fetchrig-test-XXXXXX").string();
+  if (!mkdtemp(name.data())) throw std::runtime_error("mkdtemp " + name + ": " + strerror(errno));
+  path_ = name;
+}
+
+temp_dir::~temp_dir() {
+  std::error_code ignored;
+  fs::remove_all(path_, ignored);
+}
+
+std::string temp_dir::file(std::string_view name) const {
+  return path_ + "/" + std::string(name);
+}
+
+std::string temp_dir::make_dir(std::string_view name) const {
+  fs::create_directories(file(name));
+  return file(name);
+}
+
+void temp_dir::let_others_read() const {
+  fs::permissions(path_, fs::perms(0755));
+}
+
+void write_file(const std::string& path, std::string_view content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(content.data(), static_cast<std::streamsize>(content.size()));
+  out.close();
+  if (!out) throw std::runtime_error("cannot write " + path);
+}
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw std::runtime_error("cannot read " + path);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+bool file_exists(const std::string& path) {
+  std::error_code ignored;
+  return fs::exists(fs::symlink_status(path, ignored));
+}
+
+std::vector<std::string> names_in(const std::string& directory) {
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(directory)) names.push_back(entry.path().filename());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::string make_bytes(std::size_t size, uint64_t seed) {
+  std::string bytes(size, '\0');
+  uint64_t state = seed * 0x9e3779b97f4a7c15u + 1;
+  for (char& byte : bytes) {  // xorshift64*
+    state ^= state >> 12;
+    state ^= state << 25;
+    state ^= state >> 27;
+    byte = static_cast<char>((state * 0x2545f4914f6cdd1du) >> 56);
+  }
+  return bytes;
+}
+
+std::string md5_hex(std::string_view data) {
+  return digest_hex(EVP_md5(), data);
+}
+
+std::string sha256_hex(std::string_view data) {
+  return digest_hex(EVP_sha256(), data);
+}
+
+}  // namespace test
