@@ -1,0 +1,119 @@
+// pki.cpp: makes certificates and keys for tests.
+#include "tests/support/pki.h"
+
+#include <openssl/bn.h>
+#include <openssl/core_names.h>
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
+
+#include <cstring>
+#include <stdexcept>
+
+namespace test {
+namespace {
+
+using bio = std::unique_ptr<BIO, decltype(&BIO_free_all)>;
+
+void require(bool holds) {
+  if (!holds) throw std::runtime_error("OpenSSL refused a step of the test's own certificates");
+}
+
+std::shared_ptr<EVP_PKEY> owned(EVP_PKEY* key) {
+  require(key != nullptr);
+  return {key, EVP_PKEY_free};
+}
+
+template <typename Write>
+std::string written(const Write& write) {
+  const bio memory(BIO_new(BIO_s_mem()), BIO_free_all);
+  require(memory && write(memory.get()) == 1);
+  char* bytes = nullptr;
+  const long length = BIO_get_mem_data(memory.get(), &bytes);
+  return {bytes, static_cast<std::size_t>(length)};
+}
+
+bio reader(const std::string& text) {
+  return {BIO_new_mem_buf(text.data(), static_cast<int>(text.size())), BIO_free_all};
+}
+
+void add_extension(X509* certificate, int nid, const char* value) {
+  const std::unique_ptr<X509_EXTENSION, decltype(&X509_EXTENSION_free)> extension(
+      X509V3_EXT_conf_nid(nullptr, nullptr, nid, value), X509_EXTENSION_free);
+  require(extension && X509_add_ext(certificate, extension.get(), -1) == 1);
+}
+
+void set_name(X509_NAME* name, const std::string& common_name) {
+  const auto add = [name](const char* type, const std::string& value) {
+    require(X509_NAME_add_entry_by_txt(name, type, MBSTRING_UTF8,
+                                       reinterpret_cast<const unsigned char*>(value.data()),
+                                       static_cast<int>(value.size()), -1, 0) == 1);
+  };
+  add("O", "Test");
+  add("CN", common_name);
+}
+
+}  // namespace
+
+std::shared_ptr<EVP_PKEY> new_ec_key() {
+  return owned(EVP_EC_gen("P-256"));
+}
+std::shared_ptr<EVP_PKEY> new_rsa_key(unsigned bits) {
+  return owned(EVP_RSA_gen(bits));
+}
+
+identity make_identity(const std::string& common_name, std::shared_ptr<EVP_PKEY> key,
+                       const identity_options& options) {
+  static long serial = 1000;
+  const std::shared_ptr<X509> certificate(X509_new(), X509_free);
+  X509* x = certificate.get();
+  require(x && X509_set_version(x, 2) == 1 && ASN1_INTEGER_set(X509_get_serialNumber(x), ++serial) == 1);
+  set_name(X509_get_subject_name(x), common_name);
+  const X509_NAME* issuer = X509_get_subject_name(options.issuer ? options.issuer->certificate.get() : x);
+  require(X509_set_issuer_name(x, issuer) == 1 && X509_set_pubkey(x, key.get()) == 1);
+  require(X509_gmtime_adj(X509_getm_notBefore(x), options.valid_from_s) != nullptr);
+  require(X509_gmtime_adj(X509_getm_notAfter(x), options.valid_until_s) != nullptr);
+  if (options.is_ca) add_extension(x, NID_basic_constraints, "critical,CA:TRUE");
+  EVP_PKEY* signer = options.issuer ? options.issuer->key.get() : key.get();
+  require(X509_sign(x, signer, options.digest) > 0);
+  return {std::move(key), certificate};
+}
+
+std::string pem_of(const X509* certificate) {
+  return written([&](BIO* to) { return PEM_write_bio_X509(to, certificate); });
+}
+
+std::string pem_of(const EVP_PKEY* key, const char* passphrase) {
+  return written([&](BIO* to) {
+    return PEM_write_bio_PKCS8PrivateKey(to, key, passphrase ? EVP_aes_128_cbc() : nullptr, passphrase,
+                                         passphrase ? static_cast<int>(strlen(passphrase)) : 0, nullptr,
+                                         nullptr);
+  });
+}
+
+std::string der_of(const X509* certificate) {
+  return written([&](BIO* to) { return i2d_X509_bio(to, certificate); });
+}
+
+std::string der_of(const EVP_PKEY* key) {
+  return written([&](BIO* to) { return i2d_PrivateKey_bio(to, key); });
+}
+
+std::shared_ptr<X509> certificate_in(const std::string& pem) {
+  return {PEM_read_bio_X509(reader(pem).get(), nullptr, nullptr, nullptr), X509_free};
+}
+
+std::shared_ptr<EVP_PKEY> key_in(const std::string& pem) {
+  return {PEM_read_bio_PrivateKey(reader(pem).get(), nullptr, nullptr, nullptr), EVP_PKEY_free};
+}
+
+std::string modulus_of(const EVP_PKEY* key) {
+  BIGNUM* modulus = nullptr;
+  require(EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_N, &modulus) == 1);
+  char* digits = BN_bn2hex(modulus);
+  const std::string text = digits;
+  OPENSSL_free(digits);
+  BN_free(modulus);
+  return text;
+}
+
+}  // namespace test

@@ -1,0 +1,49 @@
+// pki.h: certificates and keys for tests, made with OpenSSL alone. One thread at a time per object.
+#ifndef FETCHRIG_TESTS_SUPPORT_PKI_H
+#define FETCHRIG_TESTS_SUPPORT_PKI_H
+
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+
+#include <memory>
+#include <string>
+
+namespace test {
+
+// A certificate with its private key; copies share both.
+struct identity {
+  std::shared_ptr<EVP_PKEY> key;
+  std::shared_ptr<X509> certificate;
+};
+
+struct identity_options {
+  const identity* issuer = nullptr;  // null: self-signed
+  bool is_ca = false;
+  long valid_from_s = -3600;  // from now
+  long valid_until_s = 86400;
+  const EVP_MD* digest = EVP_sha256();
+};
+
+// A P-256 key; quick to make.
+std::shared_ptr<EVP_PKEY> new_ec_key();
+std::shared_ptr<EVP_PKEY> new_rsa_key(unsigned bits);
+
+// A version 3 certificate for "/O=Test/CN=common_name" and `key`.
+identity make_identity(const std::string& common_name, std::shared_ptr<EVP_PKEY> key,
+                       const identity_options& options = {});
+
+std::string pem_of(const X509* certificate);
+// PKCS #8, encrypted when `passphrase` is given.
+std::string pem_of(const EVP_PKEY* key, const char* passphrase = nullptr);
+std::string der_of(const X509* certificate);
+std::string der_of(const EVP_PKEY* key);
+
+// The first certificate and the first unencrypted key of a PEM text; null when there is none.
+std::shared_ptr<X509> certificate_in(const std::string& pem);
+std::shared_ptr<EVP_PKEY> key_in(const std::string& pem);
+
+// The modulus of an RSA key in hexadecimal digits.
+std::string modulus_of(const EVP_PKEY* key);
+
+}  // namespace test
+#endif
