@@ -36,9 +36,9 @@ bio reader(const std::string& text) {
   return {BIO_new_mem_buf(text.data(), static_cast<int>(text.size())), BIO_free_all};
 }
 
-void add_extension(X509* certificate, int nid, const char* value) {
+void add_extension(X509* certificate, const char* name, const char* value) {
   const std::unique_ptr<X509_EXTENSION, decltype(&X509_EXTENSION_free)> extension(
-      X509V3_EXT_conf_nid(nullptr, nullptr, nid, value), X509_EXTENSION_free);
+      X509V3_EXT_nconf(nullptr, nullptr, name, value), X509_EXTENSION_free);
   require(extension && X509_add_ext(certificate, extension.get(), -1) == 1);
 }
 
@@ -72,7 +72,7 @@ identity make_identity(const std::string& common_name, std::shared_ptr<EVP_PKEY>
   require(X509_set_issuer_name(x, issuer) == 1 && X509_set_pubkey(x, key.get()) == 1);
   require(X509_gmtime_adj(X509_getm_notBefore(x), options.valid_from_s) != nullptr);
   require(X509_gmtime_adj(X509_getm_notAfter(x), options.valid_until_s) != nullptr);
-  if (options.is_ca) add_extension(x, NID_basic_constraints, "critical,CA:TRUE");
+  for (const auto& [name, value] : options.extensions) add_extension(x, name, value);
   EVP_PKEY* signer = options.issuer ? options.issuer->key.get() : key.get();
   require(X509_sign(x, signer, options.digest) > 0);
   return {std::move(key), certificate};

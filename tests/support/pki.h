@@ -7,6 +7,8 @@
 
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace test {
 
@@ -17,12 +19,16 @@ struct identity {
 };
 
 struct identity_options {
-  const identity* issuer = nullptr;  // null: self-signed
-  bool is_ca = false;
-  long valid_from_s = -3600;  // from now
+  const identity* issuer = nullptr;                                  // null: self-signed
+  std::vector<std::pair<const char*, const char*>> extensions = {};  // as in OpenSSL's configuration files
+  long valid_from_s = -3600;                                         // from now
   long valid_until_s = 86400;
   const EVP_MD* digest = EVP_sha256();
 };
+
+// The extensions of a CA.
+inline const std::vector<std::pair<const char*, const char*>> ca_extensions = {
+    {"basicConstraints", "critical,CA:TRUE"}};
 
 // A P-256 key; quick to make.
 std::shared_ptr<EVP_PKEY> new_ec_key();
