@@ -55,7 +55,7 @@ class cert_place {
   }
 
   // Whether a message that begins with `text` was collected.
-  static bool logged(const std::string& text) { return lines().find(" > " + text) != std::string::npos; }
+  static bool logged(const std::string& text) { return lines().find("> " + text) != std::string::npos; }
   static bool logged_nothing() { return lines().empty(); }
   static const std::string& log() { return lines(); }
   static void forget_log() { lines().clear(); }
