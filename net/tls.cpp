@@ -25,6 +25,7 @@ namespace fetchrig {
 namespace {
 
 constexpr int max_chain_depth = 10;
+constexpr std::size_t read_buffer_bytes = 32768;
 
 int refuse(const char* message) {
   qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "%s", message);
@@ -52,6 +53,9 @@ int make_context(int method, unique_ssl_ctx& ctx) {
   if (method != tls1 && method != any_version) return refuse("SSL 2.0 and SSL 3.0 are not available\n");
   ctx.reset(SSL_CTX_new(TLS_client_method()));
   if (!ctx || (method == tls1 && !pin_tls1(ctx.get()))) return refuse("SSL_CTX_new Error\n");
+  // A whole record per receive instead of its header first.
+  SSL_CTX_set_read_ahead(ctx.get(), 1);
+  SSL_CTX_set_default_read_buffer_len(ctx.get(), read_buffer_bytes);
   return 0;
 }
 
