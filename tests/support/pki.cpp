@@ -90,6 +90,16 @@ std::string pem_of(const EVP_PKEY* key, const char* passphrase) {
   });
 }
 
+std::string crl_pem_of(const identity& ca) {
+  const std::unique_ptr<X509_CRL, decltype(&X509_CRL_free)> crl(X509_CRL_new(), X509_CRL_free);
+  const std::unique_ptr<ASN1_TIME, decltype(&ASN1_TIME_free)> now(X509_gmtime_adj(nullptr, 0),
+                                                                  ASN1_TIME_free);
+  require(X509_CRL_set_version(crl.get(), 1) == 1 && X509_CRL_set1_lastUpdate(crl.get(), now.get()) == 1);
+  require(X509_CRL_set_issuer_name(crl.get(), X509_get_subject_name(ca.certificate.get())) == 1);
+  require(X509_CRL_sign(crl.get(), ca.key.get(), EVP_sha256()) > 0);
+  return written([&](BIO* to) { return PEM_write_bio_X509_CRL(to, crl.get()); });
+}
+
 std::string der_of(const X509* certificate) {
   return written([&](BIO* to) { return i2d_X509_bio(to, certificate); });
 }

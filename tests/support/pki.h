@@ -41,6 +41,8 @@ identity make_identity(const std::string& common_name, std::shared_ptr<EVP_PKEY>
 std::string pem_of(const X509* certificate);
 // PKCS #8, encrypted when `passphrase` is given.
 std::string pem_of(const EVP_PKEY* key, const char* passphrase = nullptr);
+// An empty revocation list of the CA.
+std::string crl_pem_of(const identity& ca);
 std::string der_of(const X509* certificate);
 std::string der_of(const EVP_PKEY* key);
 

@@ -1,12 +1,10 @@
 // Verification: every outcome of dl_cert_verify(), its callback, and its advance check.
 #include <gtest/gtest.h>
 #include <openssl/err.h>
-#include <openssl/pem.h>
 #include <openssl/x509.h>
 #include <stdio.h>
 #include <string.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <set>
 #include <string>
@@ -225,23 +223,6 @@ TEST_F(Verify, NullArguments) {
   EXPECT_TRUE(place_.logged("Invalid Parameter\n"));
 }
 
-std::string crl_of(const test::identity& ca) {
-  const std::unique_ptr<X509_CRL, decltype(&X509_CRL_free)> crl(X509_CRL_new(), X509_CRL_free);
-  const std::shared_ptr<ASN1_TIME> now(X509_gmtime_adj(nullptr, 0), ASN1_TIME_free);
-  X509_CRL_set_version(crl.get(), 1);
-  X509_CRL_set_issuer_name(crl.get(), X509_get_subject_name(ca.certificate.get()));
-  X509_CRL_set1_lastUpdate(crl.get(), now.get());
-  X509_CRL_set1_nextUpdate(crl.get(), now.get());
-  X509_CRL_sign(crl.get(), ca.key.get(), EVP_sha256());
-  BIO* memory = BIO_new(BIO_s_mem());
-  PEM_write_bio_X509_CRL(memory, crl.get());
-  char* bytes = nullptr;
-  const long length = BIO_get_mem_data(memory, &bytes);
-  const std::string text(bytes, static_cast<std::size_t>(length));
-  BIO_free(memory);
-  return text;
-}
-
 struct advance_case {
   const char* name;
   std::string file;
@@ -280,8 +261,8 @@ TEST_F(Verify, AdvanceCheck) {
       {"another key", cert + ec_key, 0, "", DL_VERIFY_KEY_MISMATCH, "Private key does not match", mismatch},
       {"key of another kind", cert + rsa_key, 0, "", DL_VERIFY_KEY_MISMATCH, "Private key does not match",
        mismatch},
-      {"no certificate", crl_of(root_) + key, 0, "", DL_VERIFY_NO_CERTIFICATE, "Can't load public key\n",
-       "Can't load public key from ser_ca_file\n"},
+      {"no certificate", test::crl_pem_of(root_) + key, 0, "", DL_VERIFY_NO_CERTIFICATE,
+       "Can't load public key\n", "Can't load public key from ser_ca_file\n"},
       {"key alone", key, 0, "", DL_VERIFY_SETUP, "", no_ca},
       {"in DER", test::der_of(leaf_.certificate.get()), 0, "", DL_VERIFY_SETUP, "", no_ca},
       {"garbage", "garbage", 0, "", DL_VERIFY_SETUP, "", no_ca},
