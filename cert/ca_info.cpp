@@ -10,6 +10,7 @@
 
 #include "cert/asn1_text.h"
 #include "cert/cert_file.h"
+#include "cert/error_queue.h"
 #include "core/boundary.h"
 #include "core/config.h"
 #include "core/text.h"
@@ -127,11 +128,13 @@ certificate_read describe_ca(const char* path, dl_ca_info& info) {
 int dl_get_ca_info(const char* path, dl_ca_info* info) {
   using namespace fetchrig;
   if (!path || !info) return invalid_parameter();
+  const clean_error_queue after;
   return guarded([&] { return result_of(describe_ca(path, *info)); }, [] { return -2; });
 }
 
 int dl_get_ser_ca_info(dl_ca_info* info) {
   using namespace fetchrig;
   if (!info) return invalid_parameter();
+  const clean_error_queue after;
   return guarded([&] { return describe_device(*info); }, [] { return -2; });
 }

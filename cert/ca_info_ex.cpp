@@ -7,6 +7,7 @@
 #include "cert/asn1_text.h"
 #include "cert/ca_info.h"
 #include "cert/cert_file.h"
+#include "cert/error_queue.h"
 #include "core/boundary.h"
 #include "core/result.h"
 #include "core/text.h"
@@ -106,6 +107,7 @@ certificate_read describe_ca_ex(const char* path, dl_ca_info_ex& info, uint32_t 
 int dl_get_ca_info_ex(const char* path, dl_ca_info_ex* info, uint32_t flags, dl_result* result) {
   using namespace fetchrig;
   if (result && path && info) {
+    const clean_error_queue after;
     clear_result(*result);
     result->code = guarded([&] { return code_of(describe_ca_ex(path, *info, flags)); }, [] { return 1; });
     return result->code == 0 ? 0 : -1;

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "cert/ca_info.h"
+#include "cert/error_queue.h"
 #include "cert/store_entries.h"
 #include "core/boundary.h"
 #include "core/config.h"
@@ -20,6 +21,7 @@ namespace {
 // whole path is used throughout, the record's own 64 characters are for display.
 template <typename List, typename Describe>
 bool list_store(List& list, Describe describe) {
+  const clean_error_queue after;
   const std::string root = trust_ca_dir().data();
   const unique_dir directory(::opendir(root.c_str()));
   if (!directory) return false;

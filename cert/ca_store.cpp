@@ -8,6 +8,7 @@
 #include <string>
 
 #include "cert/cert_file.h"
+#include "cert/error_queue.h"
 #include "cert/shell.h"
 #include "cert/store_entries.h"
 #include "core/boundary.h"
@@ -125,12 +126,14 @@ void remove_ca(const char* path) {
 int dl_install_ca(const char* path) {
   using namespace fetchrig;
   if (!path) return not_installed;
+  const clean_error_queue after;
   return guarded([path] { return install(path); }, [] { return not_installed; });
 }
 
 int dl_del_ca(const char* path) {
   using namespace fetchrig;
   if (!path) return 0;
+  const clean_error_queue after;
   return guarded(
       [path] {
         remove_ca(path);

@@ -1,54 +1,25 @@
-// cert_fixture.cpp: temporary directory, log capture and the openssl tool for the certificate tests.
+// cert_fixture.cpp: the openssl tool and the library's log for the certificate tests.
 #include "tests/support/cert_fixture.h"
 
-#include <stdlib.h>
+#include <openssl/err.h>
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
-#include <mutex>
 
-#include "include/fetchrig.h"
+#include "tests/support/process.h"
 
 namespace fetchrig::test {
-namespace {
-
-std::mutex lines_lock;
-std::vector<std::string> lines;  // guarded by lines_lock
-
-// A line reads "QXFR[123]: DCMN<3+error > text".
-int keep_line(const char* line, int32_t length) {
-  const std::string_view whole(line, static_cast<std::size_t>(length));
-  const std::size_t tag = whole.find('<');
-  const std::size_t text = whole.find("> ", tag);
-  if (tag == whole.npos || text == whole.npos || whole.substr(tag - 4, 4) == "DANY") return 0;
-  const std::lock_guard hold(lines_lock);
-  lines.push_back(std::string(whole.substr(tag + 1, 1)) + ' ' + std::string(whole.substr(text + 2)));
-  return 0;
-}
-
-}  // namespace
 
 cert_test::cert_test() {
-  std::string name = (std::filesystem::temp_directory_path() / "fetchrig-cert-XXXXXX").string();
-  if (!mkdtemp(name.data())) abort();
-  root_ = name;
-  dl_config_init();
-  dl_log_init(0, keep_line);
-  dl_set_log_level(0);
-  logged();
-  dl_set_option(DL_OPT_TRUST_CA_DIR, store().c_str());
+  ::test::set_option(DL_OPT_TRUST_CA_DIR, store());
+  log_.clear();
 }
 
 cert_test::~cert_test() {
-  dl_log_init(0, nullptr);
-  dl_exit();
-  std::error_code ignored;
-  std::filesystem::remove_all(root_, ignored);
+  EXPECT_EQ(ERR_peek_error(), 0u) << "an error is left for the thread's next TLS call";
 }
 
 std::string cert_test::write(std::string_view name, std::string_view content) const {
-  std::ofstream(path(name), std::ios::binary) << content;
+  ::test::write_file(path(name), content);
   return path(name);
 }
 
@@ -58,7 +29,7 @@ std::string cert_test::make_cert(std::string_view name, std::string_view subject
   std::string arguments = "req -x509 -nodes -days 3650 -subj '" + std::string(subject) + "' -keyout " + file +
                           ".key -out " + file + " " + std::string(more);
   if (more.find("-newkey") == more.npos) arguments += " -newkey ec -pkeyopt ec_paramgen_curve:prime256v1";
-  openssl(arguments + " 2>/dev/null");
+  openssl(arguments);
   return file;
 }
 
@@ -67,30 +38,31 @@ std::string cert_test::to_der(std::string_view pem, std::string_view name) const
   return path(name);
 }
 
-std::vector<std::string> cert_test::logged() const {
-  const std::lock_guard hold(lines_lock);
-  return std::exchange(lines, {});
+std::vector<std::string> cert_test::logged() {
+  constexpr std::string_view open_end = "(no line feed)";
+  std::vector<std::string> lines;
+  for (const auto& message : log_.records()) {
+    std::string line = std::to_string(message.level) + ' ' + message.text;
+    if (line.ends_with(open_end))
+      line.resize(line.size() - open_end.size());
+    else
+      line += '\n';
+    lines.push_back(line);
+  }
+  log_.clear();
+  return lines;
 }
 
-bool cert_test::was_logged(std::string_view level_and_text) const {
-  const std::lock_guard hold(lines_lock);
+bool cert_test::was_logged(std::string_view level_and_text) {
+  const auto lines = logged();
   return std::find(lines.begin(), lines.end(), level_and_text) != lines.end();
 }
 
-std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 std::string openssl(const std::string& arguments) {
-  std::string output;
-  FILE* pipe = popen(("openssl " + arguments).c_str(), "r");
-  if (!pipe) abort();
-  char buffer[4096];
-  while (const std::size_t count = fread(buffer, 1, sizeof buffer, pipe)) output.append(buffer, count);
-  EXPECT_EQ(pclose(pipe), 0) << "openssl " << arguments;
-  if (output.ends_with('\n')) output.pop_back();
-  return output;
+  auto ended = ::test::run({"sh", "-c", "exec openssl " + arguments});
+  EXPECT_EQ(ended.status, 0) << "openssl " << arguments << "\n" << ended.errors;
+  if (ended.output.ends_with('\n')) ended.output.pop_back();
+  return ended.output;
 }
 
 std::string x509_value(const std::string& path, const std::string& what) {

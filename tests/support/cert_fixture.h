@@ -6,19 +6,25 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "tests/support/descriptors.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/options.h"
+#include "tests/support/temp_dir.h"
+
 namespace fetchrig::test {
 
-class cert_test : public ::testing::Test {
+using ::test::read_file;
+
+class cert_test : public ::test::leak_free {
  protected:
   cert_test();
   ~cert_test() override;
 
-  std::string path(std::string_view name) const { return root_ / name; }
+  std::string path(std::string_view name) const { return directory_.file(name); }
   std::string store() const { return path("store/"); }
   std::string write(std::string_view name, std::string_view content) const;
 
@@ -28,20 +34,20 @@ class cert_test : public ::testing::Test {
   // The PEM certificate at `pem` as DER in the file `name`.
   std::string to_der(std::string_view pem, std::string_view name) const;
 
-  // The lines logged since the last call, "level text", of modules DCMN and HTTP.
-  std::vector<std::string> logged() const;
-  bool was_logged(std::string_view level_and_text) const;
+  // The lines logged since they were last asked for, each as "3 text\n" with its level.
+  std::vector<std::string> logged();
+  bool was_logged(std::string_view level_and_text);
 
  private:
-  std::filesystem::path root_;
+  ::test::temp_dir directory_;
+  ::test::library library_;
+  ::test::log_capture log_;
 };
-
-std::string read_file(const std::string& path);
 
 // What the openssl tool prints for these arguments, without the last line feed; the test fails when it fails.
 std::string openssl(const std::string& arguments);
 
-// "key=value" lines of "openssl x509", such as serial, subject_hash (a bare value) and enddate.
+// The value of one line of "openssl x509", such as serial, subject_hash or enddate.
 std::string x509_value(const std::string& path, const std::string& what);
 
 }  // namespace fetchrig::test

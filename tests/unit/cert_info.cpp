@@ -1,6 +1,7 @@
 // Certificates as text: what the records say is what the openssl tool says of the same file.
 #include <openssl/asn1.h>
 #include <string.h>
+#include <filesystem>
 
 #include <memory>
 

@@ -4,6 +4,7 @@
 #include <openssl/x509.h>
 #include <sys/resource.h>
 #include <unistd.h>
+#include <filesystem>
 
 #include <set>
 
