@@ -1,0 +1,54 @@
+// cert.cpp: "fetchrig cert", the head of the certificate subcommands and their common options.
+#include <CLI/CLI.hpp>
+
+#include "cert_options.h"
+#include "fetchrig.h"
+#include "options.h"
+#include "report.h"
+
+namespace fetchrig::cli {
+
+std::string cert_options::store_dir() const {
+  if (store.empty()) throw usage_error("name the store with --store DIR or FETCHRIG_STORE");
+  return store.back() == '/' ? store : store + "/";
+}
+
+const std::string& cert_options::device_cert_file() const {
+  if (device_cert.empty()) throw usage_error("name the file with --device-cert FILE or FETCHRIG_DEVICE_CERT");
+  return device_cert;
+}
+
+void add_json_option(CLI::App& app, cert_options& options) {
+  app.add_flag("--json", options.json, "Answer in JSON");
+  add_verbosity(app, options.verbosity);
+}
+
+void add_store_option(CLI::App& app, cert_options& options) {
+  app.add_option("--store", options.store, "Directory of the trusted-CA store")
+      ->envname("FETCHRIG_STORE")
+      ->type_name("DIR");
+}
+
+void add_device_option(CLI::App& app, cert_options& options) {
+  app.add_option("--device-cert", options.device_cert, "The device certificate file")
+      ->envname("FETCHRIG_DEVICE_CERT")
+      ->type_name("FILE");
+}
+
+void configure(const cert_options& options) {
+  start_log(options.verbosity);
+  set_number_option(DL_OPT_SSL_METHOD, 3);
+  if (!options.store.empty()) set_text_option(DL_OPT_TRUST_CA_DIR, options.store_dir());
+  if (!options.device_cert.empty()) set_text_option(DL_OPT_DEVICE_CERT_FILE, options.device_cert);
+  take_key_passphrase();
+}
+
+void add_cert(CLI::App& app, action& chosen) {
+  CLI::App* cert = app.add_subcommand("cert", "Show, verify, issue, install and remove certificates");
+  cert->require_subcommand(1);
+  add_cert_files(*cert, chosen);
+  add_cert_store(*cert, chosen);
+  add_cert_device(*cert, chosen);
+}
+
+}  // namespace fetchrig::cli

@@ -1,0 +1,206 @@
+// cert_files.cpp: "fetchrig cert info", "verify" and "generate", which work on single certificate files.
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "cert_answer.h"
+#include "cert_options.h"
+#include "fetchrig.h"
+#include "options.h"
+#include "report.h"
+#include "scratch_copy.h"
+
+namespace fetchrig::cli {
+namespace {
+
+// Sends a standard stream to nowhere while it lives.
+class silenced_stream {
+ public:
+  silenced_stream(FILE* stream, bool wanted) : stream_(stream) {
+    if (!wanted) return;
+    fflush(stream_);
+    kept_ = fcntl(fileno(stream_), F_DUPFD_CLOEXEC, 3);
+    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (kept_ >= 0 && nowhere >= 0) dup2(nowhere, fileno(stream_));
+    if (nowhere >= 0) close(nowhere);
+  }
+  silenced_stream(const silenced_stream&) = delete;
+  silenced_stream& operator=(const silenced_stream&) = delete;
+  ~silenced_stream() {
+    if (kept_ < 0) return;
+    fflush(stream_);
+    dup2(kept_, fileno(stream_));
+    close(kept_);
+  }
+
+ private:
+  FILE* stream_;
+  int kept_ = -1;
+};
+
+struct info_options {
+  cert_options common;
+  std::string file;
+  bool key = false;
+};
+
+answer info(const info_options& options) {
+  const scratch_copy file(options.file);
+  dl_ca_info_ex record = {};
+  dl_result result = {};
+  if (dl_get_ca_info_ex(file.path(), &record, options.key ? 1 : 0, &result) != 0) {
+    throw failed_operation(options.file, result.code, "no certificate can be read");
+  }
+  answer told = describe_certificate(record, options.key);
+  told.json["file"] = options.file;
+  return told;
+}
+
+struct verify_options {
+  cert_options common;
+  std::string file;
+  std::string ca_dir;
+  std::string ca_file;
+  bool with_key = false;
+};
+
+std::string verification_words(const dl_result& result) {
+  constexpr const char* words[] = {
+      "",
+      "no certificate file was named",
+      "the CA file, the CA directory or the certificate cannot be loaded",
+      "its signature is wrong",
+      "it is not valid yet",
+      "it has expired",
+      "its issuer is not among the trusted CAs",
+      "the TLS method is unknown",
+      "the file holds no certificate",
+      "the file holds no private key that can be loaded",
+      "the private key does not belong to the certificate",
+      "it does not verify, or no certificate can be read",
+  };
+  constexpr std::string_view prefix = "verify err:";
+  const bool known = result.code > 0 && result.code < static_cast<int>(std::size(words));
+  std::string text = known ? words[result.code] : "it does not verify";
+  const std::string_view message = result.message;
+  if (message.size() > prefix.size() && message.starts_with(prefix)) {
+    text += " (" + printable(message.substr(prefix.size())) + ")";
+  }
+  return text;
+}
+
+answer verify(const verify_options& options) {
+  dl_result result = {};
+  int rc = 0;
+  {
+    // The library writes the path to standard output and OpenSSL's diagnostics to standard error.
+    const silenced_stream out(stdout, true);
+    const silenced_stream diagnostics(stderr, options.common.verbosity == 0);
+    rc = dl_cert_verify(options.file.c_str(), options.ca_dir.empty() ? nullptr : options.ca_dir.c_str(),
+                        options.ca_file.empty() ? nullptr : options.ca_file.c_str(), options.with_key ? 1 : 0,
+                        &result);
+  }
+  if (rc != 0) throw failed_operation(options.file, result.code, verification_words(result));
+  answer told;
+  told.json = {{"file", options.file}, {"verified", true}, {"remarks", verification_remarks()}};
+  told.text = printable(options.file) + ": verified\n";
+  for (const std::string& remark : verification_remarks()) told.text += "  let pass: " + remark + "\n";
+  return told;
+}
+
+struct generate_options {
+  cert_options common;
+  std::string ca, ca_key, key, cert, subject, seed;
+  int bits = 2048;
+};
+
+answer generate(const generate_options& options) {
+  set_text_option(DL_OPT_KEY_SEED, options.seed);
+  const bool had_key = access(options.key.c_str(), F_OK) == 0;
+  if (!had_key && options.seed.empty()) {
+    tell(
+        "warning: without a seed anybody who knows the common name can compute the same key (--seed, "
+        "FETCHRIG_KEY_SEED)");
+  }
+  if (dl_generate_client_cert(options.ca.c_str(), options.ca_key.c_str(), options.key.c_str(),
+                              options.cert.c_str(), options.subject.c_str(), options.bits) != 0) {
+    throw failed_operation(options.subject, -1, "no certificate was issued");
+  }
+  dl_ca_info_ex record = {};
+  dl_result result = {};
+  if (dl_get_ca_info_ex(options.cert.c_str(), &record, 1, &result) != 0) {
+    throw failed_operation(options.cert, result.code, "the new certificate cannot be read back");
+  }
+  answer told = describe_certificate(record, true);
+  told.json["file"] = options.cert;
+  told.json["key_file"] = options.key;
+  told.json["key_generated"] = !had_key;
+  return told;
+}
+
+void add_info(CLI::App& cert, action& chosen) {
+  const auto options = std::make_shared<info_options>();
+  CLI::App* app = cert.add_subcommand("info", "Describe a certificate file (PEM or DER)");
+  app->add_option("FILE", options->file, "The certificate file")->required();
+  app->add_flag("--key", options->key, "Also describe the private key that follows the certificate");
+  add_json_option(*app, options->common);
+  app->callback([options, &chosen] {
+    chosen = [options] {
+      configure(options->common);
+      return tell_answer(options->common.json, [&] { return info(*options); });
+    };
+  });
+}
+
+void add_verify(CLI::App& cert, action& chosen) {
+  const auto options = std::make_shared<verify_options>();
+  CLI::App* app = cert.add_subcommand("verify", "Tell whether a certificate file would be trusted");
+  app->add_option("FILE", options->file, "The certificate file (PEM or DER)")->required();
+  app->add_option("--ca-dir", options->ca_dir, "Hashed directory of trusted CAs; else the system's");
+  app->add_option("--ca-file", options->ca_file, "PEM file of trusted CAs; else the system's");
+  app->add_flag("--with-key", options->with_key, "Require the matching private key in the file");
+  add_json_option(*app, options->common);
+  app->callback([options, &chosen] {
+    chosen = [options] {
+      configure(options->common);
+      return tell_answer(options->common.json, [&] { return verify(*options); });
+    };
+  });
+}
+
+void add_generate(CLI::App& cert, action& chosen) {
+  const auto options = std::make_shared<generate_options>();
+  CLI::App* app = cert.add_subcommand("generate", "Issue a client certificate signed by a CA of yours");
+  app->add_option("--ca", options->ca, "CA certificate (PEM or DER)")->required()->check(CLI::ExistingFile);
+  app->add_option("--ca-key", options->ca_key, "Its private key (PEM)")->required()->check(CLI::ExistingFile);
+  app->add_option("--key", options->key, "Private key of the client; made when the file holds none")
+      ->required();
+  app->add_option("--cert", options->cert, "File for the new certificate and its key")->required();
+  app->add_option("--subject", options->subject, "Such as /O=Acme/CN=0011AB")->required();
+  app->add_option("--bits", options->bits, "Length of a new RSA key")
+      ->check(CLI::Range(1024, 16384))
+      ->capture_default_str();
+  app->add_option("--seed", options->seed, "Secret that a new key is derived from; 16 characters count")
+      ->envname("FETCHRIG_KEY_SEED");
+  add_json_option(*app, options->common);
+  app->callback([options, &chosen] {
+    chosen = [options] {
+      configure(options->common);
+      return tell_answer(options->common.json, [&] { return generate(*options); });
+    };
+  });
+}
+
+}  // namespace
+
+void add_cert_files(CLI::App& cert, action& chosen) {
+  add_info(cert, chosen);
+  add_verify(cert, chosen);
+  add_generate(cert, chosen);
+}
+
+}  // namespace fetchrig::cli

@@ -1,0 +1,32 @@
+// credentials.h: who logs in: from the URL, the options, the environment or a question at the terminal, so
+// that a password need not stand in the process list. The password is wiped when the record goes.
+#ifndef FETCHRIG_CLI_CREDENTIALS_H
+#define FETCHRIG_CLI_CREDENTIALS_H
+
+#include <optional>
+#include <string>
+
+#include "location.h"
+
+namespace fetchrig::cli {
+
+class credentials {
+ public:
+  // The URL's own win over `user` and `password`; a user without a password takes it from FETCHRIG_PASSWORD,
+  // or is asked when standard input and standard error are terminals. Throws failure when the question is
+  // cancelled.
+  credentials(const location& where, std::optional<std::string> user, std::optional<std::string> password);
+  credentials(const credentials&) = delete;
+  credentials& operator=(const credentials&) = delete;
+  ~credentials();
+
+  const char* user() const { return user_ ? user_->c_str() : nullptr; }
+  const char* password() const { return password_ ? password_->c_str() : nullptr; }
+
+ private:
+  std::optional<std::string> user_;
+  std::optional<std::string> password_;
+};
+
+}  // namespace fetchrig::cli
+#endif

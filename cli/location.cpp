@@ -1,0 +1,101 @@
+// location.cpp: taking a typed URL apart.
+#include "location.h"
+
+#include <strings.h>
+
+#include <algorithm>
+
+#include "report.h"
+
+namespace fetchrig::cli {
+namespace {
+
+struct scheme_prefix {
+  std::string_view text;
+  scheme kind;
+};
+constexpr scheme_prefix prefixes[] = {
+    {"http://", scheme::http},
+    {"https://", scheme::https},
+    {"ftp://", scheme::ftp},
+    {"tftp://", scheme::tftp},
+};
+
+// The length of the scheme's prefix; a URL without "://" is a TFTP one and has none.
+std::size_t take_scheme(std::string_view url, scheme& kind) {
+  kind = scheme::tftp;
+  if (url.find("://") == url.npos) return 0;
+  for (const scheme_prefix& prefix : prefixes) {
+    if (url.size() < prefix.text.size()) continue;
+    if (strncasecmp(url.data(), prefix.text.data(), prefix.text.size()) != 0) continue;
+    kind = prefix.kind;
+    return prefix.text.size();
+  }
+  throw usage_error("only http, https, ftp and tftp URLs are supported");
+}
+
+// Takes "user:password@" or "user@" off `authority`. The last "@" ends it, so a password may hold one.
+void take_credentials(std::string_view& authority, location& where) {
+  const std::size_t at = authority.rfind('@');
+  if (at == authority.npos) return;
+  const std::string_view login = authority.substr(0, at);
+  authority.remove_prefix(at + 1);
+  const std::size_t colon = login.find(':');
+  if (login.empty() || colon == 0) throw usage_error("the URL has an \"@\" but no user name before it");
+  where.user = std::string(login.substr(0, colon));
+  if (colon != login.npos) where.password = std::string(login.substr(colon + 1));
+}
+
+}  // namespace
+
+location parse_location(std::string_view url) {
+  if (has_control_characters(url)) throw usage_error("the URL holds control characters");
+  location where;
+  const std::size_t prefix_len = take_scheme(url, where.kind);
+  const std::string_view prefix = url.substr(0, prefix_len);
+  std::string_view rest = url.substr(prefix_len);
+  if (where.is_http()) rest = rest.substr(0, rest.find('#'));
+
+  const std::size_t authority_len = std::min(rest.find_first_of(where.is_http() ? "/?" : "/"), rest.size());
+  std::string_view authority = rest.substr(0, authority_len);
+  rest.remove_prefix(authority_len);
+  take_credentials(authority, where);
+  if (authority.empty()) throw usage_error("the URL names no host");
+
+  std::string tail(rest);
+  if (tail.empty() || tail.front() != '/') tail.insert(0, 1, '/');
+  where.url.append(prefix).append(authority).append(tail);
+  where.path = tail.substr(0, tail.find_first_of("?#"));
+  return where;
+}
+
+std::string last_part(std::string_view path) {
+  const std::size_t slash = path.rfind('/');
+  return std::string(slash == path.npos ? path : path.substr(slash + 1));
+}
+
+std::string percent_encoded(std::string_view name) {
+  constexpr char digits[] = "0123456789ABCDEF";
+  std::string out;
+  for (const char c : name) {
+    const auto byte = static_cast<unsigned char>(c);
+    const bool letter = (byte | 0x20) >= 'a' && (byte | 0x20) <= 'z';
+    const bool plain =
+        letter || (byte >= '0' && byte <= '9') || std::string_view("-._~").find(c) != std::string::npos;
+    if (plain) {
+      out += c;
+    } else {
+      out += {'%', digits[byte >> 4], digits[byte & 15]};
+    }
+  }
+  return out;
+}
+
+bool has_control_characters(std::string_view text) {
+  return std::any_of(text.begin(), text.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte < 0x20 || byte == 0x7f;
+  });
+}
+
+}  // namespace fetchrig::cli

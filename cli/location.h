@@ -1,0 +1,37 @@
+// location.h: the URL a person typed, taken apart as far as the command needs it: scheme, credentials, file
+// name. The library parses hosts and ports itself. Stateless; any thread.
+#ifndef FETCHRIG_CLI_LOCATION_H
+#define FETCHRIG_CLI_LOCATION_H
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace fetchrig::cli {
+
+enum class scheme { http, https, ftp, tftp };
+
+struct location {
+  scheme kind = scheme::tftp;
+  std::string url;   // without credentials; for HTTP also without the fragment, which is not for the server
+  std::string path;  // from the first "/", without query and fragment; "/" when the URL has none
+  std::optional<std::string> user;
+  std::optional<std::string> password;
+
+  bool is_http() const { return kind == scheme::http || kind == scheme::https; }
+};
+
+// Takes `url` apart; credentials are taken as they stand, without decoding. Throws usage_error for an empty
+// URL, control characters and schemes the library does not know.
+location parse_location(std::string_view url);
+
+// The part of `path` after its last "/", which may be empty.
+std::string last_part(std::string_view path);
+
+// `name` with everything but letters, digits and "-._~" written as "%NN", as one part of a URL's path.
+std::string percent_encoded(std::string_view name);
+
+bool has_control_characters(std::string_view text);
+
+}  // namespace fetchrig::cli
+#endif

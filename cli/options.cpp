@@ -1,0 +1,221 @@
+// options.cpp: from the command line to the library's options.
+#include "options.h"
+
+#include <pthread.h>
+#include <stdlib.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
+#include <iterator>
+#include <map>
+
+#include "fetchrig.h"
+#include "location.h"
+#include "report.h"
+
+namespace fetchrig::cli {
+namespace {
+
+enum class value_kind { text, number, ring };
+
+struct named_option {
+  const char* name;
+  std::uint32_t number;
+  value_kind kind;
+};
+constexpr named_option known_options[] = {
+    {"user-agent", DL_OPT_USER_AGENT, value_kind::text},
+    {"trust-ca-dir", DL_OPT_TRUST_CA_DIR, value_kind::text},
+    {"device-cert-file", DL_OPT_DEVICE_CERT_FILE, value_kind::text},
+    {"ssl-method", DL_OPT_SSL_METHOD, value_kind::number},
+    {"verify-peer", DL_OPT_VERIFY_PEER, value_kind::number},
+    {"max-redirects", DL_OPT_MAX_REDIRECTS, value_kind::number},
+    {"max-file-size", DL_OPT_MAX_FILE_SIZE, value_kind::number},
+    {"net-timeout", DL_OPT_NET_TIMEOUT, value_kind::number},
+    {"ipv6", DL_OPT_IPV6, value_kind::number},
+    {"ring-entry", DL_OPT_RING_ENTRY, value_kind::ring},
+    {"verify-host", DL_OPT_VERIFY_HOST, value_kind::number},
+    {"https-ca-dir", DL_OPT_HTTPS_CA_DIR, value_kind::text},
+    {"https-cert-file", DL_OPT_HTTPS_CERT_FILE, value_kind::text},
+    {"temp-dir", DL_OPT_TEMP_DIR, value_kind::text},
+    {"caller-tag", DL_OPT_CALLER_TAG, value_kind::text},
+    {"auth-retry-limit", DL_OPT_AUTH_RETRY_LIMIT, value_kind::number},
+    {"key-passphrase", DL_OPT_KEY_PASSPHRASE, value_kind::text},
+    {"key-seed", DL_OPT_KEY_SEED, value_kind::text},
+};
+
+std::optional<std::uint32_t> whole_number(std::string_view text) {
+  std::uint32_t value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return value;
+}
+
+const named_option& find_option(std::string name) {
+  std::replace(name.begin(), name.end(), '_', '-');
+  const auto number = whole_number(name);
+  const auto* found = std::find_if(
+      std::begin(known_options), std::end(known_options),
+      [&](const named_option& entry) { return number ? entry.number == *number : entry.name == name; });
+  if (found == std::end(known_options))
+    throw usage_error("--option: no option is called \"" + printable(name) + "\"");
+  return *found;
+}
+
+// "SLOT:NUMBER:NAME"
+void set_ring_option(const std::string& value) {
+  const std::size_t first = value.find(':');
+  const std::size_t second = first == value.npos ? first : value.find(':', first + 1);
+  if (second == value.npos) throw usage_error("--option ring-entry takes SLOT:NUMBER:NAME");
+  const auto slot = whole_number(std::string_view(value).substr(0, first));
+  const auto number = whole_number(std::string_view(value).substr(first + 1, second - first - 1));
+  const std::string name = value.substr(second + 1);
+  dl_ring_entry entry = {};
+  if (!slot || *slot > 9 || !number || *number > 255 || name.empty() || name.size() >= sizeof entry.name) {
+    throw usage_error(
+        "--option ring-entry takes SLOT (0 to 9), NUMBER (0 to 255) and NAME (at most 125 characters)");
+  }
+  entry.slot = static_cast<std::uint8_t>(*slot);
+  entry.number = static_cast<std::uint8_t>(*number);
+  name.copy(entry.name, name.size());
+  dl_set_option(DL_OPT_RING_ENTRY, &entry);
+}
+
+void set_raw_option(const std::string& assignment) {
+  const std::size_t equals = assignment.find('=');
+  if (equals == assignment.npos) throw usage_error("--option takes NAME=VALUE");
+  const named_option& option = find_option(assignment.substr(0, equals));
+  const std::string value = assignment.substr(equals + 1);
+  switch (option.kind) {
+    case value_kind::text:
+      return set_text_option(option.number, value);
+    case value_kind::ring:
+      return set_ring_option(value);
+    case value_kind::number:
+      const auto number = whole_number(value);
+      if (!number) throw usage_error("--option " + std::string(option.name) + " takes a number");
+      return set_number_option(option.number, *number);
+  }
+}
+
+const char* option_name(std::uint32_t number) {
+  const auto* found = std::find_if(std::begin(known_options), std::end(known_options),
+                                   [&](const named_option& entry) { return entry.number == number; });
+  return found == std::end(known_options) ? "?" : found->name;
+}
+
+void set_connection_options(const connection_options& options) {
+  const std::uint32_t verify = options.insecure ? 0 : 1;
+  start_log(options.verbosity);
+  set_text_option(DL_OPT_HTTPS_CA_DIR, options.ca_dir);
+  set_text_option(DL_OPT_HTTPS_CERT_FILE, options.client_cert);
+  set_number_option(DL_OPT_SSL_METHOD, options.tls_method);
+  set_number_option(DL_OPT_VERIFY_PEER, verify);
+  set_number_option(DL_OPT_VERIFY_HOST, options.no_verify_host ? 0 : verify);
+  set_number_option(DL_OPT_NET_TIMEOUT, options.timeout_s);
+  set_number_option(DL_OPT_IPV6, options.ipv6 ? 1 : 0);
+  dl_set_tls_wait_limit(options.timeout_s);
+  take_key_passphrase();
+}
+
+// Raw options come last: they are the ones a person set by hand.
+void set_raw_options(const connection_options& options) {
+  for (const std::string& assignment : options.raw_options) set_raw_option(assignment);
+}
+
+}  // namespace
+
+void add_verbosity(CLI::App& app, int& verbosity) {
+  app.add_flag("-v,--verbose", verbosity, "Show the log on standard error; -vv and -vvv show more");
+}
+
+void add_connection_options(CLI::App& app, connection_options& options) {
+  const std::map<std::string, std::uint32_t> methods = {{"auto", 3}, {"tls1.0", 0}};
+  app.add_option("--ca-dir", options.ca_dir,
+                 "Hashed directory of the CAs that HTTPS servers are verified against")
+      ->capture_default_str();
+  app.add_option("--cert", options.client_cert, "PEM file with a client certificate and its private key")
+      ->check(CLI::ExistingFile);
+  app.add_flag("--insecure", options.insecure, "Verify nothing of an HTTPS server");
+  app.add_flag("--no-verify-host", options.no_verify_host, "Do not require the certificate to name the host");
+  app.add_flag("--ipv6", options.ipv6, "Allow IPv6 addresses and look-ups");
+  app.add_option("--timeout", options.timeout_s, "Limit of every wait, in seconds")
+      ->check(CLI::Range(1, 60))
+      ->capture_default_str();
+  app.add_option("--tls-method", options.tls_method, "auto, tls1.0, or the library's number 0 to 3")
+      ->transform(CLI::Transformer(methods, CLI::ignore_case))
+      ->check(CLI::Range(0, 3))
+      ->type_name("METHOD");
+  app.add_option("--option", options.raw_options, "Set a library option by its name or number; repeatable")
+      ->type_name("NAME=VALUE")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  add_verbosity(app, options.verbosity);
+}
+
+void add_transfer_options(CLI::App& app, transfer_options& options) {
+  app.add_option("--user", options.user, "User name for HTTP or FTP");
+  app.add_option("--password", options.password,
+                 "Its password; better left to FETCHRIG_PASSWORD or to the question at the terminal");
+  app.add_option("--proxy", options.proxy, "URL of an HTTP proxy (http URLs only)");
+  app.add_option("--header", options.headers, "Header line for HTTP; repeatable")
+      ->type_name("\"NAME: VALUE\"")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  app.add_option("--max-size", options.max_size_bytes,
+                 "Largest file taken or sent, in bytes; K, M and G multiply by 1024")
+      ->transform(CLI::AsSizeValue(false))
+      ->capture_default_str();
+  app.add_flag("-q,--quiet", options.quiet, "Show no progress");
+  add_connection_options(app, options.connection);
+}
+
+void configure(const connection_options& options) {
+  set_connection_options(options);
+  set_raw_options(options);
+}
+
+void configure(const transfer_options& options) {
+  if (options.max_size_bytes > UINT32_MAX) throw usage_error("--max-size is at most 4294967295 bytes");
+  set_connection_options(options.connection);
+  set_number_option(DL_OPT_MAX_FILE_SIZE, static_cast<std::uint32_t>(options.max_size_bytes));
+  set_raw_options(options.connection);
+}
+
+void set_text_option(std::uint32_t option, const std::string& value) {
+  const std::size_t max_len = option == DL_OPT_CALLER_TAG ? 20 : 511;
+  if (value.size() > max_len)
+    throw usage_error(std::string("the value for ") + option_name(option) + " is too long");
+  dl_set_option(option, value.c_str());
+}
+
+void set_number_option(std::uint32_t option, std::uint32_t value) {
+  if (dl_set_option(option, &value) == 0) return;
+  throw usage_error(std::string(option_name(option)) + " cannot be " + std::to_string(value));
+}
+
+void take_key_passphrase() {
+  const char* passphrase = getenv("FETCHRIG_KEY_PASSPHRASE");
+  if (passphrase) set_text_option(DL_OPT_KEY_PASSPHRASE, passphrase);
+}
+
+std::uint32_t size_limit_bytes() {
+  pthread_mutex_lock(&g_dl_cfg.lock);
+  const std::uint32_t limit = g_dl_cfg.max_file_size;
+  pthread_mutex_unlock(&g_dl_cfg.lock);
+  return limit;
+}
+
+std::string header_block(const std::vector<std::string>& headers) {
+  std::string block;
+  for (const std::string& line : headers) {
+    const std::size_t colon = line.find(':');
+    const bool named = colon != line.npos && colon > 0 && line.find_first_of(" \t") > colon;
+    if (!named || has_control_characters(line)) throw usage_error("--header takes \"Name: value\"");
+    block += line + "\r\n";
+  }
+  return block;
+}
+
+}  // namespace fetchrig::cli

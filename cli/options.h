@@ -1,0 +1,63 @@
+// options.h: the command's settings for connections and transfers, and how they become the library's options.
+// The defaults are the safe ones: the chain and the host name of an HTTPS server are verified against the
+// system's CAs and every wait has a limit.
+#ifndef FETCHRIG_CLI_OPTIONS_H
+#define FETCHRIG_CLI_OPTIONS_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+}
+
+namespace fetchrig::cli {
+
+// What everything that may open a connection takes.
+struct connection_options {
+  std::string ca_dir = "/etc/ssl/certs";
+  std::string client_cert;
+  bool insecure = false;
+  bool no_verify_host = false;
+  bool ipv6 = false;
+  std::uint32_t timeout_s = 30;
+  std::uint32_t tls_method = 3;
+  std::vector<std::string> raw_options;  // "NAME=VALUE"
+  int verbosity = 0;
+};
+
+// What get and put take besides.
+struct transfer_options {
+  connection_options connection;
+  std::optional<std::string> user;
+  std::optional<std::string> password;
+  std::string proxy;
+  std::vector<std::string> headers;  // "Name: value"
+  std::uint64_t max_size_bytes = UINT32_MAX;
+  bool quiet = false;
+};
+
+void add_connection_options(CLI::App& app, connection_options& options);
+void add_transfer_options(CLI::App& app, transfer_options& options);
+void add_verbosity(CLI::App& app, int& verbosity);
+
+// Initialise the library and set its options; a value it refuses throws usage_error.
+void configure(const connection_options& options);
+void configure(const transfer_options& options);
+
+// Sets text option `option` (enum dl_option), refusing what the library would cut.
+void set_text_option(std::uint32_t option, const std::string& value);
+void set_number_option(std::uint32_t option, std::uint32_t value);
+// Takes the pass phrase of private keys from the environment.
+void take_key_passphrase();
+
+// The size limit in force.
+std::uint32_t size_limit_bytes();
+
+// The header lines for the library, each ended by CRLF; throws usage_error for one that is no header line.
+std::string header_block(const std::vector<std::string>& headers);
+
+}  // namespace fetchrig::cli
+#endif

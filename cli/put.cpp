@@ -1,0 +1,188 @@
+// put.cpp: "fetchrig put", uploading one file.
+#include <string.h>
+#include <strings.h>
+#include <sys/stat.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <random>
+
+#include "commands.h"
+#include "credentials.h"
+#include "fetchrig.h"
+#include "location.h"
+#include "options.h"
+#include "progress.h"
+#include "report.h"
+#include "source.h"
+
+namespace fetchrig::cli {
+namespace {
+
+struct put_options {
+  std::string file;
+  std::string url;
+  std::string method = "put";
+  std::string name;
+  bool append = false;
+  std::string when_full = "stop";
+  transfer_options transfer;
+
+  bool posts() const { return method == "post"; }
+};
+
+using redirect_buffer = std::array<char, DL_REDIRECT_SIZE>;
+
+// What would go wrong late, or without a telling word, in the library's call.
+std::uint64_t check_file(const std::string& path) {
+  struct stat status;
+  if (stat(path.c_str(), &status) != 0) throw failure(0, printable(path) + ": " + strerror(errno));
+  if (!S_ISREG(status.st_mode)) throw failure(0, printable(path) + " is not a regular file");
+  if (status.st_size > INT32_MAX)
+    throw failure(0, printable(path) + " is larger than 2 GiB, the most that can be sent");
+  return static_cast<std::uint64_t>(status.st_size);
+}
+
+void check_options(const put_options& options, const location& where) {
+  if (has_control_characters(last_part(options.file)))
+    throw usage_error("the file's name holds control characters");
+  if (has_control_characters(options.name)) throw usage_error("--name holds control characters");
+  if (where.is_http() && (!options.name.empty() || options.append)) {
+    throw usage_error("--name and --append are not for http and https URLs");
+  }
+  if (!where.is_http() && (!options.transfer.headers.empty() || options.posts())) {
+    throw usage_error("--header and --method are for http and https URLs");
+  }
+  if (where.kind == scheme::tftp && options.append) throw usage_error("--append is for ftp URLs");
+  if (where.kind != scheme::http && !options.transfer.proxy.empty()) {
+    throw usage_error("--proxy is for http URLs; HTTPS is not tunnelled through a proxy");
+  }
+}
+
+std::string random_boundary() {
+  constexpr char digits[] = "0123456789abcdef";
+  std::random_device random;
+  std::uniform_int_distribution<unsigned> digit(0, 15);
+  std::string boundary = "fetchrig-";
+  for (int i = 0; i < 32; ++i) boundary += digits[digit(random)];
+  return boundary;
+}
+
+// The given header lines and the content type that the body needs, unless one is among them. The library
+// takes the boundary of a POST from there.
+std::string upload_headers(const put_options& options) {
+  constexpr std::string_view name = "content-type:";
+  const auto& given = options.transfer.headers;
+  const auto type = std::find_if(given.begin(), given.end(), [&](const std::string& line) {
+    return strncasecmp(line.c_str(), name.data(), name.size()) == 0;
+  });
+  std::string block = header_block(given);
+  if (type != given.end()) {
+    if (options.posts() && type->find("boundary=") == std::string::npos) {
+      throw usage_error("a POST sends multipart/form-data: its Content-Type needs a \"boundary=\"");
+    }
+    return block;
+  }
+  block += options.posts() ? "Content-Type: multipart/form-data; boundary=" + random_boundary() + "\r\n"
+                           : std::string("Content-Type: application/octet-stream\r\n");
+  return block;
+}
+
+// A PUT to a directory names the new file after the local one.
+std::string http_target(const put_options& options, const location& where) {
+  if (options.posts() || where.url.back() != '/' || where.path.back() != '/') return where.url;
+  return where.url + percent_encoded(last_part(options.file));
+}
+
+void put_http(const put_options& options, const location& where, const credentials& login) {
+  const std::string headers = upload_headers(options);
+  const std::string url = http_target(options, where);
+  dl_http_request request = {};
+  request.method = options.posts() ? DL_METHOD_POST : DL_METHOD_PUT;
+  request.url = url.c_str();
+  request.user = login.user();
+  request.password = login.password();
+  request.proxy = options.transfer.proxy.empty() ? nullptr : options.transfer.proxy.c_str();
+  request.headers = headers.c_str();
+
+  redirect_buffer redirect = {};
+  dl_result result = {};
+  dl_http_session* session = nullptr;
+  if (dl_http_post_file(&session, &request, options.file.c_str(), redirect.data(), &result) != 0) {
+    throw failed_call(url, result);
+  }
+  if (!is_http_success(last_http_status())) {
+    result.code = last_http_status();
+    throw failed_call(url, result);
+  }
+}
+
+// The remote name for FTP and TFTP: the URL's path, which may end in a directory for the local file's name.
+std::string remote_name(const put_options& options, const location& where) {
+  if (!options.name.empty()) return options.name;
+  std::string name = where.path.substr(1);
+  if (name.empty() || name.back() == '/') name += last_part(options.file);
+  return name;
+}
+
+void put_named(const put_options& options, const location& where, const credentials& login) {
+  const std::string name = remote_name(options, where);
+  const dl_request request = {where.url.c_str(), login.user(), login.password(), nullptr};
+  const std::int32_t mode = options.append ? DL_FTP_APPEND : DL_FTP_STORE;
+  const std::uint32_t when_full = options.when_full == "store" ? DL_FTP_LIMIT_STORE : DL_FTP_LIMIT_STOP;
+  redirect_buffer redirect = {};
+  dl_result result = {};
+  if (dl_upload(&request, options.file.c_str(), name.c_str(), redirect.data(), &result, nullptr, mode,
+                when_full) != 0) {
+    throw failed_call(where.url, result);
+  }
+}
+
+int run_put(const put_options& options) {
+  const location where = parse_location(options.url);
+  check_options(options, where);
+  const std::uint64_t size_bytes = check_file(options.file);
+  configure(options.transfer);
+  if (size_bytes > size_limit_bytes() && options.when_full == "stop") {
+    throw failure(0, printable(options.file) + " is larger than the limit of " +
+                         std::to_string(size_limit_bytes()) + " bytes (--max-size)");
+  }
+  const credentials login(where, options.transfer.user, options.transfer.password);
+
+  const bool talkative = !options.transfer.quiet && somebody_watches();
+  if (talkative) tell("sending " + std::to_string(size_bytes) + " bytes ...");
+  progress_meter meter(false, size_bytes);
+  if (where.is_http()) {
+    put_http(options, where, login);
+  } else {
+    put_named(options, where, login);
+  }
+  meter.add(size_bytes);
+  if (talkative) tell(printable(options.file) + ": sent " + meter.summary());
+  return exit_done;
+}
+
+}  // namespace
+
+void add_put(CLI::App& app, action& chosen) {
+  const auto options = std::make_shared<put_options>();
+  CLI::App* put = app.add_subcommand("put", "Upload a file over HTTP, HTTPS, FTP or TFTP");
+  put->add_option("FILE", options->file, "Local file to send")->required();
+  put->add_option("URL", options->url, "Where to; a URL that ends in \"/\" takes the file's own name")
+      ->required();
+  put->add_option("--method", options->method, "HTTP: put sends the file itself, post a multipart form")
+      ->check(CLI::IsMember({"put", "post"}))
+      ->capture_default_str();
+  put->add_option("--name", options->name, "FTP and TFTP: remote name instead of the URL's path");
+  put->add_flag("--append", options->append, "FTP: append to the remote file");
+  put->add_option("--when-full", options->when_full,
+                  "FTP: stop, or store anew, when remote and local size together pass --max-size")
+      ->check(CLI::IsMember({"store", "stop"}))
+      ->capture_default_str();
+  add_transfer_options(*put, options->transfer);
+  put->callback([options, &chosen] { chosen = [options] { return run_put(*options); }; });
+}
+
+}  // namespace fetchrig::cli

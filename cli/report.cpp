@@ -1,0 +1,242 @@
+// report.cpp: keeping the telling lines of the library's log and wording failures.
+#include "report.h"
+
+#include <stdio.h>
+#include <string.h>
+
+#include <algorithm>
+#include <deque>
+#include <iterator>
+#include <optional>
+
+namespace fetchrig::cli {
+namespace {
+
+constexpr std::size_t max_errors_kept = 4;
+constexpr std::size_t max_remarks_kept = 16;
+
+struct recorded_log {
+  int shown_level = DL_LOG_WARNING;  // lines up to this level go to standard error
+  std::deque<std::string> errors;
+  std::vector<std::string> remarks;
+  int http_status = 0;
+};
+
+// Written by the log callback, which runs on the command's only thread.
+recorded_log recorded;
+
+struct log_line {
+  std::string_view module;
+  int level;
+  std::string_view message;
+};
+
+// "QXFR[42]: HTTP<3+error > text\n": the module name has 4 characters, the level's tag 10, then a blank.
+std::optional<log_line> parse_log_line(std::string_view line) {
+  constexpr std::size_t module_len = 4, prefix_len = 15;
+  const std::size_t start = line.find("]: ");
+  if (start == line.npos) return std::nullopt;
+  line.remove_prefix(start + 3);
+  if (line.size() < prefix_len || line[module_len] != '<') return std::nullopt;
+  const int level = line[module_len + 1] - '0';
+  std::string_view message = line.substr(prefix_len);
+  while (!message.empty() && (message.back() == '\n' || message.back() == '\r')) message.remove_suffix(1);
+  return log_line{line.substr(0, module_len), level, message};
+}
+
+bool starts_with_digits(std::string_view text, int& number) {
+  number = 0;
+  std::size_t digits = 0;
+  for (; digits < text.size() && digits < 3 && text[digits] >= '0' && text[digits] <= '9'; ++digits) {
+    number = number * 10 + (text[digits] - '0');
+  }
+  return digits > 0;
+}
+
+void record(const log_line& line) {
+  constexpr std::string_view response = "response code: ";
+  constexpr std::string_view remark = "verify cb error ";
+  if (line.level <= DL_LOG_ERROR) {
+    recorded.errors.emplace_back(printable(line.message));
+    if (recorded.errors.size() > max_errors_kept) recorded.errors.pop_front();
+  }
+  if (line.module == "HTTP" && line.message.starts_with(response)) {
+    int status = 0;
+    if (starts_with_digits(line.message.substr(response.size()), status)) recorded.http_status = status;
+  }
+  if (line.message.starts_with(remark) && recorded.remarks.size() < max_remarks_kept) {
+    const std::size_t words = line.message.find("lookup:");
+    recorded.remarks.emplace_back(
+        printable(words == line.message.npos ? line.message : line.message.substr(words + 7)));
+  }
+}
+
+void show(const log_line& line) {
+  const bool chatty = recorded.shown_level > DL_LOG_WARNING;
+  // An error ends up in the failure that is told at the end; it is repeated only among the lines around it.
+  if (line.level > recorded.shown_level || (!chatty && line.level != DL_LOG_WARNING)) return;
+  const std::string text = printable(line.message);
+  if (!chatty) {
+    tell("warning: " + text);
+    return;
+  }
+  fprintf(stderr, "%.*s: %s\n", static_cast<int>(line.module.size()), line.module.data(), text.c_str());
+}
+
+int log_callback(const char* text, int32_t length) {
+  if (!text || length <= 0) return 0;
+  const auto line = parse_log_line({text, static_cast<std::size_t>(length)});
+  if (!line || line->module == "DANY") return 0;  // the log module about itself
+  try {
+    record(*line);
+    show(*line);
+  } catch (const std::bad_alloc&) {
+    // A line lost for lack of memory must not throw through the library, which is plain C to its callers.
+  }
+  return 0;
+}
+
+// Length of the valid UTF-8 sequence of two or more bytes at the start of `text`, 0 when there is none or it
+// is one of the C1 control characters.
+std::size_t utf8_sequence(std::string_view text) {
+  const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
+  struct shape {
+    unsigned char mask, mark;
+    std::size_t length;
+    unsigned least;
+  };
+  constexpr shape shapes[] = {{0xe0, 0xc0, 2, 0xa0}, {0xf0, 0xe0, 3, 0x800}, {0xf8, 0xf0, 4, 0x10000}};
+  for (const shape& form : shapes) {
+    if ((byte(0) & form.mask) != form.mark) continue;
+    if (text.size() < form.length) return 0;
+    unsigned code_point = byte(0) & static_cast<unsigned char>(~form.mask);
+    for (std::size_t i = 1; i < form.length; ++i) {
+      if ((byte(i) & 0xc0) != 0x80) return 0;
+      code_point = code_point << 6 | (byte(i) & 0x3fu);
+    }
+    const bool surrogate = code_point >= 0xd800 && code_point <= 0xdfff;
+    return code_point < form.least || code_point > 0x10ffff || surrogate ? 0 : form.length;
+  }
+  return 0;
+}
+
+struct code_words {
+  int code;
+  const char* words;
+};
+
+// Words for codes whose library text says less than is known.
+constexpr code_words status_words[] = {
+    {204, "no content"},
+    {300, "multiple choices"},
+    {303, "see other"},
+    {304, "not modified"},
+    {307, "temporary redirect"},
+    {308, "permanent redirect"},
+    {400, "bad request"},
+    {401, "unauthorised"},
+    {403, "forbidden"},
+    {404, "not found"},
+    {405, "method not allowed"},
+    {408, "request time-out"},
+    {409, "conflict"},
+    {411, "length required"},
+    {413, "content too large"},
+    {416, "range not satisfiable"},
+    {429, "too many requests"},
+    {500, "server error"},
+    {501, "not implemented"},
+    {502, "bad gateway"},
+    {503, "service unavailable"},
+    {504, "gateway time-out"},
+    {DL_ERR_REDIRECT_URL, "the redirect's target is no usable URL"},
+    {DL_ERR_FTP_USER, "the FTP server refused the user name"},
+    {DL_ERR_FTP_PASS, "the FTP server refused the password"},
+};
+
+std::string words_for(const dl_result& result) {
+  const auto* known = std::find_if(std::begin(status_words), std::end(status_words),
+                                   [&](const code_words& entry) { return entry.code == result.code; });
+  const bool from_table = known != std::end(status_words);
+  if (result.code >= 100) {
+    std::string words = "the server answered " + std::to_string(result.code);
+    if (from_table && last_http_status() == result.code) words += std::string(" (") + known->words + ")";
+    return words;
+  }
+  if (from_table) return known->words;
+  const std::string_view message(result.message, strnlen(result.message, sizeof result.message));
+  const std::size_t last = message.find_last_not_of(" \r\n");
+  if (last != message.npos) return printable(message.substr(0, last + 1));
+  return "failed";
+}
+
+}  // namespace
+
+std::string printable(std::string_view text) {
+  constexpr char digits[] = "0123456789abcdef";
+  std::string out;
+  for (std::size_t i = 0; i < text.size();) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    std::size_t length = byte >= 0x20 && byte < 0x7f ? 1 : 0;
+    if (byte >= 0x80) length = utf8_sequence(text.substr(i));
+    if (length > 0) {
+      out.append(text, i, length);
+      i += length;
+      continue;
+    }
+    out += {'\\', 'x', digits[byte >> 4], digits[byte & 15]};
+    ++i;
+  }
+  return out;
+}
+
+void start_log(int verbosity) {
+  constexpr int levels[] = {DL_LOG_WARNING, DL_LOG_NOTICE, DL_LOG_INFO, DL_LOG_DEBUG};
+  recorded.shown_level = levels[std::clamp(verbosity, 0, 3)];
+  dl_config_init();
+  dl_log_init(0, log_callback);
+  // Notices carry the response status, which is wanted whatever is shown.
+  dl_set_log_module_level(DL_LOG_ANY,
+                          static_cast<uint32_t>(std::max<int>(recorded.shown_level, DL_LOG_NOTICE)));
+}
+
+void forget_log() {
+  recorded.errors.clear();
+  recorded.remarks.clear();
+  recorded.http_status = 0;
+}
+
+std::string logged_errors() {
+  std::string all;
+  for (const std::string& line : recorded.errors) {
+    if (!all.empty()) all += "; ";
+    all += line;
+  }
+  return all;
+}
+
+int last_http_status() {
+  return recorded.http_status;
+}
+
+const std::vector<std::string>& verification_remarks() {
+  return recorded.remarks;
+}
+
+failure failed_call(std::string_view subject, const dl_result& result) {
+  return failed_operation(subject, result.code, words_for(result));
+}
+
+failure failed_operation(std::string_view subject, int code, std::string_view words) {
+  std::string message = printable(subject) + ": " + std::string(words);
+  if (code != 0) message += " (code " + std::to_string(code) + ")";
+  const std::string cause = logged_errors();
+  if (!cause.empty()) message += ": " + cause;
+  return failure(code, message);
+}
+
+void tell(std::string_view line) {
+  fprintf(stderr, "fetchrig: %.*s\n", static_cast<int>(line.size()), line.data());
+}
+
+}  // namespace fetchrig::cli

@@ -1,0 +1,147 @@
+// source.cpp: opening and reading downloads through the library.
+#include "source.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <limits>
+
+#include "fetchrig.h"
+#include "options.h"
+#include "report.h"
+
+namespace fetchrig::cli {
+namespace {
+
+using redirect_buffer = std::array<char, DL_REDIRECT_SIZE>;
+
+int32_t library_size(std::span<char> buffer) {
+  return static_cast<int32_t>(std::min<std::size_t>(buffer.size(), std::numeric_limits<int32_t>::max()));
+}
+
+// The value of a "name: value" line, without the blanks around it.
+std::string_view header_value(const char* line) {
+  const std::string_view text(line);
+  const std::size_t start = text.find_first_not_of(" \t", text.find(':') + 1);
+  if (start == text.npos) return {};
+  return text.substr(start, text.find_last_not_of(" \t") + 1 - start);
+}
+
+struct http_close {
+  void operator()(dl_http_session* session) const { dl_http_close(session); }
+};
+struct handle_close {
+  void operator()(dl_handle* handle) const { dl_close(handle); }
+};
+
+class http_source : public source {
+ public:
+  explicit http_source(const source_request& request);
+  std::size_t read(std::span<char> buffer) override;
+  std::optional<std::uint64_t> announced_bytes() const override { return announced_bytes_; }
+  bool ends_unmarked() const override { return !chunked() && !announced_bytes_ && !empty_by_status_; }
+
+ private:
+  bool chunked() const { return (session_->flags & DL_HTTP_FLAG_CHUNKED) != 0; }
+  std::optional<std::uint64_t> find_length() const;
+
+  const std::string subject_;
+  std::unique_ptr<dl_http_session, http_close> session_;
+  std::optional<std::uint64_t> announced_bytes_;
+  bool empty_by_status_ = false;
+};
+
+http_source::http_source(const source_request& request) : subject_(request.where.url) {
+  dl_http_request http = {};
+  http.method = DL_METHOD_GET;
+  http.url = request.where.url.c_str();
+  http.user = request.login.user();
+  http.password = request.login.password();
+  http.proxy = request.proxy.empty() ? nullptr : request.proxy.c_str();
+  http.headers = request.headers.empty() ? nullptr : request.headers.c_str();
+
+  redirect_buffer redirect = {};
+  dl_result result = {};
+  dl_http_session* session = nullptr;
+  const dl_http_request_ex extended = {&http, 2};
+  const int rc = request.xsi_authentication ? dl_http_open_ex(&session, &extended, redirect.data(), &result)
+                                            : dl_http_open(&session, &http, redirect.data(), &result);
+  if (rc != 0) throw failed_call(subject_, result);
+  session_.reset(session);
+
+  const int status = last_http_status();
+  if (!is_http_success(status)) {
+    result.code = status;
+    throw failed_call(subject_, result);
+  }
+  empty_by_status_ = status == 204 || status == 205;
+  announced_bytes_ = find_length();
+}
+
+// Headers are kept for status 200 only. For the others the session holds the announced length, or the size
+// limit when there was none.
+std::optional<std::uint64_t> http_source::find_length() const {
+  if (chunked() || empty_by_status_) return std::nullopt;
+  if (const char* line = dl_http_find_header_by_name(session_.get(), "content-length")) {
+    const std::string_view value = header_value(line);
+    std::uint64_t length = 0;
+    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), length);
+    if (error == std::errc() && end == value.data() + value.size()) return length;
+  }
+  if (session_->remaining != size_limit_bytes()) return session_->remaining;
+  return std::nullopt;
+}
+
+std::size_t http_source::read(std::span<char> buffer) {
+  if (empty_by_status_) return 0;
+  dl_result result = {};
+  const int count = dl_http_read(session_.get(), buffer.data(), library_size(buffer), &result);
+  if (count < 0) throw failed_call(subject_, result);
+  return static_cast<std::size_t>(count);
+}
+
+class handle_source : public source {
+ public:
+  explicit handle_source(const source_request& request);
+  std::size_t read(std::span<char> buffer) override;
+  std::optional<std::uint64_t> announced_bytes() const override { return announced_bytes_; }
+
+ private:
+  const std::string subject_;
+  std::unique_ptr<dl_handle, handle_close> handle_;
+  std::optional<std::uint64_t> announced_bytes_;
+};
+
+handle_source::handle_source(const source_request& request) : subject_(request.where.url) {
+  const dl_request transfer = {request.where.url.c_str(), request.login.user(), request.login.password(),
+                               nullptr};
+  redirect_buffer redirect = {};
+  dl_result result = {};
+  dl_handle* handle = nullptr;
+  if (dl_open(&transfer, &handle, redirect.data(), &result) != 0) throw failed_call(subject_, result);
+  handle_.reset(handle);
+  // An FTP session counts down from the size that the server told.
+  if (handle_->proto == DL_PROTO_FTP) {
+    announced_bytes_ = static_cast<const dl_ftp_session*>(handle_->session)->remaining;
+  }
+}
+
+std::size_t handle_source::read(std::span<char> buffer) {
+  dl_result result = {};
+  const int count = dl_read(handle_.get(), buffer.data(), library_size(buffer), &result);
+  if (count < 0) throw failed_call(subject_, result);
+  return static_cast<std::size_t>(count);
+}
+
+}  // namespace
+
+bool is_http_success(int status) {
+  return status >= 200 && status < 300;
+}
+
+std::unique_ptr<source> open_source(const source_request& request) {
+  if (request.where.is_http()) return std::make_unique<http_source>(request);
+  return std::make_unique<handle_source>(request);
+}
+
+}  // namespace fetchrig::cli
