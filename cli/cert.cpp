@@ -1,5 +1,7 @@
 // cert.cpp: "fetchrig cert", the head of the certificate subcommands and their common options.
 #include <CLI/CLI.hpp>
+#include <filesystem>
+#include <system_error>
 
 #include "cert_options.h"
 #include "fetchrig.h"
@@ -10,7 +12,10 @@ namespace fetchrig::cli {
 
 std::string cert_options::store_dir() const {
   if (store.empty()) throw usage_error("name the store with --store DIR or FETCHRIG_STORE");
-  return store.back() == '/' ? store : store + "/";
+  // Absolute, because the store's links carry the path they are made with.
+  std::error_code error;
+  const std::string dir = std::filesystem::absolute(store, error).string();
+  return dir.back() == '/' ? dir : dir + "/";
 }
 
 const std::string& cert_options::device_cert_file() const {

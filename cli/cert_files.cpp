@@ -1,5 +1,4 @@
 // cert_files.cpp: "fetchrig cert info", "verify" and "generate", which work on single certificate files.
-#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -13,34 +12,10 @@
 #include "options.h"
 #include "report.h"
 #include "scratch_copy.h"
+#include "silenced_stream.h"
 
 namespace fetchrig::cli {
 namespace {
-
-// Sends a standard stream to nowhere while it lives.
-class silenced_stream {
- public:
-  silenced_stream(FILE* stream, bool wanted) : stream_(stream) {
-    if (!wanted) return;
-    fflush(stream_);
-    kept_ = fcntl(fileno(stream_), F_DUPFD_CLOEXEC, 3);
-    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (kept_ >= 0 && nowhere >= 0) dup2(nowhere, fileno(stream_));
-    if (nowhere >= 0) close(nowhere);
-  }
-  silenced_stream(const silenced_stream&) = delete;
-  silenced_stream& operator=(const silenced_stream&) = delete;
-  ~silenced_stream() {
-    if (kept_ < 0) return;
-    fflush(stream_);
-    dup2(kept_, fileno(stream_));
-    close(kept_);
-  }
-
- private:
-  FILE* stream_;
-  int kept_ = -1;
-};
 
 struct info_options {
   cert_options common;

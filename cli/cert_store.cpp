@@ -12,6 +12,7 @@
 #include "fetchrig.h"
 #include "report.h"
 #include "scratch_copy.h"
+#include "silenced_stream.h"
 
 namespace fetchrig::cli {
 namespace {
@@ -49,7 +50,11 @@ answer list(const store_options& options) {
 answer install(const store_options& options) {
   const std::string store = options.common.store_dir();
   const scratch_copy file(options.target);
-  const int rc = dl_install_ca(file.path());
+  int rc = 0;
+  {
+    const silenced_stream shell(stderr, options.common.verbosity == 0);
+    rc = dl_install_ca(file.path());
+  }
   if (rc == -2) throw failed_operation(options.target, rc, "a CA of this name is installed already");
   if (rc == -3) throw failed_operation(options.target, rc, "a CA of this name is among the factory CAs");
   if (rc != 0) throw failed_operation(options.target, rc, "cannot be installed");
@@ -104,7 +109,11 @@ answer remove_entry(const store_options& options) {
   const std::string store = options.common.store_dir();
   const std::string entry = entry_to_remove(options, store);
   if (!name_exists(entry)) throw failure(0, printable(options.target) + " is not in the store");
-  dl_del_ca(entry.c_str());
+  {
+    // The library removes every name that the entry may have; the shell complains about those it has not.
+    const silenced_stream shell(stderr, options.common.verbosity == 0);
+    dl_del_ca(entry.c_str());
+  }
   if (name_exists(entry)) throw failed_operation(entry, 0, "could not be removed");
   answer told;
   told.json = {{"removed", entry}};

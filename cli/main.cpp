@@ -32,13 +32,17 @@ Environment:
 
 Exit status: 0 done, 1 failed, 2 wrong usage.)";
 
+int wrong_usage(const char* words) {
+  tell(words);
+  fputs("Run with --help for more information.\n", stderr);
+  return exit_usage;
+}
+
 int run_action(const action& chosen) {
   try {
     return chosen();
   } catch (const usage_error& error) {
-    tell(error.what());
-    fputs("Run with --help for more information.\n", stderr);
-    return exit_usage;
+    return wrong_usage(error.what());
   } catch (const failure& error) {
     tell(error.what());
     return exit_failed;
@@ -70,7 +74,8 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? flushed(exit_done) : exit_usage;
+    if (error.get_exit_code() == 0) return flushed(app.exit(error));  // --help, --version
+    return wrong_usage(error.what());
   }
   return flushed(run_action(chosen));
 }

@@ -53,11 +53,32 @@ bool starts_with_digits(std::string_view text, int& number) {
   return digits > 0;
 }
 
+struct code_words {
+  int code;
+  const char* words;
+};
+
+// What OpenSSL's number for a chain that does not verify means.
+std::string chain_words(std::string_view message) {
+  constexpr std::string_view verdict = "Certificate doesn't verify and error is ";
+  constexpr code_words reasons[] = {
+      {9, "not yet valid"},   {10, "expired"},
+      {18, "self-signed"},    {19, "self-signed CA that is not trusted"},
+      {20, "unknown issuer"}, {21, "unknown issuer"},
+  };
+  int number = 0;
+  if (!message.starts_with(verdict) || !starts_with_digits(message.substr(verdict.size()), number)) return "";
+  for (const code_words& reason : reasons) {
+    if (reason.code == number) return std::string(" (") + reason.words + ")";
+  }
+  return "";
+}
+
 void record(const log_line& line) {
   constexpr std::string_view response = "response code: ";
   constexpr std::string_view remark = "verify cb error ";
   if (line.level <= DL_LOG_ERROR) {
-    recorded.errors.emplace_back(printable(line.message));
+    recorded.errors.emplace_back(printable(line.message) + chain_words(line.message));
     if (recorded.errors.size() > max_errors_kept) recorded.errors.pop_front();
   }
   if (line.module == "HTTP" && line.message.starts_with(response)) {
@@ -80,7 +101,8 @@ void show(const log_line& line) {
     tell("warning: " + text);
     return;
   }
-  fprintf(stderr, "%.*s: %s\n", static_cast<int>(line.module.size()), line.module.data(), text.c_str());
+  const std::string_view module = line.module.substr(0, line.module.find(' '));  // "FTP " is padded
+  fprintf(stderr, "%.*s: %s\n", static_cast<int>(module.size()), module.data(), text.c_str());
 }
 
 int log_callback(const char* text, int32_t length) {
@@ -119,11 +141,6 @@ std::size_t utf8_sequence(std::string_view text) {
   }
   return 0;
 }
-
-struct code_words {
-  int code;
-  const char* words;
-};
 
 // Words for codes whose library text says less than is known.
 constexpr code_words status_words[] = {
@@ -168,6 +185,11 @@ std::string words_for(const dl_result& result) {
   const std::size_t last = message.find_last_not_of(" \r\n");
   if (last != message.npos) return printable(message.substr(0, last + 1));
   return "failed";
+}
+
+std::string with_cause(std::string message) {
+  const std::string cause = logged_errors();
+  return cause.empty() ? message : message + ": " + cause;
 }
 
 }  // namespace
@@ -224,15 +246,14 @@ const std::vector<std::string>& verification_remarks() {
 }
 
 failure failed_call(std::string_view subject, const dl_result& result) {
-  return failed_operation(subject, result.code, words_for(result));
+  if (result.code < 100) return failed_operation(subject, result.code, words_for(result));
+  return failure(result.code, with_cause(printable(subject) + ": " + words_for(result)));
 }
 
 failure failed_operation(std::string_view subject, int code, std::string_view words) {
   std::string message = printable(subject) + ": " + std::string(words);
   if (code != 0) message += " (code " + std::to_string(code) + ")";
-  const std::string cause = logged_errors();
-  if (!cause.empty()) message += ": " + cause;
-  return failure(code, message);
+  return failure(code, with_cause(message));
 }
 
 void tell(std::string_view line) {

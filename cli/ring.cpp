@@ -54,11 +54,11 @@ void set_entries(const std::vector<std::string>& entries) {
 int tell_ring(int number, const std::string& file, bool json) {
   const bool found = number >= 0 || !file.empty();
   if (json) {
-    nlohmann::json out = {{"ok", found}, {"number", nullptr}, {"file", nullptr}};
+    nlohmann::ordered_json out = {{"ok", found}, {"number", nullptr}, {"file", nullptr}};
     if (number >= 0) out["number"] = number;
     if (!file.empty()) out["file"] = file;
     if (!found) out["message"] = logged_errors();
-    puts(out.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+    puts(out.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace).c_str());
   } else if (number >= 0) {
     printf("ring %d\n", number);
   } else if (found) {
