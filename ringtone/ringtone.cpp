@@ -66,6 +66,14 @@ bool is_wanted_wave(std::span<const char> start) {
          memcmp(start.data() + wave_fmt_offset, wave_fmt, sizeof wave_fmt) == 0;
 }
 
+// A peer that closes early looks like the end of the body; only the announced length tells that bytes are
+// missing.
+bool is_cut_short(const dl_http_session* session) {
+  const bool announced = !(session->flags & DL_HTTP_FLAG_CHUNKED) &&
+                         dl_http_find_header_by_name(session, "content-length") != nullptr;
+  return announced && session->remaining > 0;
+}
+
 // Copies the body into the cache file: what `buffer` holds already, `held` bytes, and then the rest.
 int copy_body(dl_http_session* session, std::span<char> buffer, int held, ring_cache_file& file,
               const std::string& path) {
@@ -78,7 +86,7 @@ int copy_body(dl_http_session* session, std::span<char> buffer, int held, ring_c
     dl_result result{};
     held = dl_http_read(session, buffer.data(), static_cast<int32_t>(buffer.size()), &result);
   }
-  return held < 0 ? fetch_failed("Down load Error\n") : 0;
+  return held < 0 || is_cut_short(session) ? fetch_failed("Down load Error\n") : 0;
 }
 
 int download_wave(const char* url, const std::string& path) {
