@@ -8,7 +8,7 @@ packages=(
   libssl-dev openssl ca-certificates
   libgtest-dev libbenchmark-dev libcli11-dev nlohmann-json3-dev
   clang clang-format libclang-rt-14-dev
-  nginx vsftpd python3-pyftpdlib tftpd-hpa libpcre3 libwrap0
+  nginx apache2-bin vsftpd python3-pyftpdlib tftpd-hpa libpcre3 libwrap0
   python3 iproute2 curl
   gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf
 )

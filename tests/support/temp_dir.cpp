@@ -95,6 +95,10 @@ std::string make_bytes(std::size_t size, uint64_t seed) {
   return bytes;
 }
 
+std::string summary(std::string_view bytes) {
+  return std::to_string(bytes.size()) + " bytes, " + md5_hex(bytes);
+}
+
 std::string md5_hex(std::string_view data) {
   return digest_hex(EVP_md5(), data);
 }

@@ -41,6 +41,9 @@ std::vector<std::string> names_in(const std::string& directory);
 // `size` bytes that look random, hold every byte value and are the same in every run.
 std::string make_bytes(std::size_t size, uint64_t seed = 1);
 
+// "N bytes, MD5": what comparisons of long contents show when they fail.
+std::string summary(std::string_view bytes);
+
 // Digests as lower-case hexadecimal digits.
 std::string md5_hex(std::string_view data);
 std::string sha256_hex(std::string_view data);
