@@ -1,0 +1,143 @@
+// stream.cpp: reading, peeking and writing on plain connections, with and without a read-ahead.
+#include "net/stream.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <string>
+#include <string_view>
+
+#include "core/owners.h"
+#include "tests/support/descriptors.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+using namespace fetchrig;
+
+// Both ends of a connection; the test plays the peer at `far`.
+class stream_test : public test::leak_free {
+ protected:
+  void SetUp() override {
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    near.reset(ends[0]);
+    far.reset(ends[1]);
+  }
+  void peer_sends(std::string_view bytes) const {
+    ASSERT_EQ(::send(far.get(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+  }
+  // How much of what the peer sent the stream has left in the socket.
+  int left_in_socket() const {
+    int left = -1;
+    ioctl(near.get(), FIONREAD, &left);
+    return left;
+  }
+
+  unique_fd near;
+  unique_fd far;
+  std::array<char, 64> buffer;
+};
+
+std::string_view text_of(const std::array<char, 64>& buffer, const io_result& result) {
+  return {buffer.data(), result.count > 0 ? static_cast<size_t>(result.count) : 0};
+}
+
+TEST_F(stream_test, a_bare_socket_reads_no_more_than_it_is_asked_for) {
+  tcp_stream stream(near.get());
+  peer_sends("abcdef");
+  EXPECT_EQ(text_of(buffer, stream.peek({buffer.data(), 3}, 1)), "abc");
+  EXPECT_EQ(left_in_socket(), 6);
+  EXPECT_EQ(text_of(buffer, stream.read({buffer.data(), 4}, 1)), "abcd");
+  EXPECT_EQ(left_in_socket(), 2);
+  EXPECT_EQ(stream.peek({buffer.data(), 0}, 1).count, 0);
+  EXPECT_EQ(text_of(buffer, stream.read(buffer, 1)), "ef");
+  far.reset();
+  EXPECT_EQ(stream.peek(buffer, 1).count, 0);
+  EXPECT_EQ(stream.read(buffer, 1).count, 0);
+}
+
+TEST_F(stream_test, a_read_ahead_keeps_order_and_its_bound) {
+  read_ahead ahead;
+  tcp_stream stream(near.get(), &ahead, 5);  // five more bytes belong to us
+  peer_sends("abcdefgh");
+  EXPECT_EQ(text_of(buffer, stream.peek({buffer.data(), 2}, 1)), "ab");
+  EXPECT_EQ(left_in_socket(), 3) << "what follows our bytes is not ours to take";
+  EXPECT_EQ(text_of(buffer, stream.read({buffer.data(), 1}, 1)), "a");
+  EXPECT_EQ(text_of(buffer, stream.read({buffer.data(), 10}, 1)), "bcde") << "what is held comes first";
+  tcp_stream next(near.get(), &ahead, 3);
+  EXPECT_EQ(text_of(buffer, next.read({buffer.data(), 2}, 1)), "fg");
+  EXPECT_EQ(text_of(buffer, next.read({buffer.data(), 2}, 1)), "h");
+  far.reset();
+  EXPECT_EQ(next.read(buffer, 1).count, 0);
+}
+
+TEST_F(stream_test, held_bytes_outlive_the_end_of_the_stream) {
+  read_ahead ahead;
+  tcp_stream stream(near.get(), &ahead);
+  peer_sends("abc");
+  far.reset();
+  EXPECT_EQ(text_of(buffer, stream.read({buffer.data(), 1}, 1)), "a");
+  EXPECT_EQ(text_of(buffer, stream.peek(buffer, 1)), "bc");
+  EXPECT_EQ(text_of(buffer, stream.read(buffer, 1)), "bc");
+  EXPECT_EQ(stream.read(buffer, 1).count, 0);
+}
+
+TEST_F(stream_test, nothing_in_time_is_a_failed_wait) {
+  read_ahead ahead;
+  tcp_stream bare(near.get());
+  tcp_stream buffered(near.get(), &ahead);
+  for (tcp_stream* stream : {&bare, &buffered}) {
+    for (const bool peek : {false, true}) {
+      const io_result result = peek ? stream->peek(buffer, 0) : stream->read(buffer, 0);
+      EXPECT_LT(result.count, 0);
+      EXPECT_TRUE(result.wait_failed);
+      EXPECT_EQ(result.error, 0) << "a time-out has no errno";
+    }
+  }
+}
+
+TEST_F(stream_test, a_dead_socket_is_a_failure_with_its_errno) {
+  tcp_stream stream(-1);
+  EXPECT_LT(stream.read(buffer, 0).count, 0);
+  EXPECT_EQ(stream.read(buffer, 0).error, EBADF);
+  EXPECT_EQ(stream.write_all({"x", 1}), -1);
+}
+
+// Pieces of every size around those of the read-ahead, read in pieces of other sizes, give the bytes that
+// were sent.
+TEST_F(stream_test, large_contents_arrive_whole) {
+  const std::string content = test::make_bytes(100000);
+  for (const size_t request : {1U, 512U, 16383U, 16384U, 16385U, 60000U}) {
+    read_ahead ahead;
+    tcp_stream stream(near.get(), &ahead);
+    std::string received;
+    std::string piece(request, '\0');
+    size_t sent = 0;
+    while (received.size() < content.size()) {
+      const size_t more = std::min<size_t>(20000, content.size() - sent);
+      peer_sends(std::string_view(content).substr(sent, more));
+      sent += more;
+      while (received.size() < sent) {
+        const io_result result = stream.read(piece, 1);
+        ASSERT_GT(result.count, 0);
+        received.append(piece, 0, static_cast<size_t>(result.count));
+      }
+    }
+    EXPECT_TRUE(received == content) << request;
+  }
+}
+
+TEST_F(stream_test, writing_to_a_closed_peer_fails_without_a_signal) {
+  tcp_stream stream(near.get());
+  EXPECT_EQ(stream.write_all({}), 0);
+  EXPECT_EQ(stream.write_all({"abc", 3}), 0);
+  far.reset();
+  EXPECT_EQ(stream.write_all({"abc", 3}), -1);
+}
+
+}  // namespace
