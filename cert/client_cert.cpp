@@ -1,7 +1,6 @@
 // client_cert.cpp: issues the device's client certificate: key, request, certificate signed by the given root
 // CA.
 #include <openssl/asn1.h>
-#include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 #include <string.h>
@@ -10,6 +9,7 @@
 #include <string_view>
 
 #include "cert/cert_file.h"
+#include "cert/error_queue.h"
 #include "cert/keygen.h"
 #include "cert/passphrase.h"
 #include "cert/private_file.h"
@@ -132,9 +132,8 @@ int dl_generate_client_cert(const char* ca_cert, const char* ca_key, const char*
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Invalid Parameter\n");
     return -1;
   }
-  const int rc = fetchrig::guarded(
+  const fetchrig::clean_error_queue after;
+  return fetchrig::guarded(
       [&] { return fetchrig::generate(ca_cert, ca_key, key_file, cert_file, subject, bits); },
       [] { return -1; });
-  ERR_clear_error();  // nothing of this call explains a later failure on this thread
-  return rc;
 }

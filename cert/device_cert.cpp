@@ -1,7 +1,5 @@
 // device_cert.cpp: installs, completes and deletes the device certificate, the PEM file that option 2 names.
 #include <dirent.h>
-#include <errno.h>
-#include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <sys/stat.h>
 
@@ -12,8 +10,10 @@
 #include <string_view>
 
 #include "cert/cert_file.h"
+#include "cert/error_queue.h"
 #include "cert/private_file.h"
 #include "cert/shell.h"
+#include "cert/store_entries.h"
 #include "cert/tls_check.h"
 #include "core/boundary.h"
 #include "core/config.h"
@@ -59,10 +59,7 @@ std::optional<device_paths> paths_from(std::string_view device_file) {
 }
 
 bool can_open_directory(const std::string& path) {
-  DIR* directory = ::opendir(path.c_str());
-  if (!directory) return false;
-  ::closedir(directory);
-  return true;
+  return unique_dir(::opendir(path.c_str())) != nullptr;
 }
 
 bool open_or_make_directory(const std::string& path) {
@@ -179,17 +176,15 @@ int install_separate(const char* path) {
 
 int dl_install_ser_ca(const char* path) {
   using namespace fetchrig;
-  const int rc = guarded([&] { return install(path); }, [] { return int{set_up_failed}; });
-  ERR_clear_error();  // nothing of this call explains a later failure on this thread
-  return rc;
+  const clean_error_queue after;
+  return guarded([&] { return install(path); }, [] { return int{set_up_failed}; });
 }
 
 int dl_install_ser_ca_separate(const char* path) {
   using namespace fetchrig;
   if (!path) return log_error(-1, "Invaild paramter\n");
-  const int rc = guarded([&] { return install_separate(path); }, [] { return -1; });
-  ERR_clear_error();
-  return rc;
+  const clean_error_queue after;
+  return guarded([&] { return install_separate(path); }, [] { return -1; });
 }
 
 int dl_del_ser_ca(void) {

@@ -9,11 +9,10 @@
 #include <stdio.h>
 
 #include <memory>
-#include <optional>
 
+#include "cert/error_queue.h"
 #include "cert/passphrase.h"
 #include "cert/private_file.h"
-#include "core/boundary.h"
 #include "core/owners.h"
 #include "include/fetchrig_openssl.h"
 
@@ -91,6 +90,7 @@ int build_rsa_key(device_key& result, const char* path, int bits, const keygen_s
 
 int dl_cert_build_rsa_key(const char* path, int bits, EVP_PKEY** key, int* reused) {
   if (!path || !key || !reused) return -1;
+  const fetchrig::clean_error_queue after;
   fetchrig::device_key result;
   if (fetchrig::build_rsa_key(result, path, bits, nullptr) != 0) return -1;
   if (result.reused) *reused = 1;

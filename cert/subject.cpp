@@ -1,6 +1,7 @@
 // subject.cpp: splits subject texts and builds OpenSSL names from them.
 #include "cert/subject.h"
 
+#include <openssl/err.h>
 #include <openssl/objects.h>
 #include <openssl/x509.h>
 
@@ -35,7 +36,9 @@ piece_end take_piece(std::string_view& rest, char delimiter, std::string& piece)
 // Adds the element at the end of the name. Unknown types and empty values are skipped; false when OpenSSL
 // refuses the value.
 bool add_element(X509_NAME* name, const subject_element& element, int string_type) {
+  ERR_set_mark();
   const int nid = OBJ_txt2nid(element.type.c_str());
+  ERR_pop_to_mark();  // an unknown type is no error
   if (nid == NID_undef || element.value.empty()) return true;
   const auto* value = reinterpret_cast<const unsigned char*>(element.value.c_str());
   return X509_NAME_add_entry_by_NID(name, nid, string_type, value, -1, -1, 0) == 1;

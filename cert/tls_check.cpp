@@ -1,7 +1,6 @@
 // tls_check.cpp: loads a certificate file into a TLS context, step by step.
 #include "cert/tls_check.h"
 
-#include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 
@@ -71,9 +70,7 @@ tls_file_check check_tls_file(const char* path, int method) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "SSL_CTX_new error\n");
     return tls_file_check::no_context;
   }
-  const tls_file_check outcome = load_file(context.get(), path);
-  ERR_clear_error();
-  return outcome;
+  return load_file(context.get(), path);
 }
 
 }  // namespace fetchrig

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "cert/cert_file.h"
+#include "cert/error_queue.h"
 #include "cert/tls_check.h"
 #include "core/config.h"
 #include "core/openssl_owners.h"
@@ -191,13 +192,12 @@ int dl_cert_verify(const char* path, const char* ca_dir, const char* ca_file, ui
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Invalid Parameter\n");
     return fail_with_text(result, DL_VERIFY_PARAMETER, "");
   }
+  const clean_error_queue after;
   clear_result(*result);
   if (SSL_library_init() != 1) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "SSL_library_init error\n");
     return fail_with_text(result, DL_VERIFY_SETUP, "");
   }
   if ((flags & flag_advance_check) && check_in_advance(path, result) != 0) return -1;
-  const int rc = verify_file(path, ca_dir, ca_file, result);
-  ERR_clear_error();  // nothing of this call explains a later failure on this thread
-  return rc;
+  return verify_file(path, ca_dir, ca_file, result);
 }

@@ -1,5 +1,6 @@
 // Subject texts: how they split, and the names and requests that come out of them.
 #include <gtest/gtest.h>
+#include <openssl/err.h>
 #include <openssl/x509.h>
 
 #include <optional>
@@ -79,6 +80,9 @@ TEST(CertSubject, NamesFromTexts) {
     EXPECT_EQ(entries_of(X509_REQ_get_subject_name(request.get())), row.entries.value_or(none));
   }
   EXPECT_EQ(do_subject(nullptr, MBSTRING_ASC), nullptr);
+  ERR_clear_error();
+  const unique_x509_name skipped(do_subject("/frobnicate=1/CN=a", MBSTRING_ASC));
+  EXPECT_EQ(ERR_peek_error(), 0u) << "a skipped type is no error";
 }
 
 TEST(CertSubject, StringTypeDecidesHowBytesAreRead) {
