@@ -129,20 +129,20 @@ std::string pyftpd_server::url(const std::string& path) const {
   return url_for("ftp", port(), path, ipv6_);
 }
 
-tftp_server::tftp_server(tftp_program program, bool ipv6) : ipv6_(ipv6) {
+tftp_server::tftp_server(tftp_program program, bool ipv6, const std::vector<std::string>& options)
+    : ipv6_(ipv6) {
+  const auto with_options = [&](std::vector<std::string> argv) {
+    argv.insert(argv.begin(), options.begin(), options.end());
+    return argv;
+  };
   const auto hpa = [&](uint16_t port) -> std::vector<std::string> {
     const std::string at = (ipv6 ? "[::1]:" : "127.0.0.1:") + std::to_string(port);
-    return {"--foreground", ipv6 ? "-6" : "-4", "--address", at,
-            "--create",     "--permissive",     "--secure",  root_};
+    return with_options(
+        {"--foreground", ipv6 ? "-6" : "-4", "--address", at, "--create", "--permissive", "--secure", root_});
   };
   const auto atftpd = [&](uint16_t port) -> std::vector<std::string> {
-    return {"--daemon",
-            "--no-fork",
-            "--bind-address=127.0.0.1",
-            "--port=" + std::to_string(port),
-            "--logfile=-",
-            "--verbose=3",
-            root_};
+    return with_options({"--daemon", "--no-fork", "--bind-address=127.0.0.1",
+                         "--port=" + std::to_string(port), "--logfile=-", "--verbose=3", root_});
   };
   const auto ready = [ipv6](uint16_t port, child_process& server) { return tftp_ready(port, server, ipv6); };
   if (program == tftp_program::tftpd_hpa)

@@ -123,10 +123,11 @@ class pyftpd_server : public loopback_server {
 };
 
 // tftpd-hpa, which runs as root only, and atftpd, which knows IPv4 only; both take uploads to "upload/".
+// `options` are added to the server's command line.
 enum class tftp_program { tftpd_hpa, atftpd };
 class tftp_server : public loopback_server {
  public:
-  explicit tftp_server(tftp_program program, bool ipv6 = false);
+  explicit tftp_server(tftp_program program, bool ipv6 = false, const std::vector<std::string>& options = {});
   std::string url(const std::string& path) const;
 
  private:
