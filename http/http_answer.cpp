@@ -94,11 +94,11 @@ int output_basic(const auth_side& side) {
 
 // A client nonce from the first six digits of the time in seconds. Returns an answer result.
 int make_cnonce(digest_challenge& challenge) {
-  char digits[7];
+  constexpr std::size_t num_digits = 6;
+  char digits[24];
   const long long seconds = curlx_tvnow().tv_sec;
   snprintf(digits, sizeof digits, "%06lld", seconds);
-  return Curl_base64_encode(digits, strlen(digits), &challenge.cnonce) > 0 ? HTTP_ANSWER_OK
-                                                                           : HTTP_ANSWER_MEMORY;
+  return Curl_base64_encode(digits, num_digits, &challenge.cnonce) > 0 ? HTTP_ANSWER_OK : HTTP_ANSWER_MEMORY;
 }
 
 // The texts of a Digest answer; borrowed.

@@ -133,11 +133,10 @@ int response_loop::read_headers() {
 void response_loop::note_body() {
   dl_http_session& session = channel_.session;
   const char* line = header("content-length");
-  if (const auto length = line ? parse_content_length(line) : std::nullopt) {
-    session.remaining = *length;
-    qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "Content-Length: %d\n", static_cast<int>(*length));
-  } else {
-    session.remaining = max_file_size();
+  const auto length = line ? parse_content_length(line) : std::nullopt;
+  session.remaining = length.value_or(max_file_size());
+  if (length) {
+    qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "Content-Length: %d\n", static_cast<int>(session.remaining));
   }
   const char* encoding = header("transfer-encoding");
   if (encoding && strcasestr(encoding, "chunked")) {
