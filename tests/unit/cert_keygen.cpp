@@ -5,6 +5,7 @@
 #include <openssl/rsa.h>
 #include <openssl/ssl.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include <atomic>
 #include <set>
@@ -140,6 +141,27 @@ TEST(SeededRand, LibcGeneratorIsLeftBehindItsSeed) {
   srand(0x4E7B2A93u);
   for (int i = 0; i < 16; ++i) rand();
   EXPECT_EQ(next, rand());
+}
+
+TEST(SeededRand, ReseedingLibcInAnotherThreadChangesNothing) {
+  keygen_rand_state = initial_keygen_state("a", "b");
+  unsigned char expected[8];
+  seeded_rand_bytes(expected, sizeof expected);
+  std::atomic<bool> running = false, stopping = false;
+  std::thread other([&] {
+    for (unsigned seed = 0; !stopping; running = true) srand(seed++);
+  });
+  while (!running) std::this_thread::yield();
+  int differing = 0;
+  for (int i = 0; i < 20000; ++i) {
+    keygen_rand_state = initial_keygen_state("a", "b");
+    unsigned char drawn[8];
+    seeded_rand_bytes(drawn, sizeof drawn);
+    differing += memcmp(drawn, expected, sizeof drawn) != 0;
+  }
+  stopping = true;
+  other.join();
+  EXPECT_EQ(differing, 0);
 }
 
 TEST(Keygen, ModulusEqualsTheReference) {
