@@ -110,6 +110,12 @@ void peer::send(const std::string& packet) {
             static_cast<ssize_t>(packet.size()));
 }
 
+void peer::send_to(uint16_t to, const std::string& packet) {
+  client_ = address();
+  client_.sin_port = htons(to);
+  send(packet);
+}
+
 void peer::move_to_new_port() {
   sockaddr_in address;
   moved_ = bound_socket(address);

@@ -50,6 +50,8 @@ class peer {
   // Waits for a datagram; its sender becomes the client. "(silence)" after the time limit.
   std::string receive();
   void send(const std::string& packet);
+  // To any port on 127.0.0.1.
+  void send_to(uint16_t to, const std::string& packet);
   // Closes nothing: later sends and receives use a port of their own, as servers do for each transfer.
   void move_to_new_port();
   // Plays the script; a datagram that differs from the expected one is a test failure and ends it.
