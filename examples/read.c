@@ -1,9 +1,11 @@
-/* read.c: hands a remote file's bytes to the caller a buffer at a time, with log lines at warning level and above.
- * cc read.c $(pkg-config --cflags --libs fetchrig) -o read */
+/* read.c: hands a remote file's bytes to the caller a buffer at a time, with log lines at warning level and
+ * above. cc read.c $(pkg-config --cflags --libs fetchrig) -o read */
 #include <fetchrig.h>
 #include <stdio.h>
 
-static int log_to_stderr(const char* line, int32_t length) { return fprintf(stderr, "%.*s", (int)length, line); }
+static int log_to_stderr(const char* line, int32_t length) {
+  return fprintf(stderr, "%.*s", (int)length, line);
+}
 
 int main(int argc, char** argv) {
   if (argc != 2) return fprintf(stderr, "usage: read URL\n"), 2;
@@ -15,7 +17,8 @@ int main(int argc, char** argv) {
   dl_handle* handle = NULL;
   int count = dl_open(&request, &handle, redirect, &result);
   if (count == 0) {
-    while ((count = dl_read(handle, buffer, sizeof buffer, &result)) > 0) fwrite(buffer, 1, (size_t)count, stdout);
+    while ((count = dl_read(handle, buffer, sizeof buffer, &result)) > 0)
+      fwrite(buffer, 1, (size_t)count, stdout);
     dl_close(handle);
   }
   if (count < 0) fprintf(stderr, "%s: %d %s\n", argv[1], (int)result.code, result.message);

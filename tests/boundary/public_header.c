@@ -1,5 +1,5 @@
-/* public_header.c: the public header as a C99 application sees it: it compiles alone and first, its records have the
- * layout that callers were built with, and calls work through the shared library. */
+/* public_header.c: the public header as a C99 application sees it: it compiles alone and first, its records
+ * have the layout that callers were built with, and calls work through the shared library. */
 #include <fetchrig.h>
 
 #include <stdio.h>
@@ -51,7 +51,7 @@ AT(dl_ftp_session, remaining, 12);
 AT(dl_ftp_session, host, 16);
 
 /* Records with pointers grow with them: fields follow each other at natural alignment. */
-#define WORD sizeof(void *)
+#define WORD sizeof(void*)
 
 AT(dl_url, method, 4);
 AT(dl_url, host, 8);
@@ -127,7 +127,7 @@ AT(dl_config, caller_tag, offsetof(dl_config, rings) + 1280);
 
 static int failures;
 
-static void expect(int holds, const char *what) {
+static void expect(int holds, const char* what) {
   if (holds) return;
   ++failures;
   fprintf(stderr, "failed: %s\n", what);
@@ -135,7 +135,7 @@ static void expect(int holds, const char *what) {
 
 static int lines;
 
-static int count_line(const char *line, int32_t length) {
+static int count_line(const char* line, int32_t length) {
   expect(line[length - 1] == '\n', "a log line ends in a line feed");
   ++lines;
   return 0;
@@ -156,7 +156,7 @@ static void check_configuration(void) {
 
 static void check_url(void) {
   int32_t code = 1;
-  dl_url *url = dl_url_parse("https://h:8443/a b", "user", NULL, &code);
+  dl_url* url = dl_url_parse("https://h:8443/a b", "user", NULL, &code);
   expect(url && code == 0 && url->scheme == 1 && url->port == 8443, "URL");
   expect(url && strcmp(url->path, "/a%20b") == 0 && !url->password, "URL parts");
   dl_url_free(url);
@@ -167,7 +167,7 @@ static void check_url(void) {
 static void check_transfer(void) {
   dl_result result;
   char redirect[DL_REDIRECT_SIZE];
-  dl_handle *handle = NULL;
+  dl_handle* handle = NULL;
   dl_request request;
   memset(&request, 0, sizeof request);
   memset(&result, 0x55, sizeof result);

@@ -1,0 +1,106 @@
+#!/usr/bin/env bash
+# Builds and tests everything: style, layers, a 32-bit ARM build with its size, the tests under the address,
+# undefined-behaviour and thread sanitizers, and the release build. Installs what is missing first. Works from any
+# folder, as root or with sudo, as often as you like.
+#   test.sh           all of it
+#   test.sh --quick   style, layers and the release build
+# Ends with the number of test programs that passed, failed and skipped a part (a server that is not there).
+set -uo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+quick=no
+case "${1:-}" in
+  "") ;;
+  --quick) quick=yes ;;
+  *) sed -n '2,8s/^# \{0,1\}//p' "scripts/test.sh"; exit 2 ;;
+esac
+
+readonly jobs=2
+readonly arm_limit=$((200 * 1024))
+failures=()
+passed=0
+failed=0
+skipped=0
+
+# Runs a step and remembers whether it failed: step NAME COMMAND...
+step() {
+  local name=$1 began=$SECONDS
+  shift
+  echo "== $name"
+  if "$@"; then echo "   $name: fine, $((SECONDS - began)) s"
+  else
+    echo "   $name: FAILED, $((SECONDS - began)) s"
+    failures+=("$name")
+  fi
+}
+
+check_format() {
+  find . \( -name 'build*' -o -name .git \) -prune -o -type f \( -name '*.cpp' -o -name '*.h' -o -name '*.c' \) \
+    -not -path './include/*' -print0 | xargs -0 clang-format --dry-run -Werror
+}
+
+check_arm() {
+  if ! scripts/armhf-sysroot.sh; then
+    echo "SKIPPED: the 32-bit ARM build, its packages cannot be fetched"
+    return 0
+  fi
+  cmake --preset armhf >/dev/null && cmake --build --preset armhf -j "$jobs" -- --quiet || return 1
+  arm-linux-gnueabihf-strip -o build-armhf/stripped.so build-armhf/libfetchrig.so || return 1
+  local size
+  size=$(stat -c %s build-armhf/stripped.so)
+  echo "   stripped library: $size bytes, limit $arm_limit"
+  [ "$size" -lt "$arm_limit" ]
+}
+
+# The thread sanitizer's fixed address ranges clash with more than 28 random address bits.
+wrapper=()
+avoid_address_clash() {
+  local bits
+  bits=$(cat /proc/sys/vm/mmap_rnd_bits 2>/dev/null || echo 32)
+  if [ "$bits" -gt 28 ] && setarch "$(uname -m)" -R true 2>/dev/null; then wrapper=(setarch "$(uname -m)" -R); fi
+}
+
+# Builds a preset and runs its tests: test_preset NAME [ctest arguments]
+test_preset() {
+  local preset=$1 log
+  shift
+  cmake --preset "$preset" >/dev/null && cmake --build --preset "$preset" -j "$jobs" -- --quiet || return 1
+  log=$(mktemp)
+  "${wrapper[@]}" ctest --preset "$preset" -j "$jobs" "$@" | tee "$log"
+  local status=${PIPESTATUS[0]}
+  count_results "$log" "$preset"
+  rm -f "$log"
+  return "$status"
+}
+
+# Adds up "100% tests passed, 0 tests failed out of 12" and the programs that skipped something.
+count_results() {
+  local line bad all skips last
+  line=$(grep -E '[0-9]+ tests? failed out of [0-9]+' "$1" | tail -n 1)
+  [[ $line =~ ([0-9]+)\ tests?\ failed\ out\ of\ ([0-9]+) ]] || return 0
+  bad=${BASH_REMATCH[1]}
+  all=${BASH_REMATCH[2]}
+  last=build
+  if [ "$2" != default ]; then last=build-$2; fi
+  skips=$(grep -c '^SKIPPED: ' "$last/Testing/Temporary/LastTest.log")
+  grep '^SKIPPED: ' "$last/Testing/Temporary/LastTest.log" | sort | uniq -c
+  passed=$((passed + all - bad))
+  failed=$((failed + bad))
+  skipped=$((skipped + skips))
+}
+
+step "set-up" scripts/setup.sh
+step "format" check_format
+step "layers and calls" scripts/check-layers.sh
+if [ "$quick" = no ]; then
+  step "32-bit ARM" check_arm
+  step "address and undefined-behaviour sanitizers" test_preset asan
+  avoid_address_clash
+  step "thread sanitizer" test_preset tsan
+  wrapper=()
+fi
+step "release" test_preset default
+
+if [ ${#failures[@]} -gt 0 ]; then printf 'FAILED: %s\n' "${failures[@]}"; fi
+echo "$passed passed, $failed failed, $skipped skipped"
+[ ${#failures[@]} -eq 0 ]
