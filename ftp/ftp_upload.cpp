@@ -44,7 +44,7 @@ void say_goodbye(const dl_ftp_session& session) {
   ftp_reply_bytes bytes;
   ftp_reply reply(bytes);
   if (ftp_command(session, "QUIT", {}, reply, {goodbye}) < 0) {
-    qxfr_log(DL_LOG_FTP, DL_LOG_INFO, "QUIT was not answered with %d\n", goodbye);
+    qxfr_log(DL_LOG_FTP, DL_LOG_DEBUG, "QUIT was not answered with %d\n", goodbye);
   }
 }
 

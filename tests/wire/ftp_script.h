@@ -1,0 +1,117 @@
+// ftp_script.h: pieces of FTP conversations for the scripted peers, and the two peers (control and data) that
+// a transfer talks to.
+#ifndef FETCHRIG_TESTS_WIRE_FTP_SCRIPT_H
+#define FETCHRIG_TESTS_WIRE_FTP_SCRIPT_H
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <future>
+#include <string>
+#include <vector>
+
+#include "include/fetchrig.h"
+#include "tests/peers/tcp_peer.h"
+#include "tests/support/descriptors.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/options.h"
+#include "tests/support/temp_dir.h"
+
+namespace test {
+
+inline connection_script operator+(connection_script first, const connection_script& second) {
+  first.insert(first.end(), second.begin(), second.end());
+  return first;
+}
+
+// Nothing said: the peer waits until the client closes.
+inline connection_script idle() {
+  return {};
+}
+
+// One command and the answer to it.
+inline connection_script turn(const std::string& command, const std::string& answer) {
+  return {expect(command + "\r\n"), send(answer + "\r\n")};
+}
+
+inline connection_script greeting() {
+  return {send("220 ready\r\n")};
+}
+inline connection_script anonymous_login() {
+  return greeting() + turn("USER anonymous", "331 password?") + turn("PASS", "230 in") +
+         turn("TYPE I", "200 binary");
+}
+inline const std::string anonymous_commands = "USER anonymous\r\nPASS\r\nTYPE I\r\n";
+
+inline std::string pasv_answer(uint16_t port, const std::string& address = "127,0,0,1") {
+  return "227 Entering Passive Mode (" + address + "," + std::to_string(port / 256) + "," +
+         std::to_string(port % 256) + ").";
+}
+inline std::string epsv_answer(uint16_t port) {
+  return "229 Entering Extended Passive Mode (|||" + std::to_string(port) + "|)";
+}
+
+// A server whose data connection plays `data`; its control connection logs in, answers PASV, and goes on with
+// `control`.
+struct ftp_peers {
+  explicit ftp_peers(const connection_script& control_script, const connection_script& data_script = {},
+                     delivery mode = delivery::whole)
+      : data({data_script}, {.mode = mode}),
+        control({anonymous_login() + turn("PASV", pasv_answer(data.port())) + control_script},
+                {.mode = mode}) {}
+  // The client may be done before the data script has read all that it expects.
+  ~ftp_peers() { EXPECT_TRUE(data.finish()); }
+  // What was sent after the login and PASV.
+  std::string commands() {
+    EXPECT_TRUE(control.finish());
+    const std::string all = control.received(0);
+    const std::string opening = anonymous_commands + "PASV\r\n";
+    EXPECT_EQ(opening, all.substr(0, opening.size()));
+    return all.substr(std::min(all.size(), opening.size()));
+  }
+
+  tcp_peer data;
+  tcp_peer control;
+};
+
+// Holds one peer's script until something else has happened.
+class gate {
+ public:
+  step wait() {
+    return call([opened = opened_.get_future().share()] { opened.wait_for(std::chrono::seconds(10)); });
+  }
+  void open() { opened_.set_value(); }
+
+ private:
+  std::promise<void> opened_;
+};
+
+// The library with a captured log, nothing leaked. Waits are long, so that a busy machine fails no test; one
+// about a silent server makes them short.
+class ftp_test : public leak_free {
+ protected:
+  ftp_test() { set_option(DL_OPT_NET_TIMEOUT, 20); }
+  void wait_briefly() { set_option(DL_OPT_NET_TIMEOUT, 1); }
+
+  library library_;
+  log_capture log_;
+  temp_dir dir_;
+  dl_result result_ = {};
+
+  // Whether the FTP module logged these texts at this level, in this order, and no others.
+  void expect_log(int level, const std::vector<std::string>& texts) {
+    std::vector<std::string> found;
+    for (const log_message& line : log_.records()) {
+      if (line.module == "FTP " && line.level == level) found.push_back(line.text);
+    }
+    EXPECT_EQ(texts, found) << log_.all();
+  }
+  void expect_result(int code, const std::string& message) {
+    EXPECT_EQ(code, result_.code);
+    EXPECT_EQ(message, result_.message);
+  }
+};
+
+}  // namespace test
+#endif
