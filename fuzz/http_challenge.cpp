@@ -31,16 +31,16 @@ void check_answer(const char* answer) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string header(reinterpret_cast<const char*>(data), size);
   fetchrig::auth_work work;
-  work->user = "user";
-  work->password = "password";
-  const int result = Curl_input_auth(work.get(), 0, header.c_str());
-  check_texts(work->challenge);
-  FUZZ_CHECK((result == HTTP_CHALLENGE_UNKNOWN) == (work->picked == 0));
+  work.user = "user";
+  work.password = "password";
+  const int result = Curl_input_auth(&work, 0, header.c_str());
+  check_texts(work.challenge);
+  FUZZ_CHECK((result == HTTP_CHALLENGE_UNKNOWN) == (work.picked == 0));
   if (result != HTTP_CHALLENGE_FINE) return 0;
-  FUZZ_CHECK(work->picked == fetchrig::auth_basic || work->challenge.nonce);
-  const int answered = Curl_output_auth(work.get(), 0, "GET", "/path");
+  FUZZ_CHECK(work.picked == fetchrig::auth_basic || work.challenge.nonce);
+  const int answered = Curl_output_auth(&work, 0, "GET", "/path");
   if (answered == HTTP_ANSWER_OK) {
-    check_answer(work->answer);
+    check_answer(work.answer);
   } else {
     FUZZ_CHECK(answered == HTTP_ANSWER_SCHEME && header.find_first_of("\r\n") != std::string::npos);
   }

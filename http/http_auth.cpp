@@ -12,10 +12,10 @@
 namespace fetchrig {
 
 auth_work::~auth_work() {
-  Curl_digest_cleanup_one(&state_.challenge);
-  Curl_digest_cleanup_one(&state_.proxy_challenge);
-  release_answer(state_.answer);
-  release_answer(state_.proxy_answer);
+  Curl_digest_cleanup_one(&challenge);
+  Curl_digest_cleanup_one(&proxy_challenge);
+  release_answer(answer);
+  release_answer(proxy_answer);
 }
 
 auth_side side_of(http_auth_state& state, int proxy) {

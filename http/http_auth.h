@@ -14,18 +14,11 @@ inline constexpr uint32_t auth_basic = 1;   // bit 0 of a picked scheme
 inline constexpr uint32_t auth_digest = 2;  // bit 1
 
 // The working record of one 401: zeroed at the start, everything it owns released at the end.
-class auth_work {
- public:
-  auth_work() = default;
+struct auth_work : http_auth_state {
+  auth_work() : http_auth_state{} {}
   ~auth_work();
   auth_work(const auth_work&) = delete;
   auth_work& operator=(const auth_work&) = delete;
-
-  http_auth_state* get() { return &state_; }
-  http_auth_state* operator->() { return &state_; }
-
- private:
-  http_auth_state state_ = {};
 };
 
 // The fields that one side uses, the origin server's or the proxy's. Borrows from the record.

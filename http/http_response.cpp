@@ -11,10 +11,10 @@
 #include "core/config.h"
 #include "core/owners.h"
 #include "core/text.h"
+#include "http/http_auth.h"
 #include "http/http_headers.h"
 #include "http/http_io.h"
 #include "http/http_read.h"
-#include "include/fetchrig_openssl.h"
 #include "log/printable.h"
 
 namespace fetchrig {
@@ -29,23 +29,6 @@ int log_error(const char* message, int code) {
   qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "%s", message);
   return code;
 }
-
-void wipe_and_free(char*& text) {
-  if (text) OPENSSL_cleanse(text, strlen(text));
-  ::free(text);
-  text = nullptr;
-}
-
-// The working record of one challenge, released with what it owns.
-struct auth_answer : http_auth_state {
-  auth_answer() : http_auth_state{} {}
-  ~auth_answer() {
-    Curl_digest_cleanup_one(&challenge);
-    wipe_and_free(answer);
-  }
-  auth_answer(const auth_answer&) = delete;
-  auth_answer& operator=(const auth_answer&) = delete;
-};
 
 class response_loop {
  public:
@@ -76,9 +59,9 @@ class response_loop {
 
   int answer_challenge();
   int check_attempts();
-  int build_answer(const char* challenge, auth_answer& answer);
-  int build_chosen(auth_answer& answer);
-  int resend_with(const auth_answer& answer);
+  int build_answer(const char* challenge, auth_work& answer);
+  int build_chosen(auth_work& answer);
+  int resend_with(const auth_work& answer);
   int auth_failed(const char* text);
 
   const char* header(std::string_view name) { return http_find_header(channel_.session.headers, name); }
@@ -230,7 +213,7 @@ int response_loop::answer_challenge() {
     ++attempts_;
     return read_next;
   }
-  auth_answer answer;
+  auth_work answer;
   if (const int rc = build_answer(header_value(line, strlen("www-authenticate")), answer); rc < 0) return rc;
   qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "http auth type: %d,\n", static_cast<int>(answer.picked));
   qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "Reconnect %s:%d\n", printable(url_->host).c_str(),
@@ -251,7 +234,7 @@ int response_loop::check_attempts() {
   return DL_ERR_AUTH;
 }
 
-int response_loop::build_answer(const char* challenge, auth_answer& answer) {
+int response_loop::build_answer(const char* challenge, auth_work& answer) {
   if (Curl_input_auth(&answer, 0, challenge) != HTTP_CHALLENGE_FINE) return auth_failed("Input Auth Error\n");
   if (!uses_list()) {
     answer.user = url_->user;
@@ -264,7 +247,7 @@ int response_loop::build_answer(const char* challenge, auth_answer& answer) {
   return build_chosen(answer);
 }
 
-int response_loop::build_chosen(auth_answer& answer) {
+int response_loop::build_chosen(auth_work& answer) {
   if (message_.auth_type == http_auth_type::broadworks_xsi) {
     const bool built = Curl_output_xsi_auth(&answer) == HTTP_ANSWER_OK && answer.answer;
     return built ? 0 : auth_failed("Output SIP XSI Auth Error\n");
@@ -275,7 +258,7 @@ int response_loop::build_chosen(auth_answer& answer) {
 }
 
 // The answer is a whole header line; its value becomes the message's Authorization header.
-int response_loop::resend_with(const auth_answer& answer) {
+int response_loop::resend_with(const auth_work& answer) {
   const std::string_view line = answer.answer;
   const auto value = line.substr(std::min(line.size(), line.find(' ') + 1));
   const auto text = duplicate_text(value.substr(0, value.find("\r\n")));

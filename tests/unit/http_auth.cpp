@@ -114,16 +114,16 @@ TEST(http_challenge, is_read_as_the_server_wrote_it) {
   for (const auto& row : challenge_rows) {
     SCOPED_TRACE(row.name);
     auth_work origin;
-    EXPECT_EQ(Curl_input_auth(origin.get(), 0, row.header), row.result);
-    EXPECT_EQ(origin->picked, row.picked);
-    expect_challenge(row, origin->challenge);
-    EXPECT_EQ(origin->proxy_picked, 0U);
+    EXPECT_EQ(Curl_input_auth(&origin, 0, row.header), row.result);
+    EXPECT_EQ(origin.picked, row.picked);
+    expect_challenge(row, origin.challenge);
+    EXPECT_EQ(origin.proxy_picked, 0U);
 
     auth_work proxy;
-    EXPECT_EQ(Curl_input_auth(proxy.get(), 1, row.header), row.result);
-    EXPECT_EQ(proxy->proxy_picked, row.picked);
-    expect_challenge(row, proxy->proxy_challenge);
-    EXPECT_EQ(proxy->challenge.nonce, nullptr);
+    EXPECT_EQ(Curl_input_auth(&proxy, 1, row.header), row.result);
+    EXPECT_EQ(proxy.proxy_picked, row.picked);
+    expect_challenge(row, proxy.proxy_challenge);
+    EXPECT_EQ(proxy.challenge.nonce, nullptr);
   }
 }
 
@@ -145,8 +145,8 @@ TEST(http_challenge, long_names_and_values_are_cut_like_the_scan_patterns) {
         ASSERT_EQ(sscanf(parameters.c_str(), pattern, scanned_name, scanned_value), 2);
 #pragma GCC diagnostic pop
         auth_work work;
-        const int result = Curl_input_auth(work.get(), 0, ("Digest " + parameters).c_str());
-        EXPECT_EQ(text_of(work->challenge.realm), scanned_value);
+        const int result = Curl_input_auth(&work, 0, ("Digest " + parameters).c_str());
+        EXPECT_EQ(text_of(work.challenge.realm), scanned_value);
         // What is left of a value that was cut, and the comma behind it, run into the next name.
         const size_t next_len = name_len + (value_len > 1023 ? value_len - 1023 + 1 : 0);
         EXPECT_EQ(result, next_len <= 255 ? HTTP_CHALLENGE_FINE : HTTP_CHALLENGE_BAD);
@@ -171,18 +171,18 @@ TEST(http_challenge, every_cut_of_a_challenge_has_its_result) {
       expected = HTTP_CHALLENGE_ALGORITHM;
     }
     auth_work work;
-    EXPECT_EQ(Curl_input_auth(work.get(), 0, whole.substr(0, length).c_str()), expected);
+    EXPECT_EQ(Curl_input_auth(&work, 0, whole.substr(0, length).c_str()), expected);
   }
 }
 
 TEST(http_challenge, repeated_for_an_answered_nonce_is_refused_unless_stale) {
   auth_work work;
-  ASSERT_EQ(Curl_input_auth(work.get(), 0, "Digest nonce=\"a\", realm=\"old\""), HTTP_CHALLENGE_FINE);
-  EXPECT_EQ(Curl_input_auth(work.get(), 0, "Digest nonce=\"b\""), HTTP_CHALLENGE_BAD);
-  EXPECT_EQ(work->challenge.realm, nullptr) << "the earlier challenge is released";
-  EXPECT_EQ(Curl_input_auth(work.get(), 0, "Digest nonce=\"c\", stale=true"), HTTP_CHALLENGE_FINE);
-  EXPECT_STREQ(work->challenge.nonce, "c");
-  EXPECT_EQ(Curl_input_auth(work.get(), 0, "Digest stale=true"), HTTP_CHALLENGE_BAD);
+  ASSERT_EQ(Curl_input_auth(&work, 0, "Digest nonce=\"a\", realm=\"old\""), HTTP_CHALLENGE_FINE);
+  EXPECT_EQ(Curl_input_auth(&work, 0, "Digest nonce=\"b\""), HTTP_CHALLENGE_BAD);
+  EXPECT_EQ(work.challenge.realm, nullptr) << "the earlier challenge is released";
+  EXPECT_EQ(Curl_input_auth(&work, 0, "Digest nonce=\"c\", stale=true"), HTTP_CHALLENGE_FINE);
+  EXPECT_STREQ(work.challenge.nonce, "c");
+  EXPECT_EQ(Curl_input_auth(&work, 0, "Digest stale=true"), HTTP_CHALLENGE_BAD);
 }
 
 struct qop_row {
@@ -254,18 +254,18 @@ TEST(http_answer, digest_follows_rfc_2617) {
     for (const int proxy : {0, 1}) {
       SCOPED_TRACE(std::string(row.name) + (proxy ? ", proxy" : ""));
       auth_work work;
-      (proxy ? work->proxy_user : work->user) = "Mufasa";
-      (proxy ? work->proxy_password : work->password) = "Circle Of Life";
-      ASSERT_EQ(Curl_input_auth(work.get(), proxy, row.challenge), HTTP_CHALLENGE_FINE);
-      digest_challenge& challenge = proxy ? work->proxy_challenge : work->challenge;
+      (proxy ? work.proxy_user : work.user) = "Mufasa";
+      (proxy ? work.proxy_password : work.password) = "Circle Of Life";
+      ASSERT_EQ(Curl_input_auth(&work, proxy, row.challenge), HTTP_CHALLENGE_FINE);
+      digest_challenge& challenge = proxy ? work.proxy_challenge : work.challenge;
       challenge.cnonce = duplicate_text("0a4f113b").release();
       challenge.nc = row.nc;
-      ASSERT_EQ(Curl_output_auth(work.get(), proxy, row.method, "/dir/index.html"), HTTP_ANSWER_OK);
+      ASSERT_EQ(Curl_output_auth(&work, proxy, row.method, "/dir/index.html"), HTTP_ANSWER_OK);
       const std::string head = std::string(proxy ? "Proxy-" : "") +
                                "Authorization: Digest username=\"Mufasa\", realm=\"testrealm@host.com\", "
                                "nonce=\"dcd98b7102dd2f0e8b11d0f600bfb0c093\", uri=\"/dir/index.html\"";
-      EXPECT_EQ(text_of(proxy ? work->proxy_answer : work->answer), head + row.tail);
-      EXPECT_EQ(proxy ? work->answer : work->proxy_answer, nullptr);
+      EXPECT_EQ(text_of(proxy ? work.proxy_answer : work.answer), head + row.tail);
+      EXPECT_EQ(proxy ? work.answer : work.proxy_answer, nullptr);
       const bool counted = text_of(challenge.qop) == "auth";
       EXPECT_EQ(challenge.nc, (row.nc ? row.nc : 1) + (counted ? 1 : 0));
     }
@@ -274,35 +274,35 @@ TEST(http_answer, digest_follows_rfc_2617) {
 
 TEST(http_answer, digest_makes_a_client_nonce_from_the_time) {
   auth_work work;
-  ASSERT_EQ(Curl_input_auth(work.get(), 0, RFC_2617 ", qop=auth"), HTTP_CHALLENGE_FINE);
+  ASSERT_EQ(Curl_input_auth(&work, 0, RFC_2617 ", qop=auth"), HTTP_CHALLENGE_FINE);
   const time_t before = time(nullptr);
-  ASSERT_EQ(Curl_output_digest(work.get(), 0, "GET", "/"), HTTP_ANSWER_OK);
+  ASSERT_EQ(Curl_output_digest(&work, 0, "GET", "/"), HTTP_ANSWER_OK);
   const time_t after = time(nullptr);
-  ASSERT_NE(work->challenge.cnonce, nullptr);
-  EXPECT_EQ(strlen(work->challenge.cnonce), 8U);
+  ASSERT_NE(work.challenge.cnonce, nullptr);
+  EXPECT_EQ(strlen(work.challenge.cnonce), 8U);
   unsigned char* digits = nullptr;
-  ASSERT_EQ(Curl_base64_decode(work->challenge.cnonce, &digits), 6U);
+  ASSERT_EQ(Curl_base64_decode(work.challenge.cnonce, &digits), 6U);
   const fetchrig::unique_malloc<unsigned char> owner(digits);
   const std::string made(reinterpret_cast<char*>(digits));
   EXPECT_GE(made, std::to_string(before).substr(0, 6));
   EXPECT_LE(made, std::to_string(after).substr(0, 6));
-  EXPECT_NE(text_of(work->answer).find("cnonce=\"" + text_of(work->challenge.cnonce) + "\", nc=00000001"),
+  EXPECT_NE(text_of(work.answer).find("cnonce=\"" + text_of(work.challenge.cnonce) + "\", nc=00000001"),
             std::string::npos);
 }
 
 TEST(http_answer, digest_without_nonce_drops_the_earlier_answer) {
   auth_work work;
-  work->picked = fetchrig::auth_digest;
-  work->answer = duplicate_text("Authorization: old\r\n").release();
-  EXPECT_EQ(Curl_output_auth(work.get(), 0, "GET", "/"), HTTP_ANSWER_OK);
-  EXPECT_EQ(work->answer, nullptr);
+  work.picked = fetchrig::auth_digest;
+  work.answer = duplicate_text("Authorization: old\r\n").release();
+  EXPECT_EQ(Curl_output_auth(&work, 0, "GET", "/"), HTTP_ANSWER_OK);
+  EXPECT_EQ(work.answer, nullptr);
 }
 
 TEST(http_answer, digest_takes_what_is_missing_as_empty) {
   auth_work work;
-  ASSERT_EQ(Curl_input_auth(work.get(), 0, "Digest nonce=\"n\""), HTTP_CHALLENGE_FINE);
-  ASSERT_EQ(Curl_output_digest(work.get(), 0, "PUT", "/x"), HTTP_ANSWER_OK);
-  EXPECT_STREQ(work->answer,
+  ASSERT_EQ(Curl_input_auth(&work, 0, "Digest nonce=\"n\""), HTTP_CHALLENGE_FINE);
+  ASSERT_EQ(Curl_output_digest(&work, 0, "PUT", "/x"), HTTP_ANSWER_OK);
+  EXPECT_STREQ(work.answer,
                "Authorization: Digest username=\"\", realm=\"\", nonce=\"n\", uri=\"/x\", "
                "response=\"0c368917745de8e680add0992ffa0c95\"\r\n");
 }
@@ -323,11 +323,11 @@ TEST(http_answer, digest_never_breaks_its_line) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     auth_work work;
-    work->user = row.user;
-    work->password = "p";
-    ASSERT_EQ(Curl_input_auth(work.get(), 0, row.challenge), HTTP_CHALLENGE_FINE);
-    EXPECT_EQ(Curl_output_auth(work.get(), 0, "GET", row.path), HTTP_ANSWER_SCHEME);
-    EXPECT_EQ(work->answer, nullptr);
+    work.user = row.user;
+    work.password = "p";
+    ASSERT_EQ(Curl_input_auth(&work, 0, row.challenge), HTTP_CHALLENGE_FINE);
+    EXPECT_EQ(Curl_output_auth(&work, 0, "GET", row.path), HTTP_ANSWER_SCHEME);
+    EXPECT_EQ(work.answer, nullptr);
   }
 }
 
@@ -361,15 +361,15 @@ TEST(http_answer, basic) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     auth_work work;
-    ASSERT_EQ(Curl_input_auth(work.get(), 0, "Basic realm=\"x\""), HTTP_CHALLENGE_FINE);
-    work->user = work->proxy_user = row.user;
-    work->password = work->proxy_password = row.password;
-    work->answer = duplicate_text("Authorization: old\r\n").release();
-    EXPECT_EQ(Curl_output_auth(work.get(), 0, "GET", "/"), HTTP_ANSWER_OK);
-    EXPECT_EQ(text_of(work->answer), "Authorization: Basic " + row.encoded + "\r\n");
-    work->proxy_picked = fetchrig::auth_basic;
-    EXPECT_EQ(Curl_output_auth(work.get(), 1, "GET", "/"), HTTP_ANSWER_OK);
-    EXPECT_EQ(text_of(work->proxy_answer), "Proxy-Authorization: Basic " + row.encoded + "\r\n");
+    ASSERT_EQ(Curl_input_auth(&work, 0, "Basic realm=\"x\""), HTTP_CHALLENGE_FINE);
+    work.user = work.proxy_user = row.user;
+    work.password = work.proxy_password = row.password;
+    work.answer = duplicate_text("Authorization: old\r\n").release();
+    EXPECT_EQ(Curl_output_auth(&work, 0, "GET", "/"), HTTP_ANSWER_OK);
+    EXPECT_EQ(text_of(work.answer), "Authorization: Basic " + row.encoded + "\r\n");
+    work.proxy_picked = fetchrig::auth_basic;
+    EXPECT_EQ(Curl_output_auth(&work, 1, "GET", "/"), HTTP_ANSWER_OK);
+    EXPECT_EQ(text_of(work.proxy_answer), "Proxy-Authorization: Basic " + row.encoded + "\r\n");
   }
 }
 
@@ -394,19 +394,19 @@ TEST(http_answer, xsi) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     auth_work work;
-    work->picked = row.picked;
-    work->user = row.user;
-    work->password = row.password;
-    EXPECT_EQ(Curl_output_xsi_auth(work.get()), row.result);
-    EXPECT_EQ(text_of(work->answer), row.answer);
+    work.picked = row.picked;
+    work.user = row.user;
+    work.password = row.password;
+    EXPECT_EQ(Curl_output_xsi_auth(&work), row.result);
+    EXPECT_EQ(text_of(work.answer), row.answer);
   }
 }
 
 TEST(http_answer, needs_a_picked_scheme) {
   auth_work work;
-  EXPECT_EQ(Curl_output_auth(work.get(), 0, "GET", "/"), HTTP_ANSWER_SCHEME);
-  work->picked = fetchrig::auth_basic;
-  EXPECT_EQ(Curl_output_auth(work.get(), 1, "GET", "/"), HTTP_ANSWER_SCHEME) << "the proxy picked none";
+  EXPECT_EQ(Curl_output_auth(&work, 0, "GET", "/"), HTTP_ANSWER_SCHEME);
+  work.picked = fetchrig::auth_basic;
+  EXPECT_EQ(Curl_output_auth(&work, 1, "GET", "/"), HTTP_ANSWER_SCHEME) << "the proxy picked none";
 }
 
 TEST(http_answer, null_is_allowed) {
@@ -417,7 +417,7 @@ TEST(http_answer, null_is_allowed) {
   Curl_digest_cleanup_one(nullptr);
   Curl_safefree(nullptr);
   auth_work work;
-  EXPECT_EQ(Curl_input_auth(work.get(), 0, nullptr), HTTP_CHALLENGE_UNKNOWN);
+  EXPECT_EQ(Curl_input_auth(&work, 0, nullptr), HTTP_CHALLENGE_UNKNOWN);
 }
 
 TEST(digest_challenge, release_clears_everything) {
