@@ -71,16 +71,17 @@ std::string last(int block, std::size_t size, std::size_t count) {
 }
 
 TEST_F(tftp_download, open_sends_the_request_and_leaves_the_answer) {
+  const std::string name(255, 'n');  // the longest
   peer server;
   dl_tftp_session* opened = nullptr;
   {
-    const playing thread(server, {expects(request(1, "fw/boot.rom")), sends(data(1, "x"))});
-    ASSERT_EQ(dl_tftp_open(&opened, "127.0.0.1", server.port(), "/fw/boot.rom", &result_), 0);
+    const playing thread(server, {expects(request(1, name)), sends(data(1, "x"))});
+    ASSERT_EQ(dl_tftp_open(&opened, "127.0.0.1", server.port(), name.c_str(), &result_), 0);
   }
   const unique_tftp session(opened);
   EXPECT_EQ(result_.code, 0);
   EXPECT_EQ(logged(), (lines{"5 tftp open begin, host: 127.0.0.1, port:" + std::to_string(server.port()) +
-                                 ", remote_name:/fw/boot.rom",
+                                 ", remote_name:" + name,
                              "6 Send Request Packet", "5 tftp open success"}));
   EXPECT_EQ(session->magic, DL_TFTP_MAGIC);
   EXPECT_EQ(session->block, 1u);
@@ -117,15 +118,6 @@ TEST_F(tftp_download, open_refuses_bad_arguments) {
   EXPECT_EQ(dl_tftp_open(&session, "127.0.0.1", 1, "f", nullptr), -1);
   EXPECT_EQ(session, nullptr);
   EXPECT_EQ(logged(), lines(6, refused.front()));
-}
-
-TEST_F(tftp_download, open_accepts_a_name_of_255_characters) {
-  peer server;
-  const std::string name(255, 'n');
-  dl_tftp_session* session = nullptr;
-  const playing thread(server, {expects(request(1, name)), sends(data(1, ""))});
-  EXPECT_EQ(dl_tftp_open(&session, "127.0.0.1", server.port(), name.c_str(), &result_), 0);
-  dl_tftp_close(session);
 }
 
 TEST_F(tftp_download, open_needs_an_answer_within_three_seconds) {
@@ -186,17 +178,11 @@ TEST_F(tftp_download, blocks_are_acknowledged_and_delivered) {
       {"option ignored, empty file", exchange(512, 0, 0), 1432, 0},
       {"option ignored", exchange(512, 2, 100), 1432, 1124},
       {"ends on a block boundary", agreed({"blksize", "1432"}) + exchange(1432, 1, 0), 1432, 1432},
-      {"one byte less than a block", agreed({"blksize", "1432"}) + exchange(1432, 0, 1431), 1432, 1431},
-      {"any letter case", agreed({"BlkSize", "1024"}) + exchange(1024, 2, 7), 1432, 2055},
       {"second option", agreed({"tsize", "40", "blksize", "800"}) + exchange(800, 3, 1), 1432, 2401},
       {"smallest size", agreed({"blksize", "24"}) + exchange(24, 5, 23), 100, 143},
-      {"letters behind the number", agreed({"blksize", "600abc"}) + exchange(600, 1, 5), 1432, 605},
       {"OACK without the option", agreed({"tsize", "40"}) + exchange(512, 1, 1), 1432, 513},
       {"OACK without options", agreed({}) + exchange(512, 1, 1), 1432, 513},
-      {"value without terminator",
-       script{sends("\0\6blksize\0"s + "1024"), expects(ack(0))} + exchange(512, 1, 1), 1432, 513},
       {"reads smaller than blocks", agreed({"blksize", "1432"}) + exchange(1432, 2, 300), 100, 3164},
-      {"reads of one byte", exchange(512, 1, 3), 1, 515},
       {"reads larger than the file", agreed({"blksize", "24"}) + exchange(24, 3, 3), 100000, 75},
       {"second OACK changes nothing",
        agreed({"blksize", "1024"}) + agreed({"blksize", "512"}) + exchange(1024, 1, 600), 1432, 1624},
@@ -204,10 +190,6 @@ TEST_F(tftp_download, blocks_are_acknowledged_and_delivered) {
        agreed({}) + agreed({"blksize", "1024"}) + exchange(512, 1, 5), 1432, 517},
       {"refused size after the first OACK is only answered",
        agreed({"blksize", "512"}) + agreed({"blksize", "9999"}) + exchange(512, 1, 5), 1432, 517},
-      {"OACK after DATA changes nothing",
-       script{sends(full(1, 512)), expects(ack(1))} + agreed({"blksize", "24"}) +
-           script{sends(full(2, 512)), expects(ack(2)), sends(last(3, 512, 9)), expects(ack(3))},
-       1432, 1033},
       {"OACK in a later read changes nothing",
        script{sends(full(1, 512)), expects(ack(1))} + agreed({"blksize", "24"}) +
            script{sends(full(2, 512)), expects(ack(2)), sends(last(3, 512, 9)), expects(ack(3))},
@@ -258,38 +240,29 @@ TEST_F(tftp_download, a_reader_of_100_bytes_is_served_from_the_carry) {
   EXPECT_EQ(read(session, piece, 100), 0);
 }
 
-TEST_F(tftp_download, refused_block_sizes_are_told_to_the_server) {
-  for (const std::string value : {"1433", "23", "-5", "large", "", "4294967808"}) {
-    SCOPED_TRACE(value);
-    log_.clear();
-    peer server;
-    const unique_tftp session = open(server, {oack({"blksize", value})});
-    std::string bytes;
-    EXPECT_EQ(read(session, bytes, 1432), -1);
-    EXPECT_EQ(result_.code, DL_ERR_READ);
-    EXPECT_STREQ(result_.message, "Read Error");
-    EXPECT_EQ(server.queued(), lines{error(8, "err blksize")});
-    EXPECT_EQ(logged()[3], "6 recv OACK");
-    EXPECT_EQ(logged()[4], "3 bad blocksize '" + value + "'");
-    EXPECT_EQ(logged()[5], "3 err blksize");
-    EXPECT_EQ(session->blksize, 512);
-  }
-}
-
-TEST_F(tftp_download, an_oack_is_logged) {
+TEST_F(tftp_download, block_sizes_are_logged_and_bad_ones_refused) {
   struct row {
     std::vector<std::string> options;
-    const char* line;
+    lines logged;
+    bool accepted;
   };
-  for (const row& r : {row{{"blksize", "800"}, "6 using blksize 800"},
-                       row{{"tsize", "1"}, "6 server only supports blocksize of 512"}}) {
-    log_.clear();
+  std::vector<row> rows = {{{"blksize", "800"}, {"6 recv OACK", "6 using blksize 800"}, true},
+                           {{}, {"6 recv OACK", "6 server only supports blocksize of 512"}, true}};
+  for (const std::string value : {"1433", "23", "-5", "large", ""}) {
+    const std::string bad = "3 bad blocksize '" + value + "'";
+    rows.push_back({{"blksize", value}, {"6 recv OACK", bad, "3 err blksize"}, false});
+  }
+  for (const row& r : rows) {
+    SCOPED_TRACE(r.logged[1]);
     peer server;
     const unique_tftp session = open(server, {oack(r.options), data(1, "x")});
+    log_.clear();
+    result_ = {};
     std::string bytes;
-    EXPECT_EQ(read(session, bytes, 1432), 1);
-    EXPECT_EQ(logged()[3], "6 recv OACK");
-    EXPECT_EQ(logged()[4], r.line);
+    EXPECT_EQ(read(session, bytes, 1432), r.accepted ? 1 : -1);
+    EXPECT_EQ(result_.code, r.accepted ? 0 : DL_ERR_READ);
+    EXPECT_EQ(server.queued(), (r.accepted ? lines{ack(0), ack(1)} : lines{error(8, "err blksize")}));
+    EXPECT_EQ(logged(), r.logged);
   }
 }
 
@@ -317,15 +290,6 @@ TEST_F(tftp_download, six_unexpected_packets_end_a_read) {
     EXPECT_STREQ(result_.message, "Read Error");
     EXPECT_EQ(read(session, bytes, 10), 3) << "a new call has a new budget";
   }
-}
-
-TEST_F(tftp_download, the_budget_is_per_read_call) {
-  peer server;
-  const std::vector<std::string> answers = {error(0, ""), error(0, ""), error(0, ""), error(0, ""),
-                                            error(0, ""), full(1, 512), error(0, ""), error(0, ""),
-                                            error(0, ""), error(0, ""), error(0, ""), last(2, 512, 5)};
-  const unique_tftp session = open(server, answers);
-  EXPECT_EQ(read_all(session, 512), pattern(517));
 }
 
 TEST_F(tftp_download, a_wrong_block_drains_the_queue) {

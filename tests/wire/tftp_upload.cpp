@@ -87,11 +87,9 @@ TEST_F(tftp_upload, open_is_accepted) {
       {"ACK 0", {sends(ack(0))}, 512},
       {"OACK", {sends(oack({"blksize", "1432"}))}, 1432},
       {"OACK without block size", {sends(oack({"tsize", "1"}))}, 512},
-      {"OACK without options", {sends("\0\6"s)}, 512},
       {"after ERROR", {sends(error(0, "busy")), expects(again), sends(ack(0))}, 512},
       {"after ACK of another block", {sends(ack(3)), expects(again), sends(oack({"BLKSIZE", "24"}))}, 24},
       {"after a runt", {sends("\0\4\0"s), expects(again), sends(ack(0))}, 512},
-      {"after an empty datagram", {sends(""), expects(again), sends(ack(0))}, 512},
       {"after five strange answers",
        repeated(5, {sends(data(1, "x")), expects(again)}) + script{sends(ack(0))}, 512},
       {"repeats go to the new port", {sends_from_new_port(error(0, "")), expects(again), sends(ack(0))}, 512},
@@ -210,42 +208,26 @@ TEST_F(tftp_upload, files_are_cut_into_blocks) {
 TEST_F(tftp_upload, blocks_are_repeated) {
   const std::string first = block_of(1, 512, 600);
   const std::string second = block_of(2, 512, 600);
-  const script begun = {expects(first), sends(ack(1)), expects(second)};
+  const script end = {expects(second), sends(ack(2))};
+  const script whole = script{expects(first), sends(ack(1))} + end;
+  const auto answered = [&](const std::string& answer) { return script{expects(first), sends(answer)}; };
   struct row {
     const char* name;
     script steps;
     std::size_t num_drains;
   };
   const std::vector<row> rows = {
-      {"ACK of the block before",
-       {expects(first), sends(ack(0)), expects(first), sends(ack(1)), expects(second), sends(ack(2))},
-       1},
-      {"ACK of a later block",
-       {expects(first), sends(ack(2)), expects(first), sends(ack(1)), expects(second), sends(ack(2))},
-       1},
-      {"stale ACK of the last block", begun + script{sends(ack(1)), expects(second), sends(ack(2))}, 0},
-      {"ERROR",
-       {expects(first), sends(error(3, "full")), expects(first), sends(ack(1)), expects(second),
-        sends(ack(2))},
-       0},
-      {"OACK, which no longer sets sizes",
-       {expects(first), sends(oack({"blksize", "24"})), expects(first), sends(ack(1)), expects(second),
-        sends(ack(2))},
-       0},
-      {"runt of an ACK",
-       {expects(first), sends("\0\4\0"s), expects(first), sends(ack(1)), expects(second), sends(ack(2))},
-       0},
-      {"five repeats",
-       repeated(5, {expects(first), sends("")}) +
-           script{expects(first), sends(ack(1)), expects(second), sends(ack(2))},
-       0},
-      {"after the fifth repeat the block counts as delivered",
-       repeated(6, {expects(first), sends(error(0, ""))}) + script{expects(second), sends(ack(2))}, 0},
-      {"the last block too", begun + script{sends(ack(1))} + repeated(5, {expects(second), sends(ack(1))}),
-       0},
+      {"ACK of the block before", answered(ack(0)) + whole, 1},
+      {"ACK of a later block", answered(ack(2)) + whole, 1},
+      {"stale ACK of the last block", answered(ack(1)) + script{expects(second), sends(ack(1))} + end, 0},
+      {"ERROR", answered(error(3, "full")) + whole, 0},
+      {"OACK, which no longer sets sizes", answered(oack({"blksize", "24"})) + whole, 0},
+      {"runt of an ACK", answered("\0\4\0"s) + whole, 0},
+      {"five repeats", repeated(5, answered("")) + whole, 0},
+      {"after the fifth repeat the block counts as delivered", repeated(6, answered(error(0, ""))) + end, 0},
+      {"the last block too", answered(ack(1)) + repeated(6, {expects(second), sends(ack(1))}), 0},
       {"ACKs from new ports",
-       {expects(first), sends_from_new_port(ack(1)), expects(second), sends_from_new_port(ack(2))},
-       0},
+       script{expects(first), sends_from_new_port(ack(1)), expects(second), sends_from_new_port(ack(2))}, 0},
   };
   for (const row& r : rows) {
     SCOPED_TRACE(r.name);
