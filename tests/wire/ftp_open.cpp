@@ -221,8 +221,9 @@ TEST_F(ftp_open, close_spares_the_standard_streams) {
 
 class ftp_data_connection : public ftp_test {
  protected:
-  // Opens the data connection of a caller-made record whose control connection plays `script`.
-  int create(const connection_script& script, bool ipv6_server = false) {
+  // Opens the data connection of a caller-made record whose control connection plays `script`; more than once
+  // on demand.
+  int create(const connection_script& script, bool ipv6_server = false, int times = 1) {
     const char* address = ipv6_server ? "::1" : "127.0.0.1";
     tcp_peer control({script}, {.ipv6 = ipv6_server});
     const fetchrig::unique_fd sock(dl_connect(address, control.port(), ipv6_server, 5));
@@ -230,7 +231,8 @@ class ftp_data_connection : public ftp_test {
     session.magic = 10139;
     session.ctrl_sock = sock.get();
     snprintf(session.host, sizeof session.host, "%s", address);
-    const int rc = dl_ftp_create_data_conn(&session, reply_, sizeof reply_, 5);
+    int rc = -1;
+    while (times-- > 0) rc = dl_ftp_create_data_conn(&session, reply_, sizeof reply_, 5);
     const fetchrig::unique_fd data(session.data_sock > 0 ? session.data_sock : -1);
     EXPECT_EQ(rc == 0, session.data_sock > 2);
     return rc;
@@ -244,6 +246,13 @@ TEST_F(ftp_data_connection, without_ipv6_only_pasv_is_sent) {
   EXPECT_TRUE(data.finish());
   EXPECT_EQ(pasv_answer(data.port()), reply_);
   expect_log(DL_LOG_WARNING, {});
+}
+
+TEST_F(ftp_data_connection, a_second_one_replaces_the_first) {
+  tcp_peer data({idle(), idle()});
+  const auto passive = turn("PASV", pasv_answer(data.port()));
+  EXPECT_EQ(0, create(passive + passive, false, 2));
+  EXPECT_TRUE(data.finish());
 }
 
 TEST_F(ftp_data_connection, with_ipv6_epsv_leads_back_to_the_host) {

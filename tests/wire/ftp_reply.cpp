@@ -1,7 +1,10 @@
 // ftp_reply.cpp: the reply reader and single commands on one control connection.
 #include "ftp/ftp_reply.h"
 
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+
+#include <thread>
 
 #include "core/owners.h"
 #include "ftp/ftp_command.h"
@@ -72,6 +75,35 @@ TEST_F(ftp_reply_reader, reads_to_the_final_line_however_it_arrives) {
         EXPECT_EQ(row.line, line_);
       }
     }
+  }
+}
+
+// Says `bytes` in two pieces, the second when the first has been taken.
+void say_in_two(int sock, std::string_view bytes, std::size_t cut) {
+  EXPECT_EQ(static_cast<ssize_t>(cut), ::send(sock, bytes.data(), cut, MSG_NOSIGNAL));
+  int unread = 1;
+  while (unread > 0 && ioctl(sock, TIOCOUTQ, &unread) == 0) std::this_thread::yield();
+  bytes.remove_prefix(cut);
+  EXPECT_EQ(static_cast<ssize_t>(bytes.size()), ::send(sock, bytes.data(), bytes.size(), MSG_NOSIGNAL));
+}
+
+TEST_F(ftp_reply_reader, a_reply_may_be_cut_anywhere) {
+  constexpr std::string_view bytes = "220-ab\r\n220 c\r\n331 d\r\n";
+  for (std::size_t cut = 1; cut < bytes.size() - 7; ++cut) {
+    SCOPED_TRACE(cut);
+    int pair[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair));
+    const unique_fd server(pair[0]);
+    const unique_fd client(pair[1]);
+    std::thread speaker(say_in_two, server.get(), bytes, cut);
+    dl_ftp_session session = {};
+    session.ctrl_sock = client.get();
+    std::array<char, 512> buffer;
+    ftp_reply reply(buffer);
+    EXPECT_EQ(220, dl_recv_reply(session, reply, {}));
+    EXPECT_EQ("220 c", reply.line());
+    speaker.join();
+    EXPECT_EQ(331, dl_recv_reply(session, reply, {}));
   }
 }
 
