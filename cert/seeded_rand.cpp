@@ -4,11 +4,12 @@
 #include <openssl/crypto.h>
 #include <openssl/md5.h>
 #include <openssl/rand.h>
+#include <stddef.h>
 #include <stdlib.h>
-#include <string.h>
 
 #include <algorithm>
 #include <atomic>
+#include <span>
 
 namespace fetchrig {
 
@@ -19,7 +20,6 @@ namespace {
 constexpr unsigned libc_seed = 0x4E7B2A93;
 constexpr uint32_t counter_start_low = 14873;
 constexpr uint32_t counter_start_high = 5;
-constexpr std::size_t bytes_per_digest = 8;  // the second half of an MD5
 
 using libc_values = std::array<int, sizeof(seed_block)>;
 
@@ -48,6 +48,39 @@ seed_block first_bytes(std::string_view text) {
   seed_block block = {};
   std::copy_n(text.begin(), std::min(text.size(), block.size()), block.begin());
   return block;
+}
+
+void add_libc_values(keygen_state& state) {
+  const libc_values values = draw_libc_values();
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    state.pool[i] = static_cast<unsigned char>(state.pool[i] + static_cast<unsigned>(values[i]));
+  }
+  state.seeded = true;
+}
+
+// What a draw digests, and what the pool becomes the digest of: bytes without gaps.
+struct draw_input {
+  seed_block salt;
+  seed_block pool;
+  std::array<unsigned char, 8> counter;
+};
+struct stir_input {
+  seed_block last_digest;
+  seed_block pool;
+};
+static_assert(sizeof(draw_input) == 40 && sizeof(stir_input) == 32);
+
+// The MD5 of the record from byte `from` on.
+template <typename Record>
+void digest(const Record& record, std::size_t from, seed_block& result) {
+  MD5(reinterpret_cast<const unsigned char*>(&record) + from, sizeof record - from, result.data());
+}
+
+// Copies the second half of a digest, as much as fits, and returns its length.
+std::size_t hand_out(const seed_block& whole, std::span<unsigned char> to) {
+  const std::size_t count = std::min(to.size(), whole.size() / 2);
+  std::copy_n(whole.begin() + whole.size() / 2, count, to.begin());
+  return count;
 }
 
 // Guards keygen_rand_state and the installed method for as long as a key is being generated.
@@ -98,36 +131,23 @@ keygen_state initial_keygen_state(std::string_view common_name, std::string_view
 int seeded_rand_bytes(unsigned char* buffer, int count) {
   if (count <= 0) return 1;
   keygen_state& state = keygen_rand_state;
-  if (!state.seeded) {
-    const libc_values values = draw_libc_values();
-    for (std::size_t i = 0; i < values.size(); ++i) {
-      state.pool[i] = static_cast<unsigned char>(state.pool[i] + static_cast<unsigned>(values[i]));
-    }
-    state.seeded = true;
-  }
+  if (!state.seeded) add_libc_values(state);
 
-  unsigned char input[40];  // salt, pool, counter
-  std::copy(state.salt.begin(), state.salt.end(), input);
-  std::copy(state.pool.begin(), state.pool.end(), input + 16);
-  store_little_endian(input + 32, state.counter_low++);
-  store_little_endian(input + 36, state.counter_high);
+  draw_input input = {state.salt, state.pool, {}};
+  store_little_endian(input.counter.data(), state.counter_low++);
+  store_little_endian(input.counter.data() + 4, state.counter_high);
+  stir_input stir = {{}, state.pool};
 
-  std::size_t rest = static_cast<std::size_t>(count);
-  unsigned char stir[32];  // last digest, pool
-  MD5(input, sizeof input, stir);
-  std::size_t taken = std::min(rest, bytes_per_digest);
-  memcpy(buffer, stir + bytes_per_digest, taken);
-  if (rest > taken) MD5(input + 16, 24, stir);  // without the salt, the same for every further block
-  while ((rest -= taken) > 0) {
-    buffer += taken;
-    taken = std::min(rest, bytes_per_digest);
-    memcpy(buffer, stir + bytes_per_digest, taken);
-  }
+  std::span<unsigned char> rest(buffer, static_cast<std::size_t>(count));
+  digest(input, 0, stir.last_digest);
+  rest = rest.subspan(hand_out(stir.last_digest, rest));
+  // Every further block is the same: a digest without the salt.
+  if (!rest.empty()) digest(input, offsetof(draw_input, pool), stir.last_digest);
+  while (!rest.empty()) rest = rest.subspan(hand_out(stir.last_digest, rest));
 
-  std::copy(state.pool.begin(), state.pool.end(), stir + 16);
-  MD5(stir, sizeof stir, state.pool.data());
-  OPENSSL_cleanse(input, sizeof input);
-  OPENSSL_cleanse(stir, sizeof stir);
+  digest(stir, 0, state.pool);
+  OPENSSL_cleanse(&input, sizeof input);
+  OPENSSL_cleanse(&stir, sizeof stir);
   return 1;
 }
 
