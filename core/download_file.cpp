@@ -27,16 +27,14 @@ download_file::~download_file() {
 }
 
 bool download_file::open(const char* path) {
+  buffer_ = std::make_unique_for_overwrite<char[]>(buffer_bytes);
   path_.assign(path);
   fd_.reset(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-  if (fd_) {
-    buffer_.reset(static_cast<char*>(::malloc(buffer_bytes)));
-    if (buffer_) return true;
-  }
+  if (fd_) return true;
   const int error = errno;
   qxfr_log(module_, DL_LOG_ERROR, "Can't open %s\n", printable(path).c_str());
   qxfr_log(module_, DL_LOG_NOTICE, "open errno %d\n", error);
-  if (!fd_) path_.clear();
+  path_.clear();
   return false;
 }
 

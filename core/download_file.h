@@ -8,6 +8,7 @@
 
 #include <stdint.h>
 
+#include <memory>
 #include <span>
 #include <string>
 
@@ -24,7 +25,8 @@ class download_file {
   download_file(const download_file&) = delete;
   download_file& operator=(const download_file&) = delete;
 
-  // Creates or truncates the file; logs "Can't open %s\n" and returns false when that fails.
+  // Creates or truncates the file; logs "Can't open %s\n" and returns false when that fails. Without memory
+  // it throws, and has opened nothing.
   [[nodiscard]] bool open(const char* path);
 
   // Room for the next bytes: the caller receives straight into it and then calls accept(). At least 4096
@@ -50,7 +52,7 @@ class download_file {
   uint32_t limit_;
   unique_fd fd_;
   std::string path_;
-  unique_malloc<char> buffer_;
+  std::unique_ptr<char[]> buffer_;
   std::size_t held_ = 0;
   uint64_t received_ = 0;
   uint64_t total_ = 0;

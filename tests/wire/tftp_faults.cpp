@@ -224,8 +224,8 @@ TEST_F(tftp_faults, each_allocation_fails_once) {
     EXPECT_EQ(test::file_exists(path_), !fired_);
     ++codes[result_.code];
   } while (fired_);
-  EXPECT_EQ(codes[DL_ERR_MEMORY], 3) << "the session, its carry and the copied path";
-  EXPECT_EQ(codes[0], 2) << "the file's buffer, which fails like its creation, and the success";
+  EXPECT_EQ(codes[DL_ERR_MEMORY], 4) << "the session, its carry, the file's buffer and its path";
+  EXPECT_EQ(codes[0], 1) << "the success";
   codes.erase(DL_ERR_HOST);  // the resolver's own
   EXPECT_EQ(codes.size(), 2u);
   EXPECT_EQ(upload({.which = call::allocate}), -1);
