@@ -123,6 +123,17 @@ int listen_on_loopback(bool ipv6, uint16_t& port) {
   return fd;
 }
 
+void name_port(std::vector<connection_script>& scripts, uint16_t port) {
+  const std::string_view mark = "@PORT@";
+  for (connection_script& script : scripts) {
+    for (step& now : script) {
+      for (auto at = now.bytes.find(mark); at != std::string::npos; at = now.bytes.find(mark, at)) {
+        now.bytes.replace(at, mark.size(), std::to_string(port));
+      }
+    }
+  }
+}
+
 std::string shown(const std::string& bytes) {
   return ::testing::PrintToString(bytes.substr(0, 2000));
 }
@@ -323,6 +334,7 @@ tcp_peer::tcp_peer(std::vector<connection_script> scripts, peer_settings setting
   if (settings.tls) state_->context = make_context(*settings.tls);
   state_->settings = std::move(settings);
   state_->listener = listen_on_loopback(state_->settings.ipv6, state_->port);
+  name_port(state_->scripts, state_->port);
   state_->wake_fd = eventfd(0, EFD_CLOEXEC);
   // A client that closes raises SIGPIPE in OpenSSL's writes. It is blocked in the peer's threads alone, so
   // that the library's own care for it is tested.
