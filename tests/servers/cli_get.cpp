@@ -1,0 +1,334 @@
+// "fetchrig get" against real servers: every scheme, where the file goes, trust, logins, and that nothing is
+// left of a download that failed.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "tests/peers/tcp_peer.h"
+#include "tests/support/command.h"
+#include "tests/support/servers.h"
+#include "tests/support/test_ca.h"
+
+namespace test {
+namespace {
+
+const std::string content = make_bytes(200000);
+
+class cli_get : public command_test {};
+
+TEST_F(cli_get, every_scheme) {
+  const test_ca ca(place_);
+  const cert_files files = ca.issue("server");
+  nginx_server web({.cert_file = files.cert, .key_file = files.key});
+  REQUIRE_SERVER(web);
+  pyftpd_server ftp;
+  REQUIRE_SERVER(ftp);
+  tftp_server tftp(tftp_program::atftpd);
+  REQUIRE_SERVER(tftp);
+  for (const loopback_server* server : std::initializer_list<const loopback_server*>{&web, &ftp, &tftp}) {
+    server->put("a.bin", content);
+  }
+  const struct {
+    const char* name;
+    std::string url;
+  } rows[] = {
+      {"http", web.url("/a.bin")},
+      {"http, chunked", web.url("/chunked/a.bin")},
+      {"http, ended by closing", web.url("/streamed/a.bin")},
+      {"http, redirected", web.url("/moved/a.bin")},
+      {"http, with a query and a fragment", web.url("/a.bin?x=1#top")},
+      {"https", web.https_url("/a.bin")},
+      {"ftp", ftp.url("/a.bin")},
+      {"tftp", tftp.url("/a.bin")},
+      {"no scheme", "127.0.0.1:" + std::to_string(tftp.port()) + "/a.bin"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const std::vector<std::string> trust = {"--ca-dir", ca.hashed_dir()};
+    expect_done(fetchrig({"get", row.url, trust[0], trust[1]}));
+    EXPECT_EQ(std::vector<std::string>{"a.bin"}, work_names());
+    EXPECT_TRUE(content == read_file(path("a.bin")));
+    unlink(path("a.bin").c_str());
+    const run_result piped = fetchrig({"get", "-o", "-", trust[0], trust[1], row.url});
+    EXPECT_TRUE(content == piped.output);
+    EXPECT_EQ("", piped.errors);
+    EXPECT_TRUE(work_names().empty());
+  }
+}
+
+TEST_F(cli_get, where_the_file_goes) {
+  nginx_server web;
+  REQUIRE_SERVER(web);
+  web.put("a.bin", content);
+  write_file(path("target"), "old and longer than nothing");
+  ASSERT_EQ(0, symlink("target", path("link").c_str()));
+  ASSERT_EQ(0, chmod(path("target").c_str(), 0600));
+  expect_done(fetchrig({"get", "-o", "link", web.url("/a.bin")}));
+  EXPECT_TRUE(content == read_file(path("target")));
+  struct stat status = {};
+  ASSERT_EQ(0, lstat(path("link").c_str(), &status));
+  EXPECT_TRUE(S_ISLNK(status.st_mode));
+
+  expect_done(fetchrig({"get", "-o", "/dev/null", web.url("/a.bin")}));
+  ASSERT_EQ(0, stat("/dev/null", &status));
+  EXPECT_TRUE(S_ISCHR(status.st_mode));
+  EXPECT_EQ((std::vector<std::string>{"link", "target"}), work_names());
+
+  expect_failed(fetchrig({"get", "-o", work_, web.url("/a.bin")}), 2, {"is a directory"});
+  expect_failed(fetchrig({"get", web.url("/")}), 2, {"names no file"});
+  expect_failed(fetchrig({"get", web.url("/up/..")}), 2, {"names no file"});
+  expect_failed(fetchrig({"get", "-o", "missing/x", web.url("/a.bin")}), 1, {"missing/x", "No such file"});
+  expect_failed(fetchrig({"get", "-o", "/dev/full", web.url("/a.bin")}), 1, {"/dev/full", "No space left"});
+}
+
+TEST_F(cli_get, https_servers_must_be_trusted) {
+  const test_ca ca(place_);
+  const cert_files good = ca.issue("good");
+  const cert_files other =
+      ca.issue("other", {.common_name = "other.example", .alt_names = "DNS:other.example"});
+  const cert_files expired = ca.issue("expired", {.valid_from_s = -7200, .valid_until_s = -3600});
+  const std::vector<std::string> trusted = {"--ca-dir", ca.hashed_dir()};
+  const struct {
+    const char* name;
+    const cert_files* server;
+    std::vector<std::string> arguments;
+    const char* complaint;  // null: it works
+  } rows[] = {
+      {"unknown issuer by default", &good, {}, "unknown issuer"},
+      {"known issuer", &good, trusted, nullptr},
+      {"another host's name", &other, trusted, "doesn't match host name"},
+      {"another host's name, not asked", &other, {trusted[0], trusted[1], "--no-verify-host"}, nullptr},
+      {"name not asked, issuer still", &other, {"--no-verify-host"}, "unknown issuer"},
+      {"expired", &expired, trusted, "expired"},
+      {"nothing verified", &expired, {"--insecure"}, nullptr},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    nginx_server web({.cert_file = row.server->cert, .key_file = row.server->key});
+    REQUIRE_SERVER(web);
+    web.put("a.bin", content);
+    std::vector<std::string> arguments = {"get", "-o", "out", web.https_url("/a.bin")};
+    arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
+    const run_result result = fetchrig(arguments);
+    if (row.complaint) {
+      expect_failed(result, 1, {"Connect Failed (code -3)", row.complaint});
+      EXPECT_TRUE(work_names().empty());
+      EXPECT_EQ("", web.access_log());
+      continue;
+    }
+    expect_done(result);
+    EXPECT_TRUE(content == read_file(path("out")));
+    unlink(path("out").c_str());
+  }
+}
+
+TEST_F(cli_get, client_certificate_with_an_encrypted_key) {
+  const test_ca ca(place_);
+  const cert_files server = ca.issue("server");
+  const cert_files client =
+      ca.issue("client", {.common_name = "phone", .alt_names = "", .passphrase = "open"});
+  nginx_server web({.cert_file = server.cert, .key_file = server.key, .client_ca_file = ca.file()});
+  REQUIRE_SERVER(web);
+  web.put("a.bin", content);
+  const std::vector<std::string> arguments = {
+      "get", web.https_url("/a.bin"), "--ca-dir", ca.hashed_dir(), "--cert", client.both};
+  expect_failed(fetchrig(arguments, {"FETCHRIG_KEY_PASSPHRASE=wrong"}), 1, {"Can't load private key"});
+  expect_done(fetchrig(arguments, {"FETCHRIG_KEY_PASSPHRASE=open"}));
+  EXPECT_TRUE(content == read_file(path("a.bin")));
+}
+
+TEST_F(cli_get, logins) {
+  nginx_server web;
+  REQUIRE_SERVER(web);
+  pyftpd_server ftp;
+  REQUIRE_SERVER(ftp);
+  web.put("a.bin", content);
+  ftp.put("a.bin", content);
+  const std::string good = "FETCHRIG_PASSWORD=" + std::string(server_password);
+  const auto inside = [](std::string url, const std::string& login) {
+    return url.insert(url.find("//") + 2, login);
+  };
+  const struct {
+    const char* name;
+    std::vector<std::string> arguments;
+    std::vector<std::string> environment;
+    const char* complaint;  // null: it works
+  } rows[] = {
+      {"http, from the environment", {"--user", server_user, web.url("/private/a.bin")}, {good}, nullptr},
+      {"http, option",
+       {"--user", server_user, "--password", server_password, web.url("/private/a.bin")},
+       {},
+       nullptr},
+      {"http, inside the URL", {inside(web.url("/private/a.bin"), "phone:s3cret@")}, {}, nullptr},
+      {"http, URL wins",
+       {"--user", "x", "--password", "y", inside(web.url("/private/a.bin"), "phone:s3cret@")},
+       {},
+       nullptr},
+      {"http, none", {web.url("/private/a.bin")}, {good}, "Auth Error (code -11)"},
+      {"http, wrong",
+       {"--user", server_user, web.url("/private/a.bin")},
+       {"FETCHRIG_PASSWORD=x"},
+       "code -11"},
+      {"ftp, from the environment", {"--user", server_user, ftp.url("/a.bin")}, {good}, nullptr},
+      {"ftp, user in the URL", {inside(ftp.url("/a.bin"), "phone@")}, {good}, nullptr},
+      {"ftp, wrong",
+       {"--user", server_user, ftp.url("/a.bin")},
+       {"FETCHRIG_PASSWORD=x"},
+       "refused the password"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    std::vector<std::string> arguments = {"get", "-o", "out"};
+    arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
+    const run_result result = fetchrig(arguments, row.environment);
+    EXPECT_FALSE(holds(result.errors, server_password)) << result.errors;
+    if (row.complaint) {
+      expect_failed(result, 1, {row.complaint});
+      EXPECT_TRUE(work_names().empty());
+      continue;
+    }
+    expect_done(result);
+    EXPECT_TRUE(content == read_file(path("out")));
+    unlink(path("out").c_str());
+  }
+}
+
+TEST_F(cli_get, missing_files) {
+  nginx_server web;
+  REQUIRE_SERVER(web);
+  pyftpd_server ftp;
+  REQUIRE_SERVER(ftp);
+  tftp_server tftp(tftp_program::atftpd);
+  REQUIRE_SERVER(tftp);
+  expect_failed(fetchrig({"get", web.url("/none")}), 1, {web.url("/none"), "404 (not found)"});
+  expect_failed(fetchrig({"get", ftp.url("/none")}), 1, {ftp.url("/none"), "550", "code -15"});
+  expect_failed(fetchrig({"get", tftp.url("/none")}), 1, {tftp.url("/none"), "Read Error (code -8)"});
+  expect_failed(fetchrig({"get", "http://127.0.0.1:" + std::to_string(free_port()) + "/x"}), 1, {"code -3"});
+  expect_failed(fetchrig({"get", "http://127.0.0.1:66000/x"}), 1, {"Wrong URL (code -9)"});
+  EXPECT_TRUE(work_names().empty());
+}
+
+std::string response(const std::string& status, const std::string& headers, const std::string& body) {
+  return "HTTP/1.1 " + status + "\r\n" + headers + "\r\n" + body;
+}
+
+TEST_F(cli_get, a_failed_download_leaves_the_old_file) {
+  const struct {
+    const char* name;
+    std::string answer;
+    const char* max_size;
+    const char* complaint;
+  } rows[] = {
+      {"ends early", response("200 OK", "Content-Length: 10\r\n", "four"), "1K", "ended after 4 of 10 bytes"},
+      {"ends inside a chunk", response("200 OK", "Transfer-Encoding: chunked\r\n", "9\r\nfour"), "1K",
+       "code -8"},
+      {"announced too large", response("200 OK", "Content-Length: 11\r\n", "12345678901"), "10",
+       "limit of 10 bytes"},
+      {"announced beyond 32 bits", response("200 OK", "Content-Length: 4294967296\r\n", "x"), "1K",
+       "larger than"},
+      {"chunks too large",
+       response("200 OK", "Transfer-Encoding: chunked\r\n", "b\r\n12345678901\r\n0\r\n\r\n"), "10",
+       "larger than the limit of 10 bytes"},
+      {"no length, reaches the limit", response("200 OK", "", "1234567890"), "10", "announced no length"},
+      {"a redirect that is not followed",
+       response("307 Temporary", "Location: /b\r\nContent-Length: 4\r\n", "body"), "1K",
+       "the server answered 307 (temporary redirect)"},
+      {"an interim answer", response("103 Early Hints", "", ""), "1K", "the server answered 103"},
+      {"no status line", "garbage\r\n", "1K", "code -5"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    write_file(path("out"), "old");
+    tcp_peer server({{expect_until("\r\n\r\n"), send(row.answer)}});
+    const std::string url = server.url("http", "/a");
+    expect_failed(fetchrig({"get", "-o", "out", "--max-size", row.max_size, url}), 1, {url, row.complaint});
+    EXPECT_EQ(std::vector<std::string>{"out"}, work_names());
+    EXPECT_EQ("old", read_file(path("out")));
+  }
+}
+
+TEST_F(cli_get, bodies_up_to_the_limit) {
+  const struct {
+    const char* name;
+    std::string answer;
+    const char* body;
+  } rows[] = {
+      {"announced", response("200 OK", "Content-Length: 10\r\n", "1234567890"), "1234567890"},
+      {"chunked", response("200 OK", "Transfer-Encoding: chunked\r\n", "a\r\n1234567890\r\n0\r\n\r\n"),
+       "1234567890"},
+      {"without a length", response("200 OK", "", "123456789"), "123456789"},
+      {"partial content", response("206 Partial Content", "Content-Length: 4\r\n", "1234"), "1234"},
+      {"no content on an open connection", response("204 No Content", "", ""), ""},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    tcp_peer server({{expect_until("\r\n\r\n"), send(row.answer)}});
+    expect_done(fetchrig({"get", "--max-size", "10", server.url("http", "/a")}));
+    EXPECT_EQ(row.body, read_file(path("a")));
+  }
+}
+
+TEST_F(cli_get, an_interrupted_download_leaves_nothing) {
+  const std::string half = response("200 OK", "Content-Length: 200000\r\n", content.substr(0, 100000));
+  tcp_peer server({{expect_until("\r\n\r\n"), send(half), stall()}});
+  child_process command({fetchrig_binary, "get", server.url("http", "/a")}, {.directory = work_});
+  for (int i = 0; i < 500 && work_names().empty(); ++i) ASSERT_FALSE(command.wait(20));
+  ASSERT_FALSE(work_names().empty());
+  command.stop();
+  EXPECT_EQ(128 + SIGTERM, command.wait(0));
+  EXPECT_TRUE(work_names().empty());
+}
+
+TEST_F(cli_get, what_is_sent) {
+  const std::string answer = response("200 OK", "Content-Length: 2\r\n", "ok");
+  tcp_peer server({{expect("GET /a%20b?x=1 HTTP/1.1\r\n"), expect_until("\r\n\r\n"), send(answer)}});
+  expect_done(fetchrig({"get", "-o", "-", "--header", "X-One: 1", "--header", "X-Two:2", "--option",
+                        "user-agent=Me/1", server.url("http", "/a b?x=1#part")}),
+              "ok");
+  EXPECT_TRUE(server.finish());
+  for (const char* line : {"\r\nX-One: 1\r\n", "\r\nX-Two:2\r\n", "\r\nUser-Agent: Me/1\r\n"}) {
+    EXPECT_TRUE(holds(server.received(0), line)) << server.received(0);
+  }
+
+  const std::string challenge =
+      response("401 Unauthorized", "WWW-Authenticate: Basic realm=\"x\"\r\nContent-Length: 0\r\n", "");
+  tcp_peer guarded({{expect_until("\r\n\r\n"), send(challenge)}, {expect_until("\r\n\r\n"), send(answer)}});
+  expect_done(fetchrig({"get", "-o", "-", "--auth", "xsi", "--user", "u", guarded.url("http", "/a")},
+                       {"FETCHRIG_PASSWORD=p"}),
+              "ok");
+  EXPECT_TRUE(guarded.finish());
+  EXPECT_TRUE(
+      holds(guarded.received(1), "\r\nAuthorization: BroadWorksSIP basic=\"cA==\", sipUser=\"dQ==\"\r\n"))
+      << guarded.received(1);
+}
+
+TEST_F(cli_get, through_a_proxy) {
+  const std::string answer = response("200 OK", "Content-Length: 2\r\n", "ok");
+  tcp_peer proxy({{expect_until("\r\n\r\n"), send(answer)}});
+  expect_done(fetchrig({"get", "-o", "-", "--proxy", proxy.url("http"), "http://origin.invalid/a"}), "ok");
+  EXPECT_TRUE(proxy.finish());
+  EXPECT_TRUE(holds(proxy.received(0), "\r\nHost: origin.invalid\r\n"));
+}
+
+TEST_F(cli_get, a_server_cannot_steer_the_terminal) {
+  tcp_peer server({{send("500 \x1b[2Jgo\x9b away\r\n")}});
+  const run_result result = fetchrig({"get", server.url("ftp", "/a")});
+  expect_failed(result, 1, {"code -15", "go"});
+  EXPECT_EQ(std::string::npos, result.errors.find_first_of("\x1b\x9b")) << result.errors;
+}
+
+TEST_F(cli_get, the_log_is_shown_when_asked_for) {
+  nginx_server web;
+  REQUIRE_SERVER(web);
+  web.put("a.bin", content);
+  const run_result notices = fetchrig({"get", "-v", web.url("/a.bin")});
+  EXPECT_TRUE(holds(notices.errors, "HTTP: response code: 200\n")) << notices.errors;
+  EXPECT_FALSE(holds(notices.errors, "Request Line")) << notices.errors;
+  const run_result all = fetchrig({"get", "-vvv", web.url("/a.bin")});
+  EXPECT_TRUE(holds(all.errors, "HTTP: Request Line: GET /a.bin HTTP/1.1")) << all.errors;
+  EXPECT_EQ("", all.output);
+}
+
+}  // namespace
+}  // namespace test
