@@ -36,10 +36,13 @@ class silent_terminal {
 constexpr char key_interrupt = 0x03, key_end = 0x04, key_erase = 0x7f, key_backspace = 0x08, key_kill = 0x15;
 constexpr std::size_t max_password_len = 511;
 
-std::string read_silently() {
+// The question comes when the terminal is silent already, so that an early answer is neither shown nor lost.
+std::string read_silently(const std::string& question) {
   std::string typed;
   typed.reserve(max_password_len);
   const silent_terminal silent;
+  fputs(question.c_str(), stderr);
+  fflush(stderr);
   for (;;) {
     char key = 0;
     if (read(STDIN_FILENO, &key, 1) != 1 || key == key_interrupt) throw failure(0, "no password given");
@@ -55,10 +58,8 @@ std::string read_silently() {
 }
 
 std::string ask_password(const std::string& user) {
-  fprintf(stderr, "Password for %s: ", printable(user).c_str());
-  fflush(stderr);
   try {
-    std::string typed = read_silently();
+    std::string typed = read_silently("Password for " + printable(user) + ": ");
     fputc('\n', stderr);
     return typed;
   } catch (const failure&) {

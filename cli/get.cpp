@@ -71,7 +71,7 @@ int run_get(const get_options& options) {
   const std::string name = output_name(options, where);
   check_options(options, where);
   const std::string headers = header_block(options.transfer.headers);
-  configure(options.transfer);
+  configure(options.transfer, where);
   const credentials login(where, options.transfer.user, options.transfer.password);
 
   const auto from = open_source({where, login, options.transfer.proxy, headers, options.xsi});

@@ -11,7 +11,6 @@
 #include <map>
 
 #include "fetchrig.h"
-#include "location.h"
 #include "report.h"
 
 namespace fetchrig::cli {
@@ -105,7 +104,11 @@ const char* option_name(std::uint32_t number) {
   return found == std::end(known_options) ? "?" : found->name;
 }
 
-void set_connection_options(const connection_options& options) {
+constexpr std::uint32_t default_timeout_s = 30;
+// A TFTP server says an error once, after which the wait for data still runs out.
+constexpr std::uint32_t default_tftp_timeout_s = 5;
+
+void set_connection_options(const connection_options& options, std::uint32_t timeout_s) {
   const std::uint32_t verify = options.insecure ? 0 : 1;
   start_log(options.verbosity);
   set_text_option(DL_OPT_HTTPS_CA_DIR, options.ca_dir);
@@ -113,9 +116,9 @@ void set_connection_options(const connection_options& options) {
   set_number_option(DL_OPT_SSL_METHOD, options.tls_method);
   set_number_option(DL_OPT_VERIFY_PEER, verify);
   set_number_option(DL_OPT_VERIFY_HOST, options.no_verify_host ? 0 : verify);
-  set_number_option(DL_OPT_NET_TIMEOUT, options.timeout_s);
+  set_number_option(DL_OPT_NET_TIMEOUT, timeout_s);
   set_number_option(DL_OPT_IPV6, options.ipv6 ? 1 : 0);
-  dl_set_tls_wait_limit(options.timeout_s);
+  dl_set_tls_wait_limit(timeout_s);
   take_key_passphrase();
 }
 
@@ -140,9 +143,8 @@ void add_connection_options(CLI::App& app, connection_options& options) {
   app.add_flag("--insecure", options.insecure, "Verify nothing of an HTTPS server");
   app.add_flag("--no-verify-host", options.no_verify_host, "Do not require the certificate to name the host");
   app.add_flag("--ipv6", options.ipv6, "Allow IPv6 addresses and look-ups");
-  app.add_option("--timeout", options.timeout_s, "Limit of every wait, in seconds")
-      ->check(CLI::Range(1, 60))
-      ->capture_default_str();
+  app.add_option("--timeout", options.timeout_s, "Limit of every wait, in seconds; 30, for TFTP 5")
+      ->check(CLI::Range(1, 60));
   app.add_option("--tls-method", options.tls_method, "auto, tls1.0, or the library's number 0 to 3")
       ->transform(CLI::Transformer(methods, CLI::ignore_case))
       ->check(CLI::Range(0, 3))
@@ -172,13 +174,14 @@ void add_transfer_options(CLI::App& app, transfer_options& options) {
 }
 
 void configure(const connection_options& options) {
-  set_connection_options(options);
+  set_connection_options(options, options.timeout_s.value_or(default_timeout_s));
   set_raw_options(options);
 }
 
-void configure(const transfer_options& options) {
+void configure(const transfer_options& options, const location& where) {
   if (options.max_size_bytes > UINT32_MAX) throw usage_error("--max-size is at most 4294967295 bytes");
-  set_connection_options(options.connection);
+  const std::uint32_t usual_s = where.kind == scheme::tftp ? default_tftp_timeout_s : default_timeout_s;
+  set_connection_options(options.connection, options.connection.timeout_s.value_or(usual_s));
   set_number_option(DL_OPT_MAX_FILE_SIZE, static_cast<std::uint32_t>(options.max_size_bytes));
   set_raw_options(options.connection);
 }

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "location.h"
+
 namespace CLI {
 class App;
 }
@@ -22,7 +24,7 @@ struct connection_options {
   bool insecure = false;
   bool no_verify_host = false;
   bool ipv6 = false;
-  std::uint32_t timeout_s = 30;
+  std::optional<std::uint32_t> timeout_s;  // limit of every wait; has a default of its own for TFTP
   std::uint32_t tls_method = 3;
   std::vector<std::string> raw_options;  // "NAME=VALUE"
   int verbosity = 0;
@@ -45,7 +47,7 @@ void add_verbosity(CLI::App& app, int& verbosity);
 
 // Initialise the library and set its options; a value it refuses throws usage_error.
 void configure(const connection_options& options);
-void configure(const transfer_options& options);
+void configure(const transfer_options& options, const location& where);
 
 // Sets text option `option` (enum dl_option), refusing what the library would cut.
 void set_text_option(std::uint32_t option, const std::string& value);

@@ -144,7 +144,7 @@ int run_put(const put_options& options) {
   const location where = parse_location(options.url);
   check_options(options, where);
   const std::uint64_t size_bytes = check_file(options.file);
-  configure(options.transfer);
+  configure(options.transfer, where);
   if (size_bytes > size_limit_bytes() && options.when_full == "stop") {
     throw failure(0, printable(options.file) + " is larger than the limit of " +
                          std::to_string(size_limit_bytes()) + " bytes (--max-size)");

@@ -97,6 +97,9 @@ std::size_t http_source::read(std::span<char> buffer) {
   dl_result result = {};
   const int count = dl_http_read(session_.get(), buffer.data(), library_size(buffer), &result);
   if (count < 0) throw failed_call(subject_, result);
+  if (count == 0 && chunked() && session_->chunk && session_->chunk->finished == DL_HTTP_CHUNKS_CUT) {
+    throw failed_operation(subject_, DL_ERR_READ, "the connection ended before the last chunk");
+  }
   return static_cast<std::size_t>(count);
 }
 

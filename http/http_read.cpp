@@ -18,6 +18,10 @@ namespace {
 constexpr std::size_t line_end_bytes = 2;
 constexpr uint32_t min_chunk_capacity = 512;
 
+bool is_hex_digit(char c) {
+  return is_digit(c) || (lower(c) >= 'a' && lower(c) <= 'f');
+}
+
 int log_failure(const char* message, int code, dl_result& result) {
   qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "%s", message);
   return fail(&result, code);
@@ -47,8 +51,8 @@ class chunk_reader {
   }
   void compact();
   bool make_room(uint64_t needed);
-  int read_size_line(uint64_t& size, dl_result& result);
-  int read_last_line(dl_result& result);
+  int read_size_line(uint64_t& size, bool& has_digits, dl_result& result);
+  int read_last_line(uint32_t how, dl_result& result);
   int read_data(uint64_t size, dl_result& result);
 
   http_channel& channel_;
@@ -89,19 +93,21 @@ bool chunk_reader::make_room(uint64_t needed) {
   return true;
 }
 
-int chunk_reader::read_size_line(uint64_t& size, dl_result& result) {
+int chunk_reader::read_size_line(uint64_t& size, bool& has_digits, dl_result& result) {
   std::array<char, 128> line = {};
   const int length = http_read_line(channel_, 128, 256, line);
   if (length < 0) {
     qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "read chunked len error\n");
     return log_failure("read chunked error\n", length, result);
   }
-  size = parse_chunk_size({line.data(), static_cast<std::size_t>(length)});
+  const std::string_view text = skip_white_space({line.data(), static_cast<std::size_t>(length)});
+  has_digits = !text.empty() && is_hex_digit(text.front());
+  size = parse_chunk_size(text);
   return 0;
 }
 
-int chunk_reader::read_last_line(dl_result& result) {
-  chunk().finished = 1;
+int chunk_reader::read_last_line(uint32_t how, dl_result& result) {
+  chunk().finished = how;
   std::array<char, 128> line = {};
   const int length = http_read_line(channel_, 128, 256, line);
   if (length >= 0) return 0;
@@ -132,8 +138,11 @@ int chunk_reader::read_data(uint64_t size, dl_result& result) {
 
 int chunk_reader::fetch(dl_result& result) {
   uint64_t size = 0;
-  if (const int rc = read_size_line(size, result); rc < 0) return rc;
-  return size == 0 ? read_last_line(result) : read_data(size, result);
+  bool has_digits = false;
+  if (const int rc = read_size_line(size, has_digits, result); rc < 0) return rc;
+  if (size > 0) return read_data(size, result);
+  // Where the stream ends too early, an empty line is read instead of the last chunk's.
+  return read_last_line(has_digits ? DL_HTTP_CHUNKS_ALL : DL_HTTP_CHUNKS_CUT, result);
 }
 
 int open_chunks(chunk_reader& chunks, dl_result& result) {
@@ -163,9 +172,8 @@ uint64_t parse_chunk_size(std::string_view line) {
   uint64_t size = 0;
   for (const char c : skip_white_space(line)) {
     const char digit = lower(c);
-    const bool letter = digit >= 'a' && digit <= 'f';
-    if (!is_digit(digit) && !letter) break;
-    size = size * 16 + static_cast<uint64_t>(letter ? digit - 'a' + 10 : digit - '0');
+    if (!is_hex_digit(digit)) break;
+    size = size * 16 + static_cast<uint64_t>(is_digit(digit) ? digit - '0' : digit - 'a' + 10);
     if (size > UINT32_MAX) return UINT32_MAX;
   }
   return size;

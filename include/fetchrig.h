@@ -321,8 +321,12 @@ typedef struct http_chunk_buf {
   char *data;
   uint32_t length;
   uint32_t capacity;
-  uint32_t finished; /* the last chunk has been seen */
+  uint32_t finished; /* not 0: the body has ended, see DL_HTTP_CHUNKS_ below */
 } http_chunk_buf;
+
+/* How a chunked body ended, in http_chunk_buf.finished. A cut one reads as a shorter body, not as a failure. */
+#define DL_HTTP_CHUNKS_ALL 1u /* the last chunk has been seen */
+#define DL_HTTP_CHUNKS_CUT 2u /* the stream ended, or went on without a chunk size, before it */
 
 #define DL_HTTP_MAGIC 10111u
 #define DL_HTTP_FLAG_CHUNKED 1u

@@ -13,6 +13,7 @@
 #include <algorithm>
 
 #include "core/config.h"
+#include "core/cursor.h"
 #include "core/owners.h"
 #include "core/result.h"
 #include "log/printable.h"
@@ -204,6 +205,16 @@ std::size_t tftp_receive_size(const dl_tftp_session& session) {
   return static_cast<std::size_t>(std::clamp<int32_t>(session.recv_size, 0, tftp_packet_capacity));
 }
 
+// An ERROR does not end an exchange at once; the log keeps what the server said.
+static void log_server_error(std::string_view datagram) {
+  cursor in(datagram);
+  const auto opcode = in.u16be();
+  const auto code = in.u16be();
+  if (!code || *opcode != static_cast<uint16_t>(tftp_opcode::error)) return;
+  const std::string_view message = in.rest().substr(0, in.rest().find('\0'));
+  qxfr_log(DL_LOG_TFTP, DL_LOG_WARNING, "server error %d: %s\n", *code, printable(message).c_str());
+}
+
 ssize_t tftp_receive(dl_tftp_session& session, int timeout_s, tftp_packet_buffer& packet, dl_result* result) {
   sockaddr_in6 sender = {};
   ssize_t length;
@@ -226,6 +237,7 @@ ssize_t tftp_receive(dl_tftp_session& session, int timeout_s, tftp_packet_buffer
   // Servers answer from a port of their own for each transfer (RFC 1350, section 4).
   const sa_family_t family = server_family(session);
   if (family == AF_INET || family == AF_INET6) set_server_port(session, sender.sin6_port);
+  log_server_error({packet.data(), static_cast<std::size_t>(length)});
   return length;
 }
 

@@ -203,7 +203,8 @@ TEST_F(cli_get, missing_files) {
   REQUIRE_SERVER(tftp);
   expect_failed(fetchrig({"get", web.url("/none")}), 1, {web.url("/none"), "404 (not found)"});
   expect_failed(fetchrig({"get", ftp.url("/none")}), 1, {ftp.url("/none"), "550", "code -15"});
-  expect_failed(fetchrig({"get", tftp.url("/none")}), 1, {tftp.url("/none"), "Read Error (code -8)"});
+  expect_failed(fetchrig({"get", tftp.url("/none")}), 1,
+                {"server error 1: ", tftp.url("/none") + ": Read Error (code -8)"});
   expect_failed(fetchrig({"get", "http://127.0.0.1:" + std::to_string(free_port()) + "/x"}), 1, {"code -3"});
   expect_failed(fetchrig({"get", "http://127.0.0.1:66000/x"}), 1, {"Wrong URL (code -9)"});
   EXPECT_TRUE(work_names().empty());

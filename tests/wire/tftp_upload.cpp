@@ -120,7 +120,7 @@ TEST_F(tftp_upload, open_fails) {
   };
   const std::vector<row> rows = {
       {"six ERRORs", repeated(5, {sends(error(2, "no")), expects(again)}) + script{sends(error(2, "no"))},
-       "6 Send Request Packet"},
+       "4 server error 2: no"},
       {"six ACKs of another block", repeated(5, {sends(ack(1)), expects(again)}) + script{sends(ack(1))},
        "5 discarded 0 packets"},
       {"refused block size",
