@@ -136,6 +136,15 @@ start_tftpd() {
   fi
 }
 
+# A TFTP server may acknowledge the last block before it has written it: waits until a file is as large as another,
+# 5 seconds at most.
+await_size() {
+  for _ in $(seq 50); do
+    [ "$(stat -c %s "$1" 2>/dev/null)" != "$(stat -c %s "$2")" ] || return 0
+    sleep 0.1
+  done
+}
+
 rows=()
 all_arrived=yes
 # Notes a transfer: row PROTOCOL DIRECTION ORIGINAL ARRIVED BEGAN ENDED STATUS
@@ -155,7 +164,7 @@ now_minus() {
 
 # Both ways over one protocol: both_ways NAME BASE-URL FILE [option...]
 both_ways() {
-  local name=$1 base=$2 file=$3 began status
+  local name=$1 base=$2 file=$3 began ended status
   shift 3
   echo "$name: $base"
   began=$EPOCHREALTIME
@@ -165,7 +174,9 @@ both_ways() {
   began=$EPOCHREALTIME
   status=0
   "$fetchrig" put "$@" "$root/$file" "$base/upload/$name-up" || status=$?
-  row "$name" upload "$root/$file" "$root/upload/$name-up" "$began" "$EPOCHREALTIME" "$status"
+  ended=$EPOCHREALTIME
+  [ "$status" -ne 0 ] || await_size "$root/upload/$name-up" "$root/$file"
+  row "$name" upload "$root/$file" "$root/upload/$name-up" "$began" "$ended" "$status"
 }
 
 # Some servers continue as another user.

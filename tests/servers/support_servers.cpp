@@ -143,7 +143,7 @@ void check_tftp(tftp_server& server, const std::string& upload, const std::strin
   server.put("a.bin", content);
   expect_same(content, curl({"-g", server.url("/a.bin")}).output);
   EXPECT_EQ(0, curl({"-g", "-T", upload, server.url("/upload/x")}).status);
-  expect_same(content, server.get("upload/x"));
+  expect_same(content, server.get_whole("upload/x", content.size()));
 }
 
 TEST_F(servers, atftpd) {

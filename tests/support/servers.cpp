@@ -14,6 +14,7 @@ namespace test {
 namespace {
 
 constexpr int start_limit_ms = 20000;
+constexpr int file_limit_ms = 20000;
 
 bool tcp_ready(uint16_t port, child_process& server) {
   return wait_until_accepts(port, start_limit_ms, false, &server);
@@ -71,6 +72,16 @@ bool have_ipv6() {
 loopback_server::loopback_server() : root_(place_.make_dir("root")) {
   place_.let_others_read();
   std::filesystem::permissions(place_.make_dir("root/upload"), std::filesystem::perms(0777));
+}
+
+std::string loopback_server::get_whole(const std::string& name, std::size_t size) const {
+  constexpr int step_ms = 5;
+  for (int waited_ms = 0; waited_ms < file_limit_ms; waited_ms += step_ms) {
+    std::error_code missing;
+    if (std::filesystem::file_size(path_of(name), missing) == size && !missing) break;
+    poll(nullptr, 0, step_ms);
+  }
+  return get(name);
 }
 
 void loopback_server::start(const std::vector<std::string>& programs, transport kind,

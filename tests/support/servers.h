@@ -38,6 +38,9 @@ class loopback_server {
   // The served directory's files, by path in it. "upload/" in it is writable for the server.
   void put(const std::string& name, std::string_view content) const { write_file(path_of(name), content); }
   std::string get(const std::string& name) const { return read_file(path_of(name)); }
+  // The file once it has `size` bytes, or what there is after some seconds: a TFTP server may acknowledge the
+  // last block before it has written it.
+  std::string get_whole(const std::string& name, std::size_t size) const;
   bool has(const std::string& name) const { return file_exists(path_of(name)); }
   std::string path_of(const std::string& name) const { return root_ + "/" + name; }
 
@@ -51,6 +54,8 @@ class loopback_server {
   // Starts the first of `programs` that is installed; once more on another port when it ends at once.
   void start(const std::vector<std::string>& programs, transport kind, const command& command_for,
              const probe& is_ready);
+  // Does not start, for this reason.
+  void refuse(const std::string& why) { why_ = why; }
   std::string url_for(const std::string& scheme, uint16_t port, const std::string& path, bool ipv6) const;
 
   temp_dir place_;    // configuration and logs
