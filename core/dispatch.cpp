@@ -87,8 +87,8 @@ using namespace fetchrig;
 int dl_open(const dl_request* request, dl_handle** handle, char* redirect, dl_result* result) {
   log_entry("dl_open");
   if (handle) *handle = nullptr;
-  if (result) clear_result(*result);
   if (!request || !request->url || !result || !handle) return log_dispatch_error("Invalid Param!\n");
+  clear_result(*result);
   auto opened = zeroed_record<dl_handle>();
   if (!opened) return log_dispatch_error("Memory exhault!\n");
   dl_url_parts parts;

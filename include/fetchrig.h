@@ -262,9 +262,9 @@ typedef struct dl_handle {
 } dl_handle;
 
 /* Opens the URL for reading. `redirect` (DL_REDIRECT_SIZE bytes) is needed for HTTP and HTTPS. On success stores a
- * handle in `handle`, to be released with dl_close(); on failure stores null. A URL that cannot be split, or a missing
- * argument, returns -1 with an empty `result` and a log line; other failures fill `result` as the protocol's own
- * open call does. Blocks. Any thread. */
+ * handle in `handle`, to be released with dl_close(); on failure stores null. A missing argument returns -1, logged, and leaves
+ * `result` as it is; a URL that cannot be split or a missing `redirect` leaves it empty; other failures fill it as the
+ * protocol's own open call does. Blocks. Any thread. */
 FETCHRIG_API int dl_open(const dl_request *request, dl_handle **handle, char *redirect, dl_result *result);
 
 /* Reads up to `size` (above 0) bytes of the file into `buffer`. Returns the count, 0 at the end, -1 on failure. */

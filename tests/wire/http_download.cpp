@@ -359,7 +359,7 @@ TEST_F(dispatcher, uploads_by_mode) {
   }
 }
 
-TEST_F(dispatcher, refusals_empty_the_result_of_an_open_and_reach_no_network) {
+TEST_F(dispatcher, refusals_leave_the_result_and_the_network_alone) {
   const dl_request good = {"http://127.0.0.1:1/", nullptr, nullptr, nullptr};
   const dl_request no_url = {};
   const dl_request bad = {"http://h:x/", nullptr, nullptr, nullptr};
@@ -378,13 +378,13 @@ TEST_F(dispatcher, refusals_empty_the_result_of_an_open_and_reach_no_network) {
   const char* const f = file_.c_str();
   char* const r = redirect_;
   result_.code = 77;
-  refused(dl_open(nullptr, &handle, r, &result_), "Invalid Param!", 0);
-  refused(dl_open(&no_url, &handle, r, &result_), "Invalid Param!", 0);
+  refused(dl_open(nullptr, &handle, r, &result_), "Invalid Param!");
+  refused(dl_open(&no_url, &handle, r, &result_), "Invalid Param!");
   refused(dl_open(&good, &handle, r, nullptr), "Invalid Param!");
   refused(dl_open(&bad, &handle, r, &result_), "URL Parsing Fail!", 0);
   refused(dl_open(&good, &handle, nullptr, &result_), "New Url NULL!", 0);
   handle = nullptr;
-  refused(dl_open(&good, nullptr, r, &result_), "Invalid Param!", 0);
+  refused(dl_open(&good, nullptr, r, &result_), "Invalid Param!");
   const auto no_handle = [&](int rc, const char* line) {
     handle = nullptr;
     refused(rc, line);
