@@ -53,15 +53,10 @@ io_result tcp_stream::receive(std::span<char> to, int flags, int timeout_s) {
   return count >= 0 ? io_result{count} : failed(false);
 }
 
-// Receives into the empty read-ahead: `wanted` bytes and at most may_read_ahead_ more.
+// Receives into the empty read-ahead, whose memory is there: `wanted` bytes and at most may_read_ahead_ more.
 io_result tcp_stream::refill(std::size_t wanted, int timeout_s) {
-  char* storage = ahead_->storage();
-  if (!storage) {
-    errno = ENOMEM;
-    return failed(false);
-  }
   const std::size_t size = std::min(read_ahead::capacity, std::max(wanted, may_read_ahead_));
-  const io_result received = receive({storage, size}, 0, timeout_s);
+  const io_result received = receive({ahead_->storage(), size}, 0, timeout_s);
   if (received.count > 0) ahead_->filled(static_cast<std::size_t>(received.count));
   return received;
 }
@@ -69,7 +64,8 @@ io_result tcp_stream::refill(std::size_t wanted, int timeout_s) {
 io_result tcp_stream::read(std::span<char> to, int timeout_s) {
   if (!ahead_) return receive(to, 0, timeout_s);
   if (ahead_->held().empty()) {
-    if (to.size() >= read_ahead::capacity || to.size() >= may_read_ahead_) return receive(to, 0, timeout_s);
+    const bool large = to.size() >= read_ahead::capacity || to.size() >= may_read_ahead_;
+    if (large || !ahead_->storage()) return receive(to, 0, timeout_s);
     if (const io_result received = refill(to.size(), timeout_s); received.count <= 0) return received;
   }
   const std::ptrdiff_t count = copy_held(*ahead_, to);
@@ -81,6 +77,7 @@ io_result tcp_stream::peek(std::span<char> to, int timeout_s) {
   if (to.empty()) return {};
   if (!ahead_) return receive(to, MSG_PEEK, timeout_s);
   if (ahead_->held().empty()) {
+    if (!ahead_->storage()) return receive(to, MSG_PEEK, timeout_s);
     if (const io_result received = refill(to.size(), timeout_s); received.count <= 0) return received;
   }
   return {copy_held(*ahead_, to)};

@@ -36,7 +36,7 @@ class read_ahead {
   static constexpr std::size_t capacity = 16384;
   std::span<const char> held() const { return {buffer_.get() + begin_, end_ - begin_}; }
   void consume(std::size_t count) { begin_ += count; }
-  // The empty buffer to receive into; nothing may be held. Null without memory.
+  // The empty buffer to receive into; nothing may be held. Null without memory: the stream then does without.
   char* storage();
   void filled(std::size_t count) { begin_ = 0, end_ = count; }
 
