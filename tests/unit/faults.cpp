@@ -1,0 +1,336 @@
+// faults.cpp: fails the n-th allocation, send, receive, write or close of a transfer, n = 1, 2, 3 ... until
+// nothing fails any more. After each: a code that names the fault, no partial file, no open descriptor, and,
+// under the address sanitizer, no leak. The calls are replaced for this whole program and misbehave only on a
+// thread that has asked for it.
+#include <dlfcn.h>
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <new>
+
+#include "tests/support/http_fixture.h"
+#include "tests/support/test_ca.h"
+
+namespace {
+
+enum class target { none, memory, send, receive, write, close };
+
+constexpr int short_count = -1;  // instead of an errno: one byte is moved
+
+struct fault_plan {
+  target what = target::none;
+  int error = 0;
+  bool lasting = false;  // all further calls fail as well
+  long calls_left = 0;
+  bool happened = false;
+};
+thread_local constinit fault_plan plan;
+
+bool strikes(target what) {
+  if (plan.what != what) return false;
+  --plan.calls_left;
+  if (plan.calls_left > 0 || (plan.calls_left < 0 && !plan.lasting)) return false;
+  plan.happened = true;
+  return true;
+}
+
+// -1 with errno, or the call with `count` cut to one byte.
+template <typename Call>
+ssize_t misbehave(std::size_t count, Call call) {
+  if (plan.error == short_count) return call(std::min<std::size_t>(count, 1));
+  errno = plan.error;
+  return -1;
+}
+
+template <typename Function>
+Function* next(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+#define REPLACED __attribute__((visibility("default")))
+
+extern "C" {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define REAL(name) __interceptor_##name
+#else
+#define REAL(name) __libc_##name
+#endif
+void* REAL(malloc)(size_t);
+void* REAL(calloc)(size_t, size_t);
+void* REAL(realloc)(void*, size_t);
+
+REPLACED void* malloc(size_t size) noexcept {
+  return strikes(target::memory) ? nullptr : REAL(malloc)(size);
+}
+REPLACED void* calloc(size_t count, size_t size) noexcept {
+  return strikes(target::memory) ? nullptr : REAL(calloc)(count, size);
+}
+REPLACED void* realloc(void* old, size_t size) noexcept {
+  return strikes(target::memory) ? nullptr : REAL(realloc)(old, size);
+}
+
+REPLACED ssize_t send(int sock, const void* from, size_t count, int flags) {
+  static const auto real = next<decltype(send)>("send");
+  const auto call = [&](size_t size) { return real(sock, from, size, flags); };
+  return strikes(target::send) ? misbehave(count, call) : call(count);
+}
+REPLACED ssize_t recv(int sock, void* to, size_t count, int flags) {
+  static const auto real = next<decltype(recv)>("recv");
+  const auto call = [&](size_t size) { return real(sock, to, size, flags); };
+  return strikes(target::receive) ? misbehave(count, call) : call(count);
+}
+REPLACED ssize_t write(int fd, const void* from, size_t count) {
+  static const auto real = next<decltype(write)>("write");
+  const auto call = [&](size_t size) { return real(fd, from, size); };
+  return strikes(target::write) ? misbehave(count, call) : call(count);
+}
+REPLACED int close(int fd) {
+  static const auto real = next<decltype(close)>("close");
+  const int rc = real(fd);
+  if (!strikes(target::close)) return rc;
+  errno = plan.error;
+  return -1;
+}
+}
+
+void* operator new(size_t size) {
+  if (void* memory = malloc(size ? size : 1)) return memory;
+  throw std::bad_alloc();
+}
+void* operator new[](size_t size) {
+  return operator new(size);
+}
+void* operator new[](size_t size, const std::nothrow_t&) noexcept {
+  return malloc(size ? size : 1);
+}
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  return malloc(size ? size : 1);
+}
+// Not inlined, so that the compiler does not see memory of `new` go to free().
+__attribute__((noinline)) void operator delete(void* memory) noexcept {
+  free(memory);
+}
+__attribute__((noinline)) void operator delete(void* memory, size_t) noexcept {
+  free(memory);
+}
+__attribute__((noinline)) void operator delete[](void* memory) noexcept {
+  free(memory);
+}
+__attribute__((noinline)) void operator delete[](void* memory, size_t) noexcept {
+  free(memory);
+}
+
+namespace {
+
+using namespace test;
+
+const char* const form = "Content-Type: multipart/form-data; boundary=XyZ\r\n";
+
+// One transfer: what the peer plays and what the library is asked to do.
+struct transfer {
+  const char* name;
+  std::vector<connection_script> scripts;
+  bool tls = false;
+  std::function<int(const char* url, dl_result* result)> run;
+  bool leaves_file = false;
+  bool dispatched = false;  // a failure of the dispatcher itself leaves the result clear
+};
+
+class faults : public leak_free {
+ protected:
+  faults() {
+    write_file(upload_, make_bytes(3000));
+    set_option(DL_OPT_HTTPS_CA_DIR, ca_.hashed_dir());
+    set_option(DL_OPT_SSL_METHOD, 3);
+    set_option(DL_OPT_VERIFY_PEER, 1);
+  }
+
+  static dl_http_request request(int32_t method, const char* url) {
+    return {.method = method,
+            .url = url,
+            .user = "phone",
+            .password = "s3cret",
+            .proxy = nullptr,
+            .headers = method == DL_METHOD_GET ? nullptr : form,
+            .body = nullptr};
+  }
+  int download(const char* url, dl_result* result) {
+    const dl_http_request get = request(DL_METHOD_GET, url);
+    return dl_http_recv_to_file(&get, local_.c_str(), redirect_, result);
+  }
+  int upload(const char* url, dl_result* result, int32_t method) {
+    const dl_http_request put = request(method, url);
+    dl_http_session* session = nullptr;
+    return dl_http_post_file(&session, &put, upload_.c_str(), redirect_, result);
+  }
+  int read_by_hand(const char* url, dl_result* result) {
+    const dl_request request = {url, nullptr, nullptr, nullptr};
+    dl_handle* handle = nullptr;
+    if (dl_open(&request, &handle, redirect_, result) < 0) return -1;
+    char buffer[700];
+    int count = 0;
+    std::size_t total = 0;
+    while ((count = dl_read(handle, buffer, sizeof buffer, result)) > 0)
+      total += static_cast<std::size_t>(count);
+    dl_close(handle);
+    return count < 0 ? -1 : total == content_.size() ? 0 : 1;
+  }
+
+  std::string chunked() const {
+    return "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3e8\r\n" + content_.substr(0, 1000) +
+           "\r\n7d0\r\n" + content_.substr(1000) + "\r\n0\r\n\r\n";
+  }
+  transfer chunked_download() {
+    return {.name = "redirected, challenged, chunked download",
+            .scripts = {{expect_until("\r\n\r\n"), test::send(redirect_to("http://127.0.0.1:@PORT@/b"))},
+                        {expect_until("\r\n\r\n"),
+                         test::send(unauthorized("Digest realm=\"v\", nonce=\"n\", qop=\"auth\""))},
+                        {expect_until("\r\n\r\n"), test::send(chunked())}},
+            .run = [this](const char* url, dl_result* result) { return download(url, result); },
+            .leaves_file = true};
+  }
+  transfer sized_download() {
+    return {.name = "download",
+            .scripts = {{expect_until("\r\n\r\n"), test::send(response("200 OK", content_))}},
+            .run = [this](const char* url, dl_result* result) { return download(url, result); },
+            .leaves_file = true};
+  }
+  transfer tls_download() {
+    transfer secure = sized_download();
+    secure.tls = true;
+    return secure;
+  }
+  transfer read_loop() {
+    return {.name = "open, read, close",
+            .scripts = {{expect_until("\r\n\r\n"), test::send(chunked())}},
+            .run = [this](const char* url, dl_result* result) { return read_by_hand(url, result); },
+            .dispatched = true};
+  }
+  transfer upload_of(int32_t method) {
+    return {
+        .name = method == DL_METHOD_PUT ? "PUT" : "POST",
+        .scripts = {{expect_until("\r\n\r\n"), expect_length(3000), test::send(unauthorized("Basic"))},
+                    {expect_until("\r\n\r\n"), expect_length(3000), test::send(response("201 Created"))}},
+        .run = [this, method](const char* url, dl_result* result) { return upload(url, result, method); }};
+  }
+
+  // One run with `with` as the plan; sets `happened`, and judges everything but the code.
+  int run_once(const transfer& job, const fault_plan& with, dl_result& result, bool& happened) {
+    const auto before = open_descriptors();
+    int rc = 1;
+    {
+      const tls_settings tls{.cert_file = files_.cert, .key_file = files_.key};
+      tcp_peer server(job.scripts, {.tls = job.tls ? std::optional(tls) : std::nullopt, .repeat_last = true});
+      const std::string url = server.url(job.tls ? "https" : "http", "/a");
+      ::plan = with;
+      rc = job.run(url.c_str(), &result);
+      happened = ::plan.happened;
+      ::plan = {};
+      server.problems();
+    }
+    EXPECT_TRUE(before == open_descriptors()) << "a descriptor was left open";
+    EXPECT_EQ(job.leaves_file && rc == 0, file_exists(local_)) << result.code;
+    if (job.leaves_file && rc == 0) {
+      EXPECT_TRUE(content_ == read_file(local_));
+      unlink(local_.c_str());
+    }
+    return rc;
+  }
+
+  // Every n; `codes` are those that name the fault, 0 among them when the transfer may succeed in spite of
+  // it.
+  void fail_each(const transfer& job, fault_plan with, const std::vector<int32_t>& codes) {
+    SCOPED_TRACE(job.name);
+    for (long nth = 1;; ++nth) {
+      SCOPED_TRACE(nth);
+      ASSERT_LT(nth, 1000);
+      with.calls_left = nth;
+      dl_result result = {};
+      bool happened = false;
+      const int rc = run_once(job, with, result, happened);
+      EXPECT_TRUE(result.code == 0 ? rc == 0 || job.dispatched : rc == -1);
+      if (!happened) {
+        EXPECT_EQ(0, rc) << result.message;
+        EXPECT_GT(nth, 1) << "nothing was there to fail";
+        return;
+      }
+      EXPECT_NE(codes.end(), std::find(codes.begin(), codes.end(), result.code)) << result.code;
+      if (HasFailure()) return;
+    }
+  }
+
+  temp_dir place_;
+  library library_;
+  test_ca ca_{place_};
+  cert_files files_ = ca_.issue("server");
+  const std::string content_ = make_bytes(3000);
+  const std::string local_ = place_.file("got");
+  const std::string upload_ = place_.file("local");
+  char redirect_[DL_REDIRECT_SIZE] = {};
+};
+
+// A look-up without memory reads "Wrong host", a composition "Send Error", a reconnection "Connect Failed",
+// an answer that cannot be built "Auth Error".
+TEST_F(faults, memory) {
+  const std::vector<int32_t> codes = {DL_ERR_MEMORY,  DL_ERR_HOST, DL_ERR_SEND,
+                                      DL_ERR_CONNECT, DL_ERR_AUTH, 0};
+  for (const bool lasting : {false, true}) {
+    SCOPED_TRACE(lasting);
+    const fault_plan no_memory = {.what = target::memory, .error = ENOMEM, .lasting = lasting};
+    for (const transfer& job : {chunked_download(), sized_download(), read_loop(), upload_of(DL_METHOD_PUT),
+                                upload_of(DL_METHOD_POST)}) {
+      fail_each(job, no_memory, codes);
+    }
+  }
+}
+
+TEST_F(faults, calls_that_fail) {
+  const struct {
+    target what;
+    int error;
+    std::vector<int32_t> codes;
+  } cases[] = {
+      {target::send, EPIPE, {DL_ERR_SEND}},
+      {target::receive, ECONNRESET, {DL_ERR_READ, -1}},
+      {target::close, EIO, {0, DL_ERR_READ}},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(static_cast<int>(row.what));
+    for (const transfer& job : {chunked_download(), sized_download(), upload_of(DL_METHOD_PUT)}) {
+      fail_each(job, {.what = row.what, .error = row.error}, row.codes);
+    }
+  }
+  for (const transfer& job : {chunked_download(), sized_download()}) {
+    fail_each(job, {.what = target::write, .error = ENOSPC}, {DL_ERR_READ});
+  }
+}
+
+TEST_F(faults, tls_calls_that_fail) {
+  const std::vector<int32_t> broken = {DL_ERR_CONNECT, DL_ERR_SEND, DL_ERR_READ, -1, 0};
+  fail_each(tls_download(), {.what = target::send, .error = EPIPE}, broken);
+  fail_each(tls_download(), {.what = target::receive, .error = ECONNRESET}, broken);
+  fail_each(tls_download(), {.what = target::close, .error = EIO}, {0, DL_ERR_READ});
+}
+
+TEST_F(faults, interrupted_and_short_calls_change_nothing) {
+  for (const target what : {target::send, target::receive}) {
+    for (const int error : {EINTR, short_count}) {
+      for (const transfer& job : {chunked_download(), upload_of(DL_METHOD_POST), tls_download()}) {
+        SCOPED_TRACE(::testing::Message() << static_cast<int>(what) << " " << error);
+        fail_each(job, {.what = what, .error = error}, {0});
+      }
+    }
+  }
+  for (const int error : {EINTR, short_count}) {
+    fail_each(sized_download(), {.what = target::write, .error = error}, {0});
+  }
+}
+
+}  // namespace
