@@ -32,9 +32,10 @@ bool choose_local_path(const dl_http_request& request, const char* local_path, s
   return url != nullptr;
 }
 
-int copy_body(http_channel& channel, download_file& file, dl_result& result) {
+int copy_body(http_channel& channel, download_file& file, uint32_t limit, dl_result& result) {
+  const uint64_t most = uint64_t{limit} + block_bytes;
   for (;;) {
-    const int count = http_read_some(channel, file.room(), result);
+    const int count = http_read_some(channel, file.room(), most, result);
     if (count < 0) return -1;
     if (count == 0) return file.finish(&result);
     if (const int rc = file.accept(static_cast<uint32_t>(count), &result); rc < 0) return rc;
@@ -42,10 +43,11 @@ int copy_body(http_channel& channel, download_file& file, dl_result& result) {
 }
 
 int receive_file(dl_http_session& session, const char* path, dl_result& result) {
-  download_file file(DL_LOG_HTTP, block_bytes, max_file_size());
+  const uint32_t limit = max_file_size();
+  download_file file(DL_LOG_HTTP, block_bytes, limit);
   if (!file.open(path)) return -1;
   http_channel channel(session);
-  const int rc = copy_body(channel, file, result);
+  const int rc = copy_body(channel, file, limit, result);
   qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "recv : %d bytes\n", static_cast<int>(file.total()));
   return rc;
 }

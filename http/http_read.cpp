@@ -31,7 +31,8 @@ int log_failure(const char* message, int code, dl_result& result) {
 // once for a record without private state; with one they are skipped and dropped when room is needed.
 class chunk_reader {
  public:
-  explicit chunk_reader(http_channel& channel) : channel_(channel) {}
+  // Of one chunk no more than `most` bytes are received: a caller with such a limit then gives up.
+  chunk_reader(http_channel& channel, uint64_t most) : channel_(channel), most_(most) {}
 
   bool open() {
     if (!channel_.session.chunk) channel_.session.chunk = zeroed_record<http_chunk_buf>().release();
@@ -56,6 +57,7 @@ class chunk_reader {
   int read_data(uint64_t size, dl_result& result);
 
   http_channel& channel_;
+  uint64_t most_;
 };
 
 int chunk_reader::deliver(std::span<char> to) {
@@ -121,8 +123,9 @@ int chunk_reader::read_data(uint64_t size, dl_result& result) {
   http_chunk_buf& buffer = chunk();
   compact();
   const uint32_t before = buffer.length;
-  const uint64_t end = before + size + line_end_bytes;
-  if (end > UINT32_MAX) return log_failure("read chunked error\n", DL_ERR_MEMORY, result);
+  if (before + size + line_end_bytes > UINT32_MAX)
+    return log_failure("read chunked error\n", DL_ERR_MEMORY, result);
+  const uint64_t end = before + std::min(size, most_) + line_end_bytes;
   int count = 1;
   while (count > 0 && buffer.length < end) {
     const bool has_room = make_room(end);
@@ -152,8 +155,9 @@ int open_chunks(chunk_reader& chunks, dl_result& result) {
 }
 
 // Reads chunks until `wanted` bytes are held or the body has ended, then delivers.
-int read_chunked(http_channel& channel, std::span<char> to, std::size_t wanted, dl_result& result) {
-  chunk_reader chunks(channel);
+int read_chunked(http_channel& channel, std::span<char> to, std::size_t wanted, uint64_t most,
+                 dl_result& result) {
+  chunk_reader chunks(channel, most);
   if (const int rc = open_chunks(chunks, result); rc < 0) return rc;
   while (chunks.held() < wanted && !chunks.finished()) {
     if (const int rc = chunks.fetch(result); rc < 0) return rc;
@@ -180,7 +184,7 @@ uint64_t parse_chunk_size(std::string_view line) {
 }
 
 int http_read_full(http_channel& channel, std::span<char> to, dl_result& result) {
-  if (channel.is_chunked()) return read_chunked(channel, to, to.size(), result);
+  if (channel.is_chunked()) return read_chunked(channel, to, to.size(), UINT32_MAX, result);
   to = cut_to_remaining(channel, to);
   std::size_t placed = 0;
   while (placed < to.size()) {
@@ -193,8 +197,8 @@ int http_read_full(http_channel& channel, std::span<char> to, dl_result& result)
   return static_cast<int>(placed);
 }
 
-int http_read_some(http_channel& channel, std::span<char> to, dl_result& result) {
-  if (channel.is_chunked()) return read_chunked(channel, to, 1, result);
+int http_read_some(http_channel& channel, std::span<char> to, uint64_t most, dl_result& result) {
+  if (channel.is_chunked()) return read_chunked(channel, to, 1, most, result);
   to = cut_to_remaining(channel, to);
   if (to.empty()) return 0;
   const int count = http_recv(channel, to);
@@ -208,7 +212,7 @@ bool http_drain(http_channel& channel, uint32_t limit) {
   dl_result ignored = {};
   uint64_t total = 0;
   for (;;) {
-    const int count = http_read_some(channel, scratch, ignored);
+    const int count = http_read_some(channel, scratch, uint64_t{limit} + 1, ignored);
     if (count <= 0) return true;
     total += static_cast<uint64_t>(count);
     if (total > limit) return false;

@@ -13,8 +13,10 @@ namespace fetchrig {
 // Fills `to` unless the body ends first. Returns the count, 0 at the end, or -1 with `result` filled.
 [[nodiscard]] int http_read_full(http_channel& channel, std::span<char> to, dl_result& result);
 
-// As http_read_full(), but returns as soon as there is something: for callers that take bytes as they come.
-[[nodiscard]] int http_read_some(http_channel& channel, std::span<char> to, dl_result& result);
+// As http_read_full(), but returns as soon as there is something: for callers that take bytes as they come
+// and give up beyond `most` bytes in all. A larger chunk is received no further than that, whatever memory it
+// would take.
+[[nodiscard]] int http_read_some(http_channel& channel, std::span<char> to, uint64_t most, dl_result& result);
 
 // Reads and discards the rest of the body; false when it is longer than `limit` bytes.
 [[nodiscard]] bool http_drain(http_channel& channel, uint32_t limit);

@@ -73,6 +73,22 @@ TEST_F(http_download, limit_is_judged_in_steps_of_512_bytes) {
   }
 }
 
+// Symptom: a server's one huge chunk fills the memory although files are limited to 2 MiB.
+TEST_F(http_download, a_chunk_beyond_the_limit_is_not_received_to_its_end) {
+  set_option(DL_OPT_MAX_FILE_SIZE, 1000);
+  tcp_peer server(
+      {{expect_until("\r\n\r\n"),
+        send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n10000000\r\n" + make_bytes(3000)),
+        stall()}});
+  const std::string url = server.url("http", "/");
+  const dl_request request = {url.c_str(), nullptr, nullptr, nullptr};
+  char redirect[DL_REDIRECT_SIZE] = {};
+  EXPECT_EQ(-1, dl_download(&request, path_.c_str(), redirect, &result_));
+  EXPECT_STREQ("exceed max size 1000", result_.message);
+  EXPECT_TRUE(logged_total(1024)) << log_.all();
+  EXPECT_FALSE(file_exists(path_));
+}
+
 TEST_F(http_download, ends_of_the_body) {
   set_option(DL_OPT_MAX_FILE_SIZE, 700);
   const std::string content = make_bytes(1000);
