@@ -2,15 +2,12 @@
 // receive and write (read and send) 64 KiB at a time. The server is a forked process, so that only the
 // client's time counts. Prints the best time of each and their ratio; fails when the library takes more than
 // 1.3 times the bare client's time. Argument: MiB to move (default 512).
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,18 +16,16 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "include/fetchrig.h"
+
+using namespace bench;
 
 namespace {
 
 constexpr std::size_t piece_bytes = 65536;
 constexpr int rounds = 7;
 constexpr double allowed_ratio = 1.3;
-
-[[noreturn]] void die(const char* what) {
-  perror(what);
-  _exit(2);
-}
 
 void send_all(int sock, const char* from, std::size_t length) {
   for (std::size_t done = 0; done < length;) {
@@ -50,31 +45,6 @@ std::string read_line(int sock) {
   char c = 0;
   while (c != '\n' && recv(sock, &c, 1, 0) == 1) line.push_back(c);
   return line;
-}
-
-// A listener on loopback with a port of the system's choice.
-int listener(uint16_t& port) {
-  const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  if (sock < 0 || bind(sock, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(sock, 4) != 0 ||
-      getsockname(sock, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    die("listen");
-  }
-  port = ntohs(address.sin_port);
-  return sock;
-}
-
-int connect_to(uint16_t port) {
-  const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(port);
-  if (connect(sock, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) die("connect");
-  return sock;
 }
 
 // The server's side: files come from and go to nowhere.
@@ -192,15 +162,6 @@ void our_upload(uint16_t port, const char* path) {
 }
 
 using transfer = void (*)(uint16_t port, const char* path);
-
-double cpu_seconds() {
-  rusage usage = {};
-  getrusage(RUSAGE_SELF, &usage);
-  const auto seconds = [](const timeval& time) {
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
-  };
-  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
-}
 
 double measure(transfer run, uint16_t port, const char* path) {
   const double start = cpu_seconds();

@@ -2,9 +2,7 @@
 // that reads and writes 64 KiB at a time (recv() or SSL_read(), then write()). The server is a process of its
 // own. Prints the best CPU time of each and their ratio, and the growth of the process over the downloads;
 // fails above 1.3 for HTTP and 1.15 for HTTPS. Argument: MiB to move (default 512).
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <openssl/evp.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
@@ -21,45 +19,20 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "include/fetchrig.h"
+
+using namespace bench;
 
 namespace {
 
 constexpr std::size_t block_bytes = 65536;
 constexpr int rounds = 5;
 
-[[noreturn]] void die(const char* what) {
-  perror(what);
-  exit(2);
-}
-
-double cpu_seconds() {
-  rusage usage = {};
-  getrusage(RUSAGE_SELF, &usage);
-  const auto seconds = [](const timeval& time) {
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
-  };
-  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
-}
-
 long peak_kib() {
   rusage usage = {};
   getrusage(RUSAGE_SELF, &usage);
   return usage.ru_maxrss;
-}
-
-int listener(int& port) {
-  const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  if (sock < 0 || bind(sock, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(sock, 4) != 0 ||
-      getsockname(sock, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    die("listen");
-  }
-  port = ntohs(address.sin_port);
-  return sock;
 }
 
 // A self-signed certificate for the server process.
@@ -107,7 +80,7 @@ void serve_one(const connection& peer, std::size_t file_bytes) {
 }
 
 // Serves one connection after the other until it is stopped.
-pid_t start_server(bool tls, std::size_t file_bytes, int& port) {
+pid_t start_server(bool tls, std::size_t file_bytes, uint16_t& port) {
   const int sock = listener(port);
   const pid_t pid = fork();
   if (pid != 0) {
@@ -126,17 +99,7 @@ pid_t start_server(bool tls, std::size_t file_bytes, int& port) {
   }
 }
 
-int connect_to(int port) {
-  const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  if (connect(sock, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) die("connect");
-  return sock;
-}
-
-void bare_download(bool tls, int port, const char* path) {
+void bare_download(bool tls, uint16_t port, const char* path) {
   connection server = {connect_to(port), nullptr};
   SSL_CTX* ctx = tls ? SSL_CTX_new(TLS_client_method()) : nullptr;
   if (tls) {
@@ -163,7 +126,7 @@ void bare_download(bool tls, int port, const char* path) {
   SSL_CTX_free(ctx);
 }
 
-void library_download(bool tls, int port, const char* path) {
+void library_download(bool tls, uint16_t port, const char* path) {
   const std::string url = std::string(tls ? "https" : "http") + "://127.0.0.1:" + std::to_string(port) + "/";
   dl_request request = {};
   request.url = url.c_str();
@@ -183,7 +146,7 @@ double measured(Work work) {
 
 // True when the library stays within `allowed` times the bare loop's CPU time.
 bool compare(bool tls, std::size_t file_bytes, double allowed, const std::string& path) {
-  int port = 0;
+  uint16_t port = 0;
   const pid_t server = start_server(tls, file_bytes, port);
   double bare = 1e9;
   double library = 1e9;

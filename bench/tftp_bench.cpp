@@ -2,9 +2,7 @@
 // bare client that does one wait, one receive and one send per block and nothing else. Both use 1432-byte
 // blocks and a file in a fresh directory. Prints the best time of each and their ratio; fails when the
 // library takes more than 1.2 times the bare client's time. Argument: MiB to move (default 64).
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -18,7 +16,10 @@
 #include <thread>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "include/fetchrig.h"
+
+using namespace bench;
 
 namespace {
 
@@ -28,16 +29,9 @@ constexpr int rounds = 7;
 constexpr double allowed_ratio = 1.2;
 constexpr char oack[] = "\0\6blksize\0001432";  // with the literal's own terminator
 
-[[noreturn]] void die(const char* what) {
-  perror(what);
-  exit(2);
-}
-
 int loopback_socket(sockaddr_in& address) {
   const int sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  address = {};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address = loopback(0);
   socklen_t length = sizeof address;
   if (sock < 0 || bind(sock, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
       getsockname(sock, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
