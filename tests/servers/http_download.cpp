@@ -25,7 +25,7 @@ class http_servers : public http_test {
   }
 
   int get(const std::string& url, const char* user = nullptr, const char* password = nullptr) {
-    const dl_request request = {url.c_str(), user, password, proxy_.empty() ? nullptr : proxy_.c_str()};
+    const dl_request request = {url.c_str(), user, password, nullptr};
     return dl_download(&request, local_.c_str(), redirect_, &result_);
   }
   int get_as_user(const std::string& url) { return get(url, server_user, server_password); }
@@ -51,7 +51,6 @@ class http_servers : public http_test {
   test_ca ca_{place_};
   cert_files files_ = ca_.issue("server");
   const std::string local_ = place_.file("local.bin");
-  std::string proxy_;
   char redirect_[DL_REDIRECT_SIZE] = {};
   dl_result result_ = {};
 };
@@ -149,20 +148,6 @@ TEST_F(http_servers, basic_and_digest) {
   EXPECT_EQ(0, outcome.code) << outcome.message;
   EXPECT_EQ("behind digest", outcome.body);
   EXPECT_EQ(0u, log_.count(server_password));
-}
-
-TEST_F(http_servers, through_a_proxy) {
-  nginx_server origin;
-  apache_server proxy;
-  REQUIRE_SERVER(origin);
-  REQUIRE_SERVER(proxy);
-  origin.put("a.bin", "by way of the proxy");
-  proxy_ = proxy.proxy_url();
-  // The request line holds the path alone, so the proxy answers for its own host.
-  EXPECT_EQ(-1, get(origin.url("/a.bin")));
-  EXPECT_EQ(404, result_.code) << state();
-  EXPECT_EQ("", origin.access_log());
-  EXPECT_NE(std::string::npos, proxy.access_log().find("GET /a.bin 404\n")) << proxy.access_log();
 }
 
 TEST_F(http_servers, uploads) {

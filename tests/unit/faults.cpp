@@ -153,13 +153,7 @@ class faults : public leak_free {
   }
 
   static dl_http_request request(int32_t method, const char* url) {
-    return {.method = method,
-            .url = url,
-            .user = "phone",
-            .password = "s3cret",
-            .proxy = nullptr,
-            .headers = method == DL_METHOD_GET ? nullptr : form,
-            .body = nullptr};
+    return {method, url, "phone", "s3cret", nullptr, method == DL_METHOD_GET ? nullptr : form, nullptr};
   }
   int download(const char* url, dl_result* result) {
     const dl_http_request get = request(DL_METHOD_GET, url);

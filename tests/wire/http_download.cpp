@@ -16,14 +16,8 @@ class http_download : public http_test {
   int32_t download(const std::string& answer, const char* path,
                    const std::string& url_path = "/fw/image.rom") {
     tcp_peer server({{expect_until("\r\n\r\n"), send(answer)}});
-    const std::string url = server.url("http", url_path);
-    const dl_http_request request = {.method = 0,
-                                     .url = url.c_str(),
-                                     .user = nullptr,
-                                     .password = nullptr,
-                                     .proxy = nullptr,
-                                     .headers = nullptr,
-                                     .body = nullptr};
+    const http_ask ask = {.url = server.url("http", url_path)};
+    const dl_http_request request = ask.request();
     log_.clear();
     result_ = {};
     char redirect[DL_REDIRECT_SIZE] = {};
@@ -172,14 +166,8 @@ TEST_F(http_download, the_extended_form_takes_304_and_answers_xsi) {
   tcp_peer server({{expect_until("\r\n\r\n"), send(unauthorized("Basic realm=\"x\""))},
                    {expect_until("Authorization: BroadWorksSIP basic=\"cA==\", sipUser=\"dQ==\"\r\n\r\n"),
                     send(response("304 Same", ""))}});
-  const std::string url = server.url("http", "/");
-  const dl_http_request request = {.method = 0,
-                                   .url = url.c_str(),
-                                   .user = "u",
-                                   .password = "p",
-                                   .proxy = nullptr,
-                                   .headers = nullptr,
-                                   .body = nullptr};
+  const http_ask ask = {.url = server.url("http", "/"), .user = "u", .password = "p"};
+  const dl_http_request request = ask.request();
   const dl_http_request_ex extended = {&request, 2};
   char redirect[DL_REDIRECT_SIZE] = {};
   EXPECT_EQ(0, dl_http_recv_to_file_ex(&extended, path_.c_str(), redirect, &result_));
@@ -192,13 +180,7 @@ class http_upload : public http_download {
  protected:
   http_upload() { write_file(file_, content_); }
   static dl_http_request request(const char* url, int32_t method, const char* headers) {
-    return {.method = method,
-            .url = url,
-            .user = "phone",
-            .password = "s3cret",
-            .proxy = nullptr,
-            .headers = headers,
-            .body = nullptr};
+    return {method, url, "phone", "s3cret", nullptr, headers, nullptr};
   }
   std::string put_head(const std::string& more = "", const std::string& path = "/up") const {
     return request_head("PUT", path, "Content-Length: " + std::to_string(content_.size()) + "\r\n" + more);
@@ -270,13 +252,7 @@ TEST_F(http_upload, missing_arguments) {
   const dl_http_request put = request("http://127.0.0.1/", DL_METHOD_PUT, "");
   const dl_http_request get = request("http://127.0.0.1/", DL_METHOD_GET, "");
   const dl_http_request post = request("http://127.0.0.1/", DL_METHOD_POST, "");
-  const dl_http_request no_url = {.method = 1,
-                                  .url = nullptr,
-                                  .user = nullptr,
-                                  .password = nullptr,
-                                  .proxy = nullptr,
-                                  .headers = nullptr,
-                                  .body = nullptr};
+  const dl_http_request no_url = request(nullptr, DL_METHOD_POST, "");
   dl_http_session* session = nullptr;
   const dl_auth_info list = {"u", "p"};
   const auto refused = [&](int rc, const char* line) {

@@ -18,66 +18,47 @@ namespace {
 using namespace fetchrig;
 using namespace test;
 
-constexpr uint32_t no_limit = 1000000;
-
 struct body_row {
-  const char* name;
+  std::string name;
   std::string bytes;
-  std::vector<std::string> pieces;  // what calls of `size` bytes return
-  int32_t code = 0;                 // of the call behind them; 0: the end
-  lines error_lines = {};
+  lines pieces;      // what calls of `size` bytes return
+  std::string rest;  // what stays in the stream then
   int32_t size = 64;
-  std::string rest = "";  // what stays in the stream
+  int32_t code = 0;  // of the call behind the pieces; 0: the end
+  lines error_lines = {};
 };
+const std::string any = "(any)";
 
-const lines bad_size = {"read chunked len error", "read chunked error"};
+body_row fails(std::string name, std::string bytes, int32_t code, lines error_lines, std::string rest) {
+  error_lines.push_back("read chunked error");
+  return {name, bytes, {}, rest, 64, code, error_lines};
+}
+
 const std::string long_line = std::string(125, '1') + "\r\n";
+const std::string too_long = "Buffer not enough! buffer len 128";
 
 const body_row chunked_rows[] = {
-    {"one", "4\r\nbody\r\n0\r\n\r\nnext", {"body"}, 0, {}, 64, "next"},
-    {"several in one read", "3\r\nabc\r\n1\r\nd\r\n0\r\n\r\n", {"abcd"}},
-    {"extension", "1a;ext=1\r\nabcdefghijklmnopqrstuvwxyz\r\n0\r\n\r\n", {"abcdefghijklmnopqrstuvwxyz"}},
-    {"upper case, space in front", " A\r\n0123456789\r\n0\r\n\r\n", {"0123456789"}},
-    {"caller's buffer smaller than a chunk",
-     "a\r\n0123456789\r\n3\r\nabc\r\n0\r\n\r\n",
-     {"012", "345", "678", "9ab", "c"},
-     0,
-     {},
-     3},
-    {"line end inside the data", "4\r\na\r\nb\r\n0\r\n\r\n", {"a\r\nb"}},
-    {"empty", "0\r\n\r\nnext", {}, 0, {}, 64, "next"},
-    {"last chunk with zeros and an extension", "1\r\na\r\n000;x\r\n\r\nnext", {"a"}, 0, {}, 64, "next"},
-    {"no line behind the last chunk", "1\r\na\r\n0\r\n", {"a"}},
-    {"a trailer is taken for that line", "1\r\na\r\n0\r\nX: y\r\n\r\n", {"a"}, 0, {}, 64, "\r\n"},
-    {"no digit ends the body", "1\r\na\r\nxyz\r\n\r\n", {"a"}},
-    {"truncated in the data: its last two bytes pass for a line end", "a\r\nhalf", {"ha"}},
-    {"truncated after one byte", "a\r\nx", {}},
-    {"truncated behind the size", "a\r\n", {}},
-    {"truncated in the size", "1\r\na\r\n1", {"a"}},
-    {"truncated behind a chunk", "3\r\nabc\r\n", {"abc"}},
-    {"size above 32 bits", "123456789\r\nx", {}, DL_ERR_MEMORY, {"read chunked error"}, 64, "x"},
-    {"sum above 32 bits", "fffffffe\r\nx", {}, DL_ERR_MEMORY, {"read chunked error"}, 64, "x"},
-    {"sum above 32 bits with what is held",
-     "4\r\nabcd\r\nfffffffd\r\nx",
-     {"abc"},
-     DL_ERR_MEMORY,
-     {"read chunked error"},
-     3,
-     "x"},
-    {"size line of 125",
-     long_line,
-     {},
-     DL_ERR_READ,
-     {"Buffer not enough! buffer len 128", bad_size[0], bad_size[1]},
-     64,
-     "(any)"},
-    {"last line of 125",
-     "0\r\n" + long_line,
-     {},
-     DL_ERR_READ,
-     {"Buffer not enough! buffer len 128", "read last EOL error", "read chunked error"},
-     64,
-     "(any)"},
+    {"one", "4\r\nbody\r\n0\r\n\r\nnext", {"body"}, "next"},
+    {"several in one read", "3\r\nabc\r\n1\r\nd\r\n0\r\n\r\n", {"abcd"}, ""},
+    {"extension", "1a;ext=1\r\nabcdefghijklmnopqrstuvwxyz\r\n0\r\n\r\n", {"abcdefghijklmnopqrstuvwxyz"}, ""},
+    {"upper case, space in front", " A\r\n0123456789\r\n0\r\n\r\n", {"0123456789"}, ""},
+    {"small pieces", "a\r\n0123456789\r\n3\r\nabc\r\n0\r\n\r\n", {"012", "345", "678", "9ab", "c"}, "", 3},
+    {"line end inside the data", "4\r\na\r\nb\r\n0\r\n\r\n", {"a\r\nb"}, ""},
+    {"empty", "0\r\n\r\nnext", {}, "next"},
+    {"last chunk with zeros and an extension", "1\r\na\r\n000;x\r\n\r\nnext", {"a"}, "next"},
+    {"no line behind the last chunk", "1\r\na\r\n0\r\n", {"a"}, ""},
+    {"a trailer is taken for that line", "1\r\na\r\n0\r\nX: y\r\n\r\n", {"a"}, "\r\n"},
+    {"no digit ends the body", "1\r\na\r\nxyz\r\n\r\n", {"a"}, ""},
+    {"truncated in the data: its last two bytes pass for a line end", "a\r\nhalf", {"ha"}, ""},
+    {"truncated after one byte", "a\r\nx", {}, ""},
+    {"truncated behind the size", "a\r\n", {}, ""},
+    {"truncated in the size", "1\r\na\r\n1", {"a"}, ""},
+    {"truncated behind a chunk", "3\r\nabc\r\n", {"abc"}, ""},
+    fails("size above 32 bits", "123456789\r\nx", DL_ERR_MEMORY, {}, "x"),
+    fails("sum above 32 bits", "fffffffe\r\nx", DL_ERR_MEMORY, {}, "x"),
+    {"sum with what is held", "2\r\nab\r\nfffffffc\r\nx", {}, "x", 3, DL_ERR_MEMORY, {"read chunked error"}},
+    fails("size line of 125", long_line, DL_ERR_READ, {too_long, "read chunked len error"}, any),
+    fails("last line of 125", "0\r\n" + long_line, DL_ERR_READ, {too_long, "read last EOL error"}, any),
 };
 
 // A session over `feed`: with private state, or a record made here.
@@ -117,7 +98,7 @@ class http_read : public http_test {
     EXPECT_EQ(row.code == 0 ? 0 : -1, dl_http_read(session.get(), buffer.data(), row.size, &result));
     EXPECT_EQ(row.code, result.code);
     EXPECT_EQ(row.error_lines, errors());
-    if (with_private || row.rest == "(any)") return;
+    if (with_private || row.rest == any) return;
     EXPECT_EQ(row.rest, feed.rest());
   }
 };
@@ -301,13 +282,8 @@ class closed_while_sending : public http_read {
   int32_t put_to(const tcp_peer& server, const std::string& scheme) const {
     write_file(place_.file("big"), std::string(16 << 20, 'x'));
     const std::string url = server.url(scheme, "/");
-    const dl_http_request request = {.method = DL_METHOD_PUT,
-                                     .url = url.c_str(),
-                                     .user = nullptr,
-                                     .password = nullptr,
-                                     .proxy = nullptr,
-                                     .headers = "",
-                                     .body = nullptr};
+    const http_ask ask = {.url = url, .method = DL_METHOD_PUT, .headers = ""};
+    const dl_http_request request = ask.request();
     dl_http_session* session = nullptr;
     char redirect[DL_REDIRECT_SIZE];
     dl_result result = {};
