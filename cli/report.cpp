@@ -118,30 +118,6 @@ int log_callback(const char* text, int32_t length) {
   return 0;
 }
 
-// Length of the valid UTF-8 sequence of two or more bytes at the start of `text`, 0 when there is none or it
-// is one of the C1 control characters.
-std::size_t utf8_sequence(std::string_view text) {
-  const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
-  struct shape {
-    unsigned char mask, mark;
-    std::size_t length;
-    unsigned least;
-  };
-  constexpr shape shapes[] = {{0xe0, 0xc0, 2, 0xa0}, {0xf0, 0xe0, 3, 0x800}, {0xf8, 0xf0, 4, 0x10000}};
-  for (const shape& form : shapes) {
-    if ((byte(0) & form.mask) != form.mark) continue;
-    if (text.size() < form.length) return 0;
-    unsigned code_point = byte(0) & static_cast<unsigned char>(~form.mask);
-    for (std::size_t i = 1; i < form.length; ++i) {
-      if ((byte(i) & 0xc0) != 0x80) return 0;
-      code_point = code_point << 6 | (byte(i) & 0x3fu);
-    }
-    const bool surrogate = code_point >= 0xd800 && code_point <= 0xdfff;
-    return code_point < form.least || code_point > 0x10ffff || surrogate ? 0 : form.length;
-  }
-  return 0;
-}
-
 // Words for codes whose library text says less than is known.
 constexpr code_words status_words[] = {
     {204, "no content"},
@@ -193,24 +169,6 @@ std::string with_cause(std::string message) {
 }
 
 }  // namespace
-
-std::string printable(std::string_view text) {
-  constexpr char digits[] = "0123456789abcdef";
-  std::string out;
-  for (std::size_t i = 0; i < text.size();) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    std::size_t length = byte >= 0x20 && byte < 0x7f ? 1 : 0;
-    if (byte >= 0x80) length = utf8_sequence(text.substr(i));
-    if (length > 0) {
-      out.append(text, i, length);
-      i += length;
-      continue;
-    }
-    out += {'\\', 'x', digits[byte >> 4], digits[byte & 15]};
-    ++i;
-  }
-  return out;
-}
 
 void start_log(int verbosity) {
   constexpr int levels[] = {DL_LOG_WARNING, DL_LOG_NOTICE, DL_LOG_INFO, DL_LOG_DEBUG};

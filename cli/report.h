@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "fetchrig.h"
+#include "printable.h"
 
 namespace fetchrig::cli {
 
@@ -31,9 +32,6 @@ class failure : public std::runtime_error {
  private:
   int code_;
 };
-
-// `text` with everything that would steer a terminal (control characters, broken UTF-8) written as "\xNN".
-std::string printable(std::string_view text);
 
 // Initialises the library and sends its log here, away from the system log. `verbosity` 1, 2 and 3 show
 // notices, progress and debug lines on standard error; warnings are shown always.

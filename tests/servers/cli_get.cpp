@@ -123,6 +123,24 @@ TEST_F(cli_get, https_servers_must_be_trusted) {
   }
 }
 
+TEST_F(cli_get, an_old_server_needs_its_tls_version_named) {
+  const test_ca ca(place_);
+  const cert_files files = ca.issue("server", {.rsa_bits = 2048});
+  nginx_server web({.cert_file = files.cert, .key_file = files.key, .tls_protocols = "TLSv1"});
+  REQUIRE_SERVER(web);
+  web.put("a.bin", content);
+  const std::vector<std::string> arguments = {"get", web.https_url("/a.bin"), "--ca-dir", ca.hashed_dir()};
+  const auto with_method = [&](const std::string& method) {
+    std::vector<std::string> all = arguments;
+    all.insert(all.end(), {"--tls-method", method});
+    return fetchrig(all);
+  };
+  expect_failed(fetchrig(arguments), 1, {"code -3", "SSL Connect error"});
+  expect_failed(with_method("auto"), 1, {"code -3", "SSL Connect error"});
+  expect_done(with_method("tls1.0"));
+  EXPECT_TRUE(content == read_file(path("a.bin")));
+}
+
 TEST_F(cli_get, client_certificate_with_an_encrypted_key) {
   const test_ca ca(place_);
   const cert_files server = ca.issue("server");

@@ -1,0 +1,14 @@
+// printable.h: texts from outside made fit for a terminal. Stateless; any thread.
+#ifndef FETCHRIG_CLI_PRINTABLE_H
+#define FETCHRIG_CLI_PRINTABLE_H
+
+#include <string>
+#include <string_view>
+
+namespace fetchrig::cli {
+
+// `text` with everything that would steer a terminal (control characters, broken UTF-8) written as "\xNN".
+std::string printable(std::string_view text);
+
+}  // namespace fetchrig::cli
+#endif
