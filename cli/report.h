@@ -1,6 +1,5 @@
-// report.h: what the command tells a person: the library's log as it passes by, failures in words with their
-// code, and texts from outside made fit for a terminal. Not for results, which go to standard output. One
-// thread only, as the whole command.
+// report.h: what the command tells a person: the library's log as it passes by, and failures in words with
+// their code. Not for results, which go to standard output. One thread only, as the whole command.
 #ifndef FETCHRIG_CLI_REPORT_H
 #define FETCHRIG_CLI_REPORT_H
 
