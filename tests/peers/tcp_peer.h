@@ -22,8 +22,8 @@ namespace test {
 
 enum class action { expect, expect_until, expect_length, send, bytewise, stall, hang_up, reset, call };
 
-// One thing a peer does on a connection. "@PORT@" in its bytes stands for the peer's own port. A script that ends closes the connection in good order: it ends our
-// direction and reads on until the client closes, too.
+// One thing a peer does on a connection. "@PORT@" in its bytes stands for the peer's own port. A script that
+// ends closes the connection in good order: it ends our direction and reads on until the client closes, too.
 struct step {
   action what;
   std::string bytes = {};
