@@ -156,7 +156,9 @@ tftp_server::tftp_server(tftp_program program, bool ipv6, const std::vector<std:
                          "--port=" + std::to_string(port), "--logfile=-", "--verbose=3", root_});
   };
   const auto ready = [ipv6](uint16_t port, child_process& server) { return tftp_ready(port, server, ipv6); };
-  if (program == tftp_program::tftpd_hpa)
+  if (program == tftp_program::tftpd_hpa && geteuid() != 0)
+    refuse("in.tftpd runs as root only");
+  else if (program == tftp_program::tftpd_hpa)
     start({"in.tftpd"}, transport::udp, hpa, ready);
   else
     start({FETCHRIG_SOURCE_DIR "/build-servers/usr/sbin/atftpd"}, transport::udp, atftpd, ready);
