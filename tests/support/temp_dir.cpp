@@ -68,7 +68,12 @@ void write_file(const std::string& path, std::string_view content) {
 std::string read_file(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) throw std::runtime_error("cannot read " + path);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  std::string content;
+  std::vector<char> piece(1 << 16);
+  while (in.read(piece.data(), static_cast<std::streamsize>(piece.size())) || in.gcount() > 0) {
+    content.append(piece.data(), static_cast<std::size_t>(in.gcount()));
+  }
+  return content;
 }
 
 bool file_exists(const std::string& path) {
@@ -84,14 +89,16 @@ std::vector<std::string> names_in(const std::string& directory) {
 }
 
 std::string make_bytes(std::size_t size, uint64_t seed) {
-  std::string bytes(size, '\0');
+  std::vector<uint64_t> words(size / sizeof(uint64_t) + 1);
   uint64_t state = seed * 0x9e3779b97f4a7c15u + 1;
-  for (char& byte : bytes) {  // xorshift64*
+  for (uint64_t& word : words) {  // xorshift64*
     state ^= state >> 12;
     state ^= state << 25;
     state ^= state >> 27;
-    byte = static_cast<char>((state * 0x2545f4914f6cdd1du) >> 56);
+    word = state * 0x2545f4914f6cdd1du;
   }
+  std::string bytes(size, '\0');
+  if (size > 0) memcpy(bytes.data(), words.data(), size);
   return bytes;
 }
 
