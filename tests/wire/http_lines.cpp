@@ -18,7 +18,6 @@ struct line_sizes {
 constexpr line_sizes status_sizes = {256, 256, 128};
 constexpr line_sizes header_sizes = {256, 512, 1024};
 constexpr line_sizes last_room_sizes = {256, 512, 256};
-constexpr line_sizes chunk_sizes = {128, 256, 128};
 
 std::string x(std::size_t count) {
   return std::string(count, 'x');
@@ -33,33 +32,25 @@ struct line_row {
   std::string rest = "rest";       // what is still in the stream then
 };
 
+// clang-format off
 const line_row rows[] = {
-    {"plain", status_sizes, "HTTP/1.1 200 OK\r\nrest", {"HTTP/1.1 200 OK"}},
-    {"empty", header_sizes, "\r\nrest", {""}},
-    {"two", header_sizes, "a: 1\r\nb\r\nrest", {"a: 1", "b"}},
+    {"two and an empty one", header_sizes, "a: 1\r\nb\r\n\r\nrest", {"a: 1", "b", ""}},
     {"status line of 124", status_sizes, x(124) + "\r\nrest", {x(124)}},
     {"status line of 125", status_sizes, x(125) + "\r\nrest", {too_long}},
-    {"status line of 254, its end beyond the buffer",
-     status_sizes,
-     x(254) + "\r\nrest",
-     {too_long},
-     "\nrest"},
-    {"chunk line of 124", chunk_sizes, x(124) + "\r\nrest", {x(124)}},
-    {"chunk line of 125", chunk_sizes, x(125) + "\r\nrest", {too_long}},
+    {"status line of 254, its end outside", status_sizes, x(254) + "\r\nrest", {too_long}, "\nrest"},
     {"header of 252 in the last room", last_room_sizes, x(252) + "\r\nrest", {x(252)}},
     {"header of 253 in the last room", last_room_sizes, x(253) + "\r\nrest", {too_long}},
     {"header of 509, the longest whole one", header_sizes, x(509) + "\r\nrest", {x(509)}},
     {"header of 510, cut inside its end", header_sizes, x(510) + "\r\nb\r\nrest", {x(510) + "\r", "\nb"}},
     {"header of 511, its end alone", header_sizes, x(511) + "\r\nrest", {x(511), ""}},
-    {"header of 600", header_sizes, x(600) + "\r\nrest", {x(511), x(89)}},
     {"header of 1100", header_sizes, x(1100) + "\r\nrest", {x(511), x(511), x(78)}},
     {"end inside a line", header_sizes, "abc", {"abc", ""}, ""},
     {"end inside CRLF", header_sizes, "abc\r", {"abc\r", ""}, ""},
-    {"end of the stream", header_sizes, "", {""}, ""},
     {"end at a full buffer", header_sizes, x(511), {x(511), ""}, ""},
     {"bare CR and LF belong to the line", header_sizes, "a\rb\nc\r\r\nrest", {"a\rb\nc\r"}},
     {"NUL belongs to the line", header_sizes, std::string("a\0b\r\nrest", 9), {std::string("a\0b", 3)}},
 };
+// clang-format on
 
 std::string call(http_channel& channel, const line_sizes& sizes) {
   std::string line(sizes.output, '#');
@@ -97,27 +88,23 @@ class http_lines : public ::testing::Test {
 
 TEST_F(http_lines, sizes) {
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
     for (const std::size_t piece_len : {0u, 1u, 255u}) {
-      SCOPED_TRACE(piece_len);
-      {
-        fed_socket feed(row.bytes, piece_len);
-        dl_http_session bare = {};
-        bare.magic = DL_HTTP_MAGIC;
-        bare.sock = feed.fd();
-        http_channel channel(bare);
-        check(channel, row);
-        // With a line too long, how much was taken depends on the pieces.
-        const bool known = row.lines.back() != too_long || piece_len == 0;
-        EXPECT_EQ(row.rest, known ? feed.rest() : row.rest);
-      }
-      fed_socket feed(row.bytes, piece_len);
-      const auto session = new_http_session();
-      session->sock = feed.duplicate();
-      http_channel channel(*session);
-      check(channel, row);
+      SCOPED_TRACE(::testing::Message() << row.name << " " << piece_len);
+      // With a line too long, how much was taken depends on the pieces.
       const bool known = row.lines.back() != too_long || piece_len == 0;
-      EXPECT_EQ(row.rest, known ? rest_of(channel) : row.rest);
+      fed_socket feed(row.bytes, piece_len);
+      dl_http_session bare = {};
+      bare.magic = DL_HTTP_MAGIC;
+      bare.sock = feed.fd();
+      http_channel at_socket(bare);
+      check(at_socket, row);
+      EXPECT_EQ(row.rest, known ? feed.rest() : row.rest);
+      fed_socket second_feed(row.bytes, piece_len);
+      const auto session = new_http_session();
+      session->sock = second_feed.duplicate();
+      http_channel ahead(*session);
+      check(ahead, row);
+      EXPECT_EQ(row.rest, known ? rest_of(ahead) : row.rest);
     }
   }
 }
