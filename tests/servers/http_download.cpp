@@ -1,9 +1,7 @@
 // http_download.cpp: HTTP and HTTPS in both directions against nginx and Apache.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <fstream>
-#include <thread>
 
 #include "tests/support/http_fixture.h"
 #include "tests/support/servers.h"
@@ -28,7 +26,6 @@ class http_servers : public http_test {
     const dl_request request = {url.c_str(), user, password, nullptr};
     return dl_download(&request, local_.c_str(), redirect_, &result_);
   }
-  int get_as_user(const std::string& url) { return get(url, server_user, server_password); }
   int put(const std::string& url, const std::string& headers, int mode) {
     const dl_request request = {url.c_str(), server_user, server_password, nullptr};
     return dl_upload(&request, local_.c_str(), nullptr, redirect_, &result_, headers.c_str(), mode, 0);
@@ -36,6 +33,12 @@ class http_servers : public http_test {
   // An independent judge, whatever the size.
   static bool same(const std::string& first, const std::string& second) {
     return run({"cmp", first, second}).status == 0;
+  }
+  void got_whole(const nginx_server& server, const std::string& url) {
+    SCOPED_TRACE(url);
+    log_.clear();
+    EXPECT_EQ(0, get(url)) << state();
+    EXPECT_TRUE(same(server.path_of("a.bin"), local_));
   }
   void make_file(const std::string& path, std::size_t size) const {
     const std::string block = make_bytes(mib - 1);
@@ -57,17 +60,14 @@ class http_servers : public http_test {
 
 TEST_F(http_servers, sizes_over_http_and_both_tls_versions) {
   set_option(DL_OPT_MAX_FILE_SIZE, 201 * mib);
-  const std::size_t sizes[] = {0, 1, 1024, 2 * mib, 200 * mib};
   for (const char* version : {"TLSv1.2", "TLSv1.3"}) {
     nginx_server server({files_.cert, files_.key, version});
     REQUIRE_SERVER(server);
-    for (const std::size_t size : sizes) {
+    for (const std::size_t size : {0u, 1u, 2 * mib, 200 * mib}) {
       make_file(server.path_of("a.bin"), size);
       for (const std::string& url : {server.url("/a.bin"), server.https_url("/a.bin")}) {
         SCOPED_TRACE(::testing::Message() << version << " " << url << " " << size);
-        EXPECT_EQ(0, get(url)) << state();
-        EXPECT_TRUE(same(server.path_of("a.bin"), local_));
-        log_.clear();
+        got_whole(server, url);
       }
     }
   }
@@ -79,51 +79,27 @@ TEST_F(http_servers, ways_of_answering) {
   make_file(server.path_of("a.bin"), 2 * mib);
   for (const char* path :
        {"/a.bin", "/chunked/a.bin", "/streamed/a.bin", "/moved/a.bin", "/to-https/a.bin"}) {
-    SCOPED_TRACE(path);
-    EXPECT_EQ(0, get(server.url(path))) << state();
-    EXPECT_TRUE(same(server.path_of("a.bin"), local_));
-    EXPECT_EQ(0, get(server.https_url(path))) << state();
-    EXPECT_TRUE(same(server.path_of("a.bin"), local_));
+    got_whole(server, server.url(path));
+    got_whole(server, server.https_url(path));
   }
   EXPECT_EQ(server.https_url("/a.bin"), redirect_);
   EXPECT_EQ(0, get(server.url("/hop/5"))) << state();
   EXPECT_EQ(nginx_server::hop_text, read_file(local_));
-  EXPECT_EQ(-1, get(server.url("/hop/6")));
-  EXPECT_EQ(DL_ERR_REDIRECTS, result_.code);
-  EXPECT_EQ(-1, get(server.url("/missing")));
-  EXPECT_EQ(404, result_.code);
-  if (have_ipv6()) {
-    set_option(DL_OPT_IPV6, 1);
-    EXPECT_EQ(0, get(server.https_url("/a.bin", true))) << state();
-    EXPECT_TRUE(same(server.path_of("a.bin"), local_));
-  }
-}
-
-TEST_F(http_servers, one_byte_more_than_the_limit) {
-  nginx_server server;
-  REQUIRE_SERVER(server);
   make_file(server.path_of("a.bin"), 2 * mib + 1);
-  for (const char* path : {"/a.bin", "/chunked/a.bin"}) {
+  const std::pair<const char*, int32_t> refused[] = {{"/hop/6", DL_ERR_REDIRECTS},
+                                                     {"/missing", 404},
+                                                     {"/chunked/a.bin", DL_ERR_READ},
+                                                     {"/a.bin", DL_ERR_READ}};
+  for (const auto& [path, code] : refused) {
     EXPECT_EQ(-1, get(server.url(path)));
-    EXPECT_STREQ("exceed max size 2097152", result_.message);
-    EXPECT_FALSE(file_exists(local_));
+    EXPECT_EQ(code, result_.code);
   }
-}
-
-TEST_F(http_servers, headers_of_a_real_answer) {
-  nginx_server server;
-  REQUIRE_SERVER(server);
-  server.put("a.bin", "content");
-  const std::string url = server.url("/a.bin");
-  const http_ask ask = {.url = url};
-  const dl_http_request request = ask.request();
-  dl_http_session* session = nullptr;
-  ASSERT_EQ(0, dl_http_open(&session, &request, redirect_, &result_));
-  EXPECT_STREQ("content-length: 7", dl_http_find_header_by_name(session, "Content-Length"));
-  EXPECT_STREQ("content-type: application/octet-stream",
-               dl_http_find_header_by_name(session, "CONTENT-TYPE"));
-  EXPECT_EQ(nullptr, dl_http_find_header_by_name(session, "Transfer-Encoding"));
-  dl_http_close(session);
+  EXPECT_STREQ("exceed max size 2097152", result_.message);
+  EXPECT_FALSE(file_exists(local_));
+  if (!have_ipv6()) return;
+  set_option(DL_OPT_IPV6, 1);
+  server.put("a.bin", "over IPv6");
+  got_whole(server, server.https_url("/a.bin", true));
 }
 
 TEST_F(http_servers, basic_and_digest) {
@@ -133,11 +109,11 @@ TEST_F(http_servers, basic_and_digest) {
   REQUIRE_SERVER(apache);
   nginx.put("a.bin", "behind basic");
   apache.put("a.bin", "behind digest");
-  EXPECT_EQ(0, get_as_user(nginx.url("/private/a.bin"))) << state();
-  EXPECT_EQ("behind basic", read_file(local_));
-  EXPECT_EQ(0, get_as_user(apache.url("/digest/a.bin"))) << state();
-  EXPECT_EQ("behind digest", read_file(local_));
-  for (const std::string& url : {nginx.url("/private/a.bin"), apache.url("/digest/a.bin")}) {
+  const std::pair<std::string, const char*> places[] = {{nginx.url("/private/a.bin"), "behind basic"},
+                                                        {apache.url("/digest/a.bin"), "behind digest"}};
+  for (const auto& [url, content] : places) {
+    EXPECT_EQ(0, get(url, server_user, server_password)) << state();
+    EXPECT_EQ(content, read_file(local_));
     EXPECT_EQ(-1, get(url, server_user, "wrong"));
     EXPECT_EQ(DL_ERR_AUTH, result_.code);
   }
@@ -159,12 +135,13 @@ TEST_F(http_servers, uploads) {
   for (const std::size_t size : {0u, 1u, 3u * mib}) {
     SCOPED_TRACE(size);
     make_file(local_, size);
-    EXPECT_EQ(0, put(nginx.url("/upload/plain"), "", DL_HTTP_PUT)) << state();
-    EXPECT_TRUE(same(local_, nginx.path_of("upload/plain")));
-    EXPECT_EQ(0, put(nginx.https_url("/upload/tls"), "", DL_HTTP_PUT)) << state();
-    EXPECT_TRUE(same(local_, nginx.path_of("upload/tls")));
-    EXPECT_EQ(0, put(nginx.url("/closed/basic"), "", DL_HTTP_PUT)) << state();
-    EXPECT_TRUE(same(local_, nginx.path_of("upload/basic")));
+    const std::pair<std::string, const char*> places[] = {{nginx.url("/upload/plain"), "upload/plain"},
+                                                          {nginx.https_url("/upload/tls"), "upload/tls"},
+                                                          {nginx.url("/closed/basic"), "upload/basic"}};
+    for (const auto& [url, path] : places) {
+      EXPECT_EQ(0, put(url, "", DL_HTTP_PUT)) << state();
+      EXPECT_TRUE(same(local_, nginx.path_of(path)));
+    }
     for (const char* path : {"/form", "/digest-form"}) {
       EXPECT_EQ(0, put(apache.url(path), form, DL_HTTP_POST)) << state();
       EXPECT_EQ("upload local.bin application/octet-stream " + std::to_string(size) + "\n",
@@ -192,12 +169,14 @@ TEST_F(http_servers, certificates_decide) {
     uint32_t verify_peer, verify_host;
     const char* error;  // of the TLS set-up; null: accepted
   } cases[] = {
+      // clang-format off
       {"trusted", server, ca_.hashed_dir(), 1, 1, nullptr},
       {"wrong CA", server, other.hashed_dir(), 1, 1, "trust check error"},
       {"wrong CA, not verified", server, other.hashed_dir(), 0, 1, nullptr},
       {"wrong name", misnamed, ca_.hashed_dir(), 1, 1,
        "Common name and subject alt name doesn't match host name"},
       {"wrong name, chain alone", misnamed, ca_.hashed_dir(), 1, 0, nullptr},
+      // clang-format on
   };
   for (const auto& row : cases) {
     SCOPED_TRACE(row.name);
@@ -211,52 +190,6 @@ TEST_F(http_servers, certificates_decide) {
     EXPECT_EQ(!row.error, file_exists(local_));
     unlink(local_.c_str());
   }
-}
-
-TEST_F(http_servers, a_demanded_client_certificate_is_shown) {
-  const cert_files phone = ca_.issue("phone", {.common_name = "phone", .alt_names = ""});
-  for (const char* version : {"TLSv1.2", "TLSv1.3"}) {
-    SCOPED_TRACE(version);
-    nginx_server server({files_.cert, files_.key, version, ca_.file()});
-    REQUIRE_SERVER(server);
-    server.put("a.bin", "for known phones");
-    set_option(DL_OPT_HTTPS_CERT_FILE, "");
-    EXPECT_EQ(-1, get(server.https_url("/a.bin")));
-    EXPECT_EQ(400, result_.code) << state();
-    set_option(DL_OPT_HTTPS_CERT_FILE, phone.both);
-    EXPECT_EQ(0, get(server.https_url("/a.bin"))) << state();
-    EXPECT_EQ("for known phones", read_file(local_));
-  }
-}
-
-// Each thread its own sessions; nothing is lost or mixed up, and no descriptor stays open.
-TEST_F(http_servers, sixteen_threads_at_once) {
-  nginx_server server({files_.cert, files_.key});
-  REQUIRE_SERVER(server);
-  constexpr int num_threads = 16;
-  constexpr int rounds = 4;
-  std::vector<std::string> contents;
-  for (int i = 0; i < num_threads; ++i) {
-    contents.push_back(make_bytes(100000 + static_cast<std::size_t>(i) * 7919, static_cast<uint64_t>(i) + 1));
-    server.put(std::to_string(i), contents.back());
-  }
-  std::atomic<int> whole = 0;
-  const auto work = [&](int i) {
-    const std::string path = (i % 2 ? "/chunked/" : "/") + std::to_string(i);
-    const std::string url = i % 4 < 2 ? server.url(path) : server.https_url(path);
-    const std::string local = place_.file("t" + std::to_string(i));
-    const dl_request request = {url.c_str(), nullptr, nullptr, nullptr};
-    for (int round = 0; round < rounds; ++round) {
-      char redirect[DL_REDIRECT_SIZE] = {};
-      dl_result result = {};
-      const int rc = dl_download(&request, local.c_str(), redirect, &result);
-      whole += rc == 0 && read_file(local) == contents[static_cast<std::size_t>(i)];
-    }
-  };
-  std::vector<std::thread> threads;
-  for (int i = 0; i < num_threads; ++i) threads.emplace_back(work, i);
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(num_threads * rounds, whole);
 }
 
 }  // namespace
