@@ -39,9 +39,10 @@ bool strikes(target what) {
   return true;
 }
 
-// -1 with errno, or the call with `count` cut to one byte.
+// The call, or -1 with errno, or the call with `count` cut to one byte.
 template <typename Call>
-ssize_t misbehave(std::size_t count, Call call) {
+ssize_t faulty(target what, std::size_t count, Call call) {
+  if (!strikes(what)) return call(count);
   if (plan.error == short_count) return call(std::min<std::size_t>(count, 1));
   errno = plan.error;
   return -1;
@@ -78,18 +79,15 @@ REPLACED void* realloc(void* old, size_t size) noexcept {
 
 REPLACED ssize_t send(int sock, const void* from, size_t count, int flags) {
   static const auto real = next<decltype(send)>("send");
-  const auto call = [&](size_t size) { return real(sock, from, size, flags); };
-  return strikes(target::send) ? misbehave(count, call) : call(count);
+  return faulty(target::send, count, [&](size_t size) { return real(sock, from, size, flags); });
 }
 REPLACED ssize_t recv(int sock, void* to, size_t count, int flags) {
   static const auto real = next<decltype(recv)>("recv");
-  const auto call = [&](size_t size) { return real(sock, to, size, flags); };
-  return strikes(target::receive) ? misbehave(count, call) : call(count);
+  return faulty(target::receive, count, [&](size_t size) { return real(sock, to, size, flags); });
 }
 REPLACED ssize_t write(int fd, const void* from, size_t count) {
   static const auto real = next<decltype(write)>("write");
-  const auto call = [&](size_t size) { return real(fd, from, size); };
-  return strikes(target::write) ? misbehave(count, call) : call(count);
+  return faulty(target::write, count, [&](size_t size) { return real(fd, from, size); });
 }
 REPLACED int close(int fd) {
   static const auto real = next<decltype(close)>("close");
@@ -104,12 +102,6 @@ void* operator new(size_t size) {
   if (void* memory = malloc(size ? size : 1)) return memory;
   throw std::bad_alloc();
 }
-void* operator new[](size_t size) {
-  return operator new(size);
-}
-void* operator new[](size_t size, const std::nothrow_t&) noexcept {
-  return malloc(size ? size : 1);
-}
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
   return malloc(size ? size : 1);
 }
@@ -120,18 +112,10 @@ __attribute__((noinline)) void operator delete(void* memory) noexcept {
 __attribute__((noinline)) void operator delete(void* memory, size_t) noexcept {
   free(memory);
 }
-__attribute__((noinline)) void operator delete[](void* memory) noexcept {
-  free(memory);
-}
-__attribute__((noinline)) void operator delete[](void* memory, size_t) noexcept {
-  free(memory);
-}
 
 namespace {
 
 using namespace test;
-
-const char* const form = "Content-Type: multipart/form-data; boundary=XyZ\r\n";
 
 // One transfer: what the peer plays and what the library is asked to do.
 struct transfer {
@@ -152,18 +136,6 @@ class faults : public leak_free {
     set_option(DL_OPT_VERIFY_PEER, 1);
   }
 
-  static dl_http_request request(int32_t method, const char* url) {
-    return {method, url, "phone", "s3cret", nullptr, method == DL_METHOD_GET ? nullptr : form, nullptr};
-  }
-  int download(const char* url, dl_result* result) {
-    const dl_http_request get = request(DL_METHOD_GET, url);
-    return dl_http_recv_to_file(&get, local_.c_str(), redirect_, result);
-  }
-  int upload(const char* url, dl_result* result, int32_t method) {
-    const dl_http_request put = request(method, url);
-    dl_http_session* session = nullptr;
-    return dl_http_post_file(&session, &put, upload_.c_str(), redirect_, result);
-  }
   int read_by_hand(const char* url, dl_result* result) {
     const dl_request request = {url, nullptr, nullptr, nullptr};
     dl_handle* handle = nullptr;
@@ -177,42 +149,25 @@ class faults : public leak_free {
     return count < 0 ? -1 : total == content_.size() ? 0 : 1;
   }
 
-  std::string chunked() const {
-    return "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3e8\r\n" + content_.substr(0, 1000) +
-           "\r\n7d0\r\n" + content_.substr(1000) + "\r\n0\r\n\r\n";
+  connection_script answered(const std::string& bytes, std::size_t uploaded = 0) const {
+    return {expect_until("\r\n\r\n"), expect_length(uploaded), test::send(bytes)};
   }
-  transfer chunked_download() {
-    return {.name = "redirected, challenged, chunked download",
-            .scripts = {{expect_until("\r\n\r\n"), test::send(redirect_to("http://127.0.0.1:@PORT@/b"))},
-                        {expect_until("\r\n\r\n"),
-                         test::send(unauthorized("Digest realm=\"v\", nonce=\"n\", qop=\"auth\""))},
-                        {expect_until("\r\n\r\n"), test::send(chunked())}},
-            .run = [this](const char* url, dl_result* result) { return download(url, result); },
-            .leaves_file = true};
+  transfer download_of(const char* name, std::vector<connection_script> scripts, bool tls = false) {
+    const auto run = [this](const char* url, dl_result* result) {
+      const dl_http_request get = {DL_METHOD_GET, url, "phone", "s3cret", nullptr, nullptr, nullptr};
+      return dl_http_recv_to_file(&get, local_.c_str(), redirect_, result);
+    };
+    return {.name = name, .scripts = scripts, .tls = tls, .run = run, .leaves_file = true};
   }
-  transfer sized_download() {
-    return {.name = "download",
-            .scripts = {{expect_until("\r\n\r\n"), test::send(response("200 OK", content_))}},
-            .run = [this](const char* url, dl_result* result) { return download(url, result); },
-            .leaves_file = true};
-  }
-  transfer tls_download() {
-    transfer secure = sized_download();
-    secure.tls = true;
-    return secure;
-  }
-  transfer read_loop() {
-    return {.name = "open, read, close",
-            .scripts = {{expect_until("\r\n\r\n"), test::send(chunked())}},
-            .run = [this](const char* url, dl_result* result) { return read_by_hand(url, result); },
-            .dispatched = true};
-  }
-  transfer upload_of(int32_t method) {
-    return {
-        .name = method == DL_METHOD_PUT ? "PUT" : "POST",
-        .scripts = {{expect_until("\r\n\r\n"), expect_length(3000), test::send(unauthorized("Basic"))},
-                    {expect_until("\r\n\r\n"), expect_length(3000), test::send(response("201 Created"))}},
-        .run = [this, method](const char* url, dl_result* result) { return upload(url, result, method); }};
+  transfer upload_of(const char* name, int32_t method) {
+    const auto run = [this, method](const char* url, dl_result* result) {
+      const dl_http_request put = {method, url, "phone", "s3cret", nullptr, "boundary=XyZ\r\n", nullptr};
+      dl_http_session* session = nullptr;
+      return dl_http_post_file(&session, &put, upload_.c_str(), redirect_, result);
+    };
+    return {.name = name,
+            .scripts = {answered(unauthorized("Basic"), 3000), answered(response("201 Created"), 3000)},
+            .run = run};
   }
 
   // One run with `with` as the plan; sets `happened`, and judges everything but the code.
@@ -241,7 +196,7 @@ class faults : public leak_free {
   // Every n; `codes` are those that name the fault, 0 among them when the transfer may succeed in spite of
   // it.
   void fail_each(const transfer& job, fault_plan with, const std::vector<int32_t>& codes) {
-    SCOPED_TRACE(job.name);
+    SCOPED_TRACE(::testing::Message() << job.name << " " << static_cast<int>(with.what));
     for (long nth = 1;; ++nth) {
       SCOPED_TRACE(nth);
       ASSERT_LT(nth, 1000);
@@ -268,6 +223,22 @@ class faults : public leak_free {
   const std::string local_ = place_.file("got");
   const std::string upload_ = place_.file("local");
   char redirect_[DL_REDIRECT_SIZE] = {};
+  const std::string chunks_ = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3e8\r\n" +
+                              content_.substr(0, 1000) + "\r\n7d0\r\n" + content_.substr(1000) +
+                              "\r\n0\r\n\r\n";
+  const transfer chunked_ = download_of(
+      "redirected, challenged, chunked download",
+      {answered(redirect_to("http://127.0.0.1:@PORT@/b")),
+       answered(unauthorized("Digest realm=\"v\", nonce=\"n\", qop=\"auth\"")), answered(chunks_)});
+  const transfer sized_ = download_of("download", {answered(response("200 OK", content_))});
+  const transfer tls_ = download_of("download over TLS", {answered(response("200 OK", content_))}, true);
+  const transfer put_ = upload_of("PUT", DL_METHOD_PUT);
+  const transfer post_ = upload_of("POST", DL_METHOD_POST);
+  const transfer read_loop_ = {
+      .name = "open, read, close",
+      .scripts = {answered(chunks_)},
+      .run = [this](const char* url, dl_result* result) { return read_by_hand(url, result); },
+      .dispatched = true};
 };
 
 // A look-up without memory reads "Wrong host", a composition "Send Error", a reconnection "Connect Failed",
@@ -277,53 +248,33 @@ TEST_F(faults, memory) {
                                       DL_ERR_CONNECT, DL_ERR_AUTH, 0};
   for (const bool lasting : {false, true}) {
     SCOPED_TRACE(lasting);
-    const fault_plan no_memory = {.what = target::memory, .error = ENOMEM, .lasting = lasting};
-    for (const transfer& job : {chunked_download(), sized_download(), read_loop(), upload_of(DL_METHOD_PUT),
-                                upload_of(DL_METHOD_POST)}) {
-      fail_each(job, no_memory, codes);
-    }
+    for (const transfer* job : {&chunked_, &sized_, &read_loop_, &put_, &post_})
+      fail_each(*job, {.what = target::memory, .error = ENOMEM, .lasting = lasting}, codes);
   }
 }
 
 TEST_F(faults, calls_that_fail) {
-  const struct {
-    target what;
-    int error;
-    std::vector<int32_t> codes;
-  } cases[] = {
-      {target::send, EPIPE, {DL_ERR_SEND}},
-      {target::receive, ECONNRESET, {DL_ERR_READ, -1}},
-      {target::close, EIO, {0, DL_ERR_READ}},
-  };
-  for (const auto& row : cases) {
-    SCOPED_TRACE(static_cast<int>(row.what));
-    for (const transfer& job : {chunked_download(), sized_download(), upload_of(DL_METHOD_PUT)}) {
-      fail_each(job, {.what = row.what, .error = row.error}, row.codes);
-    }
+  const std::vector<int32_t> closed = {0, DL_ERR_READ};
+  for (const transfer* job : {&chunked_, &sized_, &put_}) {
+    fail_each(*job, {.what = target::send, .error = EPIPE}, {DL_ERR_SEND});
+    fail_each(*job, {.what = target::receive, .error = ECONNRESET}, {DL_ERR_READ, -1});
+    fail_each(*job, {.what = target::close, .error = EIO}, closed);
+    if (job->leaves_file) fail_each(*job, {.what = target::write, .error = ENOSPC}, {DL_ERR_READ});
   }
-  for (const transfer& job : {chunked_download(), sized_download()}) {
-    fail_each(job, {.what = target::write, .error = ENOSPC}, {DL_ERR_READ});
-  }
-}
-
-TEST_F(faults, tls_calls_that_fail) {
   const std::vector<int32_t> broken = {DL_ERR_CONNECT, DL_ERR_SEND, DL_ERR_READ, -1, 0};
-  fail_each(tls_download(), {.what = target::send, .error = EPIPE}, broken);
-  fail_each(tls_download(), {.what = target::receive, .error = ECONNRESET}, broken);
-  fail_each(tls_download(), {.what = target::close, .error = EIO}, {0, DL_ERR_READ});
+  fail_each(tls_, {.what = target::send, .error = EPIPE}, broken);
+  fail_each(tls_, {.what = target::receive, .error = ECONNRESET}, broken);
+  fail_each(tls_, {.what = target::close, .error = EIO}, closed);
 }
 
 TEST_F(faults, interrupted_and_short_calls_change_nothing) {
-  for (const target what : {target::send, target::receive}) {
-    for (const int error : {EINTR, short_count}) {
-      for (const transfer& job : {chunked_download(), upload_of(DL_METHOD_POST), tls_download()}) {
-        SCOPED_TRACE(::testing::Message() << static_cast<int>(what) << " " << error);
-        fail_each(job, {.what = what, .error = error}, {0});
-      }
-    }
-  }
   for (const int error : {EINTR, short_count}) {
-    fail_each(sized_download(), {.what = target::write, .error = error}, {0});
+    SCOPED_TRACE(error);
+    for (const transfer* job : {&chunked_, &post_, &tls_}) {
+      fail_each(*job, {.what = target::send, .error = error}, {0});
+      fail_each(*job, {.what = target::receive, .error = error}, {0});
+    }
+    fail_each(sized_, {.what = target::write, .error = error}, {0});
   }
 }
 
