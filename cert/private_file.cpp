@@ -50,7 +50,7 @@ void remove_plain_file(const char* path) {
 }
 
 void reserve_private_file(const char* path) {
-  const unique_fd created(::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, owner_only));
+  const unique_fd made_or_there(::open(path, O_WRONLY | O_CREAT | O_CLOEXEC, owner_only));
 }
 
 bool write_private_file(const char* path, BIO* text) {

@@ -18,7 +18,8 @@ namespace fetchrig {
 // Removes a regular file or a link; anything else stays.
 void remove_plain_file(const char* path);
 
-// Creates the file when there is none, so that what is copied there later is for the owner alone.
+// Creates the file when there is none, also the one that a link leads to, so that what is copied there later
+// is for the owner alone.
 void reserve_private_file(const char* path);
 
 // Creates or truncates the file and writes the text. False, with an error in the log, when that fails.

@@ -75,6 +75,11 @@ TEST_F(DeviceCert, InstallCopiesTheFileAndMakesItsDirectories) {
   const std::string other = new_pair().both();
   EXPECT_EQ(install(other), 0);
   EXPECT_EQ(place_.read(custom), other);
+
+  fs::remove(place_.path(custom));
+  fs::create_symlink(place_.path("elsewhere"), place_.path(custom));
+  EXPECT_EQ(install(file), 0);
+  EXPECT_EQ(mode_of(place_.path("elsewhere")), 0600u);
 }
 
 TEST_F(DeviceCert, BothDirectoriesAreMadeWhenMissing) {
