@@ -10,6 +10,7 @@
 #include "core/boundary.h"
 #include "core/config.h"
 #include "core/text.h"
+#include "http/http_headers.h"
 #include "include/fetchrig.h"
 #include "log/printable.h"
 #include "ringtone/ring_cache.h"
@@ -69,9 +70,9 @@ bool is_wanted_wave(std::span<const char> start) {
 // A peer that closes early looks like the end of the body; only the announced length tells that bytes are
 // missing.
 bool is_cut_short(const dl_http_session* session) {
-  const bool announced = !(session->flags & DL_HTTP_FLAG_CHUNKED) &&
-                         dl_http_find_header_by_name(session, "content-length") != nullptr;
-  return announced && session->remaining > 0;
+  if (session->flags & DL_HTTP_FLAG_CHUNKED) return false;
+  const char* length = dl_http_find_header_by_name(session, "content-length");
+  return length && parse_content_length(length) && session->remaining > 0;
 }
 
 // Copies the body into the cache file: what `buffer` holds already, `held` bytes, and then the rest.
@@ -102,6 +103,15 @@ int download_wave(const char* url, const std::string& path) {
   if (!file.open()) return fetch_failed("can't open file", path);
   if (const int rc = copy_body(session.get(), buffer, held, file, path); rc < 0) return rc;
   return file.finish() ? 0 : fetch_failed("can't write file", path);
+}
+
+int fetch_wave(const char* url, char* path, uint32_t path_size) {
+  const std::string cached = ring_cache_path(url);
+  if (cached.empty()) return fetch_failed("MD5 error\n");
+  const bool held = is_regular_file(cached.c_str());
+  if (!held && download_wave(url, cached) < 0) return -1;
+  if (path_size > 0) copy_text({path, path_size}, cached);
+  return held ? 1 : 0;
 }
 
 bool asks_for_name(const char* host) {
@@ -140,13 +150,9 @@ int ring_name_lookup(const char* name, int32_t* ring_number) {
   return 1;
 }
 
+// Without memory the caller still falls back to the ring name, which needs none.
 int ring_fetch_wave(const char* url, char* path, uint32_t path_size) {
-  const std::string cached = ring_cache_path(url);
-  if (cached.empty()) return fetch_failed("MD5 error\n");
-  const bool held = is_regular_file(cached.c_str());
-  if (!held && download_wave(url, cached) < 0) return -1;
-  if (path_size > 0) copy_text({path, path_size}, cached);
-  return held ? 1 : 0;
+  return guarded([&] { return fetch_wave(url, path, path_size); }, [] { return -1; });
 }
 
 }  // namespace fetchrig
@@ -159,5 +165,5 @@ int dl_distinctive_ringtone_download(const char* alert, const char* ring_name, i
     return 0;
   }
   *ring_number = -1;
-  return guarded([&] { return find_ring(alert, ring_name, ring_number, path, path_size); }, [] { return 0; });
+  return find_ring(alert, ring_name, ring_number, path, path_size);
 }

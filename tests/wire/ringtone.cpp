@@ -190,19 +190,28 @@ TEST_F(ringtone, UnsuitableOrFailedDownloadsLeaveNothing) {
   }
 }
 
-TEST_F(ringtone, ChunkedBodyIsHeldToTheLimitToo) {
+TEST_F(ringtone, BodyWithoutALengthIsHeldToTheLimitToo) {
   set_option(DL_OPT_MAX_FILE_SIZE, 204800u);
-  struct {
-    uint32_t size;
-    bool taken;
-  } const cases[] = {{204800, true}, {204801, false}};
-  for (const auto& row : cases) {
+  const auto chunked = [](uint32_t size) {
     char chunk[32];
-    snprintf(chunk, sizeof chunk, "%x\r\n", row.size);
-    tcp_peer peer({answer("Transfer-Encoding: chunked\r\n", chunk + make_wave(row.size) + "\r\n0\r\n\r\n")});
+    snprintf(chunk, sizeof chunk, "%x\r\n", size);
+    return answer("Transfer-Encoding: chunked\r\n", chunk + make_wave(size) + "\r\n0\r\n\r\n");
+  };
+  const struct {
+    const char* name;
+    connection_script script;
+    bool taken;
+  } cases[] = {
+      {"chunked, the most", chunked(204800), true},
+      {"chunked, too much", chunked(204801), false},
+      {"to the end of the connection", answer("", make_wave(600)), true},
+      {"a length that is no number", answer("Content-Length: many\r\n", make_wave(600)), true},
+  };
+  for (const auto& row : cases) {
+    tcp_peer peer({row.script});
     const std::string url = url_of(peer);
-    EXPECT_EQ(find_ring(url.c_str(), nullptr).rc, row.taken ? 1 : 0) << row.size;
-    EXPECT_EQ(cached_names(url).size(), row.taken ? 1u : 0u) << row.size;
+    EXPECT_EQ(find_ring(url.c_str(), nullptr).rc, row.taken ? 1 : 0) << row.name << "\n" << log_.all();
+    EXPECT_EQ(cached_names(url).size(), row.taken ? 1u : 0u) << row.name;
     peer.problems();  // a body that is refused is not read to its end
   }
 }
