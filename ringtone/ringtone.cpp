@@ -10,7 +10,6 @@
 #include "core/boundary.h"
 #include "core/config.h"
 #include "core/text.h"
-#include "http/http_headers.h"
 #include "include/fetchrig.h"
 #include "log/printable.h"
 #include "ringtone/ring_cache.h"
@@ -71,8 +70,9 @@ bool is_wanted_wave(std::span<const char> start) {
 // missing.
 bool is_cut_short(const dl_http_session* session) {
   if (session->flags & DL_HTTP_FLAG_CHUNKED) return false;
-  const char* length = dl_http_find_header_by_name(session, "content-length");
-  return length && parse_content_length(length) && session->remaining > 0;
+  const char* line = dl_http_find_header_by_name(session, "content-length");
+  if (!line || session->remaining == 0) return false;
+  return leading_number(skip_white_space(line + strlen("content-length:")), UINT32_MAX).has_value();
 }
 
 // Copies the body into the cache file: what `buffer` holds already, `held` bytes, and then the rest.
