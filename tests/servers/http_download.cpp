@@ -63,7 +63,7 @@ TEST_F(http_servers, sizes_over_http_and_both_tls_versions) {
   for (const char* version : {"TLSv1.2", "TLSv1.3"}) {
     nginx_server server({files_.cert, files_.key, version});
     REQUIRE_SERVER(server);
-    for (const std::size_t size : {0u, 1u, 2 * mib, 200 * mib}) {
+    for (const std::size_t size : {0u, 1u, 1024u, 2 * mib, 200 * mib}) {
       make_file(server.path_of("a.bin"), size);
       for (const std::string& url : {server.url("/a.bin"), server.https_url("/a.bin")}) {
         SCOPED_TRACE(::testing::Message() << version << " " << url << " " << size);
