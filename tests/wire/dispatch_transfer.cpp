@@ -24,7 +24,7 @@ TEST_F(dispatch_transfer, ftp_takes_credentials_from_the_url_or_the_request) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.in_url);
     log_.clear();
-    const auto login = greeting() + turn("USER " + std::string(row.user), "331 ?") +
+    const auto login = greeting + turn("USER " + std::string(row.user), "331 ?") +
                        turn("PASS " + std::string(row.password), "230 in") + turn("TYPE I", "200 ok");
     tcp_peer data({{send("ab")}, {send("ab")}, {expect("up")}});
     const auto ready = login + turn("PASV", pasv_answer(data.port()));

@@ -161,7 +161,7 @@ TEST_F(ftp_download, data_that_ends_or_stops_early_leaves_no_file) {
     log_.clear();
     if (row.name == std::string_view("silent")) wait_briefly();
     const bool resets = row.data.size() == 3;
-    const auto after = resets ? connection_script{call([&] { requested.open(); })} : idle();
+    const auto after = resets ? connection_script{call([&] { requested.open(); })} : idle;
     ftp_peers peers(serve(1000) + after, row.data);
     EXPECT_EQ(-1, fetch(peers, dir_.file("out")));
     expect_result(-8, "Read Error");

@@ -19,48 +19,37 @@ class ftp_open : public ftp_test {
 };
 
 TEST_F(ftp_open, logs_in_and_says_nothing_else) {
-  const struct {
-    const char* name;
-    const char* user;
-    const char* password;
-    connection_script login;
-  } rows[] = {
-      {"nobody", nullptr, nullptr, anonymous_login()},
-      {"empty user", "", nullptr, anonymous_login()},
-      {"user and password", "me", "my word",
-       greeting() + turn("USER me", "331 ?") + turn("PASS my word", "230 in") + turn("TYPE I", "200 ok")},
-      {"empty password", "me", "",
-       greeting() + turn("USER me", "331 ?") + turn("PASS ", "230 in") + turn("TYPE I", "200 ok")},
-      {"no password needed", "me", "unused",
-       greeting() + turn("USER me", "230 in") + turn("TYPE I", "200 ok")},
-      {"long greeting", "me", "unused",
-       connection_script{send("220-a\r\n220-b\r\n220 c\r\n")} + turn("USER me", "230-in\r\nnews\r\n230 go") +
-           turn("TYPE I", "200 ok")},
+  const auto type = turn("TYPE I", "200 ok");
+  const auto user = greeting + turn("USER me", "331 ?");
+  // clang-format off
+  const struct { const char* user; const char* password; connection_script login; } rows[] = {
+      {nullptr, nullptr, anonymous_login()},
+      {"", nullptr, anonymous_login()},
+      {"me", "my word", user + turn("PASS my word", "230 in") + type},
+      {"me", "", user + turn("PASS ", "230 in") + type},
+      {"me", "unused", greeting + turn("USER me", "230-in\r\nnews\r\n230 go") + type},
   };
+  // clang-format on
   for (const auto& row : rows) {
-    for (const delivery mode : all_deliveries) {
-      SCOPED_TRACE(row.name);
-      SCOPED_TRACE(mode);
-      tcp_peer data({idle()});
-      tcp_peer control({row.login + turn("PASV", pasv_answer(data.port())) + turn("SIZE pub/a.bin", "213 7") +
-                        turn("RETR pub/a.bin", "150 go")},
-                       {.mode = mode});
-      ASSERT_EQ(0, open(control.port(), row.user, row.password)) << log_.all();
-      expect_result(0, "");
-      EXPECT_EQ(10139u, session_->magic);
-      EXPECT_EQ(7u, session_->remaining);
-      EXPECT_STREQ("127.0.0.1", session_->host);
-      dl_ftp_close(session_);
-      EXPECT_TRUE(control.finish());
-      EXPECT_TRUE(control.received(0).ends_with("\r\nRETR pub/a.bin\r\n")) << "something followed";
-    }
+    SCOPED_TRACE(&row - rows);
+    tcp_peer data({idle});
+    tcp_peer control({row.login + turn("PASV", pasv_answer(data.port())) + turn("SIZE pub/a.bin", "213 7") +
+                      turn("RETR pub/a.bin", "150 go")});
+    ASSERT_EQ(0, open(control.port(), row.user, row.password)) << log_.all();
+    expect_result(0, "");
+    EXPECT_EQ(10139u, session_->magic);
+    EXPECT_EQ(7u, session_->remaining);
+    EXPECT_STREQ("127.0.0.1", session_->host);
+    dl_ftp_close(session_);
+    EXPECT_TRUE(control.finish());
+    EXPECT_TRUE(control.received(0).ends_with("\r\nRETR pub/a.bin\r\n")) << "something followed";
   }
   EXPECT_EQ(0u, log_.count("my word"));
   expect_log(DL_LOG_ERROR, {});
 }
 
 TEST_F(ftp_open, answers_sent_ahead_are_taken_one_by_one) {
-  tcp_peer data({idle()});
+  tcp_peer data({idle});
   tcp_peer control({{send("220 a\r\n331 b\r\n230 c\r\n200 d\r\n" + pasv_answer(data.port()) +
                           "\r\n213 0\r\n150 go\r\n226 done\r\n"),
                      expect(anonymous_commands + "PASV\r\nSIZE pub/a.bin\r\nRETR pub/a.bin\r\n")}});
@@ -70,51 +59,31 @@ TEST_F(ftp_open, answers_sent_ahead_are_taken_one_by_one) {
 }
 
 TEST_F(ftp_open, a_failed_step_ends_in_its_code_and_message) {
-  const auto user = greeting() + turn("USER anonymous", "331 ?");
+  const auto user = greeting + turn("USER anonymous", "331 ?");
   const auto pass = user + turn("PASS", "230 in");
-  const auto type = pass + turn("TYPE I", "200 ok");
+  const auto passive = pass + turn("TYPE I", "200 ok");
   const std::string long_line = "421 " + std::string(300, 'b');
-  const std::vector<std::string> login_error = {"ftp login error"};
-  const std::vector<std::string> data_error = {"Create data connection failed"};
-  const struct {
-    const char* name;
-    connection_script script;
-    int code;
-    std::string message;
-    std::vector<std::string> log;
-  } rows[] = {
-      {"greeting", {send("421 too many\r\n")}, -15, "421 too many", login_error},
-      {"greeting of several lines", {send("421-a\r\n421 b\r\n")}, -15, "421 b", login_error},
-      {"long greeting", {send(long_line + "\r\n")}, -15, long_line.substr(0, 252), login_error},
-      {"overlong greeting", {send("220 " + std::string(600, 'b') + "\r\n")}, -1, "Wrong host", login_error},
-      {"closed", {}, -8, "Read Error", login_error},
-      {"user refused", greeting() + turn("USER anonymous", "530 no"), -18, "Unknown Error", login_error},
-      {"user odd", greeting() + turn("USER anonymous", "332 account"), -18, "Unknown Error", login_error},
-      {"closed after user", greeting() + connection_script{expect("USER anonymous\r\n")}, -8, "Read Error",
-       login_error},
-      {"password refused", user + turn("PASS", "530 no"), -19, "Unknown Error", login_error},
-      {"account wanted", user + turn("PASS", "332 account"), -19, "Unknown Error", login_error},
-      {"type refused", pass + turn("TYPE I", "504 no"), -15, "504 no", login_error},
-      {"passive refused", type + turn("PASV", "502 no (1,2,3,4,5,6)"), -15, "502 no (1,2,3,4,5,6)",
-       data_error},
-      {"no parentheses",
-       type + turn("PASV", "227 127,0,0,1,4,5"),
-       -15,
-       "227 127,0,0,1,4,5",
-       {"Passive mode string format error", "Create data connection failed"}},
-      {"reversed",
-       type + turn("PASV", "227 )127,0,0,1,4,5("),
-       -15,
-       "227 )127,0,0,1,4,5(",
-       {"Passive mode string format error", "Create data connection failed"}},
-      {"no comma", type + turn("PASV", "227 (1)"), -15, "227 (1)", data_error},
-      {"out of range", type + turn("PASV", "227 (127,0,0,1,256,1)"), -15, "227 (127,0,0,1,256,1)",
-       data_error},
-      {"not an address", type + turn("PASV", "227 (1,2,300,4,5,6)"), -15, "227 (1,2,300,4,5,6)", data_error},
-      {"closed after passive", type + connection_script{expect("PASV\r\n")}, -8, "Read Error", data_error},
+  const std::vector<std::string> login = {"ftp login error"};
+  const std::vector<std::string> data = {"Create data connection failed"};
+  const std::vector<std::string> format = {"Passive mode string format error", data[0]};
+  // clang-format off
+  const struct { connection_script script; int code; std::string message; std::vector<std::string> log; } rows[] = {
+      {{send("421-a\r\n421 b\r\n")}, -15, "421 b", login},
+      {{send(long_line + "\r\n")}, -15, long_line.substr(0, 252), login},
+      {{send("220 " + std::string(600, 'b') + "\r\n")}, -1, "Wrong host", login},
+      {{}, -8, "Read Error", login},
+      {greeting + turn("USER anonymous", "332 account"), -18, "Unknown Error", login},
+      {greeting + connection_script{expect("USER anonymous\r\n")}, -8, "Read Error", login},
+      {user + turn("PASS", "332 account"), -19, "Unknown Error", login},
+      {pass + turn("TYPE I", "504 no"), -15, "504 no", login},
+      {passive + turn("PASV", "502 no (1,2,3,4,5,6)"), -15, "502 no (1,2,3,4,5,6)", data},
+      {passive + turn("PASV", "227 127,0,0,1,4,5"), -15, "227 127,0,0,1,4,5", format},
+      {passive + turn("PASV", "227 (127,0,0,1,256,1)"), -15, "227 (127,0,0,1,256,1)", data},
+      {passive + connection_script{expect("PASV\r\n")}, -8, "Read Error", data},
   };
+  // clang-format on
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
+    SCOPED_TRACE(&row - rows);
     log_.clear();
     tcp_peer control({row.script});
     EXPECT_EQ(-1, open(control.port()));
@@ -122,14 +91,6 @@ TEST_F(ftp_open, a_failed_step_ends_in_its_code_and_message) {
     EXPECT_EQ(nullptr, session_);
     expect_log(DL_LOG_ERROR, row.log);
   }
-}
-
-TEST_F(ftp_open, a_silent_server_is_given_up) {
-  wait_briefly();
-  tcp_peer control({{stall()}});
-  EXPECT_EQ(-1, open(control.port()));
-  expect_result(-8, "Read Error");
-  EXPECT_EQ(1u, log_.count("dl_select error! errno "));
 }
 
 TEST_F(ftp_open, connection_failures) {
@@ -145,54 +106,49 @@ TEST_F(ftp_open, connection_failures) {
   EXPECT_EQ(-1, open(control.port()));
   expect_result(-3, "Connect Failed");
   expect_log(DL_LOG_ERROR, {"Connect Error", "Create data connection failed"});
+  wait_briefly();
+  tcp_peer silent({{stall()}});
+  EXPECT_EQ(-1, open(silent.port()));
+  expect_result(-8, "Read Error");
+  EXPECT_EQ(1u, log_.count("dl_select error! errno "));
 }
 
 TEST_F(ftp_open, bad_arguments_reach_no_server) {
   tcp_peer control({});
+  const uint32_t port = control.port();
   const std::string long_host(512, 'h');
   const char* host = "127.0.0.1";
-  const struct {
-    const char* name;
-    const char* host;
-    uint32_t port;
-    const char* user;
-    const char* password;
-    const char* path;
-  } rows[] = {
-      {"no host", nullptr, control.port(), "u", "p", "a"},
-      {"no path", host, control.port(), "u", "p", nullptr},
-      {"large port", host, 65536, "u", "p", "a"},
-      {"long host", long_host.c_str(), control.port(), "u", "p", "a"},
-      {"line break in the user", host, control.port(), "u\r\nDELE a", "p", "a"},
-      {"line feed in the user", host, control.port(), "u\n", "p", "a"},
-      {"line break in the password", host, control.port(), "u", "p\r", "a"},
-      {"line break in the path", host, control.port(), "u", "p", "a\nDELE b"},
+  // clang-format off
+  const struct { const char* host; uint32_t port; const char* user; const char* password; const char* path; } rows[] = {
+      {nullptr, port, "u", "p", "a"},
+      {host, 65536, "u", "p", "a"},
+      {long_host.c_str(), port, "u", "p", "a"},
+      {host, port, "u\n", "p", "a"},
+      {host, port, "u", "p\r", "a"},
+      {host, port, "u", "p", "a\nDELE b"},
+      {host, port, "u", "p", nullptr},  // last: as an upload's remote name, it may be missing
   };
+  // clang-format on
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    log_.clear();
-    result_ = {};
-    session_ = reinterpret_cast<dl_ftp_session*>(this);
-    EXPECT_EQ(-1, dl_ftp_open(&session_, row.host, row.port, row.user, row.password, row.path, &result_));
-    expect_result(-6, "Invalid Parameter");
-    EXPECT_EQ(nullptr, session_);
-    expect_log(DL_LOG_ERROR, {"Invalid Parameter"});
-    session_ = reinterpret_cast<dl_ftp_session*>(this);
-    result_ = {};
-    // As an upload, the path is the remote name, which may be missing.
-    if (!row.path) continue;
-    EXPECT_EQ(-1, dl_ftp_send_open(&session_, row.host, row.port, row.user, row.password, "/dev/null",
-                                   row.path, 2, 1, &result_));
-    expect_result(-6, "Invalid Parameter");
-    EXPECT_EQ(nullptr, session_);
+    SCOPED_TRACE(&row - rows);
+    for (const bool upload : {false, true}) {
+      log_.clear();
+      result_ = {};
+      session_ = reinterpret_cast<dl_ftp_session*>(this);
+      EXPECT_EQ(-1, upload ? dl_ftp_send_open(&session_, row.host, row.port, row.user, row.password,
+                                              row.path ? "/dev/null" : nullptr, row.path, 2, 1, &result_)
+                           : dl_ftp_open(&session_, row.host, row.port, row.user, row.password, row.path,
+                                         &result_));
+      expect_result(-6, "Invalid Parameter");
+      EXPECT_EQ(nullptr, session_);
+      expect_log(DL_LOG_ERROR, {"Invalid Parameter"});
+    }
   }
   session_ = reinterpret_cast<dl_ftp_session*>(this);
-  EXPECT_EQ(-1, dl_ftp_open(&session_, host, control.port(), "u", "p", "a", nullptr));
+  EXPECT_EQ(-1, dl_ftp_open(&session_, host, port, "u", "p", "a", nullptr));
   EXPECT_EQ(nullptr, session_);
-  EXPECT_EQ(-1, dl_ftp_open(nullptr, host, control.port(), "u", "p", "a", &result_));
-  EXPECT_EQ(-1, dl_ftp_send_open(&session_, host, control.port(), "u", "p", nullptr, "a", 2, 1, &result_));
-  EXPECT_EQ(-1, dl_ftp_send_open(&session_, host, control.port(), "u", "p", "x\ny", nullptr, 2, 1, &result_));
-  expect_result(-6, "Invalid Parameter");
+  EXPECT_EQ(-1, dl_ftp_open(nullptr, host, port, "u", "p", "a", &result_));
+  EXPECT_EQ(-1, dl_ftp_send_open(&session_, host, port, "u", "p", "x\ny", nullptr, 2, 1, &result_));
   EXPECT_EQ(0u, control.num_connections());
 }
 
@@ -201,19 +157,14 @@ TEST_F(ftp_open, port_0_is_21) {
   EXPECT_TRUE(log_.contains("DCMN", DL_LOG_INFO, "Connecting 127.0.0.1:21")) << log_.all();
 }
 
-TEST_F(ftp_open, close_ignores_what_is_no_session) {
+TEST_F(ftp_open, close_ignores_what_is_no_session_and_spares_the_standard_streams) {
   dl_ftp_session dead = {};
   dead.magic = 10133;
   dl_ftp_close(nullptr);
   dl_ftp_close(&dead);
   expect_log(DL_LOG_ERROR, {"ftp close with invalid parameter", "ftp close with invalid parameter"});
-}
-
-TEST_F(ftp_open, close_spares_the_standard_streams) {
   auto* record = static_cast<dl_ftp_session*>(calloc(1, sizeof(dl_ftp_session)));
-  record->magic = 10139;
-  record->ctrl_sock = 2;
-  record->data_sock = 1;
+  *record = {.magic = 10139, .ctrl_sock = 2, .data_sock = 1, .remaining = 0, .host = ""};
   const auto before = open_descriptors();
   dl_ftp_close(record);
   EXPECT_EQ(before, open_descriptors());
@@ -240,53 +191,38 @@ class ftp_data_connection : public ftp_test {
   char reply_[512] = "stale";
 };
 
-TEST_F(ftp_data_connection, without_ipv6_only_pasv_is_sent) {
-  tcp_peer data({idle()});
-  EXPECT_EQ(0, create(turn("PASV", pasv_answer(data.port()))));
+TEST_F(ftp_data_connection, pasv_alone_is_sent_and_a_second_connection_replaces_the_first) {
+  tcp_peer data({idle, idle});
+  const auto passive = turn("PASV", pasv_answer(data.port()));
+  EXPECT_EQ(0, create(passive + passive, false, 2));
   EXPECT_TRUE(data.finish());
   EXPECT_EQ(pasv_answer(data.port()), reply_);
   expect_log(DL_LOG_WARNING, {});
 }
 
-TEST_F(ftp_data_connection, a_second_one_replaces_the_first) {
-  tcp_peer data({idle(), idle()});
-  const auto passive = turn("PASV", pasv_answer(data.port()));
-  EXPECT_EQ(0, create(passive + passive, false, 2));
-  EXPECT_TRUE(data.finish());
-}
-
 TEST_F(ftp_data_connection, with_ipv6_epsv_leads_back_to_the_host) {
   set_option(DL_OPT_IPV6, 1);
   for (const bool ipv6 : {false, true}) {
-    tcp_peer data({idle()}, {.ipv6 = ipv6});
-    EXPECT_EQ(0, create(turn("EPSV", epsv_answer(data.port())), ipv6));
+    tcp_peer data({idle}, {.ipv6 = ipv6});
+    EXPECT_EQ(0, create(turn("EPSV", "229 ok (|||" + std::to_string(data.port()) + "|)"), ipv6));
     EXPECT_TRUE(data.finish());
   }
 }
 
 TEST_F(ftp_data_connection, only_a_522_leads_from_epsv_to_pasv) {
   set_option(DL_OPT_IPV6, 1);
-  tcp_peer data({idle()});
+  tcp_peer data({idle});
   EXPECT_EQ(0, create(turn("EPSV", "522 use\t(1)") + turn("PASV", pasv_answer(data.port()))));
   expect_log(DL_LOG_WARNING, {"DL_ERRFTP:[522 use?(1)], Try use PASV"});
-
   EXPECT_EQ(-15, create(turn("EPSV", "500 unknown")));
   EXPECT_STREQ("500 unknown", reply_);
   EXPECT_EQ(-15, create(turn("EPSV", "522 no") + turn("PASV", "500 neither")));
   EXPECT_STREQ("500 neither", reply_);
   EXPECT_EQ(-8, create({expect("EPSV\r\n")}));
-}
-
-TEST_F(ftp_data_connection, epsv_answers_that_name_no_port) {
-  set_option(DL_OPT_IPV6, 1);
-  const struct {
-    const char* answer;
-    int code;
-  } rows[] = {{"229 (|||65536|)", -15}, {"229 (|||4294967317|)", -15},
-              {"229 |||21|", -15},      {"229 )(", -15},
-              {"229 (|||)", -3},        {"229 (21)", -3}};
-  for (const auto& row : rows) EXPECT_EQ(row.code, create(turn("EPSV", row.answer))) << row.answer;
-  EXPECT_EQ(2u, log_.count("Passive mode string format error"));
+  EXPECT_EQ(-15, create(turn("EPSV", "229 (|||65536|)")));
+  EXPECT_EQ(-3, create(turn("EPSV", "229 (|||)")));
+  EXPECT_EQ(-15, create(turn("EPSV", "229 )(")));
+  expect_log(DL_LOG_ERROR, {"Passive mode string format error"});
 }
 
 TEST_F(ftp_data_connection, an_address_elsewhere_is_used_with_a_warning) {

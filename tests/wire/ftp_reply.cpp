@@ -159,7 +159,7 @@ TEST_F(ftp_reply_reader, commands_are_one_line) {
 }
 
 TEST_F(ftp_reply_reader, a_failed_send_is_logged_without_the_password) {
-  tcp_peer peer({idle()});
+  tcp_peer peer({idle});
   const control_session session(peer);
   ASSERT_EQ(0, shutdown(session.sock.get(), SHUT_WR));
   std::array<char, 512> buffer;
