@@ -137,37 +137,21 @@ TEST_F(connect_test, no_answer_ends_with_the_time_out) {
 }
 
 TEST_F(connect_test, names_that_do_not_resolve) {
-  EXPECT_EQ(dl_connect("host.invalid.", 80, 0, 1), DL_ERR_HOST);
+  EXPECT_EQ(dl_connect("host\n.invalid.", 80, 0, 1), DL_ERR_HOST);
+  EXPECT_TRUE(log.contains("DCMN", DL_LOG_INFO, "Connecting host?.invalid.:80")) << log.all();
   EXPECT_EQ(log.count("getaddrinfo: "), 1U) << log.all();
   EXPECT_EQ(dl_connect("", 80, 0, 1), DL_ERR_HOST);
   EXPECT_EQ(dl_connect(nullptr, 80, 0, 1), DL_ERR_HOST);
   EXPECT_EQ(dl_connect("::1", 80, 0, 1), DL_ERR_HOST) << "an IPv6 address with the switch off";
-  EXPECT_TRUE(
-      log.contains("DCMN", DL_LOG_ERROR, std::string("getaddrinfo: ") + gai_strerror(EAI_ADDRFAMILY)) ||
-      log.contains("DCMN", DL_LOG_ERROR, std::string("getaddrinfo: ") + gai_strerror(EAI_NONAME)))
-      << log.all();
 }
 
 TEST_F(connect_test, look_up_keeps_to_the_ipv6_switch_and_the_socket_type) {
-  for (const int type : {SOCK_STREAM, SOCK_DGRAM}) {
-    const address_list four(dl_look_up_host("127.0.0.1", 0, type));
-    ASSERT_TRUE(four);
-    EXPECT_EQ(four->ai_family, AF_INET);
-    EXPECT_EQ(four->ai_socktype, type);
-    const address_list six(dl_look_up_host("::1", 1, type));
-    ASSERT_TRUE(six);
-    EXPECT_EQ(six->ai_family, AF_INET6);
-    EXPECT_EQ(six->ai_socktype, type);
+  for (const auto& [address, family] : {std::pair{"127.0.0.1", AF_INET}, std::pair{"::1", AF_INET6}}) {
+    const address_list found(dl_look_up_host(address, family == AF_INET6, SOCK_DGRAM));
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->ai_family, family);
+    EXPECT_EQ(found->ai_socktype, SOCK_DGRAM);
   }
-}
-
-TEST_F(connect_test, ipv6) {
-  const local_port server(AF_INET6, 5);
-  if (!server.usable()) GTEST_SKIP() << "no IPv6 on this machine";
-  const unique_fd sock(dl_connect("::1", server.port(), 1, 1));
-  EXPECT_GT(sock.get(), 2) << log.all();
-  EXPECT_TRUE(
-      log.contains("DCMN", DL_LOG_INFO, "Connecting IP = ::1, Port = " + std::to_string(server.port())));
 }
 
 // localhost has both addresses on most machines; whichever refuses, the one that listens is reached.
@@ -182,44 +166,22 @@ TEST_F(connect_test, a_refused_address_is_followed_by_the_next) {
   EXPECT_EQ(log.count("Connect Failed!"), 1U) << log.all();
 }
 
-TEST_F(connect_test, names_from_outside_are_logged_printable) {
-  EXPECT_EQ(dl_connect("a\nb\x1b", 80, 0, 1), DL_ERR_HOST);
-  EXPECT_TRUE(log.contains("DCMN", DL_LOG_INFO, "Connecting a?b?:80")) << log.all();
-}
-
 class wait_test : public test::leak_free {};
 
 TEST_F(wait_test, readiness) {
-  const socket_pair pair;
+  socket_pair pair;
   EXPECT_EQ(dl_select(pair.near.get(), wait_readable, 0), 0);
   EXPECT_EQ(dl_select(pair.near.get(), wait_writable, 5), 1);
   EXPECT_EQ(dl_select(pair.near.get(), wait_readable | wait_writable, 5), 1);
   ASSERT_EQ(send(pair.far.get(), "x", 1, 0), 1);
   EXPECT_EQ(dl_select(pair.near.get(), wait_readable, 5), 1);
   EXPECT_EQ(dl_select(pair.near.get(), wait_readable | wait_writable, 5), 2) << "counts like select()";
-  EXPECT_EQ(dl_select(pair.near.get(), 0, 0), 0);
-}
-
-TEST_F(wait_test, the_end_of_a_stream_is_readable) {
-  socket_pair pair;
   pair.far.reset();
-  EXPECT_GT(dl_select(pair.near.get(), wait_readable, 5), 0);
-}
-
-TEST_F(wait_test, bad_arguments) {
+  EXPECT_GT(dl_select(pair.near.get(), wait_readable, 5), 0) << "the end of a stream";
+  EXPECT_LT(dl_select(pair.near.get(), wait_readable, -1), 0);
   errno = 0;
   EXPECT_LT(dl_select(-1, wait_readable, 1), 0);
   EXPECT_EQ(errno, EBADF);
-  int closed = -1;
-  {
-    const socket_pair pair;
-    closed = pair.near.get();
-  }
-  errno = 0;
-  EXPECT_LT(dl_select(closed, wait_readable, 1), 0);
-  EXPECT_EQ(errno, EBADF);
-  const socket_pair pair;
-  EXPECT_LT(dl_select(pair.near.get(), wait_readable, -1), 0);
 }
 
 TEST_F(wait_test, descriptors_above_1023) {
@@ -268,10 +230,9 @@ TEST_F(wait_test, signals_neither_end_nor_prolong_a_wait) {
 
 class send_test : public test::leak_free {};
 
-TEST_F(send_test, whole_buffers) {
+TEST_F(send_test, whole_buffers_or_a_failure_without_a_signal) {
   socket_pair pair;
   EXPECT_EQ(dl_send_all(pair.near.get(), nullptr, 0), 0);
-  EXPECT_EQ(dl_send_all(-1, nullptr, -5), 0);
   const std::string content(3000000, 'c');
   size_t received = 0;
   std::thread reader([&] {
@@ -284,16 +245,12 @@ TEST_F(send_test, whole_buffers) {
   pair.near.reset();
   reader.join();
   EXPECT_EQ(received, content.size());
+  socket_pair closed;
+  closed.far.reset();
+  EXPECT_EQ(dl_send_all(closed.near.get(), "x", 1), DL_ERR_SEND) << "SIGPIPE would end the test";
 }
 
 // SIGPIPE would end the test.
-TEST_F(send_test, a_closed_peer_is_a_failure_without_a_signal) {
-  socket_pair pair;
-  pair.far.reset();
-  EXPECT_EQ(dl_send_all(pair.near.get(), "x", 1), DL_ERR_SEND);
-  EXPECT_EQ(dl_send_all(-1, "x", 1), DL_ERR_SEND);
-}
-
 TEST_F(send_test, a_peer_that_never_reads_fails_the_send_after_the_time_out) {
   const local_port server(AF_INET, 5);
   const unique_fd sock(dl_connect("127.0.0.1", server.port(), 0, 1));
