@@ -73,28 +73,17 @@ TEST_F(cli_cert, info) {
 TEST_F(cli_cert, verify) {
   const cert_files good = ca_.issue("good");
   const cert_files expired = ca_.issue("expired", {.valid_from_s = -7200, .valid_until_s = -3600});
-  const cert_files early = ca_.issue("early", {.valid_from_s = 3600});
-  const test_ca stranger(place_, "stranger");
-  const cert_files odd_key = ca_.issue("odd_key");
-  write_file(path("mixed.pem"), read_file(good.cert) + read_file(odd_key.key));
-  write_file(path("none"), "no certificate");
-  const struct {
-    const char* name;
-    std::vector<std::string> arguments;
-    int code;  // 0: it verifies
-  } rows[] = {
+  // clang-format off
+  const struct { const char* name; std::vector<std::string> arguments; int code; } rows[] = {
       {"known by directory", {good.cert, "--ca-dir", ca_.hashed_dir()}, 0},
       {"known by file", {good.cert, "--ca-file", ca_.file()}, 0},
       {"with its key", {good.both, "--with-key", "--ca-file", ca_.file()}, 0},
       {"without its key", {good.cert, "--with-key", "--ca-file", ca_.file()}, 9},
-      {"with another key", {"mixed.pem", "--with-key", "--ca-file", ca_.file()}, 10},
       {"unknown to the system", {good.cert}, 6},
-      {"another CA's", {good.cert, "--ca-file", stranger.file()}, 6},
       {"expired", {expired.cert, "--ca-file", ca_.file()}, 5},
-      {"not yet valid", {early.cert, "--ca-file", ca_.file()}, 4},
-      {"no certificate", {"none", "--ca-file", ca_.file()}, 11},
       {"no CA file", {good.cert, "--ca-file", "missing"}, 2},
   };
+  // clang-format on
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     std::vector<std::string> arguments = {"verify"};
@@ -170,10 +159,7 @@ TEST_F(cli_cert, store) {
   EXPECT_TRUE(names_in(path("store/ca")).empty());
   EXPECT_EQ(1, ask({"remove", hash}, in_store).status);
 
-  std::string upper = hash + ".0";
-  for (char& c : upper) c = static_cast<char>(toupper(c));
-  for (const std::string& by : {hash, upper, "store/" + hash + ".0"}) {
-    SCOPED_TRACE(by);
+  for (const std::string& by : {hash, "store/" + hash + ".0"}) {
     expect_done(fetchrig({"cert", "install", ca_.file()}, in_store),
                 "installed root as " + path("store/") + hash + ".0\n");
     EXPECT_EQ(0, fetchrig({"cert", "remove", by}, in_store).status);
