@@ -32,7 +32,7 @@ TEST_F(cli_get, every_scheme) {
   // clang-format off
   const struct { const char* name; std::string url; } rows[] = {
       {"http", web.url("/a.bin")}, {"http, chunked", web.url("/chunked/a.bin")},
-      {"http, ended by closing", web.url("/streamed/a.bin")}, 
+      {"http, ended by closing", web.url("/streamed/a.bin")},
       {"http, with a query and a fragment", web.url("/a.bin?x=1#top")}, {"https", web.https_url("/a.bin")},
       {"ftp", ftp.url("/a.bin")}, {"tftp", tftp.url("/a.bin")},
       {"no scheme", "127.0.0.1:" + std::to_string(tftp.port()) + "/a.bin"},
@@ -86,7 +86,7 @@ TEST_F(cli_get, https_servers_must_be_trusted) {
   const std::vector<std::string> trusted = {"--ca-dir", ca.hashed_dir()};
   // clang-format off
   const struct { const char* name; const cert_files* server; std::vector<std::string> arguments; const char* complaint; /* or null: it works */ } rows[] = {
-      {"unknown issuer by default", &good, {}, "unknown issuer"}, 
+      {"unknown issuer by default", &good, {}, "unknown issuer"},
       {"another host's name", &other, trusted, "doesn't match host name"},
       {"another host's name, not asked", &other, {trusted[0], trusted[1], "--no-verify-host"}, nullptr},
       {"expired", &expired, trusted, "expired"}, {"nothing verified", &expired, {"--insecure"}, nullptr},
@@ -225,19 +225,17 @@ TEST_F(cli_get, a_failed_download_leaves_the_old_file) {
 }
 
 TEST_F(cli_get, bodies_up_to_the_limit) {
-  // clang-format off
-  const struct { const char* name; std::string answer; const char* body; } rows[] = {
-      {"announced", response("200 OK", "Content-Length: 10\r\n", "1234567890"), "1234567890"},
-      {"chunked", response("200 OK", "Transfer-Encoding: chunked\r\n", "a\r\n1234567890\r\n0\r\n\r\n"), "1234567890"},
-      {"without a length", response("200 OK", "", "123456789"), "123456789"},
-      {"no content on an open connection", response("204 No Content", "", ""), ""},
-  };
-  // clang-format on
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    tcp_peer server({{expect_until("\r\n\r\n"), send(row.answer)}});
+  const std::string ten = "1234567890", nine = "123456789";
+  const std::pair<std::string, std::string> rows[] = {
+      {response("200 OK", "Content-Length: 10\r\n", ten), ten},
+      {response("200 OK", "Transfer-Encoding: chunked\r\n", "a\r\n1234567890\r\n0\r\n\r\n"), ten},
+      {response("200 OK", "", nine), nine},
+      {response("204 No Content", "", ""), ""}};
+  for (const auto& [answer, body] : rows) {
+    SCOPED_TRACE(answer);
+    tcp_peer server({{expect_until("\r\n\r\n"), send(answer)}});
     expect_done(fetchrig({"get", "--max-size", "10", server.url("http", "/a")}));
-    EXPECT_EQ(row.body, read_file(path("a")));
+    EXPECT_EQ(body, read_file(path("a")));
   }
 }
 

@@ -48,16 +48,6 @@ TEST_F(ftp_open, logs_in_and_says_nothing_else) {
   expect_log(DL_LOG_ERROR, {});
 }
 
-TEST_F(ftp_open, answers_sent_ahead_are_taken_one_by_one) {
-  tcp_peer data({idle});
-  tcp_peer control({{send("220 a\r\n331 b\r\n230 c\r\n200 d\r\n" + pasv_answer(data.port()) +
-                          "\r\n213 0\r\n150 go\r\n226 done\r\n"),
-                     expect(anonymous_commands + "PASV\r\nSIZE pub/a.bin\r\nRETR pub/a.bin\r\n")}});
-  ASSERT_EQ(0, open(control.port())) << log_.all();
-  dl_ftp_close(session_);
-  EXPECT_TRUE(control.finish());
-}
-
 TEST_F(ftp_open, a_failed_step_ends_in_its_code_and_message) {
   const auto user = greeting + turn("USER anonymous", "331 ?");
   const auto pass = user + turn("PASS", "230 in");
