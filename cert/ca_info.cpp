@@ -31,10 +31,10 @@ certificate_read why_not_opened(const char* path) {
 certificate_read why_not_read(int encoding, BIO* bio) {
   FILE* file = nullptr;
   BIO_get_fp(bio, &file);
-  bool ours = encoding == encoding_none || (file && ::ferror(file));
-  while (const unsigned long error = ERR_get_error()) {
-    if (ERR_GET_REASON(error) == ERR_R_MALLOC_FAILURE) ours = true;
-  }
+  const bool is_empty =
+      encoding == encoding_der && ERR_peek_error() == 0;  // the one refusal without a reason
+  const bool no_memory = !is_empty && ran_out_of_memory();
+  const bool ours = no_memory || encoding == encoding_none || (file && ::ferror(file));
   return ours ? certificate_read::failed : certificate_read::unusable;
 }
 

@@ -24,14 +24,6 @@ using unique_rsa = std::unique_ptr<RSA, openssl_deleter<RSA_free>>;
 
 enum class key_file { absent, unusable, without_key, with_key };
 
-// True when OpenSSL's error queue names a cause that says nothing about the bytes it was given.
-bool ran_out_of_memory() {
-  while (const unsigned long error = ERR_get_error()) {
-    if (ERR_GET_REASON(error) == ERR_R_MALLOC_FAILURE) return true;
-  }
-  return false;
-}
-
 key_file read_key_file(unique_pkey& key, const char* path) {
   const unique_file file(::fopen(path, "re"));
   if (!file) return errno == ENOENT || errno == ENOTDIR ? key_file::absent : key_file::unusable;

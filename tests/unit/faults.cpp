@@ -13,6 +13,7 @@
 #include <functional>
 #include <new>
 
+#include "include/fetchrig_openssl.h"
 #include "tests/support/http_fixture.h"
 #include "tests/support/test_ca.h"
 
@@ -36,6 +37,7 @@ bool strikes(target what) {
   --plan.calls_left;
   if (plan.calls_left > 0 || (plan.calls_left < 0 && !plan.lasting)) return false;
   plan.happened = true;
+  if (what == target::memory) errno = ENOMEM;
   return true;
 }
 
@@ -250,6 +252,27 @@ TEST_F(faults, memory) {
     SCOPED_TRACE(lasting);
     for (const transfer* job : {&chunked_, &sized_, &read_loop_, &put_, &post_})
       fail_each(*job, {.what = target::memory, .error = ENOMEM, .lasting = lasting}, codes);
+  }
+}
+
+// What cannot be read for lack of memory is no store entry without a certificate and no key file without key.
+TEST_F(faults, memory_removes_no_file) {
+  const temp_dir store;
+  set_option(DL_OPT_TRUST_CA_DIR, store.path() + "/");
+  write_file(store.file("a.0"), read_file(files_.cert));
+  for (long n = 2; n <= 1600; ++n) {
+    dl_trust_ca_list list;
+    EVP_PKEY* key = nullptr;
+    int reused = 0;
+    const long nth = n / 2;
+    const fault_plan no_memory = {.what = target::memory, .lasting = n % 2 == 1, .calls_left = nth};
+    ::plan = no_memory;
+    dl_get_trust_ca_info(&list);
+    ::plan = no_memory;
+    dl_cert_build_rsa_key(files_.key.c_str(), 512, &key, &reused);
+    ::plan = {};
+    EVP_PKEY_free(key);
+    ASSERT_TRUE(file_exists(store.file("a.0")) && file_exists(files_.key)) << nth;
   }
 }
 
