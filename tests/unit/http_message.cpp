@@ -120,7 +120,8 @@ TEST_F(http_message, files_to_put_and_post) {
     for (const std::string& boundary :
          {std::string("\"q\"; charset=x"), std::string("a\nb"), std::string(507, 'b')}) {
       SCOPED_TRACE(boundary);
-      ASSERT_EQ(0, make("http://h/", 1, (form_type + boundary + "\r\n").c_str(), nullptr, path.c_str()));
+      const std::string headers = form_type + boundary + "\r\n";
+      ASSERT_EQ(0, make("http://h/", 1, headers.c_str(), nullptr, path.c_str()));
       const std::string body =
           "--" + boundary +
           "\r\nContent-Disposition: form-data; name=\"upload\"; filename=\"image.rom\"\r\n"
