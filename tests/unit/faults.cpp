@@ -6,6 +6,7 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@
 #include "include/fetchrig_openssl.h"
 #include "tests/support/http_fixture.h"
 #include "tests/support/test_ca.h"
+#include "tests/support/wave.h"
 
 namespace {
 
@@ -241,6 +243,18 @@ class faults : public leak_free {
       .scripts = {answered(chunks_)},
       .run = [this](const char* url, dl_result* result) { return read_by_hand(url, result); },
       .dispatched = true};
+  // Whatever fails there is a ring: the file, else the one that the ring name tells.
+  const transfer ring_ = {.name = "ring",
+                          .scripts = {answered(response("200 OK", make_wave(600)))},
+                          .run = [](const char* url, dl_result*) {
+                            char alert[64], path[64] = {};
+                            int32_t number = 0;
+                            snprintf(alert, sizeof alert, "http://localhost%s", strrchr(url, ':'));
+                            const int rc = dl_distinctive_ringtone_download(alert, "ringtone-6", &number,
+                                                                            path, sizeof path);
+                            if (path[0]) unlink(path);
+                            return rc == 1 && number == (path[0] ? -1 : 6) ? 0 : 1;
+                          }};
 };
 
 // A look-up without memory reads "Wrong host", a composition "Send Error", a reconnection "Connect Failed",
@@ -250,7 +264,7 @@ TEST_F(faults, memory) {
                                       DL_ERR_CONNECT, DL_ERR_AUTH, 0};
   for (const bool lasting : {false, true}) {
     SCOPED_TRACE(lasting);
-    for (const transfer* job : {&chunked_, &sized_, &read_loop_, &put_, &post_})
+    for (const transfer* job : {&chunked_, &sized_, &read_loop_, &ring_, &put_, &post_})
       fail_each(*job, {.what = target::memory, .error = ENOMEM, .lasting = lasting}, codes);
   }
 }
