@@ -8,7 +8,8 @@ set -euo pipefail
 
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 "$top/scripts/setup.sh"
-(cd "$top" && cmake --preset default >/dev/null && cmake --build --preset default --target fetchrig_command -j 2 -- --quiet)
+(cd "$top" && cmake --preset default >/dev/null &&
+  cmake --build --preset default --target fetchrig_command -j 2 -- --quiet | sed '/^ninja: no work to do/d')
 fetchrig=$top/build/fetchrig
 if [ $# -gt 0 ]; then exec "$fetchrig" get "$@"; fi
 
