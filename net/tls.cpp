@@ -140,7 +140,10 @@ int hand_shake(int sock, SSL_CTX* ctx, const char* host, unique_ssl& ssl) {
   name_server(ssl.get(), host);
   start_tls_operation(ssl.get());
   ERR_clear_error();
-  if (SSL_connect(ssl.get()) > 0) return 0;
+  if (SSL_connect(ssl.get()) > 0) {
+    end_tls_operation(ssl.get());
+    return 0;
+  }
   const int error = errno;
   log_reason("TLS handshake");
   qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "TLS handshake errno %d\n", error);

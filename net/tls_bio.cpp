@@ -16,7 +16,7 @@ namespace {
 struct tls_socket {
   int sock;
   unsigned limit_s;
-  int64_t deadline_ms;  // of the operation at work; used with a limit alone
+  int64_t deadline_ms;  // of the operation at work, 0 between operations; used with a limit alone
 };
 
 int64_t now_ms() {
@@ -32,8 +32,10 @@ tls_socket* data_of(BIO* bio) {
 // False, with errno ETIMEDOUT, when the operation's time is over before the socket is ready.
 bool wait_ready(const tls_socket& data, short events) {
   if (data.limit_s == 0) return true;
+  const int64_t deadline_ms =
+      data.deadline_ms > 0 ? data.deadline_ms : now_ms() + int64_t{data.limit_s} * 1000;
   for (;;) {
-    const int64_t left = data.deadline_ms - now_ms();
+    const int64_t left = deadline_ms - now_ms();
     pollfd entry = {data.sock, events, 0};
     const int ready = left > 0 ? ::poll(&entry, 1, static_cast<int>(std::min<int64_t>(left, INT32_MAX))) : 0;
     if (ready > 0) return true;
@@ -106,6 +108,12 @@ const BIO_METHOD* socket_method() {
   return method;
 }
 
+// Null for a connection over another kind of BIO.
+tls_socket* socket_of(SSL* ssl) {
+  BIO* bio = SSL_get_rbio(ssl);
+  return bio && BIO_method_type(bio) == bio_type() ? data_of(bio) : nullptr;
+}
+
 }  // namespace
 
 BIO* new_tls_bio(int sock, unsigned limit_s) {
@@ -123,10 +131,12 @@ BIO* new_tls_bio(int sock, unsigned limit_s) {
 }
 
 void start_tls_operation(SSL* ssl) {
-  BIO* bio = SSL_get_rbio(ssl);
-  if (!bio || BIO_method_type(bio) != bio_type()) return;
-  tls_socket& data = *data_of(bio);
-  if (data.limit_s > 0) data.deadline_ms = now_ms() + int64_t{data.limit_s} * 1000;
+  tls_socket* data = socket_of(ssl);
+  if (data && data->limit_s > 0) data->deadline_ms = now_ms() + int64_t{data->limit_s} * 1000;
+}
+
+void end_tls_operation(SSL* ssl) {
+  if (tls_socket* data = socket_of(ssl)) data->deadline_ms = 0;
 }
 
 }  // namespace fetchrig

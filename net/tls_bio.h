@@ -16,6 +16,8 @@ namespace fetchrig {
 // Starts the limit of the next TLS operation on `ssl`. Does nothing for a connection over another kind of
 // BIO.
 void start_tls_operation(SSL* ssl);
+// Ends it: until the next start each single wait has the whole limit, for a caller who uses OpenSSL directly.
+void end_tls_operation(SSL* ssl);
 
 }  // namespace fetchrig
 #endif

@@ -286,7 +286,8 @@ TEST_F(tls, names_are_announced_and_addresses_are_not) {
   const struct {
     const char* host;
     const char* announced;
-  } rows[] = {{"localhost", "localhost"}, {"127.0.0.1", ""}, {"::1", ""}, {"[::1]", ""}, {"", ""}};
+  } rows[] = {
+      {"localhost", "localhost"}, {"127.0.0.1", ""}, {"::1", ""}, {"[::1]", ""}, {"", ""}};
   for (const auto& row : rows) {
     test::tcp_peer server(small_talk, {.tls = pki().server("good")});
     {
@@ -313,18 +314,23 @@ TEST_F(tls, servers_that_speak_no_tls) {
 // The limit is in whole seconds, so these wait for one.
 TEST_F(tls, a_silent_server_is_given_up_after_the_limit) {
   dl_set_tls_wait_limit(1);
+  test::tcp_peer early({{test::send("x"), test::stall()}}, {.tls = pki().server("good")});
+  const client direct(early.port(), {});
+  ASSERT_TRUE(direct.ssl);
   test::tcp_peer mute({{test::stall()}});
   const client refused(mute.port(), {});
   EXPECT_EQ(refused.result, DL_ERR_CONNECT);
   EXPECT_TRUE(log.contains("DCMN", DL_LOG_NOTICE, "TLS handshake errno " + std::to_string(ETIMEDOUT)))
       << log.all();
 
+  char byte = 0;
+  EXPECT_EQ(SSL_read(direct.ssl.get(), &byte, 1), 1) << "the handshake's limit is over with the handshake";
+
   test::tcp_peer server({{test::send("x"), test::stall()}}, {.tls = pki().server("good")});
   const client connection(server.port(), {});
   dl_set_tls_wait_limit(0);
   ASSERT_TRUE(connection.ssl);
   fetchrig::tls_stream stream(connection.ssl.get());
-  char byte = 0;
   EXPECT_EQ(stream.read({&byte, 1}, 60).count, 1);
   const fetchrig::io_result nothing = stream.read({&byte, 1}, 60);
   EXPECT_LT(nothing.count, 0);
