@@ -121,8 +121,8 @@ int seed_random() {
 }
 
 bool is_address(const std::string& host) {
-  in6_addr address = {};
-  return inet_pton(AF_INET, host.c_str(), &address) == 1 || host.find(':') != std::string::npos;
+  in_addr address = {};
+  return inet_aton(host.c_str(), &address) != 0 || host.find(':') != std::string::npos;
 }
 
 // Servers with several names need to be told which one is meant; an address is never sent (RFC 6066 section
