@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <exception>
 #include <mutex>
 #include <new>
 #include <unordered_map>
@@ -65,8 +66,12 @@ bool is_http_session(const dl_http_session* session) {
 
 unique_http_session new_http_session() {
   auto record = zeroed_record<dl_http_session>();
+  try {
+    if (record) states().add(record.get());
+  } catch (const std::exception&) {
+    return nullptr;
+  }
   if (!record) return nullptr;
-  states().add(record.get());
   record->magic = DL_HTTP_MAGIC;
   return unique_http_session(record.release());
 }
