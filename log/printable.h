@@ -7,7 +7,7 @@
 
 namespace fetchrig {
 
-// A terminated copy of outside text for a log argument: control characters become "?", and it is cut at 300
+// A terminated copy of outside text for a log argument: control characters become "?", and it is cut at 383
 // bytes. Null reads as an empty text.
 class printable {
  public:
