@@ -41,9 +41,9 @@ log_message parsed(const std::string& line) {
 }  // namespace
 
 log_capture::log_capture() {
-  clear();
   dl_log_init(0, take_line);
   dl_set_log_module_level(DL_LOG_ANY, DL_LOG_DEBUG);
+  clear();
 }
 
 log_capture::~log_capture() {

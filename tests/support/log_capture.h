@@ -18,7 +18,7 @@ struct log_message {
 
 class log_capture {
  public:
-  log_capture();   // callback only, level 7 for every module
+  log_capture();   // callback only, level 7 for every module; empty
   ~log_capture();  // qxfr_log_exit()
   log_capture(const log_capture&) = delete;
   log_capture& operator=(const log_capture&) = delete;
