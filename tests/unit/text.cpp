@@ -1,14 +1,11 @@
-// text.cpp, cursor.cpp and printable.cpp: the primitives that all parsers read untrusted bytes with.
+// text.cpp, cursor.cpp, printable.cpp, result.cpp and helpers.cpp: the primitives that read untrusted bytes,
+// the texts of result codes and the exported stand-ins for standard functions.
 #include "core/text.h"
 
-#include <gtest/gtest.h>
-#include <stdint.h>
-
-#include <optional>
-#include <string>
-#include <string_view>
-
 #include "core/cursor.h"
+#include "core/owners.h"
+#include "core/result.h"
+#include "include/fetchrig_openssl.h"
 #include "log/printable.h"
 
 namespace {
@@ -16,47 +13,22 @@ namespace {
 using namespace fetchrig;
 using std::string_view;
 
-TEST(numbers, are_whole_and_bounded) {
-  const struct {
-    const char* text;
-    uint64_t max;
-    std::optional<uint64_t> value;
-  } rows[] = {
-      {"0", 0, 0},
-      {"", 9, {}},
-      {"65535", 65535, 65535},
-      {"65536", 65535, {}},
-      {"000000000000000000000000000080", 65535, 80},
-      {"8a", 99, {}},
-      {" 8", 99, {}},
-      {"+8", 99, {}},
-      {"-8", 99, {}},
-      {"18446744073709551615", UINT64_MAX, UINT64_MAX},
-      {"18446744073709551616", UINT64_MAX, {}},
-      {"99999999999999999999999", UINT64_MAX, {}},
-      {"5", 4, {}},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.text);
-    EXPECT_EQ(whole_number(row.text, row.max), row.value);
-    cursor in(row.text);
-    if (row.value) {
-      EXPECT_EQ(in.number(row.max), row.value);
-      EXPECT_TRUE(in.empty());
-    }
-  }
+TEST(text, numbers_are_whole_and_bounded) {
+  // clang-format off
+  const std::tuple<const char*, uint64_t, std::optional<uint64_t>> rows[] = {  // text, highest, value
+      {"0", 0, 0}, {"65535", 65535, 65535}, {"65536", 65535, {}}, {"5", 4, {}}, {"000000000000000000000080", 99, 80},
+      {"18446744073709551615", UINT64_MAX, UINT64_MAX}, {"18446744073709551616", UINT64_MAX, {}},
+      {"", 9, {}}, {"8a", 99, {}}, {" 8", 99, {}}, {"+8", 99, {}}, {"-8", 99, {}}};
+  // clang-format on
+  for (const auto& [text, max, value] : rows) EXPECT_EQ(whole_number(text, max), value) << text;
   string_view rest;
   EXPECT_EQ(leading_number("226 done", 999, &rest), 226U);
   EXPECT_EQ(rest, " done");
 }
 
-TEST(cursor, a_failed_read_consumes_nothing) {
+TEST(text, a_failed_read_of_a_cursor_consumes_nothing) {
   cursor in(string_view("\x01\x02name\0rest", 11));
-  EXPECT_FALSE(in.take(12));
-  EXPECT_FALSE(in.take(SIZE_MAX));
-  EXPECT_FALSE(in.take_until('!'));
-  EXPECT_FALSE(in.skip("\x01\x03"));
-  EXPECT_FALSE(in.number(9));
+  EXPECT_FALSE(in.take(12) || in.take(SIZE_MAX) || in.take_until('!') || in.skip("\x01\x03") || in.number(9));
   EXPECT_EQ(in.rest().size(), 11U);
   EXPECT_EQ(in.u16be(), 0x0102);
   EXPECT_EQ(in.terminated(), "name");
@@ -64,7 +36,6 @@ TEST(cursor, a_failed_read_consumes_nothing) {
   EXPECT_TRUE(in.skip("res"));
   EXPECT_FALSE(in.u16be()) << "one byte is left";
   EXPECT_EQ(in.take(1), "t");
-  EXPECT_EQ(in.take(0), "");
   EXPECT_TRUE(in.empty());
 }
 
@@ -73,52 +44,135 @@ TEST(text, white_space_case_and_names) {
   EXPECT_EQ(trim_white_space(" \t"), "");
   EXPECT_EQ(skip_white_space("\v x"), "\v x") << "vertical tabs are text";
   EXPECT_TRUE(equal_ignoring_case("Content-Length", "CONTENT-length"));
-  EXPECT_FALSE(equal_ignoring_case("a", "ab"));
-  EXPECT_TRUE(starts_ignoring_case("HTTP://h", "http://"));
-  EXPECT_FALSE(starts_ignoring_case("http:/", "http://"));
+  EXPECT_FALSE(equal_ignoring_case("a", "ab") || starts_ignoring_case("http:/", "http://"));
   EXPECT_EQ(base_name("/a/b/c"), "c");
   EXPECT_EQ(base_name("c"), "c");
   EXPECT_EQ(base_name("a/"), "");
-  EXPECT_TRUE(has_line_break("a\rb"));
-  EXPECT_TRUE(has_line_break("a\n"));
-  EXPECT_FALSE(has_line_break("a\tb"));
-  EXPECT_EQ(or_empty(nullptr), "");
-}
-
-TEST(text, copies_are_cut_and_terminated) {
+  EXPECT_TRUE(has_line_break("a\rb") && has_line_break("a\n") && !has_line_break("a\tb"));
   char buffer[4] = {'#', '#', '#', '#'};
   EXPECT_TRUE(copy_text(buffer, "abc"));
-  EXPECT_STREQ(buffer, "abc");
   EXPECT_FALSE(copy_text(buffer, "wxyz"));
   EXPECT_STREQ(buffer, "wxy");
   EXPECT_FALSE(copy_text({buffer, 1}, "q"));
   EXPECT_STREQ(buffer, "");
 }
 
-TEST(printable, hides_control_characters_and_cuts) {
-  EXPECT_STREQ(printable("a\r\nb\tc\x1b[0m\x7f").c_str(), "a??b?c?[0m?");
+TEST(text, is_made_printable_without_passwords) {
+  EXPECT_STREQ(printable(string_view("a\r\nb\tc\x1b[0m\x7f\0", 12)).c_str(), "a??b?c?[0m??");
   EXPECT_STREQ(printable("gr\xc3\xbc\xc3\x9f").c_str(), "gr\xc3\xbc\xc3\x9f");
   EXPECT_STREQ(printable(static_cast<const char*>(nullptr)).c_str(), "");
-  EXPECT_STREQ(printable(string_view("a\0b", 3)).c_str(), "a?b");
-  EXPECT_EQ(string_view(printable(std::string(1000, 'x')).c_str()), std::string(383, 'x'));
+  EXPECT_EQ(printable(std::string(1000, 'x')).c_str(), std::string(383, 'x'));
+  const std::pair<const char*, const char*> rows[] = {
+      {"ftp://user@h/x", "ftp://user@h/x"}, {"ftp://user:secret@h/x", "ftp://user:******@h/x"},
+      {"http://h/a:b@c", "http://h/a:b@c"}, {"ftp://user:se@cr:et@h:21/x", "ftp://user:******@h:21/x"},
+      {"http://h:80/", "http://h:80/"},     {"ftp://user:\n@h", "ftp://user:******@h"},
+      {"user:secret@h", "user:******@h"}};
+  for (const auto& [url, shown] : rows) EXPECT_STREQ(printable_url(url).c_str(), shown);
 }
 
-TEST(printable, hides_passwords_in_urls) {
-  const struct {
-    const char* url;
-    const char* shown;
-  } rows[] = {
-      {"http://h/a?b", "http://h/a?b"},
-      {"ftp://user:secret@h/x", "ftp://user:******@h/x"},
-      {"ftp://user@h/x", "ftp://user@h/x"},
-      {"ftp://user:se@cr:et@h:21/x", "ftp://user:******@h:21/x"},
-      {"user:secret@h", "user:******@h"},
-      {"http://h/a:b@c", "http://h/a:b@c"},
-      {"http://h:80/", "http://h:80/"},
-      {"ftp://user:\n@h", "ftp://user:******@h"},
-      {"", ""},
-  };
-  for (const auto& row : rows) EXPECT_STREQ(printable_url(row.url).c_str(), row.shown);
+TEST(result, every_code_has_its_text) {
+  // clang-format off
+  const std::pair<int32_t, std::string> rows[] = {
+      {-1, "Wrong host"}, {-2, "Create Socket Error"}, {-3, "Connect Failed"}, {-4, "Send Error"},
+      {-5, "Recv invalid data"}, {-6, "Invalid Parameter"}, {-7, "Out of memory"}, {-8, "Read Error"},
+      {-9, "Wrong URL"}, {-10, "Wrong port"}, {-11, "Auth Error"}, {-12, "Redirect to many times"},
+      {-13, "Ipv6 is disable"}, {-14, "Config doesn't init"}, {-15, "Unknown Error"},
+      {-16, "Host is not a tftp server"}, {-17, "Unknown Error"}, {0, "Unknown Error"}, {200, "200 OK"},
+      {201, "Resource create success"}, {304, "Unknown Error"}, {400, "Invaild query"}, {403, "Forbidden"},
+      {408, "request out of time"}, {500, "Server error"}, {501, "Server doesn't support method"}};
+  // clang-format on
+  dl_result result;
+  for (const auto& [code, text] : rows) {
+    memset(&result, 0x55, sizeof result);
+    EXPECT_EQ(fail(&result, code), -1);
+    EXPECT_EQ(std::pair(result.code, std::string(result.message)), std::pair(code, text));
+  }
+  char cut[6] = "#####";
+  EXPECT_EQ(dl_get_error_string(-1, cut, 5), 10) << "the whole length";
+  EXPECT_EQ(std::string(cut, 6), std::string("Wron\0", 6));
+  EXPECT_EQ(dl_get_error_string(-1, cut, 0), 10);
+  EXPECT_EQ(dl_get_error_string(-1, nullptr, 5), 10);
+  EXPECT_STREQ(cut, "Wron") << "a buffer of no bytes is left alone";
+
+  fail_exceeded(&result, 2097152);
+  EXPECT_EQ(std::pair(result.code, std::string(result.message)),
+            std::pair(-8, std::string("exceed max size 2097152")));
+  const std::string line(400, 'x');
+  fail_with_text(&result, DL_ERR_FTP_REPLY, line.c_str());
+  EXPECT_EQ(std::pair(result.code, std::string(result.message)), std::pair(-15, line.substr(0, 255)));
+  fail_with_text(&result, DL_ERR_FTP_REPLY, line.c_str(), 10);
+  EXPECT_EQ(result.message, line.substr(0, 10));
+  fail_with_text(&result, DL_ERR_FTP_REPLY, nullptr);
+  EXPECT_STREQ(result.message, "");
+  EXPECT_EQ(fail(nullptr, -1) + fail_exceeded(nullptr, 1) + fail_with_text(nullptr, 1, "x"), -3)
+      << "no record";
+}
+
+TEST(helpers, base64) {
+  const std::pair<std::string, const char*> rows[] = {
+      {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foobar", "Zm9vYmFy"}, {"\xfb\xff\xfe", "+//+"}};
+  for (const auto& [plain, encoded] : rows) {
+    char* text = nullptr;
+    EXPECT_EQ(Curl_base64_encode(plain.data(), plain.size(), &text), strlen(encoded));
+    const unique_text text_owner(text);
+    EXPECT_STREQ(text, encoded);
+    unsigned char* bytes = nullptr;
+    EXPECT_EQ(Curl_base64_decode(encoded, &bytes), plain.size());
+    const unique_malloc<unsigned char> owner(bytes);
+    EXPECT_STREQ(reinterpret_cast<char*>(bytes), plain.c_str());
+  }
+  for (const char* text :
+       {"Z", "Zg", "Zg=", "Zg===", "====", "Z===", "Zm=v", "Zm9v\n", "Zm9-", "Zm9vZg==Zm9v"}) {
+    unsigned char* bytes = reinterpret_cast<unsigned char*>(&bytes);
+    EXPECT_EQ(Curl_base64_decode(text, &bytes), 0U) << text;
+    EXPECT_EQ(bytes, nullptr);
+  }
+}
+
+TEST(helpers, stand_in_for_standard_functions) {
+  unsigned char digest[16] = {};
+  Curl_md5it(digest, nullptr);
+  EXPECT_EQ(to_hex(digest), "d41d8cd98f00b204e9800998ecf8427e");
+  Curl_md5it(digest, reinterpret_cast<const unsigned char*>("abc"));
+  EXPECT_EQ(to_hex(digest), "900150983cd24fb0d6963f7d28e17f72");
+
+  char buffer[8];
+  EXPECT_EQ(curl_msprintf(buffer, "%d-%s", 7, "abc"), 5);
+  EXPECT_STREQ(buffer, "7-abc");
+  EXPECT_EQ(curl_msnprintf(buffer, sizeof buffer, "%s", "0123456789"), 10) << "the length of the whole text";
+  EXPECT_STREQ(buffer, "0123456");
+  const unique_text text(curl_maprintf("%s=%06ld", "time", 42L));
+  EXPECT_STREQ(text.get(), "time=000042");
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(curl_mprintf("%s\n", "line"), 5);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "line\n");
+
+  EXPECT_TRUE(Curl_raw_equal("Digest", "dIGEST") && Curl_raw_equal(nullptr, nullptr));
+  EXPECT_FALSE(Curl_raw_equal("Digest", "Digest ") || Curl_raw_equal(nullptr, ""));
+  EXPECT_FALSE(Curl_raw_equal("[", "{") || Curl_raw_equal("\xc4", "\xe4"))
+      << "32 apart, yet no ASCII letters";
+  EXPECT_TRUE(Curl_raw_nequal("Basic realm", "basic", 5) && Curl_raw_nequal("abc", "ABC", SIZE_MAX));
+  EXPECT_FALSE(Curl_raw_nequal("Basi", "basic", 5));
+
+  char list[] = ",,auth, auth-int,,x,";
+  std::string joined;
+  char* rest = nullptr;
+  for (char* part = Curl_strtok_r(list, ",", &rest); part; part = Curl_strtok_r(nullptr, ",", &rest))
+    joined += part + std::string("|");
+  EXPECT_EQ(joined, "auth| auth-int|x|");
+
+  EXPECT_EQ(std::tuple(scheme_default_port(0), scheme_default_port(1), scheme_default_port(2)),
+            std::tuple(80, 443, -1));
+  const char* host = "host:80";
+  EXPECT_STREQ(unique_text(strdupdelim(host, host + 4)).get(), "host");
+  EXPECT_STREQ(unique_text(strdupdelim(host, host)).get(), "");
+  const std::tuple<int, const char*> lowered[] = {
+      {100, "a[\xc4-b: Text"}, {3, "a[\xc4-B: Text"}, {0, "A[\xc4-B: Text"}, {-1, "A[\xc4-B: Text"}};
+  for (const auto& [count, expected] : lowered) {
+    char header[] = "A[\xc4-B: Text";
+    str2lower(header, count, ':');
+    EXPECT_STREQ(header, expected);
+  }
 }
 
 }  // namespace

@@ -1,178 +1,157 @@
-// url.cpp: "http" and "https" URLs and the text routines beside them.
-#include <gtest/gtest.h>
-#include <stdint.h>
-#include <stdlib.h>
-#include <string.h>
+// url.cpp and dispatch_url.cpp: the HTTP client's strict URLs and the dispatcher's lenient ones: what they
+// are taken apart into, what is refused with which log lines, and the clean URL that HTTP gets.
+#include "core/url.h"
 
-#include <memory>
-#include <string>
-
+#include "core/dispatch_url.h"
 #include "core/owners.h"
-#include "include/fetchrig.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/options.h"
 
 namespace {
 
-struct url_deleter {
-  void operator()(dl_url* url) const { dl_url_free(url); }
-};
-using unique_url = std::unique_ptr<dl_url, url_deleter>;
+using namespace fetchrig;
+using lines = std::vector<std::string>;
 
-struct good_row {
-  const char* url;
-  uint32_t scheme;
-  const char* host;
-  uint32_t port;
-  const char* path;
-};
-
-const good_row good_rows[] = {
-    {"HTTP://Example/a b", 0, "Example", 80, "/a%20b"},
-    {"https://h", 1, "h", 443, "/"},
-    {"hTTpS://h/", 1, "h", 443, "/"},
-    {"http://h:/x", 0, "h", 80, "/x"},
-    {"https://h:", 1, "h", 443, "/"},
-    {"http://h:65535/", 0, "h", 65535, "/"},
-    {"http://h:0/", 0, "h", 0, "/"},
-    {"http://h:000000000000080", 0, "h", 80, "/"},
-    {"http://h:443/a:b@c", 0, "h", 443, "/a:b@c"},
-    {"http://h/?x=1#f", 0, "h", 80, "/?x=1#f"},
-    {"http://h//a/../b", 0, "h", 80, "//a/../b"},
-    {"http://a b/c", 0, "a%20b", 80, "/c"},
-    {"http://h/  ", 0, "h", 80, "/%20%20"},
-    {"http://h/a%20b\t\xff", 0, "h", 80, "/a%20b\t\xff"},
-    {"http://user@h/x", 0, "user@h", 80, "/x"},
-    {"http://[fe80::1]:443", 0, "fe80::1", 443, "/"},
-    {"https://[::1]/x", 1, "::1", 443, "/x"},
-    {"http://[x]:8/y", 0, "x", 8, "/y"},
-};
-
-TEST(url, parts) {
-  const test::library library;
-  test::set_option(DL_OPT_IPV6, 1);
-  for (const auto& row : good_rows) {
-    SCOPED_TRACE(row.url);
-    int32_t code = 1;
-    const unique_url url(dl_url_parse(row.url, nullptr, nullptr, &code));
-    ASSERT_TRUE(url);
-    EXPECT_EQ(code, 0);
-    EXPECT_EQ(url->scheme, row.scheme);
-    EXPECT_EQ(url->method, 0U);
-    EXPECT_STREQ(url->host, row.host);
-    EXPECT_EQ(url->port, row.port);
-    EXPECT_STREQ(url->path, row.path);
-    EXPECT_EQ(url->user, nullptr);
-    EXPECT_EQ(url->password, nullptr);
-    const unique_url without_code(dl_url_parse(row.url, nullptr, nullptr, nullptr));
-    EXPECT_TRUE(without_code);
+class url : public testing::Test {
+ protected:
+  url() { test::set_option(DL_OPT_IPV6, 1); }
+  unique_url parse(const char* text, const char* user = nullptr, const char* password = nullptr) {
+    return unique_url(dl_url_parse(text, user, password, &code));
   }
+
+  test::library library;
+  test::log_capture log;
+  int32_t code = 1;
+};
+
+TEST_F(url, of_http_is_split) {
+  // clang-format off
+  const struct { const char* text; uint32_t scheme; const char* host; uint32_t port; const char* path; } rows[] = {
+      {"HTTP://Example/a b", 0, "Example", 80, "/a%20b"},
+      {"https://h", 1, "h", 443, "/"},
+      {"http://h:/x", 0, "h", 80, "/x"},
+      {"https://h:", 1, "h", 443, "/"},
+      {"http://h:65535/", 0, "h", 65535, "/"},
+      {"http://h:000000000000080", 0, "h", 80, "/"},
+      {"http://h:443/a:b@c?x=1#f", 0, "h", 443, "/a:b@c?x=1#f"},
+      {"http://a b//a/../b%20\t\xff ", 0, "a%20b", 80, "//a/../b%20\t\xff%20"},
+      {"http://user@h/x", 0, "user@h", 80, "/x"},
+      {"http://[fe80::1]:443", 0, "fe80::1", 443, "/"},
+      {"https://[::1]/x", 1, "::1", 443, "/x"},
+  };
+  // clang-format on
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.text);
+    const unique_url parsed = parse(row.text);
+    ASSERT_TRUE(parsed);
+    EXPECT_EQ(std::tuple(code, parsed->scheme, parsed->port, parsed->method),
+              std::tuple(0, row.scheme, row.port, 0U));
+    EXPECT_STREQ(parsed->host, row.host);
+    EXPECT_STREQ(parsed->path, row.path);
+    EXPECT_TRUE(!parsed->user && !parsed->password);
+  }
+  char user[] = "user";
+  const unique_url parsed(dl_url_parse("http://h", user, "", nullptr));
+  user[0] = '#';
+  EXPECT_STREQ(parsed->user, "user") << "copied";
+  EXPECT_STREQ(parsed->password, "");
 }
 
-struct bad_row {
-  const char* url;
-  int32_t code;
-  const char* message;
-};
-
-const bad_row bad_rows[] = {
-    {"ftp://h/x", -9, "Invalid URL"},
-    {"h/x", -9, "Invalid URL"},
-    {"", -9, "Invalid URL"},
-    {"http:/h", -9, "Invalid URL"},
-    {" http://h", -9, "Invalid URL"},
-    {"httpss://h", -9, "Invalid URL"},
-    {"http://", -9, "Invalid Host"},
-    {"http:///x", -9, "Invalid Host"},
-    {"http://:80/x", -9, "Invalid Host"},
-    {"http://?x", -9, "Invalid Host"},
-    {"http://[]/x", -9, "Invalid Host"},
-    {"http://[fe80::1/x", -9, "Invalid Host"},
-    {"http://a\nb/x", -9, "Invalid Host"},
-    {"http://h:65536/", -9, "BAD_PORT_NUMBER"},
-    {"http://h:8a/", -9, "BAD_PORT_NUMBER"},
-    {"http://h:-1/", -9, "BAD_PORT_NUMBER"},
-    {"http://h: 80/", -9, "BAD_PORT_NUMBER"},
-    {"http://h:80?x", -9, "BAD_PORT_NUMBER"},
-    {"http://h:99999999999999999999/", -9, "BAD_PORT_NUMBER"},
-    {"http://user:pw@h/x", -9, "BAD_PORT_NUMBER"},
-    {"http://h?x=1", -9, "Bad file name"},
-    {"http://h#f", -9, "Bad file name"},
-    {"http://[::1]x", -9, "Bad file name"},
-    {"http://[::1]?x", -9, "Bad file name"},
-    {"http://h/x\r\nHost: y", -9, "Bad file name"},
-};
-
-TEST(url, rejected) {
-  const test::library library;
-  test::set_option(DL_OPT_IPV6, 1);
-  test::log_capture log;
-  for (const auto& row : bad_rows) {
-    SCOPED_TRACE(row.url);
-    log.clear();
-    int32_t code = 1;
-    const unique_url url(dl_url_parse(row.url, "u", "p", &code));
-    EXPECT_FALSE(url);
-    EXPECT_EQ(code, row.code);
-    EXPECT_TRUE(log.contains("DCMN", DL_LOG_ERROR, row.message)) << log.all();
-    EXPECT_EQ(dl_url_parse(row.url, nullptr, nullptr, nullptr), nullptr);
+TEST_F(url, of_http_is_refused) {
+  // clang-format off
+  const std::pair<const char*, std::vector<const char*>> rows[] = {
+      {"Invalid URL", {"ftp://h/x", "h/x", "", "http:/h", " http://h", "httpss://h", nullptr}},
+      {"Invalid Host", {"http://", "http://:80/", "http://?x", "http://[]/x", "http://[fe80::1/x", "http://a\nb/x"}},
+      {"BAD_PORT_NUMBER", {"http://h:65536/", "http://h:8a/", "http://h:-1/", "http://h:80?x", "http://user:pw@h/x"}},
+      {"Bad file name", {"http://h?x=1", "http://h#f", "http://[::1]x", "http://h/x\r\nHost: y"}}};
+  // clang-format on
+  for (const auto& [message, texts] : rows) {
+    for (const char* text : texts) {
+      SCOPED_TRACE(text ? text : "(null)");
+      log.clear();
+      EXPECT_FALSE(parse(text, "u", "p"));
+      EXPECT_EQ(code, DL_ERR_URL);
+      EXPECT_TRUE(log.contains("DCMN", DL_LOG_ERROR, message)) << log.all();
+      EXPECT_EQ(log.messages().size(), 1U);
+    }
   }
-}
-
-TEST(url, addresses_in_brackets_need_the_ipv6_option) {
-  const test::library library;
-  test::log_capture log;
-  int32_t code = 0;
-  EXPECT_EQ(dl_url_parse("http://[fe80::1]:443", nullptr, nullptr, &code), nullptr);
-  EXPECT_EQ(code, DL_ERR_IPV6_DISABLED);
-  EXPECT_EQ(log.messages(DL_LOG_ERROR), std::vector<std::string>{"can't use ipv6 when ipv6 is diable"});
-  EXPECT_EQ(dl_url_parse("http://[]", nullptr, nullptr, &code), nullptr);
-  EXPECT_EQ(code, DL_ERR_IPV6_DISABLED);
-  EXPECT_EQ(dl_url_parse("http://[fe80::1", nullptr, nullptr, &code), nullptr);
+  test::set_option(DL_OPT_IPV6, 0);
+  log.clear();
+  for (const char* text : {"http://[fe80::1]:443", "http://[]"}) {
+    EXPECT_FALSE(parse(text));
+    EXPECT_EQ(code, DL_ERR_IPV6_DISABLED);
+  }
+  const std::string disabled = "can't use ipv6 when ipv6 is diable";
+  EXPECT_EQ(log.messages(DL_LOG_ERROR), (lines{disabled, disabled}));
+  EXPECT_FALSE(parse("http://[fe80::1"));
   EXPECT_EQ(code, DL_ERR_URL) << "the bracket is looked for first";
 }
 
-TEST(url, credentials_are_copied) {
-  const test::library library;
-  char user[] = "user";
-  const unique_url url(dl_url_parse("http://h", user, "", nullptr));
-  ASSERT_TRUE(url);
-  user[0] = '#';
-  EXPECT_STREQ(url->user, "user");
-  EXPECT_STREQ(url->password, "");
-  int32_t code = 0;
-  EXPECT_EQ(dl_url_parse(nullptr, "u", "p", &code), nullptr);
-  EXPECT_EQ(code, DL_ERR_URL);
-  dl_url_free(nullptr);
+TEST_F(url, of_the_dispatcher_is_split) {
+  constexpr uint32_t https = DL_PROTO_HTTPS, http = DL_PROTO_HTTP, tftp = DL_PROTO_TFTP, ftp = DL_PROTO_FTP;
+  // clang-format off
+  const struct {
+    const char* text; uint32_t proto; std::string host; uint32_t port; std::string path;
+    std::optional<std::string> user = {}, password = {};
+    const char* clean = nullptr;  // http and https
+  } rows[] = {
+      {"host", tftp, "host", 69, "/"},
+      {" \t\r\nhost:70", tftp, "host", 70, "/"},
+      {"TFTP://h/x", tftp, "h", 69, "/x"},
+      {"http://h/a#f?q", http, "h", 80, "/a", {}, {}, "http://h/a"},
+      {"http://h?q=/x", http, "h?q=", 80, "/x", {}, {}, "http://h?q=/x"},
+      {"https://h:80/", https, "h", 80, "/", {}, {}, "https://h:80/"},
+      {"https://h: 443", https, "h", 443, "/", {}, {}, "https://h/"},
+      {"https://u:p@[fe80::1]:8443/a", https, "fe80::1", 8443, "/a", "u", "p", "https://[fe80::1]:8443/a"},
+      {"ftp:// u:p:q@r@ h:2121/f", ftp, "h", 2121, "/f", "u", "p:q@r"},
+      {"ftp://:@h/f", ftp, "h", 21, "/f", "", ""},
+      {"ftp://u:p@[::1]:22/f@g:h", ftp, "::1", 22, "/f@g:h", "u", "p"},
+  };
+  // clang-format on
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.text);
+    dl_url_parts parts;
+    ASSERT_EQ(dl_url_split(row.text, parts), 0);
+    EXPECT_EQ(std::tuple(row.proto, row.host, row.port, row.path, row.user, row.password),
+              std::tuple(parts.proto, parts.host, parts.port, parts.path, parts.user, parts.password));
+    if (!row.clean) continue;
+    std::string clean;
+    dl_http_request request = {};
+    ASSERT_EQ(dl_url_rebuild({row.text, "ru", "rp", "http://proxy"}, request, parts, clean), 0);
+    EXPECT_STREQ(request.url, row.clean);
+    EXPECT_EQ(request.user, row.user.value_or("ru"));
+    EXPECT_EQ(request.password, row.password.value_or("rp"));
+    EXPECT_STREQ(request.proxy, "http://proxy");
+    EXPECT_TRUE(log.contains("DCMN", DL_LOG_INFO, "URL After Modify = " + std::string(row.clean)));
+  }
+  log.clear();
+  dl_url_parts parts;
+  ASSERT_EQ(dl_url_split("ftp://me:hush@h/x", parts), 0);
+  EXPECT_EQ(log.messages(),
+            (lines{"Enter Func dl_url_parse....", "Skip Space Success!",
+                   "url = ftp://me:******@h/x, protl = 3, host = h, port = 21, path = /x, user = me, "
+                   "passwd = ******"}));
 }
 
-TEST(url, routines_beside_it) {
-  EXPECT_EQ(scheme_default_port(0), 80);
-  EXPECT_EQ(scheme_default_port(1), 443);
-  const char* text = "host:80";
-  const fetchrig::unique_text host(strdupdelim(text, text + 4));
-  EXPECT_STREQ(host.get(), "host");
-  const fetchrig::unique_text nothing(strdupdelim(text, text));
-  EXPECT_STREQ(nothing.get(), "");
-
-  const struct {
-    const char* text;
-    int count;
-    char stop;
-    const char* lowered;
-  } rows[] = {
-      {"Content-Type: Text", 100, ':', "content-type: Text"},
-      {"ABCDEF", 3, ':', "abcDEF"},
-      {"ABC", 0, ':', "ABC"},
-      {"ABC", -1, ':', "ABC"},
-      {"A[\xc4Z", 100, ':', "a[\xc4z"},
-  };
-  for (const auto& row : rows) {
-    char buffer[32] = {};
-    memcpy(buffer, row.text, strlen(row.text));
-    str2lower(buffer, row.count, row.stop);
-    EXPECT_STREQ(buffer, row.lowered);
+TEST_F(url, of_the_dispatcher_is_refused) {
+  const std::string failed = "Login_Host_Port Info Parsing Fail!";
+  // clang-format off
+  const std::pair<lines, lines> rows[] = {
+      {{"sftp://h/x"}, {"Protocol Not Support!"}}, {{"", "ftp://\t"}, {"URL Invalid!"}},
+      {{"ftp://@h/"}, {"Login Info Invalid!", failed}}, {{"http:///path", "http://h:/"}, {"Host Info Invalid!", failed}},
+      {{"ftp://user@h/", "http://:80/", "http://[::1/", "http://h:8x/", "http://h:65536/", "http://h:-1/"}, {failed}}};
+  // clang-format on
+  for (const auto& [texts, errors] : rows) {
+    for (const std::string& text : texts) {
+      log.clear();
+      dl_url_parts parts;
+      EXPECT_EQ(dl_url_split(text.c_str(), parts), -1);
+      EXPECT_EQ(log.messages(DL_LOG_ERROR), errors) << text;
+    }
   }
+  test::set_option(DL_OPT_IPV6, 0);
+  dl_url_parts parts;
+  EXPECT_EQ(dl_url_split("http://[::1]/", parts), -1);
 }
 
 }  // namespace
