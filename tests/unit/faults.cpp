@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
 #include <new>
 
 #include "include/fetchrig_openssl.h"
@@ -22,12 +21,11 @@
 namespace {
 
 enum class target { none, memory, send, receive, write, close };
-
 constexpr int short_count = -1;  // instead of an errno: one byte is moved
 
 struct fault_plan {
   target what = target::none;
-  int error = 0;
+  int error = ENOMEM;
   bool lasting = false;  // all further calls fail as well
   long calls_left = 0;
   bool happened = false;
@@ -39,17 +37,16 @@ bool strikes(target what) {
   --plan.calls_left;
   if (plan.calls_left > 0 || (plan.calls_left < 0 && !plan.lasting)) return false;
   plan.happened = true;
-  if (what == target::memory) errno = ENOMEM;
+  if (plan.error > 0) errno = plan.error;
   return true;
 }
 
 // The call, or -1 with errno, or the call with `count` cut to one byte.
 template <typename Call>
 ssize_t faulty(target what, std::size_t count, Call call) {
-  if (!strikes(what)) return call(count);
-  if (plan.error == short_count) return call(std::min<std::size_t>(count, 1));
-  errno = plan.error;
-  return -1;
+  const bool struck = strikes(what);
+  if (struck && plan.error != short_count) return -1;
+  return call(struck ? std::min<std::size_t>(count, 1) : count);
 }
 
 template <typename Function>
@@ -96,9 +93,7 @@ REPLACED ssize_t write(int fd, const void* from, size_t count) {
 REPLACED int close(int fd) {
   static const auto real = next<decltype(close)>("close");
   const int rc = real(fd);
-  if (!strikes(target::close)) return rc;
-  errno = plan.error;
-  return -1;
+  return strikes(target::close) ? -1 : rc;
 }
 }
 
@@ -121,101 +116,92 @@ namespace {
 
 using namespace test;
 
-// One transfer: what the peer plays and what the library is asked to do.
+class faults;
+
+// What the peer plays and what the library is asked to do.
 struct transfer {
   const char* name;
   std::vector<connection_script> scripts;
+  int (faults::*run)(const char* url, dl_result* result);
   bool tls = false;
-  std::function<int(const char* url, dl_result* result)> run;
-  bool leaves_file = false;
-  bool dispatched = false;  // a failure of the dispatcher itself leaves the result clear
 };
 
 class faults : public leak_free {
- protected:
+ public:
   faults() {
-    write_file(upload_, make_bytes(3000));
+    write_file(upload_, content_);
     set_option(DL_OPT_HTTPS_CA_DIR, ca_.hashed_dir());
     set_option(DL_OPT_SSL_METHOD, 3);
     set_option(DL_OPT_VERIFY_PEER, 1);
   }
 
+  static connection_script answered(const std::string& bytes, std::size_t uploaded = 0) {
+    return {expect_until("\r\n\r\n"), expect_length(uploaded), test::send(bytes)};
+  }
+  int download(const char* url, dl_result* result) {
+    const dl_http_request get = {DL_METHOD_GET, url, "phone", "s3cret", nullptr, nullptr, nullptr};
+    return dl_http_recv_to_file(&get, local_.c_str(), redirect_, result);
+  }
+  int upload(const char* url, dl_result* result) {
+    const dl_http_request put = {DL_METHOD_PUT, url, "phone", "s3cret", nullptr, "boundary=XyZ\r\n", nullptr};
+    dl_http_session* session = nullptr;
+    return dl_http_post_file(&session, &put, upload_.c_str(), redirect_, result);
+  }
   int read_by_hand(const char* url, dl_result* result) {
     const dl_request request = {url, nullptr, nullptr, nullptr};
     dl_handle* handle = nullptr;
     if (dl_open(&request, &handle, redirect_, result) < 0) return -1;
     char buffer[700];
-    int count = 0;
-    std::size_t total = 0;
-    while ((count = dl_read(handle, buffer, sizeof buffer, result)) > 0)
-      total += static_cast<std::size_t>(count);
+    int count = 0, total = 0;
+    while ((count = dl_read(handle, buffer, sizeof buffer, result)) > 0) total += count;
     dl_close(handle);
-    return count < 0 ? -1 : total == content_.size() ? 0 : 1;
+    return count < 0 ? -1 : total != 3000;
   }
-
-  connection_script answered(const std::string& bytes, std::size_t uploaded = 0) const {
-    return {expect_until("\r\n\r\n"), expect_length(uploaded), test::send(bytes)};
+  // Whatever fails there is a ring: the file, else the one that the ring name tells.
+  int ring(const char* url, dl_result*) {
+    char alert[64], path[64] = {};
+    int32_t number = 0;
+    snprintf(alert, sizeof alert, "http://localhost%s", strrchr(url, ':'));
+    const int rc = dl_distinctive_ringtone_download(alert, "ringtone-6", &number, path, sizeof path);
+    if (path[0]) unlink(path);
+    return rc == 1 && number == (path[0] ? -1 : 6) ? 0 : 1;
   }
-  transfer download_of(const char* name, std::vector<connection_script> scripts, bool tls = false) {
-    const auto run = [this](const char* url, dl_result* result) {
-      const dl_http_request get = {DL_METHOD_GET, url, "phone", "s3cret", nullptr, nullptr, nullptr};
-      return dl_http_recv_to_file(&get, local_.c_str(), redirect_, result);
-    };
-    return {.name = name, .scripts = scripts, .tls = tls, .run = run, .leaves_file = true};
-  }
-  transfer upload_of(const char* name, int32_t method) {
-    const auto run = [this, method](const char* url, dl_result* result) {
-      const dl_http_request put = {method, url, "phone", "s3cret", nullptr, "boundary=XyZ\r\n", nullptr};
-      dl_http_session* session = nullptr;
-      return dl_http_post_file(&session, &put, upload_.c_str(), redirect_, result);
-    };
-    return {.name = name,
-            .scripts = {answered(unauthorized("Basic"), 3000), answered(response("201 Created"), 3000)},
-            .run = run};
-  }
-
   // One run with `with` as the plan; sets `happened`, and judges everything but the code.
   int run_once(const transfer& job, const fault_plan& with, dl_result& result, bool& happened) {
-    const auto before = open_descriptors();
-    int rc = 1;
-    {
-      const tls_settings tls{.cert_file = files_.cert, .key_file = files_.key};
-      tcp_peer server(job.scripts, {.tls = job.tls ? std::optional(tls) : std::nullopt, .repeat_last = true});
-      const std::string url = server.url(job.tls ? "https" : "http", "/a");
-      ::plan = with;
-      rc = job.run(url.c_str(), &result);
-      happened = ::plan.happened;
-      ::plan = {};
-      server.problems();
-    }
-    EXPECT_TRUE(before == open_descriptors()) << "a descriptor was left open";
-    EXPECT_EQ(job.leaves_file && rc == 0, file_exists(local_)) << result.code;
-    if (job.leaves_file && rc == 0) {
-      EXPECT_TRUE(content_ == read_file(local_));
-      unlink(local_.c_str());
-    }
+    const descriptor_check check;
+    const tls_settings tls{.cert_file = files_.cert, .key_file = files_.key};
+    tcp_peer server(job.scripts, {.tls = job.tls ? std::optional(tls) : std::nullopt, .repeat_last = true});
+    const std::string url = server.url(job.tls ? "https" : "http", "/a");
+    ::plan = with;
+    const int rc = (this->*job.run)(url.c_str(), &result);
+    happened = ::plan.happened;
+    ::plan = {};
+    server.problems();
+    // A failure of the dispatcher itself leaves the result clear.
+    EXPECT_TRUE(result.code == 0 ? rc == 0 || job.run == &faults::read_by_hand : rc == -1);
+    EXPECT_EQ(job.run == &faults::download && rc == 0, file_exists(local_)) << result.code;
+    EXPECT_TRUE(!file_exists(local_) || content_ == read_file(local_));
+    unlink(local_.c_str());
     return rc;
   }
 
   // Every n; `codes` are those that name the fault, 0 among them when the transfer may succeed in spite of
   // it.
   void fail_each(const transfer& job, fault_plan with, const std::vector<int32_t>& codes) {
-    SCOPED_TRACE(::testing::Message() << job.name << " " << static_cast<int>(with.what));
-    for (long nth = 1;; ++nth) {
+    SCOPED_TRACE(::testing::Message() << job.name << " " << static_cast<int>(with.what) << " " << with.error);
+    for (long nth = 1; !HasFailure(); ++nth) {
       SCOPED_TRACE(nth);
       ASSERT_LT(nth, 1000);
       with.calls_left = nth;
       dl_result result = {};
       bool happened = false;
       const int rc = run_once(job, with, result, happened);
-      EXPECT_TRUE(result.code == 0 ? rc == 0 || job.dispatched : rc == -1);
       if (!happened) {
         EXPECT_EQ(0, rc) << result.message;
         EXPECT_GT(nth, 1) << "nothing was there to fail";
         return;
       }
       EXPECT_NE(codes.end(), std::find(codes.begin(), codes.end(), result.code)) << result.code;
-      if (HasFailure()) return;
     }
   }
 
@@ -224,37 +210,23 @@ class faults : public leak_free {
   test_ca ca_{place_};
   cert_files files_ = ca_.issue("server");
   const std::string content_ = make_bytes(3000);
-  const std::string local_ = place_.file("got");
-  const std::string upload_ = place_.file("local");
+  const std::string local_ = place_.file("got"), upload_ = place_.file("local");
   char redirect_[DL_REDIRECT_SIZE] = {};
-  const std::string chunks_ = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3e8\r\n" +
-                              content_.substr(0, 1000) + "\r\n7d0\r\n" + content_.substr(1000) +
-                              "\r\n0\r\n\r\n";
-  const transfer chunked_ = download_of(
-      "redirected, challenged, chunked download",
-      {answered(redirect_to("http://127.0.0.1:@PORT@/b")),
-       answered(unauthorized("Digest realm=\"v\", nonce=\"n\", qop=\"auth\"")), answered(chunks_)});
-  const transfer sized_ = download_of("download", {answered(response("200 OK", content_))});
-  const transfer tls_ = download_of("download over TLS", {answered(response("200 OK", content_))}, true);
-  const transfer put_ = upload_of("PUT", DL_METHOD_PUT);
-  const transfer post_ = upload_of("POST", DL_METHOD_POST);
-  const transfer read_loop_ = {
-      .name = "open, read, close",
-      .scripts = {answered(chunks_)},
-      .run = [this](const char* url, dl_result* result) { return read_by_hand(url, result); },
-      .dispatched = true};
-  // Whatever fails there is a ring: the file, else the one that the ring name tells.
-  const transfer ring_ = {.name = "ring",
-                          .scripts = {answered(response("200 OK", make_wave(600)))},
-                          .run = [](const char* url, dl_result*) {
-                            char alert[64], path[64] = {};
-                            int32_t number = 0;
-                            snprintf(alert, sizeof alert, "http://localhost%s", strrchr(url, ':'));
-                            const int rc = dl_distinctive_ringtone_download(alert, "ringtone-6", &number,
-                                                                            path, sizeof path);
-                            if (path[0]) unlink(path);
-                            return rc == 1 && number == (path[0] ? -1 : 6) ? 0 : 1;
-                          }};
+  const connection_script sized_answer_ = answered(response("200 OK", content_));
+  const connection_script chunked_answer_ =
+      answered("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3e8\r\n" + content_.substr(0, 1000) +
+               "\r\n7d0\r\n" + content_.substr(1000) + "\r\n0\r\n\r\n");
+  const connection_script to_b_ = answered(redirect_to("http://127.0.0.1:@PORT@/b"));
+  const connection_script digest_ = answered(unauthorized("Digest realm=\"v\", nonce=\"n\", qop=\"auth\""));
+  const connection_script basic_ = answered(unauthorized("Basic"), 3000);
+  const connection_script created_ = answered(response("201 Created"), 3000);
+  const connection_script wave_ = answered(response("200 OK", make_wave(600)));
+  const transfer chunked_{"chunked download", {to_b_, digest_, chunked_answer_}, &faults::download};
+  const transfer sized_{"download", {sized_answer_}, &faults::download};
+  const transfer tls_{"download over TLS", {sized_answer_}, &faults::download, true};
+  const transfer read_loop_{"open, read, close", {chunked_answer_}, &faults::read_by_hand};
+  const transfer put_{"PUT", {basic_, created_}, &faults::upload};
+  const transfer ring_{"ring", {wave_}, &faults::ring};
 };
 
 // A look-up without memory reads "Wrong host", a composition "Send Error", a reconnection "Connect Failed",
@@ -264,8 +236,8 @@ TEST_F(faults, memory) {
                                       DL_ERR_CONNECT, DL_ERR_AUTH, 0};
   for (const bool lasting : {false, true}) {
     SCOPED_TRACE(lasting);
-    for (const transfer* job : {&chunked_, &sized_, &read_loop_, &ring_, &put_, &post_})
-      fail_each(*job, {.what = target::memory, .error = ENOMEM, .lasting = lasting}, codes);
+    for (const transfer* job : {&chunked_, &sized_, &read_loop_, &ring_, &put_})
+      fail_each(*job, {.what = target::memory, .lasting = lasting}, codes);
   }
 }
 
@@ -278,36 +250,32 @@ TEST_F(faults, memory_removes_no_file) {
     dl_trust_ca_list list;
     EVP_PKEY* key = nullptr;
     int reused = 0;
-    const long nth = n / 2;
-    const fault_plan no_memory = {.what = target::memory, .lasting = n % 2 == 1, .calls_left = nth};
+    const fault_plan no_memory = {.what = target::memory, .lasting = n % 2 == 1, .calls_left = n / 2};
     ::plan = no_memory;
     dl_get_trust_ca_info(&list);
     ::plan = no_memory;
     dl_cert_build_rsa_key(files_.key.c_str(), 512, &key, &reused);
     ::plan = {};
     EVP_PKEY_free(key);
-    ASSERT_TRUE(file_exists(store.file("a.0")) && file_exists(files_.key)) << nth;
+    ASSERT_TRUE(file_exists(store.file("a.0")) && file_exists(files_.key)) << n;
   }
 }
 
 TEST_F(faults, calls_that_fail) {
-  const std::vector<int32_t> closed = {0, DL_ERR_READ};
-  for (const transfer* job : {&chunked_, &sized_, &put_}) {
-    fail_each(*job, {.what = target::send, .error = EPIPE}, {DL_ERR_SEND});
-    fail_each(*job, {.what = target::receive, .error = ECONNRESET}, {DL_ERR_READ, -1});
-    fail_each(*job, {.what = target::close, .error = EIO}, closed);
-    if (job->leaves_file) fail_each(*job, {.what = target::write, .error = ENOSPC}, {DL_ERR_READ});
-  }
   const std::vector<int32_t> broken = {DL_ERR_CONNECT, DL_ERR_SEND, DL_ERR_READ, -1, 0};
-  fail_each(tls_, {.what = target::send, .error = EPIPE}, broken);
-  fail_each(tls_, {.what = target::receive, .error = ECONNRESET}, broken);
-  fail_each(tls_, {.what = target::close, .error = EIO}, closed);
+  for (const transfer* job : {&chunked_, &sized_, &put_, &tls_}) {
+    fail_each(*job, {.what = target::send, .error = EPIPE}, job->tls ? broken : std::vector{-4});
+    fail_each(*job, {.what = target::receive, .error = ECONNRESET}, job->tls ? broken : std::vector{-8, -1});
+    fail_each(*job, {.what = target::close, .error = EIO}, {0, DL_ERR_READ});
+    if (job->run == &faults::download)
+      fail_each(*job, {.what = target::write, .error = ENOSPC}, {DL_ERR_READ});
+  }
 }
 
 TEST_F(faults, interrupted_and_short_calls_change_nothing) {
   for (const int error : {EINTR, short_count}) {
     SCOPED_TRACE(error);
-    for (const transfer* job : {&chunked_, &post_, &tls_}) {
+    for (const transfer* job : {&chunked_, &put_, &tls_}) {
       fail_each(*job, {.what = target::send, .error = error}, {0});
       fail_each(*job, {.what = target::receive, .error = error}, {0});
     }
