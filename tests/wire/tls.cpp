@@ -1,115 +1,131 @@
-// tls.cpp, tls_bio.cpp and tls_stream.cpp against TLS servers in this process, with certificates made for the
-// test.
-#include <errno.h>
-#include <gtest/gtest.h>
-#include <openssl/ssl.h>
-#include <stdio.h>
-#include <time.h>
+// tls.cpp, tls_host.cpp, tls_bio.cpp and tls_stream.cpp: which certificates name which hosts, and connections
+// to TLS servers in this process.
+#include <openssl/x509v3.h>
 
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "core/openssl_owners.h"
 #include "core/owners.h"
 #include "include/fetchrig_openssl.h"
 #include "net/stream.h"
+#include "net/tls_host.h"
 #include "tests/peers/tcp_peer.h"
 #include "tests/support/descriptors.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/options.h"
-#include "tests/support/pki.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/test_ca.h"
 
+namespace test {
 namespace {
 
-using fetchrig::unique_fd;
+using namespace fetchrig;
+using namespace std::string_literals;
+using lines = std::vector<std::string>;
 
-// The certificates of the tests: one CA in a hashed directory, another that no directory holds, servers and
-// clients.
-class certificates {
- public:
-  certificates() {
-    const auto server_key = test::new_ec_key();
-    const std::vector<std::pair<const char*, const char*>> local_names = {
-        {"subjectAltName", "DNS:localhost,DNS:*.example.test,IP:127.0.0.1,IP:::1"}};
-    write_server("good",
-                 test::make_identity("server", server_key, {.issuer = &ca_, .extensions = local_names}));
-    write_server("other", test::make_identity("other.test", server_key, {.issuer = &ca_}));
-    write_server("common", test::make_identity("LocalHost", server_key, {.issuer = &ca_}));
-    write_server("expired",
-                 test::make_identity("localhost", server_key,
-                                     {.issuer = &ca_, .valid_from_s = -7200, .valid_until_s = -3600}));
-    write_server("early", test::make_identity("localhost", server_key,
-                                              {.issuer = &ca_, .valid_from_s = 3600, .valid_until_s = 7200}));
-    write_server("foreign", test::make_identity("localhost", server_key, {.issuer = &foreign_ca_}));
-    write_server("self", test::make_identity("localhost", server_key));
-    store_ = dir_.make_dir("store");
-    char name[32];
-    snprintf(name, sizeof name, "/%08lx.0", X509_subject_name_hash(ca_.certificate.get()));
-    test::write_file(store_ + name, test::pem_of(ca_.certificate.get()));
-    test::write_file(file("ca.pem"), test::pem_of(ca_.certificate.get()));
-    write_clients();
+// A certificate that carries these names and nothing else: an alternative is "DNS:", "URI:" or "IP:" (raw
+// bytes) and the value; a null common name is left out.
+unique_x509 make_certificate(const std::optional<std::string>& common_name, const lines& alternatives) {
+  unique_x509 certificate(X509_new());
+  if (common_name) {
+    X509_NAME_add_entry_by_NID(X509_get_subject_name(certificate.get()), NID_commonName, V_ASN1_UTF8STRING,
+                               reinterpret_cast<const unsigned char*>(common_name->data()),
+                               static_cast<int>(common_name->size()), -1, 0);
   }
+  GENERAL_NAMES* names = GENERAL_NAMES_new();
+  for (const std::string& text : alternatives) {
+    const std::string value = text.substr(text.find(':') + 1);
+    const int type = text.starts_with("DNS") ? GEN_DNS : text.starts_with("IP") ? GEN_IPADD : GEN_URI;
+    ASN1_STRING* bytes = ASN1_STRING_type_new(type == GEN_IPADD ? V_ASN1_OCTET_STRING : V_ASN1_IA5STRING);
+    ASN1_STRING_set(bytes, value.data(), static_cast<int>(value.size()));
+    GENERAL_NAME* name = GENERAL_NAME_new();
+    GENERAL_NAME_set0_value(name, type, bytes);
+    sk_GENERAL_NAME_push(names, name);
+  }
+  X509_add1_ext_i2d(certificate.get(), NID_subject_alt_name, names, 0, 0);
+  GENERAL_NAMES_free(names);
+  return certificate;
+}
 
-  std::string file(const std::string& name) const { return dir_.file(name); }
-  const std::string& store() const { return store_; }
-  test::tls_settings server(const std::string& name, int version = 0) const {
-    return {.cert_file = file(name + ".pem"),
-            .key_file = file(name + ".key"),
-            .min_version = version,
-            .max_version = version};
+TEST(host_name, is_compared_with_the_certificates_names) {
+  const log_capture log;
+  const std::string ipv4 = "IP:\x7f\0\0\1"s, ipv6 = "IP:\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\1"s,
+                    long_name(300, 'n');
+  // clang-format off
+  const struct { const char* what; std::optional<std::string> common_name; lines alternatives, named, others; } rows[] = {
+      {"names", "x", {"URI:u.example", "DNS:other", "DNS:Host.Example"}, {"hOST.eXAMPLE", "other"},
+       {"host.example2", "www.host.example", "u.example", "x.example"}},
+      {"empty names and NUL", "x", {"DNS:", "DNS:\0"s, "DNS:good.example\0.evil.example"s}, {}, {"", "good.example"}},
+      {"wildcard", "x", {"DNS:*.Example.org"}, {"WWW.example.org", ".example.org"}, {"a.b.example.org", "example.org"}},
+      {"no wildcards", "x", {"DNS:*example.org", "DNS:w*.example.org", "DNS:www.*.org", "DNS:*", "DNS:*.", "DNS:*.host"},
+       {}, {"wexample.org", "www.example.org", "host"}},
+      {"common name", "host.example", {"DNS:other"}, {"HOST.example"}, {"host"}},
+      {"common name, wildcard", "*.example.org", {}, {"www.example.org"}, {"a.b.example.org"}},
+      {"common name, 255 characters count", long_name, {}, {long_name.substr(0, 255)}, {long_name}},
+      {"no common name", {}, {"DNS:h"}, {"h"}, {"host"}},
+      {"IPv4", "x", {ipv4, "DNS:127.0.0.2"}, {"127.0.0.1", "127.1"}, {"127.0.0.2", "localhost", "::1"}},
+      {"not quite IPv4", "x", {"DNS:1.2.3.400", "DNS:2130706433", "DNS:127.0.0.1.", "DNS:1.example"},
+       {"1.2.3.400", "2130706433", "127.0.0.1.", "1.example"}, {}},
+      {"IPv6", "x", {ipv6, "DNS:::2"}, {"::1", "[::1]", "[0:0:0:0:0:0:0:1]"}, {"::2"}},
+      {"not quite IPv6", "x", {"DNS:::1::", "DNS:[::g]", "DNS:::h"}, {"::1::", "[::g]"}, {"[::h]"}},
+      {"common name spells the address", "::1", {}, {"::1"}, {}},
+  };
+  // clang-format on
+  for (const auto& row : rows) {
+    const unique_x509 certificate = make_certificate(row.common_name, row.alternatives);
+    const auto check = [&](const std::string& host) {
+      return ssl_check_host_name(certificate.get(), host.c_str());
+    };
+    for (const std::string& host : row.named) EXPECT_EQ(check(host), 0) << row.what << ": " << host;
+    for (const std::string& host : row.others) EXPECT_EQ(check(host), -1) << row.what << ": " << host;
   }
-
- private:
-  void write_server(const std::string& name, const test::identity& server) const {
-    test::write_file(file(name + ".pem"), test::pem_of(server.certificate.get()));
-    test::write_file(file(name + ".key"), test::pem_of(server.key.get()));
-  }
-  void write_clients() const {
-    const test::identity phone = test::make_identity("phone", test::new_ec_key(), {.issuer = &ca_});
-    const std::string certificate = test::pem_of(phone.certificate.get());
-    test::write_file(file("phone.pem"), certificate + test::pem_of(phone.key.get()));
-    test::write_file(file("phone-encrypted.pem"), certificate + test::pem_of(phone.key.get(), "open sesame"));
-    test::write_file(file("phone-without-key.pem"), certificate);
-    test::write_file(file("phone-mismatch.pem"), certificate + test::pem_of(test::new_ec_key().get()));
-    test::write_file(file("garbage.pem"), "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n");
-    const test::identity old = test::make_identity("old", test::new_rsa_key(2048), {.digest = EVP_md5()});
-    test::write_file(file("old.pem"), test::pem_of(old.certificate.get()) + test::pem_of(old.key.get()));
-  }
-
-  test::temp_dir dir_;
-  const test::identity ca_ =
-      test::make_identity("Test CA", test::new_ec_key(), {.extensions = test::ca_extensions});
-  const test::identity foreign_ca_ =
-      test::make_identity("Foreign CA", test::new_ec_key(), {.extensions = test::ca_extensions});
-  std::string store_;
-};
+  EXPECT_EQ(log.messages(), lines{"TLS: unable to get common name from peer certificate."}) << "of \"host\"";
+}
 
 // Made once; every test only reads.
+struct certificates {
+  certificates() {
+    write_file(self.key, pem_of(foreign.root().key.get()));
+    write_file(dir.file("mismatch.pem"), read_file(phone.cert) + read_file(good.key));
+    write_file(dir.file("garbage.pem"), "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n");
+    const identity weak = make_identity("old", new_rsa_key(2048), {.digest = EVP_md5()});
+    write_file(dir.file("old.pem"), pem_of(weak.certificate.get()) + pem_of(weak.key.get()));
+  }
+
+  temp_dir dir;
+  const test_ca ca{dir}, foreign{dir, "foreign"};
+  const cert_files good = ca.issue("good", {"server", "DNS:localhost,IP:127.0.0.1"});
+  const cert_files other = ca.issue("other", {"other.test", ""}),
+                   common = ca.issue("common", {"LocalHost", ""});
+  const cert_files expired = ca.issue("expired", {"localhost", "", -7200, -3600});
+  const cert_files early = ca.issue("early", {"localhost", "", 3600, 7200});
+  const cert_files unknown = foreign.issue("unknown", {"localhost", ""});
+  const cert_files self = {foreign.file(), dir.file("self.key"), ""};
+  const cert_files phone = ca.issue("phone", {"phone", ""});
+  const cert_files locked = ca.issue("locked", {.common_name = "phone", .passphrase = "open sesame"});
+};
 const certificates& pki() {
   static const certificates all;
   return all;
 }
 
+tls_settings serving(const cert_files& files, int version = 0, const std::string& client_ca = "") {
+  return {files.cert, files.key, version, version, client_ca};
+}
+
 // How dl_do_SSL_connect() is called.
 struct client_settings {
-  int method = 3;
   int verify_peer = 0;
   int verify_host = 0;
   const char* host = "localhost";
-  std::string ca_dir = pki().store();
   std::string cert_file = "";
+  int method = 3;
+  std::string ca_dir = pki().ca.hashed_dir();
 };
 
 // A client's connection; `ssl` is null when the set-up failed.
 struct client {
-  unique_fd sock;
-  fetchrig::unique_ssl_ctx ctx;
-  fetchrig::unique_ssl ssl;
-  int result = 0;
-
-  client(uint16_t port, const client_settings& settings) : sock(dl_connect("127.0.0.1", port, 0, 5)) {
+  explicit client(const tcp_peer& server, const client_settings& settings = {})
+      : sock(dl_connect("127.0.0.1", server.port(), 0, 5)) {
     SSL* made_ssl = nullptr;
     SSL_CTX* made_ctx = nullptr;
     result =
@@ -117,279 +133,172 @@ struct client {
                           settings.verify_peer, settings.verify_host, settings.host, &made_ssl, &made_ctx);
     ssl.reset(made_ssl);
     ctx.reset(made_ctx);
-    EXPECT_EQ(made_ssl != nullptr, result == 0);
-    EXPECT_EQ(made_ctx != nullptr, result == 0);
+    EXPECT_TRUE((ssl && ctx && result == 0) || (!ssl && !ctx && result == DL_ERR_CONNECT)) << result;
   }
   ~client() {
     if (ssl) SSL_shutdown(ssl.get());
   }
+  tls_stream bytes() const { return tls_stream(ssl.get()); }
+  // Says "bye", expects "hello".
+  bool talks() {
+    std::string answer(5, '\0');
+    return ssl && bytes().write_all({"bye", 3}) == 0 && bytes().read(answer, 5).count == 5 &&
+           answer == "hello";
+  }
+
+  unique_fd sock;
+  unique_ssl_ctx ctx;
+  unique_ssl ssl;
+  int result = 0;
 };
 
-// Says "bye", expects "hello".
-bool talks(const client& connection) {
-  if (!connection.ssl) return false;
-  fetchrig::tls_stream stream(connection.ssl.get());
-  std::string answer(5, '\0');
-  return stream.write_all({"bye", 3}) == 0 && stream.read(answer, 5).count == 5 && answer == "hello";
-}
+const std::vector<connection_script> small_talk = {{expect("bye"), send("hello")}};
+const lines not_connected = {"SSL Connect error"};
 
-const std::vector<test::connection_script> small_talk = {{test::expect("bye"), test::send("hello")}};
-
-class tls : public test::leak_free {
+class tls : public leak_free {
  protected:
-  test::library library;
-  test::log_capture log;
+  library library_;
+  log_capture log_;
 };
 
-struct connect_row {
-  const char* what;
-  const char* server;
-  client_settings client;
-  std::vector<std::string>
-      errors;       // logged at error level; only "Private key not match" lets the set-up go on
-  int version = 0;  // the only one that the server offers; 0: any
-};
-
-std::string does_not_verify(int code) {
-  return "Certificate doesn't verify and error is " + std::to_string(code);
-}
-const std::string not_trusted = "trust check error";
-const std::string not_named = "Common name and subject alt name doesn't match host name";
-
-std::vector<connect_row> server_rows() {
-  return {
-      {"self-signed, nothing is checked", "self", {.host = "else.test"}, {}},
-      {"host check alone checks nothing", "other", {.verify_host = 1}, {}},
-      {"chain of the CA directory", "good", {.verify_peer = 1}, {}},
-      {"chain good, name not asked for", "other", {.verify_peer = 1}, {}},
-      {"CA not in the directory", "foreign", {.verify_peer = 1}, {does_not_verify(20), not_trusted}},
-      {"self-signed", "self", {.verify_peer = 1}, {does_not_verify(18), not_trusted}},
-      {"expired", "expired", {.verify_peer = 1}, {does_not_verify(10), not_trusted}},
-      {"not yet valid", "early", {.verify_peer = 1}, {does_not_verify(9), not_trusted}},
-      {"expired, nothing is checked", "expired", {}, {}},
-      {"alternative name", "good", {.verify_peer = 1, .verify_host = 1, .host = "LOCALHOST"}, {}},
-      {"wildcard", "good", {.verify_peer = 1, .verify_host = 1, .host = "www.example.test"}, {}},
-      {"IPv4 address", "good", {.verify_peer = 1, .verify_host = 1, .host = "127.0.0.1"}, {}},
-      {"IPv6 address", "good", {.verify_peer = 1, .verify_host = 1, .host = "[::1]"}, {}},
-      {"common name", "common", {.verify_peer = 1, .verify_host = 1}, {}},
-      {"wrong name", "other", {.verify_peer = 1, .verify_host = 1}, {not_named, not_trusted}},
-      {"a bad chain is judged before the name",
-       "expired",
-       {.verify_peer = 1, .verify_host = 1, .host = "x"},
-       {does_not_verify(10), not_trusted}},
-      {"empty directory",
-       "good",
-       {.verify_peer = 1, .ca_dir = pki().file("")},
-       {does_not_verify(20), not_trusted}},
-      {"missing directory",
-       "good",
-       {.verify_peer = 1, .ca_dir = "/nonexistent/"},
-       {does_not_verify(20), not_trusted}},
-
-      {"method 0 is TLS 1.0", "good", {.method = 0}, {}, TLS1_VERSION},
-      {"method 0 with a server for 1.2", "good", {.method = 0}, {"SSL Connect error"}, TLS1_2_VERSION},
-      {"method 1", "good", {.method = 1}, {"SSL 2.0 and SSL 3.0 are not available"}},
-      {"method 2", "good", {.method = 2}, {"SSL 2.0 and SSL 3.0 are not available"}},
-      {"method 3 with 1.2", "good", {.method = 3}, {}, TLS1_2_VERSION},
-      {"method 3 with 1.3", "good", {.method = 3}, {}, TLS1_3_VERSION},
-      {"method 4", "good", {.method = 4}, {"wrong method"}},
-      {"method -1", "good", {.method = -1}, {"wrong method"}},
+TEST_F(tls, connections_are_made_or_refused_for_the_stated_reason) {
+  set_option(DL_OPT_KEY_PASSPHRASE, "not it");
+  const certificates& all = pki();
+  const auto does_not_verify = [](int code) {
+    return lines{"Certificate doesn't verify and error is " + std::to_string(code), "trust check error"};
   };
-}
-
-std::vector<connect_row> client_rows() {
-  const std::string no_key = "Can't load private key from CA_serverfile";
-  return {
-      {"no such file", "good", {.cert_file = "/nonexistent/phone.pem"}, {}},
-      {"certificate and key", "good", {.cert_file = pki().file("phone.pem")}, {}},
-      {"key missing", "good", {.cert_file = pki().file("phone-without-key.pem")}, {no_key}},
-      {"key of another certificate",
-       "good",
-       {.cert_file = pki().file("phone-mismatch.pem")},
-       {"Private key not match"}},
-      {"no certificate", "good", {.cert_file = pki().file("garbage.pem")}, {"load publick key error"}},
-      {"encrypted key, wrong pass phrase",
-       "good",
-       {.cert_file = pki().file("phone-encrypted.pem")},
-       {no_key}},
-      {"certificate signed with MD5", "good", {.cert_file = pki().file("old.pem")}, {}},
+  const lines not_named = {"Common name and subject alt name doesn't match host name", "trust check error"};
+  const lines too_old = {"SSL 2.0 and SSL 3.0 are not available"}, no_such = {"wrong method"};
+  const lines no_key = {"Can't load private key from CA_serverfile"}, no_match = {"Private key not match"};
+  // clang-format off
+  const struct { const char* what; const cert_files& server; client_settings client; lines errors; int version = 0; } rows[] = {
+      {"host check alone checks nothing", all.other, {.verify_host = 1}, {}},
+      {"expired, nothing is checked", all.expired, {}, {}},
+      {"chain good, name not asked for", all.other, {1}, {}},
+      {"CA not in the directory", all.unknown, {1}, does_not_verify(20)},
+      {"self-signed", all.self, {1}, does_not_verify(18)},
+      {"expired: judged before the name", all.expired, {1, 1, "x"}, does_not_verify(10)},
+      {"not yet valid", all.early, {1}, does_not_verify(9)},
+      {"missing directory", all.good, {.verify_peer = 1, .ca_dir = "/nonexistent/"}, does_not_verify(20)},
+      {"no directory", all.good, {.ca_dir = ""}, {"loading CA certificate: invalid directory"}},
+      {"alternative name", all.good, {1, 1, "LOCALHOST"}, {}},
+      {"address", all.good, {1, 1, "127.0.0.1"}, {}},
+      {"common name", all.common, {1, 1}, {}},
+      {"wrong name", all.other, {1, 1}, not_named},
+      {"method 0 is TLS 1.0", all.good, {.method = 0}, {}, TLS1_VERSION},
+      {"method 0, server for 1.2", all.good, {.method = 0}, not_connected, TLS1_2_VERSION},
+      {"method 1", all.good, {.method = 1}, too_old}, {"method 2", all.good, {.method = 2}, too_old},
+      {"method 4", all.good, {.method = 4}, no_such}, {"method -1", all.good, {.method = -1}, no_such},
+      {"method 3 with 1.2", all.good, {}, {}, TLS1_2_VERSION}, {"method 3 with 1.3", all.good, {}, {}, TLS1_3_VERSION},
+      {"no such certificate", all.good, {.cert_file = "/nonexistent/phone.pem"}, {}},
+      {"key missing", all.good, {.cert_file = all.phone.cert}, no_key},
+      {"encrypted key, wrong pass phrase", all.good, {.cert_file = all.locked.both}, no_key},
+      {"key of another certificate", all.good, {.cert_file = all.dir.file("mismatch.pem")}, no_match},
+      {"no certificate", all.good, {.cert_file = all.dir.file("garbage.pem")}, {"load publick key error"}},
+      {"certificate signed with MD5", all.good, {.cert_file = all.dir.file("old.pem")}, {}},
   };
-}
-
-bool set_up_succeeds(const connect_row& row) {
-  return row.errors.empty() || row.errors == std::vector<std::string>{"Private key not match"};
-}
-
-void check_row(const connect_row& row, test::log_capture& log) {
-  SCOPED_TRACE(row.what);
-  log.clear();
-  test::tcp_peer server(small_talk, {.tls = pki().server(row.server, row.version)});
-  {
-    const client connection(server.port(), row.client);
-    EXPECT_EQ(connection.result, set_up_succeeds(row) ? 0 : DL_ERR_CONNECT);
-    EXPECT_EQ(talks(connection), set_up_succeeds(row)) << log.all();
-    EXPECT_GT(connection.sock.get(), 2);
-  }
-  EXPECT_EQ(log.messages(DL_LOG_ERROR), row.errors) << log.all();
-  server.finish();
-  if (!set_up_succeeds(row)) server.problems();
-}
-
-TEST_F(tls, servers_are_accepted_or_refused_for_the_stated_reason) {
-  for (const auto& row : server_rows()) check_row(row, log);
-}
-
-TEST_F(tls, client_certificates_load_or_fail_for_the_stated_reason) {
-  test::set_option(DL_OPT_KEY_PASSPHRASE, "not it");
-  for (const auto& row : client_rows()) check_row(row, log);
-}
-
-TEST_F(tls, the_ca_directory_must_be_given) {
-  test::tcp_peer server({{test::stall()}});
-  const client connection(server.port(), {.ca_dir = ""});
-  EXPECT_EQ(connection.result, DL_ERR_CONNECT);
-  const auto errors = log.messages(DL_LOG_ERROR);
-  ASSERT_EQ(errors.size(), 1U) << log.all();
-  EXPECT_EQ(errors[0].rfind("loading CA certificate: ", 0), 0U) << errors[0];
-}
-
-TEST_F(tls, a_server_that_demands_a_certificate_gets_it) {
-  test::set_option(DL_OPT_KEY_PASSPHRASE, "open sesame");
-  for (const char* file : {"phone.pem", "phone-encrypted.pem"}) {
-    for (const int version : {TLS1_VERSION, TLS1_2_VERSION, TLS1_3_VERSION}) {
-      SCOPED_TRACE(std::string(file) + " " + std::to_string(version));
-      test::tls_settings settings = pki().server("good", version);
-      settings.client_ca_file = pki().file("ca.pem");
-      test::tcp_peer server(small_talk, {.tls = settings});
-      {
-        const client connection(server.port(),
-                                {.method = version == TLS1_VERSION ? 0 : 3, .cert_file = pki().file(file)});
-        EXPECT_TRUE(talks(connection)) << log.all();
-      }
-      EXPECT_TRUE(server.finish());
-      EXPECT_EQ(server.tls(0).client_subject, "/O=Test/CN=phone");
-    }
+  // clang-format on
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    log_.clear();
+    const bool good = row.errors.empty() || row.errors == no_match;
+    tcp_peer server(small_talk, {.tls = serving(row.server, row.version)});
+    EXPECT_EQ(client(server, row.client).talks(), good) << log_.all();
+    EXPECT_EQ(log_.messages(DL_LOG_ERROR), row.errors) << log_.all();
+    EXPECT_TRUE(server.finish());
+    if (!good) server.problems();
   }
 }
 
-TEST_F(tls, a_server_that_demands_a_certificate_in_vain_ends_the_handshake) {
-  test::tls_settings settings = pki().server("good", TLS1_2_VERSION);
-  settings.client_ca_file = pki().file("ca.pem");
-  test::tcp_peer server(small_talk, {.tls = settings});
-  const client connection(server.port(), {});
-  EXPECT_EQ(connection.result, DL_ERR_CONNECT);
-  EXPECT_EQ(log.messages(DL_LOG_ERROR), std::vector<std::string>{"SSL Connect error"});
-  EXPECT_TRUE(log.contains("DCMN", DL_LOG_INFO, "Https ca serverfile file no exist"));
+TEST_F(tls, a_server_that_demands_a_certificate_gets_it_or_ends_the_handshake) {
+  set_option(DL_OPT_KEY_PASSPHRASE, "open sesame");
+  const std::pair<int, std::string> rows[] = {{TLS1_VERSION, pki().phone.both},
+                                              {TLS1_2_VERSION, pki().locked.both},
+                                              {TLS1_3_VERSION, pki().phone.both},
+                                              {TLS1_2_VERSION, ""}};
+  for (const auto& [version, file] : rows) {
+    tcp_peer server(small_talk, {.tls = serving(pki().good, version, pki().ca.file())});
+    EXPECT_EQ(client(server, {.cert_file = file, .method = version == TLS1_VERSION ? 0 : 3}).talks(),
+              !file.empty());
+    EXPECT_TRUE(server.finish());
+    EXPECT_EQ(server.tls(0).client_subject, file.empty() ? "" : "/O=Test/CN=phone");
+    if (file.empty()) server.problems();
+  }
+  EXPECT_EQ(log_.messages(DL_LOG_ERROR), not_connected);
+  EXPECT_TRUE(log_.contains("DCMN", DL_LOG_INFO, "Https ca serverfile file no exist"));
 }
 
 TEST_F(tls, names_are_announced_and_addresses_are_not) {
-  const struct {
-    const char* host;
-    const char* announced;
-  } rows[] = {
-      {"localhost", "localhost"}, {"127.0.0.1", ""}, {"127.1", ""}, {"::1", ""}, {"[::1]", ""}, {"", ""}};
-  for (const auto& row : rows) {
-    test::tcp_peer server(small_talk, {.tls = pki().server("good")});
-    {
-      const client connection(server.port(), {.host = row.host});
-      EXPECT_TRUE(talks(connection)) << row.host << log.all();
-    }
+  for (const char* host : {"localhost", "127.0.0.1", "127.1", "::1", "[::1]", ""}) {
+    tcp_peer server(small_talk, {.tls = serving(pki().good)});
+    EXPECT_TRUE(client(server, {.host = host}).talks()) << host << log_.all();
     EXPECT_TRUE(server.finish());
-    EXPECT_EQ(server.tls(0).server_name, row.announced);
+    EXPECT_EQ(server.tls(0).server_name, std::string(host) == "localhost" ? host : "");
   }
 }
 
 TEST_F(tls, servers_that_speak_no_tls) {
-  for (const auto& script :
-       {test::connection_script{test::send("HTTP/1.1 400 Bad Request\r\n\r\n"), test::stall()},
-        test::connection_script{test::hang_up()}, test::connection_script{test::reset()}}) {
-    log.clear();
-    test::tcp_peer server({script});
-    const client connection(server.port(), {});
-    EXPECT_EQ(connection.result, DL_ERR_CONNECT);
-    EXPECT_EQ(log.messages(DL_LOG_ERROR), std::vector<std::string>{"SSL Connect error"}) << log.all();
+  for (const connection_script& script :
+       {connection_script{send("HTTP/1.1 400 No\r\n\r\n"), stall()}, {hang_up()}, {reset()}}) {
+    log_.clear();
+    tcp_peer server({script});
+    EXPECT_FALSE(client(server).ssl);
+    EXPECT_EQ(log_.messages(DL_LOG_ERROR), not_connected) << log_.all();
   }
 }
 
 // The limit is in whole seconds, so these wait for one.
 TEST_F(tls, a_silent_server_is_given_up_after_the_limit) {
   dl_set_tls_wait_limit(1);
-  test::tcp_peer early({{test::send("x"), test::stall()}}, {.tls = pki().server("good")});
-  const client direct(early.port(), {});
+  tcp_peer early({{send("x"), stall()}}, {.tls = serving(pki().good)}), mute({{stall()}});
+  const client direct(early);
   ASSERT_TRUE(direct.ssl);
-  test::tcp_peer mute({{test::stall()}});
-  const client refused(mute.port(), {});
-  EXPECT_EQ(refused.result, DL_ERR_CONNECT);
-  EXPECT_TRUE(log.contains("DCMN", DL_LOG_NOTICE, "TLS handshake errno " + std::to_string(ETIMEDOUT)))
-      << log.all();
-
+  EXPECT_FALSE(client(mute).ssl);
+  EXPECT_TRUE(log_.contains("DCMN", DL_LOG_NOTICE, "TLS handshake errno " + std::to_string(ETIMEDOUT)))
+      << log_.all();
   char byte = 0;
   EXPECT_EQ(SSL_read(direct.ssl.get(), &byte, 1), 1) << "the handshake's limit is over with the handshake";
-
-  test::tcp_peer server({{test::send("x"), test::stall()}}, {.tls = pki().server("good")});
-  const client connection(server.port(), {});
-  dl_set_tls_wait_limit(0);
-  ASSERT_TRUE(connection.ssl);
-  fetchrig::tls_stream stream(connection.ssl.get());
-  EXPECT_EQ(stream.read({&byte, 1}, 60).count, 1);
-  const fetchrig::io_result nothing = stream.read({&byte, 1}, 60);
-  EXPECT_LT(nothing.count, 0);
-  EXPECT_EQ(nothing.error, ETIMEDOUT);
+  const io_result nothing = direct.bytes().read({&byte, 1}, 60);
+  EXPECT_EQ(std::pair(nothing.count, nothing.error), std::pair(std::ptrdiff_t{-1}, ETIMEDOUT));
 }
 
 TEST_F(tls, peeking_leaves_the_bytes) {
-  for (const test::delivery mode : test::all_deliveries) {
-    test::tcp_peer server({{test::send("ab"), test::send("cdef")}},
-                          {.mode = mode, .tls = pki().server("good")});
-    const client connection(server.port(), {});
-    ASSERT_TRUE(connection.ssl);
-    fetchrig::tls_stream stream(connection.ssl.get());
-    std::string all;
-    char buffer[8];
-    EXPECT_EQ(stream.peek({buffer, 0}, 5).count, 0);
-    for (;;) {
-      const auto peeked = stream.peek({buffer, 1}, 5).count;
-      const char seen = buffer[0];
-      const auto count = stream.read(buffer, 5).count;
-      if (count <= 0) {
-        EXPECT_EQ(peeked, 0) << "the end is seen by both";
-        EXPECT_EQ(count, 0);
-        break;
-      }
-      EXPECT_EQ(peeked, 1);
-      EXPECT_EQ(buffer[0], seen);
-      all.append(buffer, static_cast<size_t>(count));
-    }
-    EXPECT_EQ(all, "abcdef");
+  tcp_peer server({{send("ab"), send("cdef")}}, {.mode = delivery::byte_by_byte, .tls = serving(pki().good)});
+  const client connection(server);
+  ASSERT_TRUE(connection.ssl);
+  tls_stream stream = connection.bytes();
+  std::string all;
+  char seen = 0, buffer[8] = {};
+  EXPECT_EQ(stream.peek({buffer, 0}, 5).count, 0);
+  while (stream.peek({&seen, 1}, 5).count == 1) {
+    const auto count = stream.read(buffer, 5).count;
+    ASSERT_GT(count, 0);
+    EXPECT_EQ(buffer[0], seen);
+    all.append(buffer, static_cast<size_t>(count));
   }
+  EXPECT_EQ(all, "abcdef");
+  EXPECT_EQ(stream.peek({&seen, 1}, 5).count, 0) << "the end";
+  EXPECT_EQ(stream.read(buffer, 5).count, 0);
 }
 
 // SIGPIPE would end the test.
 TEST_F(tls, writing_to_a_closed_connection_fails_without_a_signal) {
-  test::tcp_peer server({{test::reset()}}, {.tls = pki().server("good")});
-  {
-    const client connection(server.port(), {});
-    ASSERT_TRUE(connection.ssl);
-    EXPECT_TRUE(server.finish());
-    fetchrig::tls_stream stream(connection.ssl.get());
-    const std::string content(1000000, 'c');
-    EXPECT_EQ(stream.write_all(content), -1);
-    EXPECT_EQ(stream.write_all(content), -1);
-  }
+  tcp_peer server({{reset()}}, {.tls = serving(pki().good)});
+  const client connection(server);
+  ASSERT_TRUE(connection.ssl && server.finish());
+  for (int again = 0; again < 2; ++again)
+    EXPECT_EQ(connection.bytes().write_all(std::string(1000000, 'c')), -1);
 }
 
 TEST_F(tls, connections_are_made_by_several_threads_at_once) {
-  test::tcp_peer server(small_talk, {.tls = pki().server("good"), .repeat_last = true});
-  std::vector<std::thread> threads;
+  tcp_peer server(small_talk, {.tls = serving(pki().good), .repeat_last = true});
+  std::vector<std::jthread> threads;
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&] {
-      for (int round = 0; round < 5; ++round) {
-        const client connection(server.port(), {.verify_peer = 1, .verify_host = 1});
-        EXPECT_TRUE(talks(connection));
-      }
+      for (int round = 0; round < 5; ++round) EXPECT_TRUE(client(server, {1, 1}).talks());
     });
   }
-  for (auto& thread : threads) thread.join();
 }
 
 }  // namespace
+}  // namespace test
