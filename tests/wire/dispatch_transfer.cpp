@@ -16,40 +16,34 @@ class dispatch_transfer : public ftp_test {
 
 // The URL's credentials win; the request's are used when it has none.
 TEST_F(dispatch_transfer, ftp_takes_credentials_from_the_url_or_the_request) {
-  const struct {
-    const char* in_url;
-    const char* user;
-    const char* password;
-  } rows[] = {{"me:in:url@", "me", "in:url"}, {"", "request", "hush"}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.in_url);
+  const std::tuple<std::string, std::string, std::string> rows[] = {{"me:in:url@", "me", "in:url"},
+                                                                    {"", "request", "hush"}};
+  for (const auto& [in_url, user, password] : rows) {
+    SCOPED_TRACE(user);
     log_.clear();
-    const auto login = greeting + turn("USER " + std::string(row.user), "331 ?") +
-                       turn("PASS " + std::string(row.password), "230 in") + turn("TYPE I", "200 ok");
     tcp_peer data({{send("ab")}, {send("ab")}, {expect("up")}});
-    const auto ready = login + turn("PASV", pasv_answer(data.port()));
+    const auto ready = greeting + turn("USER " + user, "331 ?") + turn("PASS " + password, "230 in") +
+                       turn("TYPE I", "200 ok") + turn("PASV", pasv_answer(data.port()));
     const auto download = ready + turn("SIZE pub/f", "213 2") + turn("RETR pub/f", "150 go");
     tcp_peer control({download, download,
                       ready + turn("SIZE c.txt", "213 1") + turn("APPE c.txt", "150 go") +
                           connection_script{send("226 done\r\n")} + turn("QUIT", "221 bye")});
-    const std::string url =
-        "FTP://" + std::string(row.in_url) + "127.0.0.1:" + std::to_string(control.port()) + "/pub/f?q#x";
+    const std::string url = "FTP://" + in_url + "127.0.0.1:" + std::to_string(control.port()) + "/pub/f?q#x";
     const dl_request request = {url.c_str(), "request", "hush", nullptr};
-
     dl_handle* handle = nullptr;
     ASSERT_EQ(0, dl_open(&request, &handle, nullptr, &result_)) << log_.all();
-    std::string bytes(2, '?');
     EXPECT_EQ(uint32_t{DL_PROTO_FTP}, handle->proto);
-    EXPECT_EQ(2, dl_read(handle, bytes.data(), 2, &result_));
-    EXPECT_EQ("ab", bytes);
+    char bytes[3] = {};
+    EXPECT_EQ(2, dl_read(handle, bytes, 2, &result_));
+    EXPECT_STREQ("ab", bytes);
     dl_close(handle);
     EXPECT_EQ(0, dl_download(&request, local_.c_str(), nullptr, &result_)) << log_.all();
     EXPECT_EQ("ab", read_file(local_));
     write_file(local_, "up");
     EXPECT_EQ(0, upload(request, DL_FTP_APPEND)) << log_.all();
     EXPECT_TRUE(data.finish());
-    EXPECT_EQ(2u, log_.count("FTP Login Info:uername=" + std::string(row.user) + " passwd=******"));
-    EXPECT_EQ(0u, log_.count(row.password)) << log_.all();
+    EXPECT_EQ(2u, log_.count("FTP Login Info:uername=" + user + " passwd=******"));
+    EXPECT_EQ(0u, log_.count(password)) << log_.all();
   }
 }
 
