@@ -14,22 +14,18 @@ namespace test {
 // The process's open descriptors and what each stands for.
 std::map<int, std::string> open_descriptors();
 
-// Fails the test when, at its end, descriptors are open that were not when it was made.
+// Fails the test when, at its end, other descriptors are open than when it was made.
 class descriptor_check {
  public:
-  descriptor_check() : before_(open_descriptors()) {}
-  ~descriptor_check();
-  descriptor_check(const descriptor_check&) = delete;
-  descriptor_check& operator=(const descriptor_check&) = delete;
+  ~descriptor_check() { EXPECT_EQ(open_descriptors(), before_) << "descriptors were left open"; }
 
  private:
-  std::map<int, std::string> before_;
+  const std::map<int, std::string> before_ = open_descriptors();
 };
 
 // A fixture whose tests leak none, the members of classes derived from it included.
 class leak_free : public ::testing::Test {
- private:
-  descriptor_check check_;
+  const descriptor_check check_;
 };
 
 }  // namespace test

@@ -1,6 +1,7 @@
-// log_capture.cpp: collects log lines behind a mutex and takes them apart.
+// log_capture.cpp: takes log lines apart and collects them behind a mutex.
 #include "tests/support/log_capture.h"
 
+#include <algorithm>
 #include <mutex>
 
 #include "include/fetchrig.h"
@@ -10,32 +11,25 @@ namespace {
 
 constexpr std::size_t longest_line = 382;  // longer ones are cut, and lose their line feed
 
-std::mutex lines_lock;           // guards `lines`
-std::vector<std::string> lines;  // written by the callback and by clear()
+std::mutex lock;  // guards the two below
+std::vector<log_message> kept;
+std::string raw;
 
-int take_line(const char* line, int32_t length) {
-  const std::lock_guard hold(lines_lock);
-  lines.emplace_back(line, static_cast<std::size_t>(length));
-  return 0;
-}
-
-// "QXFR[42]: HTTP<3+error > text\n", perhaps after a syslog prefix.
-log_message parsed(const std::string& line) {
-  log_message message;
-  const std::size_t at = line.find("]: ");
-  if (at == std::string::npos || line.size() < at + 18) {
-    message.text = line;
-    return message;
-  }
-  message.module = line.substr(at + 3, 4);
-  message.level = line[at + 8] - '0';
-  message.text = line.substr(at + 18);
-  if (!message.text.empty() && message.text.back() == '\n') {
-    message.text.pop_back();
+// "QXFR[42]: HTTP<3+error > text\n".
+int take_line(const char* bytes, int32_t length) {
+  std::string line(bytes, static_cast<std::size_t>(length));
+  const std::lock_guard hold(lock);
+  raw += line;
+  if (line.ends_with('\n')) {
+    line.pop_back();
   } else if (line.size() < longest_line) {
-    message.text += "(no line feed)";
+    line += "(no line feed)";
   }
-  return message;
+  const std::size_t at = line.find("]: ");
+  const bool whole = at != std::string::npos && line.size() >= at + 18;
+  if (whole) kept.push_back({line.substr(at + 3, 4), line[at + 8] - '0', line.substr(at + 18)});
+  if (!whole) kept.push_back({"", -1, line});
+  return 0;
 }
 
 }  // namespace
@@ -51,49 +45,38 @@ log_capture::~log_capture() {
 }
 
 std::vector<log_message> log_capture::records() const {
-  const std::lock_guard hold(lines_lock);
-  std::vector<log_message> all;
-  for (const std::string& line : lines) all.push_back(parsed(line));
-  return all;
-}
-
-std::vector<std::string> log_capture::messages() const {
-  std::vector<std::string> texts;
-  for (log_message& message : records()) texts.push_back(std::move(message.text));
-  return texts;
+  const std::lock_guard hold(lock);
+  return kept;
 }
 
 std::vector<std::string> log_capture::messages(int level) const {
   std::vector<std::string> texts;
-  for (log_message& message : records()) {
-    if (message.level == level) texts.push_back(std::move(message.text));
+  for (const log_message& message : records()) {
+    if (level < 0 || message.level == level) texts.push_back(message.text);
   }
   return texts;
 }
 
 bool log_capture::contains(std::string_view module, int level, std::string_view text) const {
-  for (const log_message& message : records()) {
-    if (message.module == module && message.level == level && message.text == text) return true;
-  }
-  return false;
+  return std::ranges::any_of(records(), [&](const log_message& message) {
+    return message.module == module && message.level == level && message.text == text;
+  });
 }
 
 std::size_t log_capture::count(std::string_view part) const {
-  std::size_t found = 0;
-  for (const std::string& text : messages()) found += text.find(part) != std::string::npos;
-  return found;
+  return static_cast<std::size_t>(std::ranges::count_if(
+      records(), [&](const log_message& message) { return message.text.find(part) != std::string::npos; }));
 }
 
 std::string log_capture::all() const {
-  const std::lock_guard hold(lines_lock);
-  std::string text;
-  for (const std::string& line : lines) text += line;
-  return text;
+  const std::lock_guard hold(lock);
+  return raw;
 }
 
 void log_capture::clear() {
-  const std::lock_guard hold(lines_lock);
-  lines.clear();
+  const std::lock_guard hold(lock);
+  kept.clear();
+  raw.clear();
 }
 
 }  // namespace test

@@ -12,8 +12,7 @@ namespace test {
 struct log_message {
   std::string module;  // "HTTP", "FTP " and so on
   int level = -1;
-  std::string
-      text;  // without the prefix and without the line feed; "(no line feed)" is added when it is missing
+  std::string text;  // without prefix and line feed; "(no line feed)" is added when that is missing
 };
 
 class log_capture {
@@ -24,10 +23,8 @@ class log_capture {
   log_capture& operator=(const log_capture&) = delete;
 
   std::vector<log_message> records() const;
-  // The texts alone.
-  std::vector<std::string> messages() const;
-  // The texts of one level, in order.
-  std::vector<std::string> messages(int level) const;
+  // The texts alone, in order; of one level when it is given.
+  std::vector<std::string> messages(int level = -1) const;
   // Whether a message is exactly this one; `text` without its line feed.
   bool contains(std::string_view module, int level, std::string_view text) const;
   // How many messages have `part` in their text.

@@ -3,7 +3,7 @@
 #ifndef FETCHRIG_TESTS_SUPPORT_OPTIONS_H
 #define FETCHRIG_TESTS_SUPPORT_OPTIONS_H
 
-#include <stdint.h>
+#include <gtest/gtest.h>
 
 #include <string>
 
@@ -14,15 +14,27 @@ namespace test {
 // The library with its default options; one at a time.
 class library {
  public:
-  library();
-  ~library();
+  library() {
+    dl_config_init();
+    dl_log_init(0, nullptr);  // the machine's own log stays out of the tests
+    dl_set_tls_wait_limit(0);
+  }
+  ~library() { dl_exit(); }
   library(const library&) = delete;
   library& operator=(const library&) = delete;
 };
 
-void set_option(dl_option option, uint32_t value);
-void set_option(dl_option option, const std::string& text);
-void set_ring(uint8_t slot, uint8_t number, const std::string& name);
+inline void set_option(dl_option option, uint32_t value) {
+  EXPECT_EQ(0, dl_set_option(option, &value)) << "option " << option << " = " << value;
+}
+inline void set_option(dl_option option, const std::string& text) {
+  EXPECT_EQ(0, dl_set_option(option, text.c_str())) << "option " << option << " = " << text;
+}
+inline void set_ring(uint8_t slot, uint8_t number, const std::string& name) {
+  dl_ring_entry entry = {slot, number, ""};
+  name.copy(entry.name, sizeof entry.name - 1);
+  EXPECT_EQ(0, dl_set_option(DL_OPT_RING_ENTRY, &entry)) << name;
+}
 
 }  // namespace test
 #endif

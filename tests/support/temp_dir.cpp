@@ -1,15 +1,13 @@
 // temp_dir.cpp: temporary directories, whole files, deterministic content and digests.
 #include "tests/support/temp_dir.h"
 
-#include <errno.h>
 #include <openssl/evp.h>
 #include <stdlib.h>
-#include <string.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 
 namespace test {
@@ -19,25 +17,18 @@ namespace fs = std::filesystem;
 
 std::string digest_hex(const EVP_MD* kind, std::string_view data) {
   unsigned char digest[EVP_MAX_MD_SIZE] = {};
-  unsigned digest_len = 0;
-  if (EVP_Digest(data.data(), data.size(), digest, &digest_len, kind, nullptr) != 1) {
+  unsigned length = 0;
+  if (EVP_Digest(data.data(), data.size(), digest, &length, kind, nullptr) != 1)
     throw std::runtime_error("digest failed");
-  }
   std::string hex;
-  for (unsigned i = 0; i < digest_len; ++i) {
-    constexpr std::string_view digits = "0123456789abcdef";
-    hex += digits[digest[i] >> 4];
-    hex += digits[digest[i] & 15];
-  }
+  for (unsigned i = 0; i < 2 * length; ++i) hex += "0123456789abcdef"[digest[i / 2] >> (i % 2 ? 0 : 4) & 15];
   return hex;
 }
 
 }  // namespace
 
-temp_dir::temp_dir() {
-  std::string name = (fs::temp_directory_path() / "fetchrig-test-XXXXXX").string();
-  if (!mkdtemp(name.data())) throw std::runtime_error("mkdtemp " + name + ": " + strerror(errno));
-  path_ = name;
+temp_dir::temp_dir() : path_((fs::temp_directory_path() / "fetchrig-test-XXXXXX").string()) {
+  if (!mkdtemp(path_.data())) throw std::runtime_error("cannot make " + path_);
 }
 
 temp_dir::~temp_dir() {
@@ -59,21 +50,16 @@ void temp_dir::let_others_read() const {
 }
 
 void write_file(const std::string& path, std::string_view content) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(content.data(), static_cast<std::streamsize>(content.size()));
-  out.close();
-  if (!out) throw std::runtime_error("cannot write " + path);
+  std::ofstream out(path, std::ios::binary);
+  if (!(out << content << std::flush)) throw std::runtime_error("cannot write " + path);
 }
 
 std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
+  const std::ifstream in(path, std::ios::binary);
   if (!in) throw std::runtime_error("cannot read " + path);
-  std::string content;
-  std::vector<char> piece(1 << 16);
-  while (in.read(piece.data(), static_cast<std::streamsize>(piece.size())) || in.gcount() > 0) {
-    content.append(piece.data(), static_cast<std::size_t>(in.gcount()));
-  }
-  return content;
+  std::ostringstream content;
+  content << in.rdbuf();
+  return content.str();
 }
 
 bool file_exists(const std::string& path) {
@@ -84,21 +70,19 @@ bool file_exists(const std::string& path) {
 std::vector<std::string> names_in(const std::string& directory) {
   std::vector<std::string> names;
   for (const auto& entry : fs::directory_iterator(directory)) names.push_back(entry.path().filename());
-  std::sort(names.begin(), names.end());
+  std::ranges::sort(names);
   return names;
 }
 
 std::string make_bytes(std::size_t size, uint64_t seed) {
-  std::vector<uint64_t> words(size / sizeof(uint64_t) + 1);
+  std::string bytes(size, '\0');
   uint64_t state = seed * 0x9e3779b97f4a7c15u + 1;
-  for (uint64_t& word : words) {  // xorshift64*
+  for (char& byte : bytes) {  // xorshift64*
     state ^= state >> 12;
     state ^= state << 25;
     state ^= state >> 27;
-    word = state * 0x2545f4914f6cdd1du;
+    byte = static_cast<char>(state * 0x2545f4914f6cdd1du >> 56);
   }
-  std::string bytes(size, '\0');
-  if (size > 0) memcpy(bytes.data(), words.data(), size);
   return bytes;
 }
 
