@@ -26,35 +26,20 @@ TEST(text, numbers_are_whole_and_bounded) {
   EXPECT_EQ(rest, " done");
 }
 
-TEST(text, a_failed_read_of_a_cursor_consumes_nothing) {
+TEST(text, reads_and_copies_stay_in_bounds) {
   cursor in(string_view("\x01\x02name\0rest", 11));
   EXPECT_FALSE(in.take(12) || in.take(SIZE_MAX) || in.take_until('!') || in.skip("\x01\x03") || in.number(9));
-  EXPECT_EQ(in.rest().size(), 11U);
   EXPECT_EQ(in.u16be(), 0x0102);
   EXPECT_EQ(in.terminated(), "name");
   EXPECT_FALSE(in.terminated()) << "no terminator is left";
-  EXPECT_TRUE(in.skip("res"));
-  EXPECT_FALSE(in.u16be()) << "one byte is left";
-  EXPECT_EQ(in.take(1), "t");
-  EXPECT_TRUE(in.empty());
-}
-
-TEST(text, white_space_case_and_names) {
-  EXPECT_EQ(trim_white_space(" \t\r\n a b \n"), "a b");
-  EXPECT_EQ(trim_white_space(" \t"), "");
-  EXPECT_EQ(skip_white_space("\v x"), "\v x") << "vertical tabs are text";
-  EXPECT_TRUE(equal_ignoring_case("Content-Length", "CONTENT-length"));
-  EXPECT_FALSE(equal_ignoring_case("a", "ab") || starts_ignoring_case("http:/", "http://"));
-  EXPECT_EQ(base_name("/a/b/c"), "c");
-  EXPECT_EQ(base_name("c"), "c");
-  EXPECT_EQ(base_name("a/"), "");
-  EXPECT_TRUE(has_line_break("a\rb") && has_line_break("a\n") && !has_line_break("a\tb"));
+  EXPECT_TRUE(in.skip("res") && !in.u16be()) << "one byte is left";
+  EXPECT_EQ(in.rest(), "t");
   char buffer[4] = {'#', '#', '#', '#'};
   EXPECT_TRUE(copy_text(buffer, "abc"));
   EXPECT_FALSE(copy_text(buffer, "wxyz"));
   EXPECT_STREQ(buffer, "wxy");
-  EXPECT_FALSE(copy_text({buffer, 1}, "q"));
-  EXPECT_STREQ(buffer, "");
+  EXPECT_EQ(trim_white_space(" \t\r\n\v a b \n"), "\v a b") << "vertical tabs are text";
+  EXPECT_FALSE(equal_ignoring_case("a", "ab") || starts_ignoring_case("http:/", "http://"));
 }
 
 TEST(text, is_made_printable_without_passwords) {
@@ -94,18 +79,12 @@ TEST(result, every_code_has_its_text) {
   EXPECT_EQ(dl_get_error_string(-1, nullptr, 5), 10);
   EXPECT_STREQ(cut, "Wron") << "a buffer of no bytes is left alone";
 
-  fail_exceeded(&result, 2097152);
-  EXPECT_EQ(std::pair(result.code, std::string(result.message)),
-            std::pair(-8, std::string("exceed max size 2097152")));
   const std::string line(400, 'x');
   fail_with_text(&result, DL_ERR_FTP_REPLY, line.c_str());
   EXPECT_EQ(std::pair(result.code, std::string(result.message)), std::pair(-15, line.substr(0, 255)));
-  fail_with_text(&result, DL_ERR_FTP_REPLY, line.c_str(), 10);
-  EXPECT_EQ(result.message, line.substr(0, 10));
   fail_with_text(&result, DL_ERR_FTP_REPLY, nullptr);
   EXPECT_STREQ(result.message, "");
-  EXPECT_EQ(fail(nullptr, -1) + fail_exceeded(nullptr, 1) + fail_with_text(nullptr, 1, "x"), -3)
-      << "no record";
+  EXPECT_EQ(fail(nullptr, -1) + fail_exceeded(nullptr, 1) + fail_with_text(nullptr, 1, "x"), -3);
 }
 
 TEST(helpers, base64) {
@@ -138,11 +117,9 @@ TEST(helpers, stand_in_for_standard_functions) {
 
   char buffer[8];
   EXPECT_EQ(curl_msprintf(buffer, "%d-%s", 7, "abc"), 5);
-  EXPECT_STREQ(buffer, "7-abc");
-  EXPECT_EQ(curl_msnprintf(buffer, sizeof buffer, "%s", "0123456789"), 10) << "the length of the whole text";
-  EXPECT_STREQ(buffer, "0123456");
-  const unique_text text(curl_maprintf("%s=%06ld", "time", 42L));
-  EXPECT_STREQ(text.get(), "time=000042");
+  EXPECT_EQ(curl_msnprintf(buffer + 5, 3, "%s", "0123456789"), 10) << "the length of the whole text";
+  EXPECT_STREQ(buffer, "7-abc01");
+  EXPECT_STREQ(unique_text(curl_maprintf("%s=%06ld", "time", 42L)).get(), "time=000042");
   testing::internal::CaptureStdout();
   EXPECT_EQ(curl_mprintf("%s\n", "line"), 5);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "line\n");
@@ -161,18 +138,14 @@ TEST(helpers, stand_in_for_standard_functions) {
     joined += part + std::string("|");
   EXPECT_EQ(joined, "auth| auth-int|x|");
 
-  EXPECT_EQ(std::tuple(scheme_default_port(0), scheme_default_port(1), scheme_default_port(2)),
-            std::tuple(80, 443, -1));
+  EXPECT_EQ(scheme_default_port(0) + scheme_default_port(1) + scheme_default_port(2), 80 + 443 - 1);
   const char* host = "host:80";
   EXPECT_STREQ(unique_text(strdupdelim(host, host + 4)).get(), "host");
-  EXPECT_STREQ(unique_text(strdupdelim(host, host)).get(), "");
-  const std::tuple<int, const char*> lowered[] = {
-      {100, "a[\xc4-b: Text"}, {3, "a[\xc4-B: Text"}, {0, "A[\xc4-B: Text"}, {-1, "A[\xc4-B: Text"}};
-  for (const auto& [count, expected] : lowered) {
-    char header[] = "A[\xc4-B: Text";
-    str2lower(header, count, ':');
-    EXPECT_STREQ(header, expected);
-  }
+  char header[] = "A[\xc4-B: Text";
+  str2lower(header, 3, ':');
+  EXPECT_STREQ(header, "a[\xc4-B: Text");
+  str2lower(header, 100, ':');
+  EXPECT_STREQ(header, "a[\xc4-b: Text");
 }
 
 }  // namespace
