@@ -41,6 +41,7 @@ TEST_F(config, the_first_option_initialises_and_the_end_clears_all) {
   char text[8] = "#######";
   EXPECT_EQ(dl_get_option(DL_OPT_TEMP_DIR, text, sizeof text), -1) << "not initialised";
   EXPECT_EQ(dl_set_option(DL_OPT_SSL_METHOD, nullptr), -1);
+  EXPECT_STREQ(dl_get_version(), "5.3.0.4");
   EXPECT_FALSE(config_initialised()) << "a null value is refused before anything happens";
   for (int round = 0; round < 2; ++round) {
     testing::internal::CaptureStdout();

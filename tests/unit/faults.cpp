@@ -136,17 +136,22 @@ class faults : public leak_free {
     const dl_http_request get = {DL_METHOD_GET, url, "phone", "s3cret", nullptr, nullptr, nullptr};
     return dl_http_recv_to_file(&get, local_.c_str(), redirect_, result);
   }
-  int upload(const char* url, dl_result* result) {
-    const dl_http_request put = {DL_METHOD_PUT, url, "phone", "s3cret", nullptr, "boundary=XyZ\r\n", nullptr};
+  int upload(int32_t method, const char* url, dl_result* result) {
+    const dl_http_request put = {method, url, "phone", "s3cret", nullptr, "boundary=XyZ\r\n", nullptr};
     dl_http_session* session = nullptr;
     return dl_http_post_file(&session, &put, upload_.c_str(), redirect_, result);
   }
-  int open_and_close(const char* url, dl_result* result) {
+  int put(const char* url, dl_result* result) { return upload(DL_METHOD_PUT, url, result); }
+  int post(const char* url, dl_result* result) { return upload(DL_METHOD_POST, url, result); }
+  int read_by_hand(const char* url, dl_result* result) {
     const dl_request request = {url, nullptr, nullptr, nullptr};
     dl_handle* handle = nullptr;
-    const int rc = dl_open(&request, &handle, redirect_, result);
-    if (rc == 0) dl_close(handle);
-    return rc;
+    if (dl_open(&request, &handle, redirect_, result) < 0) return -1;
+    char buffer[700];
+    int count = 0;
+    while ((count = dl_read(handle, buffer, sizeof buffer, result)) > 0) continue;
+    dl_close(handle);
+    return count;
   }
   // Whatever fails there is a ring: the file, else the one that the ring name tells.
   int ring(const char* url, dl_result*) {
@@ -169,7 +174,7 @@ class faults : public leak_free {
     const bool happened = std::exchange(::plan, {}).happened;
     server.problems();
     // A failure of the dispatcher itself leaves the result clear.
-    EXPECT_TRUE(result.code == 0 ? rc == 0 || job.run == &faults::open_and_close : rc == -1);
+    EXPECT_TRUE(result.code == 0 ? rc == 0 || job.run == &faults::read_by_hand : rc == -1);
     EXPECT_EQ(job.run == &faults::download && rc == 0, file_exists(local_)) << result.code;
     EXPECT_TRUE(!file_exists(local_) || content_ == read_file(local_));
     unlink(local_.c_str());
@@ -212,10 +217,10 @@ class faults : public leak_free {
       &faults::download};
   const transfer sized_{"download", {sized_answer_}, &faults::download};
   const transfer tls_{"download over TLS", {sized_answer_}, &faults::download, true};
-  const transfer opening_{"open and close", {chunked_answer_}, &faults::open_and_close};
-  const transfer put_{"PUT",
-                      {answered(unauthorized("Basic"), 3000), answered(response("201 Created"), 3000)},
-                      &faults::upload};
+  const transfer opening_{"open, read, close", {chunked_answer_}, &faults::read_by_hand};
+  const std::vector<connection_script> taken_ = {answered(unauthorized("Basic"), 3000),
+                                                 answered(response("201 Created"), 3000)};
+  const transfer put_{"PUT", taken_, &faults::put}, post_{"POST", taken_, &faults::post};
   const transfer ring_{"ring", {answered(response("200 OK", make_wave(600)))}, &faults::ring};
 };
 
@@ -225,7 +230,7 @@ TEST_F(faults, memory) {
   const std::vector<int32_t> codes = {DL_ERR_MEMORY,  DL_ERR_HOST, DL_ERR_SEND,
                                       DL_ERR_CONNECT, DL_ERR_AUTH, 0};
   for (const bool lasting : {false, true}) {
-    for (const transfer* job : {&chunked_, &sized_, &opening_, &ring_, &put_})
+    for (const transfer* job : {&chunked_, &sized_, &opening_, &ring_, &put_, &post_})
       fail_each(*job, {.what = target::memory, .lasting = lasting}, codes);
   }
 }
@@ -263,7 +268,7 @@ TEST_F(faults, calls_that_fail) {
 
 TEST_F(faults, interrupted_and_short_calls_change_nothing) {
   for (const int error : {EINTR, short_count}) {
-    for (const transfer* job : {&chunked_, &put_, &tls_}) {
+    for (const transfer* job : {&chunked_, &post_, &tls_}) {
       fail_each(*job, {.what = target::send, .error = error}, {0});
       fail_each(*job, {.what = target::receive, .error = error}, {0});
     }

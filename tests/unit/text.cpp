@@ -121,8 +121,8 @@ TEST(helpers, stand_in_for_standard_functions) {
   EXPECT_STREQ(buffer, "7-abc01");
   EXPECT_STREQ(unique_text(curl_maprintf("%s=%06ld", "time", 42L)).get(), "time=000042");
   testing::internal::CaptureStdout();
-  EXPECT_EQ(curl_mprintf("%s\n", "line"), 5);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "line\n");
+  EXPECT_EQ(curl_mprintf("%s\n", "line") + curl_mfprintf(stdout, "%c%u", 'x', 12U), 8);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "line\nx12");
 
   EXPECT_TRUE(Curl_raw_equal("Digest", "dIGEST") && Curl_raw_equal(nullptr, nullptr));
   EXPECT_FALSE(Curl_raw_equal("Digest", "Digest ") || Curl_raw_equal(nullptr, ""));
