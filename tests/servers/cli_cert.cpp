@@ -1,8 +1,9 @@
-// "fetchrig cert": what it says about certificates, judged by the openssl tool, and what it leaves on the
-// disk.
+// "fetchrig cert": what it says about certificates, judged by the openssl tool and by a server, and what it
+// leaves on the disk.
 #include <nlohmann/json.hpp>
 
 #include "tests/support/command.h"
+#include "tests/support/servers.h"
 #include "tests/support/test_ca.h"
 
 namespace test {
@@ -27,113 +28,125 @@ class cli_cert : public command_test {
                     {"FETCHRIG_STORE=store", "FETCHRIG_DEVICE_CERT=" + device_, "FETCHRIG_KEY_SEED=" + seed});
   }
 
+  // What is asked, a field of the answer, and its value.
+  struct step {
+    std::vector<std::string> arguments;
+    const char* field;
+    json value;
+  };
+  void check(const std::vector<step>& steps) const {
+    for (const step& at : steps) EXPECT_EQ(at.value, ask(at.arguments)[at.field]) << &at - steps.data();
+  }
+
   const test_ca ca_{place_};
+  const std::string root_ = ca_.file();
   const std::string device_ = place_.make_dir("work/device/server") + "/WebServer.pem";
   const std::string der_ = path("root.der");
   const std::string der_bytes_ = der_of(ca_.root().certificate.get());
   const std::string hash_ =
-      run({"openssl", "x509", "-in", ca_.file(), "-noout", "-subject_hash"}).output.substr(0, 8);
+      run({"openssl", "x509", "-in", root_, "-noout", "-subject_hash"}).output.substr(0, 8);
 };
 
-TEST_F(cli_cert, info) {
-  const cert_files files = ca_.issue("server", {.common_name = "Anna \x1b[1m", .rsa_bits = 2048});
-  EXPECT_EQ(2048, ask({"info", "--key", files.both})["private_key"]["bits"]);
+TEST_F(cli_cert, info_and_verify) {
+  const cert_files good = ca_.issue("good", {.common_name = "Anna \x1b[1m"});
+  const cert_files expired = ca_.issue("expired", {.valid_from_s = -7200, .valid_until_s = -3600});
   write_file(der_, der_bytes_);
-  const json shown = ask({"info", "--key", der_});
-  EXPECT_EQ("root", shown["issuer"]);
-  EXPECT_EQ(hash_, shown["hash"]);
-  EXPECT_EQ(json(), shown["private_key"]);
+  write_file(path("none"), "no certificate");
+  // clang-format off
+  check({{{"info", good.cert}, "issuer", "root"},
+         {{"info", good.both, "--key"}, "private_key", {{"algorithm", "id-ecPublicKey"}, {"bits", 256}}},
+         {{"info", der_, "--key"}, "private_key", nullptr},
+         {{"info", der_}, "hash", hash_},
+         {{"info", "none"}, "code", 1},
+         {{"info", "missing"}, "message", "missing: No such file or directory"},
+         {{"info", "."}, "message", ". is not a regular file"},
+         {{"verify", good.cert, "--ca-dir", ca_.hashed_dir()}, "ok", true},
+         {{"verify", good.both, "--ca-file", root_, "--with-key"}, "ok", true},
+         {{"verify", good.cert, "--ca-file", root_, "--with-key"}, "code", 9},
+         {{"verify", good.cert}, "code", 6},
+         {{"verify", good.cert, "--ca-file", "missing"}, "code", 2},
+         {{"verify", root_}, "remarks", {"self-signed certificate"}}});
+  // clang-format on
   EXPECT_EQ(der_bytes_, read_file(der_)) << "describing it must not rewrite it";
-
-  const std::string text = tell({"info", files.cert}).output;
+  const std::string text = tell({"info", good.cert}).output;
   EXPECT_TRUE(holds(text, "issuer:       root\n")) << text;
   EXPECT_FALSE(holds(text, "\x1b")) << text;
-  write_file(path("none"), "no certificate");
-  for (const char* file : {"none", "missing", "."}) {
-    EXPECT_TRUE(holds(ask({"info", file})["message"], file)) << file;
+  expect_done(tell({"verify", good.cert, "--ca-file", root_}), good.cert + ": verified\n");
+  expect_failed(tell({"verify", expired.cert, "--ca-file", root_}), 1, {"has expired", "(code 5)"});
+}
+
+TEST_F(cli_cert, generated_certificates_have_the_seeds_key_and_are_accepted_by_a_server) {
+  for (const std::string name : {"ours", "theirs"}) {
+    const identity issuer = make_identity(name, new_rsa_key(2048), {.extensions = ca_extensions});
+    write_file(path(name), pem_of(issuer.certificate.get()));
+    write_file(path(name + ".key"), pem_of(issuer.key.get()));
   }
-}
-
-TEST_F(cli_cert, verify) {
-  const cert_files good = ca_.issue("good");
-  const cert_files expired = ca_.issue("expired", {.valid_from_s = -7200, .valid_until_s = -3600});
-  EXPECT_EQ(true, ask({"verify", good.cert, "--ca-dir", ca_.hashed_dir()})["ok"]);
-  EXPECT_EQ(true, ask({"verify", good.both, "--with-key", "--ca-file", ca_.file()})["ok"]);
-  EXPECT_EQ(9, ask({"verify", good.cert, "--with-key", "--ca-file", ca_.file()})["code"]);
-  EXPECT_EQ(6, ask({"verify", good.cert})["code"]) << "the system does not know its issuer";
-  EXPECT_EQ(2, ask({"verify", good.cert, "--ca-file", "missing"})["code"]);
-  EXPECT_EQ(1u, ask({"verify", ca_.file()})["remarks"].size()) << "that it is self-signed";
-  expect_done(tell({"verify", good.cert, "--ca-file", ca_.file()}), good.cert + ": verified\n");
-  expect_failed(tell({"verify", expired.cert, "--ca-file", ca_.file()}), 1, {"has expired", "(code 5)"});
-}
-
-TEST_F(cli_cert, generate_derives_the_key_from_the_seed) {
-  const identity issuer = make_identity("Issuer", new_rsa_key(2048), {.extensions = ca_extensions});
-  write_file(path("ca.pem"), pem_of(issuer.certificate.get()));
-  write_file(path("ca.key"), pem_of(issuer.key.get()));
-  const auto generate = [&](const std::string& name, const std::string& seed, const char* ca_key = "ca.key") {
-    return ask({"generate", "--ca", "ca.pem", "--ca-key", ca_key, "--key", name + ".key", "--cert",
-                name + ".pem", "--subject", "/O=Acme/CN=0011AB", "--bits", "1024"},
+  const auto generate = [&](const std::string& ca, const std::string& name, const std::string& seed) {
+    return ask({"generate", "--ca", "ours", "--ca-key", ca + ".key", "--key", name + ".key", "--cert", name,
+                "--subject", "/O=Acme/CN=0011AB", "--bits", "1024"},
                seed);
   };
-  const json made = generate("a", "seed one");
+  const json made = generate("ours", "a", "seed one");
   EXPECT_EQ("0011AB", made["subject"]);
   EXPECT_EQ(1024, made["private_key"]["bits"]);
   EXPECT_EQ(true, made["key_generated"]);
-  EXPECT_EQ(true, generate("b", "seed one")["ok"]);
-  EXPECT_EQ(true, generate("c", "seed two")["ok"]);
-  EXPECT_EQ(false, generate("a", "seed two")["key_generated"]);
+  EXPECT_EQ(true, generate("ours", "b", "seed one")["ok"]);
+  EXPECT_EQ(true, generate("ours", "c", "seed two")["ok"]);
+  EXPECT_EQ(false, generate("ours", "a", "seed two")["key_generated"]);
   EXPECT_EQ(read_file(path("a.key")), read_file(path("b.key")));
   EXPECT_NE(read_file(path("a.key")), read_file(path("c.key")));
-  EXPECT_EQ(true, ask({"verify", "a.pem", "--with-key", "--ca-file", "ca.pem"})["ok"]);
-  EXPECT_TRUE(holds(generate("d", "seed", "a.key")["message"], "do not match"));
+  EXPECT_TRUE(holds(generate("theirs", "d", "")["message"], "do not match"));
+
+  const cert_files files = ca_.issue("server");
+  nginx_server server({files.cert, files.key, "TLSv1 TLSv1.2 TLSv1.3", path("ours")});
+  REQUIRE_SERVER(server);
+  server.put("file", "content");
+  for (const char* method : {"auto", "tls1.0"}) {
+    const auto get_with = [&](const std::string& cert) {
+      return fetchrig({"get", server.https_url("/file"), "--ca-dir", ca_.hashed_dir(), "--cert", cert, "-o",
+                       "-", "--tls-method", method});
+    };
+    expect_done(get_with("a"), "content");
+    expect_failed(get_with(files.both), 1, {"400"});
+  }
 }
 
 TEST_F(cli_cert, store) {
   write_file(der_, der_bytes_);
-  EXPECT_EQ(hash_, ask({"install", der_})["hash"]);
-  EXPECT_EQ(-2, ask({"install", ca_.file(), "--store", "store/"})["code"]);
+  const std::string entry = "store/" + hash_ + ".0";
+  check({{{"install", der_}, "hash", hash_}, {{"install", root_, "--store", "store/"}, "code", -2}});
   // Links made from a relative store name must lead somewhere from everywhere.
-  EXPECT_EQ(read_file(ca_.file()), read_file(path("store/ca/" + hash_ + ".0")));
-  EXPECT_EQ(hash_, ask({"list"})["certificates"][0]["hash"]);
+  EXPECT_EQ(read_file(root_), read_file(path("store/ca/" + hash_ + ".0")));
   EXPECT_TRUE(holds(tell({"list"}).output, hash_ + "  root"));
-  EXPECT_EQ(true, ask({"verify", ca_.issue("server").cert, "--ca-dir", "store/ca"})["ok"]);
-
-  for (const std::string& by : {der_, hash_, "store/" + hash_ + ".0"}) {
-    EXPECT_EQ(true, ask({"remove", by})["ok"]) << by;
-    EXPECT_TRUE(names_in(path("store/ca")).empty());
-    EXPECT_TRUE(ask({"list"})["certificates"].empty());
-    expect_done(tell({"install", ca_.file()}), "installed root as " + path("store/") + hash_ + ".0\n");
+  EXPECT_EQ(hash_, ask({"list"})["certificates"][0]["hash"]);
+  check({{{"verify", ca_.issue("server").cert, "--ca-dir", "store/ca"}, "ok", true}});
+  for (const std::string& by : {der_, hash_, entry}) {
+    check({{{"remove", by}, "ok", true},
+           {{"list"}, "certificates", json::array()},
+           {{"remove", hash_}, "ok", false}});
+    EXPECT_TRUE(names_in(path("store/ca")).empty()) << by;
+    expect_done(tell({"install", root_}), "installed root as " + path(entry) + "\n");
   }
   EXPECT_EQ(der_bytes_, read_file(der_)) << "a file outside the store is neither rewritten nor removed";
-  EXPECT_EQ(false, ask({"remove", "00000000"})["ok"]);
-  EXPECT_EQ(false, ask({"remove", "no-such-thing"})["ok"]);
-  EXPECT_EQ(false, ask({"list", "--store", "missing"})["ok"]);
+  check({{{"remove", "no-such-thing"}, "ok", false}, {{"list", "--store", "missing"}, "ok", false}});
 }
 
 TEST_F(cli_cert, device_certificate) {
   const cert_files pair = ca_.issue("pair", {.common_name = "phone"}), other = ca_.issue("other");
   // clang-format off
-  const struct { std::vector<std::string> arguments; const char* field; json value; } steps[] = {
-      {{"install", pair.cert}, "code", -2},
-      {{"install", pair.both}, "ok", true},
-      {{"install", pair.both}, "code", -7},
-      {{"show"}, "subject", "phone"},
-      {{"install-part", other.cert}, "complete", false},
-      {{"show"}, "key_belongs", false},
-      {{"install-part", other.key}, "complete", true},
-      {{"show"}, "key_belongs", true},
-      {{"install-part", "/dev/null"}, "code", -1},
-      {{"remove"}, "ok", true},
-      {{"remove"}, "ok", false},
-      {{"show"}, "ok", false},
-  };
+  check({{{"device", "install", pair.cert}, "code", -2},
+         {{"device", "install", pair.both}, "installed", device_},
+         {{"device", "install", pair.both}, "code", -7},
+         {{"device", "show"}, "subject", "phone"},
+         {{"device", "install-part", other.cert}, "complete", false},
+         {{"device", "show"}, "key_belongs", false},
+         {{"device", "install-part", other.key}, "complete", true},
+         {{"device", "show"}, "key_belongs", true},
+         {{"device", "install-part", "/dev/null"}, "code", -1},
+         {{"device", "remove"}, "ok", true},
+         {{"device", "remove"}, "ok", false},
+         {{"device", "show"}, "ok", false}});
   // clang-format on
-  for (const auto& step : steps) {
-    std::vector<std::string> arguments = step.arguments;
-    arguments.insert(arguments.begin(), "device");
-    EXPECT_EQ(step.value, ask(arguments)[step.field]) << &step - steps;
-  }
 }
 
 }  // namespace
