@@ -41,6 +41,7 @@ TEST_P(tftp_servers, files_arrive_whole_and_failures_leave_none) {
   const std::string local = place.file("local");
   dl_result result = {};
   set_option(DL_OPT_IPV6, tested.ipv6);
+  set_option(DL_OPT_NET_TIMEOUT, 10u);
   set_option(DL_OPT_MAX_FILE_SIZE, 64u << 20);
   const std::size_t largest = tested.blksize == 512 ? 65537 * 512 + 1 : 100000;
   for (const std::size_t size : {std::size_t{0}, tested.blksize, tested.blksize + 1, largest}) {
