@@ -96,6 +96,7 @@ TEST_F(cli_cert, generated_certificates_have_the_seeds_key_and_are_accepted_by_a
   EXPECT_EQ(read_file(path("a.key")), read_file(path("b.key")));
   EXPECT_NE(read_file(path("a.key")), read_file(path("c.key")));
   EXPECT_TRUE(holds(generate("theirs", "d", "")["message"], "do not match"));
+  EXPECT_EQ(true, ask({"device", "install", "a"})["ok"]) << "for all its MD5 signature and short key";
 
   const cert_files files = ca_.issue("server");
   nginx_server server({files.cert, files.key, "TLSv1 TLSv1.2 TLSv1.3", path("ours")});
