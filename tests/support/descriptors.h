@@ -5,14 +5,35 @@
 #define FETCHRIG_TESTS_SUPPORT_DESCRIPTORS_H
 
 #include <gtest/gtest.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
+#include <filesystem>
 #include <map>
 #include <string>
 
 namespace test {
 
+inline bool is_log_socket(int fd) {
+  sockaddr_un peer = {};
+  socklen_t length = sizeof peer;
+  return getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) == 0 && peer.sun_family == AF_UNIX &&
+         strcmp(peer.sun_path, "/dev/log") == 0;
+}
+
 // The process's open descriptors and what each stands for.
-std::map<int, std::string> open_descriptors();
+inline std::map<int, std::string> open_descriptors() {
+  std::map<int, std::string> found;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    const std::string target = std::filesystem::read_symlink(entry, gone);
+    const int fd = std::stoi(entry.path().filename());
+    const bool own = target.starts_with("/proc/");  // the listing's
+    if (!gone && !own && !is_log_socket(fd)) found[fd] = target;
+  }
+  return found;
+}
 
 // Fails the test when, at its end, other descriptors are open than when it was made.
 class descriptor_check {
