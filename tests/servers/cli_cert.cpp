@@ -76,30 +76,28 @@ TEST_F(cli_cert, info_and_verify) {
 }
 
 TEST_F(cli_cert, generated_certificates_have_the_seeds_key_and_are_accepted_by_a_server) {
-  for (const std::string name : {"ours", "theirs"}) {
-    const identity issuer = make_identity(name, new_rsa_key(2048), {.extensions = ca_extensions});
-    write_file(path(name), pem_of(issuer.certificate.get()));
-    write_file(path(name + ".key"), pem_of(issuer.key.get()));
-  }
-  const auto generate = [&](const std::string& ca, const std::string& name, const std::string& seed) {
-    return ask({"generate", "--ca", "ours", "--ca-key", ca + ".key", "--key", name + ".key", "--cert", name,
+  const identity issuer = make_identity("Issuer", new_rsa_key(2048), {.extensions = ca_extensions});
+  write_file(path("ca"), pem_of(issuer.certificate.get()));
+  write_file(path("ca.key"), pem_of(issuer.key.get()));
+  const cert_files files = ca_.issue("server");
+  const auto generate = [&](const std::string& ca_key, const std::string& name, const std::string& seed) {
+    return ask({"generate", "--ca", "ca", "--ca-key", ca_key, "--key", name + ".key", "--cert", name,
                 "--subject", "/O=Acme/CN=0011AB", "--bits", "1024"},
                seed);
   };
-  const json made = generate("ours", "a", "seed one");
+  const json made = generate("ca.key", "a", "seed one");
   EXPECT_EQ("0011AB", made["subject"]);
   EXPECT_EQ(1024, made["private_key"]["bits"]);
   EXPECT_EQ(true, made["key_generated"]);
-  EXPECT_EQ(true, generate("ours", "b", "seed one")["ok"]);
-  EXPECT_EQ(true, generate("ours", "c", "seed two")["ok"]);
-  EXPECT_EQ(false, generate("ours", "a", "seed two")["key_generated"]);
-  EXPECT_EQ(read_file(path("a.key")), read_file(path("b.key")));
-  EXPECT_NE(read_file(path("a.key")), read_file(path("c.key")));
-  EXPECT_TRUE(holds(generate("theirs", "d", "")["message"], "do not match"));
+  EXPECT_EQ(true, generate("ca.key", "b", "seed two")["ok"]);
+  EXPECT_NE(read_file(path("a.key")), read_file(path("b.key")));
+  EXPECT_EQ(false, generate("ca.key", "b", "seed one")["key_generated"]);
+  EXPECT_EQ(true, generate("ca.key", "c", "seed one")["ok"]);
+  EXPECT_EQ(read_file(path("a.key")), read_file(path("c.key")));
+  EXPECT_TRUE(holds(generate(files.key, "d", "")["message"], "do not match"));
   EXPECT_EQ(true, ask({"device", "install", "a"})["ok"]) << "for all its MD5 signature and short key";
 
-  const cert_files files = ca_.issue("server");
-  nginx_server server({files.cert, files.key, "TLSv1 TLSv1.2 TLSv1.3", path("ours")});
+  nginx_server server({files.cert, files.key, "TLSv1 TLSv1.2 TLSv1.3", path("ca")});
   REQUIRE_SERVER(server);
   server.put("file", "content");
   for (const char* method : {"auto", "tls1.0"}) {
