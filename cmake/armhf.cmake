@@ -1,5 +1,6 @@
-# Cross compilation for 32-bit ARM (hard float) with Debian's cross compiler; OpenSSL comes from the sysroot that
-# scripts/armhf-sysroot.sh unpacks, everything else from the compiler's own libraries.
+# Cross compilation for 32-bit ARM (hard float) with Debian's cross compiler; OpenSSL and GoogleTest come from the
+# sysroot that scripts/armhf-sysroot.sh unpacks, everything else from the compiler's own libraries. The tests run under
+# an emulator.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
@@ -17,3 +18,6 @@ set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(ENV{PKG_CONFIG_LIBDIR} ${ARMHF_SYSROOT}/usr/lib/arm-linux-gnueabihf/pkgconfig)
 set(ENV{PKG_CONFIG_SYSROOT_DIR} ${ARMHF_SYSROOT})
+set(GTest_DIR ${ARMHF_SYSROOT}/usr/lib/arm-linux-gnueabihf/cmake/GTest)
+set(CMAKE_CROSSCOMPILING_EMULATOR
+  qemu-arm-static -L /usr/arm-linux-gnueabihf -E LD_LIBRARY_PATH=${ARMHF_SYSROOT}/usr/lib/arm-linux-gnueabihf)

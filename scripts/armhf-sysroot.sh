@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Unpacks OpenSSL for 32-bit ARM into build-sysroot/, which cmake/armhf.cmake uses. Debian's armhf and native OpenSSL
-# packages cannot be installed side by side, and the machine's own list of architectures stays as it is: apt gets a
-# directory of its own for package lists. Does nothing when the files are there.
+# Unpacks OpenSSL and GoogleTest for 32-bit ARM into build-sysroot/, which cmake/armhf.cmake uses. Debian's armhf and
+# native packages cannot be installed side by side, and the machine's own list of architectures stays as it is: apt gets
+# a directory of its own for package lists. Does nothing when the files are there.
 set -euo pipefail
 
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -18,9 +18,9 @@ apt_armhf() {
     -o Dir::State::status="$work/status" -o Dir::Cache="$work/cache" -o APT::Sandbox::User=root "$@"
 }
 
-echo "Fetching OpenSSL for armhf"
+echo "Fetching OpenSSL and GoogleTest for armhf"
 apt_armhf update 2>/dev/null || echo "Some package lists are missing; going on with the others"
-(cd "$work/packages" && apt_armhf download libssl-dev libssl3 >/dev/null)
+(cd "$work/packages" && apt_armhf download libssl-dev libssl3 libgtest-dev libgmock-dev >/dev/null)
 rm -rf "$target"
 mkdir -p "$target"
 for package in "$work"/packages/*.deb; do

@@ -10,7 +10,7 @@ packages=(
   clang clang-format libclang-rt-14-dev
   nginx apache2-bin vsftpd python3-pyftpdlib tftpd-hpa libpcre3 libwrap0
   python3 iproute2 curl
-  gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf
+  gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user-static
 )
 
 missing=()
@@ -50,6 +50,6 @@ fi
 trap '[ "$placed_policy" = no ] || "${as_root[@]}" rm -f "$policy"' EXIT
 
 echo "Installing: ${missing[*]}"
-"${as_root[@]}" apt-get update -qq
+"${as_root[@]}" apt-get update -qq || echo "Some package lists are missing; going on with the others"
 "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 unpack_servers
