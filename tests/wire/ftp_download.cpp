@@ -28,10 +28,10 @@ class ftp_download : public ftp_test {
   std::string content_;
 };
 
-connection_script announce(std::size_t size) {
+connection_script announce(uint64_t size) {
   return turn("SIZE f", "213 " + std::to_string(size));
 }
-connection_script serve(std::size_t size) {
+connection_script serve(uint64_t size) {
   return announce(size) + turn("RETR f", "150 go");
 }
 
@@ -139,7 +139,7 @@ TEST_F(ftp_download, data_that_ends_or_stops_early_leaves_no_file) {
 
 TEST_F(ftp_download, the_limit_is_judged_in_steps_of_512_bytes) {
   // clang-format off
-  const struct { uint32_t limit; std::size_t announced; std::size_t sent; bool fits; } rows[] = {
+  const struct { uint32_t limit; uint64_t announced; std::size_t sent; bool fits; } rows[] = {
       {1000, 1000, 1000, true},
       {1000, 1001, 1001, false},
       {1000, 5000, 1024, false},  // the second step passes it; the rest is not waited for
