@@ -1,11 +1,9 @@
-// cert_fixture.h: the ground of the certificate tests: a directory of their own, the library's log, and the
-// openssl tool, which makes the certificates and is the independent judge of what the library says about
-// them.
+// cert_fixture.h: the ground of the certificate tests: a directory of their own, the library with its log
+// collected, and the openssl tool, the independent judge of what the library says about certificates.
 #ifndef FETCHRIG_TESTS_CERT_FIXTURE_H
 #define FETCHRIG_TESTS_CERT_FIXTURE_H
 
-#include <gtest/gtest.h>
-
+#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,42 +11,41 @@
 #include "tests/support/descriptors.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/options.h"
+#include "tests/support/pki.h"
 #include "tests/support/temp_dir.h"
 
-namespace fetchrig::test {
+namespace test {
 
-using ::test::read_file;
+namespace fs = std::filesystem;
 
-class cert_test : public ::test::leak_free {
+// Option 1 names the store. A test fails when it leaves an error in OpenSSL's queue or an open descriptor.
+class cert_test : public leak_free {
  protected:
   cert_test();
   ~cert_test() override;
 
   std::string path(std::string_view name) const { return directory_.file(name); }
   std::string store() const { return path("store/"); }
+  // Writes the file, making its directories, and returns its path.
   std::string write(std::string_view name, std::string_view content) const;
+  // The content; "(absent)" without the file.
+  std::string read(std::string_view name) const;
 
-  // A self-signed certificate in the file `name` (PEM) and its key in `name`.key. `more` goes to "openssl
-  // req".
-  std::string make_cert(std::string_view name, std::string_view subject, std::string_view more = "") const;
-  // The PEM certificate at `pem` as DER in the file `name`.
-  std::string to_der(std::string_view pem, std::string_view name) const;
-
-  // The lines logged since they were last asked for, each as "3 text\n" with its level.
-  std::vector<std::string> logged();
-  bool was_logged(std::string_view level_and_text);
+  // The lines since the log was last forgotten, each as "3 text\n" with its level.
+  std::vector<std::string> logged() const;
+  // Whether one of them begins with the text, which may leave out the level.
+  bool was_logged(std::string_view text) const;
+  std::string log() const { return log_.all(); }
+  void forget_log() { log_.clear(); }
 
  private:
-  ::test::temp_dir directory_;
-  ::test::library library_;
-  ::test::log_capture log_;
+  temp_dir directory_;
+  library library_;
+  log_capture log_;
 };
 
 // What the openssl tool prints for these arguments, without the last line feed; the test fails when it fails.
 std::string openssl(const std::string& arguments);
 
-// The value of one line of "openssl x509", such as serial, subject_hash or enddate.
-std::string x509_value(const std::string& path, const std::string& what);
-
-}  // namespace fetchrig::test
+}  // namespace test
 #endif

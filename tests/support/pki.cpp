@@ -5,6 +5,7 @@
 #include <openssl/core_names.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
+#include <stdio.h>
 
 #include <cstring>
 #include <stdexcept>
@@ -76,6 +77,12 @@ identity make_identity(const std::string& common_name, std::shared_ptr<EVP_PKEY>
   EVP_PKEY* signer = options.issuer ? options.issuer->key.get() : key.get();
   require(X509_sign(x, signer, options.digest) > 0);
   return {std::move(key), certificate};
+}
+
+std::string hash_name_of(X509* certificate) {
+  char name[16];
+  snprintf(name, sizeof name, "%08lx.0", X509_subject_name_hash(certificate));
+  return name;
 }
 
 std::string pem_of(const X509* certificate) {

@@ -38,6 +38,8 @@ std::shared_ptr<EVP_PKEY> new_rsa_key(unsigned bits);
 identity make_identity(const std::string& common_name, std::shared_ptr<EVP_PKEY> key,
                        const identity_options& options = {});
 
+// The certificate's name in a hashed directory, "0123abcd.0".
+std::string hash_name_of(X509* certificate);
 std::string pem_of(const X509* certificate);
 // PKCS #8, encrypted when `passphrase` is given.
 std::string pem_of(const EVP_PKEY* key, const char* passphrase = nullptr);

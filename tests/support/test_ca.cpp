@@ -1,8 +1,6 @@
 // test_ca.cpp: issues certificates into files.
 #include "tests/support/test_ca.h"
 
-#include <stdio.h>
-
 namespace test {
 
 test_ca::test_ca(const temp_dir& place, const std::string& name)
@@ -11,9 +9,7 @@ test_ca::test_ca(const temp_dir& place, const std::string& name)
   const std::string pem = pem_of(root_.certificate.get());
   write_file(file(), pem);
   place.make_dir(name + "/hashed");
-  char hash[16];
-  snprintf(hash, sizeof hash, "%08lx.0", X509_subject_name_hash(root_.certificate.get()));
-  write_file(hashed_dir() + hash, pem);
+  write_file(hashed_dir() + hash_name_of(root_.certificate.get()), pem);
 }
 
 cert_files test_ca::issue(const std::string& file_name, const cert_request& request) const {

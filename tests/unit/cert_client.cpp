@@ -1,41 +1,33 @@
 // Client certificates: what is issued, which files are written, and what each failure leaves alone.
-#include <openssl/err.h>
-
 #include "include/fetchrig_openssl.h"
 #include "tests/support/cert_fixture.h"
-#include "tests/support/cert_place.h"
-#include "tests/support/pki.h"
 
-namespace fs = std::filesystem;
-
+namespace test {
 namespace {
 
-class ClientCert : public testing::Test {
+class ClientCert : public cert_test {
  protected:
   ClientCert() { dl_set_option(DL_OPT_KEY_SEED, "factory seed"); }
-  ~ClientCert() override { EXPECT_EQ(ERR_peek_error(), 0u); }
 
   int generate(const char* subject, int bits = 512) {
-    place_.forget_log();
-    return dl_generate_client_cert(place_.path(ca_cert_).c_str(), place_.path(ca_key_).c_str(), key_.c_str(),
-                                   cert_.c_str(), subject, bits);
+    forget_log();
+    return dl_generate_client_cert(path(ca_cert_).c_str(), path(ca_key_).c_str(), key_.c_str(), cert_.c_str(),
+                                   subject, bits);
   }
-  std::shared_ptr<X509> issued() const { return test::certificate_in(place_.read("client.pem")); }
+  std::shared_ptr<X509> issued() const { return certificate_in(read("client.pem")); }
   fs::perms mode_of(const std::string& file) const { return fs::symlink_status(file).permissions(); }
 
-  test::cert_place place_;
-  const test::identity root_ =
-      test::make_identity("Root", test::new_rsa_key(2048), {.extensions = test::ca_extensions});
-  const std::string ca_file_ = place_.write("ca.pem", test::pem_of(root_.certificate.get()));
-  const std::string ca_key_file_ = place_.write("ca.key", test::pem_of(root_.key.get()));
+  const identity root_ = make_identity("Root", new_rsa_key(2048), {.extensions = ca_extensions});
+  const std::string ca_file_ = write("ca.pem", pem_of(root_.certificate.get()));
+  const std::string ca_key_file_ = write("ca.key", pem_of(root_.key.get()));
   std::string ca_cert_ = "ca.pem", ca_key_ = "ca.key";
-  std::string key_ = place_.path("key.pem"), cert_ = place_.path("client.pem");
+  std::string key_ = path("key.pem"), cert_ = path("client.pem");
 };
 
 TEST_F(ClientCert, TheOpensslToolAgrees) {
-  fs::create_symlink(place_.write("precious", "precious"), cert_);
+  fs::create_symlink(write("precious", "precious"), cert_);
   ASSERT_EQ(generate("/O=Acme/CN=0011AB", 2048), 0);
-  const std::string text = fetchrig::test::openssl("x509 -noout -text -in " + cert_);
+  const std::string text = openssl("x509 -noout -text -in " + cert_);
   for (const char* line :
        {"Version: 3 (0x2)", "(0x303031314142)", "Signature Algorithm: md5WithRSAEncryption",
         "Issuer: O = Test, CN = Root", "Not Before: Mar  1 00:00:00 2014 GMT",
@@ -43,18 +35,18 @@ TEST_F(ClientCert, TheOpensslToolAgrees) {
     EXPECT_NE(text.find(line), text.npos) << line << "\n" << text;
   }
   EXPECT_EQ(text.find("extensions"), text.npos) << text;
-  EXPECT_EQ(fetchrig::test::openssl("verify -CAfile " + ca_file_ + " " + cert_), cert_ + ": OK");
-  const std::string key = place_.read("key.pem");
-  EXPECT_EQ(X509_check_private_key(issued().get(), test::key_in(key).get()), 1);
-  EXPECT_EQ(place_.read("client.pem"), test::pem_of(issued().get()) + key);
+  EXPECT_EQ(openssl("verify -CAfile " + ca_file_ + " " + cert_), cert_ + ": OK");
+  const std::string key = read("key.pem");
+  EXPECT_EQ(X509_check_private_key(issued().get(), key_in(key).get()), 1);
+  EXPECT_EQ(read("client.pem"), pem_of(issued().get()) + key);
   EXPECT_EQ(mode_of(key_), fs::perms{0600});
   EXPECT_EQ(mode_of(cert_), fs::perms{0600});
-  EXPECT_EQ(place_.read("precious"), "precious") << "a link is replaced, not followed";
+  EXPECT_EQ(read("precious"), "precious") << "a link is replaced, not followed";
 }
 
 TEST_F(ClientCert, SerialNumberIsTheRawCommonName) {
   ca_cert_ = "ca.der";
-  place_.write(ca_cert_, test::der_of(root_.certificate.get()));
+  write(ca_cert_, der_of(root_.certificate.get()));
   const std::pair<const char*, std::string> rows[] = {
       {"/O=Acme/CN=ab\\/cd", "ab\\"},
       {"/CN=x/O=Acme", "x"},
@@ -73,20 +65,20 @@ TEST_F(ClientCert, SerialNumberIsTheRawCommonName) {
 
 TEST_F(ClientCert, KeyFollowsFromCommonNameAndSeedUnlessTheFileHoldsOne) {
   ASSERT_EQ(generate("/CN=other"), 0);
-  const std::string other = place_.read("key.pem");
+  const std::string other = read("key.pem");
   fs::remove(key_);
   ASSERT_EQ(generate("/O=x/CN=a"), 0);
-  const std::string made = place_.read("key.pem");
+  const std::string made = read("key.pem");
   EXPECT_NE(made, other);
   const std::string reusable = "a comment\n" + other + "and more\n";
   for (const std::string& content : {reusable, std::string(), other.substr(0, other.size() / 2),
-                                     test::pem_of(root_.key.get(), "secret"), std::string(1 << 20, '-')}) {
+                                     pem_of(root_.key.get(), "secret"), std::string(1 << 20, '-')}) {
     SCOPED_TRACE(content.substr(0, 40));
     const bool reused = content == reusable;
-    fs::permissions(place_.write("key.pem", content), fs::perms{0640});
+    fs::permissions(write("key.pem", content), fs::perms{0640});
     EXPECT_EQ(generate("/CN=a"), 0);
-    EXPECT_EQ(place_.logged("prikey err,create new\n"), !reused);
-    EXPECT_EQ(place_.read("key.pem"), reused ? content : made);
+    EXPECT_EQ(was_logged("prikey err,create new\n"), !reused);
+    EXPECT_EQ(read("key.pem"), reused ? content : made);
     EXPECT_EQ(mode_of(key_), fs::perms{reused ? 0640u : 0600u});
   }
 }
@@ -96,12 +88,12 @@ TEST_F(ClientCert, WhatIsNoPlainFileStays) {
   EXPECT_EQ(generate("/CN=a"), 0);
   EXPECT_TRUE(fs::is_character_file("/dev/null"));
 
-  key_ = place_.path("key.pem");
-  cert_ = place_.path("empty directory");
+  key_ = path("key.pem");
+  cert_ = path("empty directory");
   fs::create_directory(cert_);
   EXPECT_EQ(generate("/CN=a"), 0);
-  EXPECT_TRUE(place_.logged("Can't write " + cert_));
-  EXPECT_NE(test::key_in(place_.read("key.pem")), nullptr) << "the key is written all the same";
+  EXPECT_TRUE(was_logged("Can't write " + cert_));
+  EXPECT_NE(key_in(read("key.pem")), nullptr) << "the key is written all the same";
   std::swap(key_, cert_);
   EXPECT_EQ(generate("/CN=a"), -1);
   EXPECT_TRUE(fs::is_directory(key_));
@@ -109,9 +101,9 @@ TEST_F(ClientCert, WhatIsNoPlainFileStays) {
 
 TEST_F(ClientCert, FailuresLeaveTheFilesAlone) {
   const std::shared_ptr<EVP_PKEY> ed(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"), EVP_PKEY_free);
-  place_.write("ed.pem", test::pem_of(test::make_identity("Ed", ed, {.digest = nullptr}).certificate.get()));
-  place_.write("ed.key", test::pem_of(ed.get()));
-  place_.write("locked.key", test::pem_of(root_.key.get(), "secret"));
+  write("ed.pem", pem_of(make_identity("Ed", ed, {.digest = nullptr}).certificate.get()));
+  write("ed.key", pem_of(ed.get()));
+  write("locked.key", pem_of(root_.key.get(), "secret"));
   dl_set_option(DL_OPT_KEY_PASSPHRASE, "secret");  // is for the device's keys, not for this one
   // clang-format off
   const struct { const char *ca_cert, *ca_key, *subject; int bits; const char* logged; } rows[] = {
@@ -127,15 +119,16 @@ TEST_F(ClientCert, FailuresLeaveTheFilesAlone) {
       {"ca.pem", "ca.key", "/CN=a", 16385, "dl_cert_build_rsa_key() fail\n"},
   };
   // clang-format on
-  place_.write("client.pem", "what was there");
+  write("client.pem", "what was there");
   for (const auto& row : rows) {
     SCOPED_TRACE(testing::Message() << "row " << &row - rows);
     ca_cert_ = row.ca_cert;
     ca_key_ = row.ca_key;
     EXPECT_EQ(generate(row.subject, row.bits), -1);
-    EXPECT_EQ(place_.read("key.pem") + place_.read("client.pem"), "(absent)what was there");
-    EXPECT_TRUE(!row.logged || place_.logged(row.logged)) << place_.log();
+    EXPECT_EQ(read("key.pem") + read("client.pem"), "(absent)what was there");
+    EXPECT_TRUE(!row.logged || was_logged(row.logged)) << log();
   }
 }
 
 }  // namespace
+}  // namespace test

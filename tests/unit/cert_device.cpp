@@ -1,13 +1,9 @@
 // The device certificate: what is installed, what is refused with which code, and that a refusal changes
 // nothing.
-#include <openssl/err.h>
-
 #include "include/fetchrig_openssl.h"
-#include "tests/support/cert_place.h"
-#include "tests/support/pki.h"
+#include "tests/support/cert_fixture.h"
 
-namespace fs = std::filesystem;
-
+namespace test {
 namespace {
 
 constexpr const char* custom = "config/server/WebServer.pem";
@@ -16,59 +12,57 @@ constexpr auto part = dl_install_ser_ca_separate;
 
 // A certificate and its key as PEM texts.
 struct pem_pair {
-  std::shared_ptr<EVP_PKEY> made = test::new_ec_key();
-  std::string cert = test::pem_of(test::make_identity("Device", made).certificate.get());
-  std::string key = test::pem_of(made.get()), both = cert + key;
+  std::shared_ptr<EVP_PKEY> made = new_ec_key();
+  std::string cert = pem_of(make_identity("Device", made).certificate.get());
+  std::string key = pem_of(made.get()), both = cert + key;
 };
 
-class DeviceCert : public testing::Test {
+class DeviceCert : public cert_test {
  protected:
   DeviceCert() { dl_set_option(DL_OPT_KEY_PASSPHRASE, "open sesame"); }
-  ~DeviceCert() override { EXPECT_EQ(ERR_peek_error(), 0u); }
 
   // Installs a file with the bytes `by` one of the two functions, to `path`; its code and whether `line` was
   // logged.
-  void install(const std::string& bytes, int (*by)(const char*), const std::string& path, int code = 0,
+  void install(const std::string& bytes, int (*by)(const char*), const std::string& target, int code = 0,
                const char* line = nullptr) {
-    const std::string file = place_.write("new.pem", bytes);
-    dl_set_option(DL_OPT_DEVICE_CERT_FILE, path.c_str());
-    place_.forget_log();
+    const std::string file = write("new.pem", bytes);
+    dl_set_option(DL_OPT_DEVICE_CERT_FILE, target.c_str());
+    forget_log();
     EXPECT_EQ(by(file.c_str()), code);
-    EXPECT_TRUE(!line || place_.logged(line)) << place_.log();
+    EXPECT_TRUE(!line || was_logged(line)) << log();
   }
-  unsigned mode_of(const std::string& path) const {
-    return static_cast<unsigned>(fs::status(path).permissions());
+  unsigned mode_of(const std::string& target) const {
+    return static_cast<unsigned>(fs::status(target).permissions());
   }
 
-  test::cert_place place_;
-  const std::string custom_ = place_.path(custom);
+  const std::string custom_ = path(custom);
   const pem_pair pair_, old_;
-  const std::string cert_der_ = test::der_of(test::certificate_in(pair_.cert).get());
-  const std::string locked_key_ = test::pem_of(pair_.made.get(), "open sesame");
-  const std::string foreign_key_ = test::pem_of(pair_.made.get(), "another pass phrase");
+  const std::string cert_der_ = der_of(certificate_in(pair_.cert).get());
+  const std::string locked_key_ = pem_of(pair_.made.get(), "open sesame");
+  const std::string foreign_key_ = pem_of(pair_.made.get(), "another pass phrase");
 };
 
 TEST_F(DeviceCert, IsCopiedIntoNewDirectoriesForItsOwnerAloneAndDeleted) {
   for (const char* name : {custom, "$(touch owned)/server/x.pem", "q'u\";ls/-server/x.pem"}) {
     SCOPED_TRACE(name);
     for (const std::string& content : {"a comment\n" + old_.both, pair_.cert + locked_key_}) {
-      install(content, whole, place_.path(name));
-      EXPECT_EQ(place_.read(name), content);
-      EXPECT_EQ(mode_of(place_.path(name)), 0600u);
+      install(content, whole, path(name));
+      EXPECT_EQ(read(name), content);
+      EXPECT_EQ(mode_of(path(name)), 0600u);
     }
     EXPECT_EQ(dl_del_ser_ca(), 0);
-    EXPECT_EQ(place_.read(name), "(absent)");
+    EXPECT_EQ(read(name), "(absent)");
   }
   EXPECT_FALSE(fs::exists("owned"));
-  const std::string own = place_.write("config/server/own.pem", pair_.both);
+  const std::string own = write("config/server/own.pem", pair_.both);
   dl_set_option(DL_OPT_DEVICE_CERT_FILE, own.c_str());
   EXPECT_EQ(dl_install_ser_ca(own.c_str()), 0);
-  EXPECT_EQ(place_.read("config/server/own.pem"), pair_.both) << "a file copied to itself";
+  EXPECT_EQ(read("config/server/own.pem"), pair_.both) << "a file copied to itself";
 }
 
 TEST_F(DeviceCert, RefusalsLeaveTheInstalledOne) {
-  const std::string crl = test::crl_pem_of(test::make_identity("CA", pair_.made));
-  const std::string factory = place_.write("config/phonedev/WebServer.pem", pem_pair().both);
+  const std::string crl = crl_pem_of(make_identity("CA", pair_.made));
+  const std::string factory = write("config/phonedev/WebServer.pem", pem_pair().both);
   // clang-format off
   const struct { const char* name; std::string file; uint32_t method; int code; const char* logged; } rows[] = {
       {"certificate alone", pair_.cert, 0, -2, "Can't load private key from ser_ca_file"},
@@ -81,33 +75,33 @@ TEST_F(DeviceCert, RefusalsLeaveTheInstalledOne) {
       {"SSL 3.0", pair_.both, 2, -5, "SSL_CTX_new error\n"},
       {"method 7", pair_.both, 7, -7, "Wrong method"},
       {"as installed", old_.both, 0, -7, "cert file same to custom device cert file\n"},
-      {"as shipped", test::read_file(factory), 3, -8, "cert file same to factory prefabrication device cert flie\n"},
+      {"as shipped", read_file(factory), 3, -8, "cert file same to factory prefabrication device cert flie\n"},
   };
   // clang-format on
-  place_.write(custom, old_.both);
+  write(custom, old_.both);
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     g_dl_cfg.ssl_method = row.method;  // dl_set_option() takes no number above 3
     install(row.file, whole, custom_, row.code, row.logged);
-    EXPECT_EQ(place_.read(custom), old_.both);
+    EXPECT_EQ(read(custom), old_.both);
   }
 }
 
 TEST_F(DeviceCert, UnusablePathsAndSources) {
-  place_.write("config/server", "a file where the directory should be");
+  write("config/server", "a file where the directory should be");
   install(pair_.both, whole, "", -7, "Wrong server ca path\n");
   install(pair_.both, whole, "/WebServer.pem", -7, "Wrong server ca path\n");
-  install(pair_.both, whole, place_.path("a/b/server/WebServer.pem"), -6, "Can't open trust_path\n");
+  install(pair_.both, whole, path("a/b/server/WebServer.pem"), -6, "Can't open trust_path\n");
   install(pair_.both, whole, custom_, -6, "Can't open serverdir\n");
   install(pair_.both, part, custom_, -1, "Can't open serverdir\n");
-  install(pair_.both, part, place_.path("config/WebServer.pem"), -1, "server cert dir err");
-  install(pair_.both, part, place_.path("server-certs/x.pem"), -1, "Can't write ");
-  EXPECT_TRUE(fs::is_empty(place_.path("server"))) << "all up to the first \"server\" is made";
-  EXPECT_EQ(whole(place_.path("absent").c_str()), -5);
-  EXPECT_EQ(part(place_.path("absent").c_str()), -1);
+  install(pair_.both, part, path("config/WebServer.pem"), -1, "server cert dir err");
+  install(pair_.both, part, path("server-certs/x.pem"), -1, "Can't write ");
+  EXPECT_TRUE(fs::is_empty(path("server"))) << "all up to the first \"server\" is made";
+  EXPECT_EQ(whole(path("absent").c_str()), -5);
+  EXPECT_EQ(part(path("absent").c_str()), -1);
   EXPECT_EQ(whole(nullptr), -5);
   EXPECT_EQ(part(nullptr), -1);
-  EXPECT_TRUE(place_.logged("Invaild paramter\n"));
+  EXPECT_TRUE(was_logged("Invaild paramter\n"));
 }
 
 TEST_F(DeviceCert, PartsAreCompletedFromTheCurrentFile) {
@@ -119,26 +113,27 @@ TEST_F(DeviceCert, PartsAreCompletedFromTheCurrentFile) {
       {"certificate, file with a key", pair_.cert, old_.key, new_cert, false},
       {"certificate, garbage", pair_.cert, "garbage", pair_.cert, true},
       {"certificate in DER", cert_der_, old_.both, new_cert, false},
-      {"key in DER", test::der_of(pair_.made.get()), old_.both, new_key, false},
+      {"key in DER", der_of(pair_.made.get()), old_.both, new_key, false},
       {"encrypted key", locked_key_, old_.both, new_key, false},
       {"key, file in DER", pair_.key, cert_der_, pair_.both, true},
   };
   // clang-format on
-  fs::create_directory(place_.path("config"));
+  fs::create_directory(path("config"));
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     const bool is_new = row.current.empty();
-    if (!is_new) fs::permissions(place_.write(custom, row.current), fs::perms{0640});
+    if (!is_new) fs::permissions(write(custom, row.current), fs::perms{0640});
     install(row.part, part, custom_);
-    EXPECT_EQ(place_.read(custom), row.result);
-    EXPECT_EQ(place_.logged("Bio_new_file dev cert err\n"), is_new);
-    EXPECT_EQ(place_.logged("device certificate and private key do not belong together\n"), !row.belong);
+    EXPECT_EQ(read(custom), row.result);
+    EXPECT_EQ(was_logged("Bio_new_file dev cert err\n"), is_new);
+    EXPECT_EQ(was_logged("device certificate and private key do not belong together\n"), !row.belong);
     EXPECT_EQ(mode_of(custom_), is_new ? 0600u : 0640u);
   }
   for (const std::string& nothing : {pair_.cert.substr(0, 300), cert_der_.substr(0, 100), foreign_key_}) {
     install(nothing, part, custom_, -1, "load dev cert err\n");
-    EXPECT_EQ(place_.read(custom), pair_.both);
+    EXPECT_EQ(read(custom), pair_.both);
   }
 }
 
 }  // namespace
+}  // namespace test

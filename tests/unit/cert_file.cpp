@@ -2,210 +2,184 @@
 // commands.
 #include "cert/cert_file.h"
 
+#include <fcntl.h>
 #include <openssl/err.h>
-#include <sys/stat.h>
-#include <unistd.h>
-#include <filesystem>
+#include <signal.h>
+#include <sys/resource.h>
 
 #include "cert/passphrase.h"
 #include "cert/shell.h"
 #include "core/openssl_owners.h"
+#include "core/owners.h"
 #include "include/fetchrig_openssl.h"
 #include "tests/support/cert_fixture.h"
 
-namespace fetchrig::test {
+namespace test {
 namespace {
 
-namespace fs = std::filesystem;
-
-// The functions under the calls leave OpenSSL's reasons to their callers.
-class cert_file : public cert_test {
- protected:
-  ~cert_file() override { ERR_clear_error(); }
-};
+using namespace fetchrig;
+using namespace std::string_literals;
 
 constexpr const char* scratch = "/tmp/ca_tmp.crt";
 
-uint32_t judged_hash(const std::string& path) {
-  return static_cast<uint32_t>(std::stoul(x509_value(path, "subject_hash"), nullptr, 16));
-}
+class cert_file : public cert_test {
+ protected:
+  // The functions under the calls leave OpenSSL's reasons to their callers.
+  ~cert_file() override { ERR_clear_error(); }
+
+  const identity ca_ = make_identity("CA", new_ec_key());
+  const std::string pem_ = pem_of(ca_.certificate.get()), der_ = der_of(ca_.certificate.get());
+};
 
 TEST_F(cert_file, ToldApartByContent) {
-  struct {
+  const struct {
     const char* name;
-    std::size_t filler;
-    const char* content;
+    std::string content;
     int encoding;
-  } const cases[] = {
-      {"empty", 0, "", encoding_der},
-      {"pem", 0, "-----BEGIN CERTIFICATE-----\n", encoding_pem},
-      {"text before", 5000, "\nmore\n-----BEGIN X-----", encoding_pem},
-      {"within the first part of a line", 1018, "BEGIN", encoding_pem},
-      {"across two parts of a line", 1020, "BEGIN", encoding_der},
-      {"within the second part", 1023, "BEGIN", encoding_pem},
-      {"other case", 0, "-----begin certificate-----\n", encoding_der},
-  };
-  for (const auto& row : cases) {
-    const std::string file = write("file", std::string(row.filler, 'a') + row.content);
-    EXPECT_EQ(cert_file_format(file.c_str()), row.encoding) << row.name;
+  } rows[] = {{"empty", "", encoding_der},
+              {"first line", "-----BEGIN CERTIFICATE-----\n", encoding_pem},
+              {"text before", std::string(5000, 'a') + "\nmore\n-----BEGIN X-----", encoding_pem},
+              {"ends the first part of a line", std::string(1018, 'a') + "BEGIN", encoding_pem},
+              {"across two parts of a line", std::string(1020, 'a') + "BEGIN", encoding_der}};
+  for (const auto& row : rows) {
+    EXPECT_EQ(cert_file_format(write("file", row.content).c_str()), row.encoding) << row.name;
   }
-  EXPECT_EQ(cert_file_format(path("missing").c_str()), encoding_none);
+  EXPECT_EQ(cert_file_format(path("absent").c_str()), encoding_none);
   EXPECT_EQ(cert_file_format(nullptr), encoding_none);
 }
 
-TEST_F(cert_file, HashIsTheJudgesAndDerBecomesPem) {
-  const std::string pem = make_cert("ca.pem", "/O=Acme/CN=Root 1");
-  const std::string der = to_der(pem, "ca.der");
-  const uint32_t expected = judged_hash(pem);
+TEST_F(cert_file, DerIsReplacedByPemOfTheSameMode) {
+  const std::string der = write("ca.der", der_), pem = write("ca.pem", pem_), link = path("link");
   fs::permissions(der, fs::perms(0640));
-
-  EXPECT_EQ(ca_file_hash(pem.c_str()), expected);
-  EXPECT_EQ(cert_file_format(der.c_str()), encoding_der);
-  EXPECT_EQ(ca_file_hash(der.c_str()), expected);
-  EXPECT_EQ(read_file(der), read_file(pem));
-  EXPECT_EQ(fs::status(der).permissions(), fs::perms(0640));
-  EXPECT_TRUE(was_logged("6 convert to PEM code\n"));
+  fs::create_symlink(der, link);
+  fs::create_symlink(write("victim", "precious"), scratch);
+  const auto hash =
+      static_cast<uint32_t>(std::stoul(openssl("x509 -noout -subject_hash -in " + pem), nullptr, 16));
+  EXPECT_EQ(ca_file_hash(pem.c_str()), hash);
+  EXPECT_TRUE(logged().empty());
+  EXPECT_EQ(ca_file_hash(link.c_str()), hash);
+  EXPECT_EQ(read("ca.der"), der_) << "a link is replaced, its target kept";
+  EXPECT_EQ(ca_file_hash(der.c_str()), hash);
+  for (const std::string& file : {link, der}) {
+    EXPECT_EQ(read_file(file), pem_);
+    EXPECT_EQ(fs::symlink_status(file).permissions(), fs::perms(0640));
+  }
+  EXPECT_EQ(read("victim"), "precious") << "a link under the scratch name is not followed";
+  EXPECT_EQ(logged(), std::vector<std::string>(2, "6 convert to PEM code\n"));
   EXPECT_FALSE(fs::exists(scratch));
 }
 
-TEST_F(cert_file, LinkToDerIsReplacedByAFile) {
-  const std::string der = to_der(make_cert("ca.pem", "/CN=Linked"), "ca.der");
-  const std::string before = read_file(der);
-  fs::create_symlink(der, path("link"));
-  EXPECT_EQ(ca_file_hash(path("link").c_str()), judged_hash(path("ca.pem")));
-  EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(path("link"))));
-  EXPECT_EQ(cert_file_format(path("link").c_str()), encoding_pem);
-  EXPECT_EQ(read_file(der), before);
+TEST_F(cert_file, DerThatCannotBeReplacedStays) {
+  const std::string der = write("ca.der", der_);
+  fs::create_directory(scratch);
+  EXPECT_EQ(ca_file_hash(der.c_str()), 0u);
+  EXPECT_TRUE(was_logged("3 open file err\n")) << log();
+  fs::remove(scratch);
+
+  rlimit limit;
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+  const rlimit small{10, limit.rlim_max};
+  const auto before = signal(SIGXFSZ, SIG_IGN);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+  EXPECT_EQ(ca_file_hash(der.c_str()), 0u);
+  setrlimit(RLIMIT_FSIZE, &limit);
+  signal(SIGXFSZ, before);
+  EXPECT_TRUE(was_logged("3 write scratch file errno " + std::to_string(EFBIG))) << log();
+  EXPECT_FALSE(fs::exists(scratch));
+
+  const unique_fd open_file(open(der.c_str(), O_RDONLY));
+  const std::string elsewhere = "/proc/self/fd/" + std::to_string(open_file.get());  // another file system
+  EXPECT_EQ(ca_file_hash(elsewhere.c_str()), 0u);
+  EXPECT_TRUE(was_logged("3 rename errno " + std::to_string(EXDEV))) << log();
+  fs::remove(scratch);
+  EXPECT_EQ(read("ca.der"), der_);
 }
 
 TEST_F(cert_file, FilesWithoutACertificateHaveNoHash) {
-  const std::string pem = read_file(make_cert("ca.pem", "/CN=Cut"));
-  const std::string der = read_file(to_der(path("ca.pem"), "ca.der"));
-  struct {
+  static constexpr const char* unreadable = "3 unable to load certificate ca_file\n";
+  const struct {
     const char* name;
-    std::string file;
-    const char* line;
-  } const cases[] = {
-      {"directory", path(""), "5 path is directory, ret\n"},
-      {"missing", path("missing"), "3 Bio_new_file error ca_file\n"},
-      {"empty", write("empty", ""), "3 unable to load certificate ca_file\n"},
-      {"cut pem", write("cut.pem", pem.substr(0, pem.size() - 40)), "3 unable to load certificate ca_file\n"},
-      {"cut der", write("cut.der", der.substr(0, der.size() - 1)), "3 unable to load certificate ca_file\n"},
-      {"key only", path("ca.pem.key"), "3 unable to load certificate ca_file\n"},
-      {"claims 4 GiB", write("claim", "\x30\x84\xff\xff\xff\xff\x30"),
-       "3 unable to load certificate ca_file\n"},
-      {"two MiB of a byte", write("big", std::string(2 << 20, '\x30')),
-       "3 unable to load certificate ca_file\n"},
-  };
-  for (const auto& row : cases) {
-    const std::string before = fs::is_regular_file(row.file) ? read_file(row.file) : "";
-    logged();
-    EXPECT_EQ(ca_file_hash(row.file.c_str()), 0u) << row.name;
-    EXPECT_EQ(logged(), std::vector<std::string>{row.line}) << row.name;
-    EXPECT_EQ(fs::is_regular_file(row.file) ? read_file(row.file) : "", before) << row.name;
+    std::string content;
+    std::string logged = unreadable;
+  } rows[] = {{".", "", "5 path is directory, ret\n"},
+              {"absent", "", "3 Bio_new_file error ca_file\n"},
+              {"empty", ""},
+              {"cut PEM", pem_.substr(0, pem_.size() - 40)},
+              {"cut DER", der_.substr(0, der_.size() - 1)},
+              {"key alone", pem_of(ca_.key.get())},
+              {"claims 4 GiB", "\x30\x84\xff\xff\xff\xff\x30"},
+              {"two MiB of a byte", std::string(2 << 20, '\x30')}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const bool is_file = row.logged == unreadable;
+    if (is_file) write(row.name, row.content);
+    forget_log();
+    EXPECT_EQ(ca_file_hash(path(row.name).c_str()), 0u);
+    EXPECT_EQ(logged(), std::vector{row.logged});
+    EXPECT_TRUE(!is_file || read(row.name) == row.content);
   }
   EXPECT_EQ(ca_file_hash(nullptr), 0u);
 }
 
-TEST_F(cert_file, ScratchFileIsNeverOpenedThroughALink) {
-  const std::string der = to_der(make_cert("ca.pem", "/CN=Scratch"), "ca.der");
-  const std::string victim = write("victim", "precious");
-  fs::create_symlink(victim, scratch);
-  EXPECT_NE(ca_file_hash(der.c_str()), 0u);
-  EXPECT_EQ(read_file(victim), "precious");
-  EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(der)));
-}
-
-TEST_F(cert_file, ScratchFileThatCannotBeMadeLeavesTheDerFile) {
-  const std::string der = to_der(make_cert("ca.pem", "/CN=Blocked"), "ca.der");
-  const std::string before = read_file(der);
-  fs::create_directory(scratch);
-  EXPECT_EQ(ca_file_hash(der.c_str()), 0u);
-  fs::remove(scratch);
-  EXPECT_TRUE(was_logged("3 open file err\n"));
-  EXPECT_EQ(read_file(der), before);
-}
-
-TEST_F(cert_file, FailedRenameLeavesTheDerFile) {
-  struct stat there, here;
-  if (::stat("/dev/shm", &there) != 0 || ::stat("/tmp", &here) != 0 || there.st_dev == here.st_dev) {
-    GTEST_SKIP() << "no second file system";
-  }
-  std::string other = "/dev/shm/fetchrig-cert-XXXXXX";
-  ASSERT_TRUE(mkdtemp(other.data()));
-  const std::string der = other + "/ca.der";
-  fs::copy_file(to_der(make_cert("ca.pem", "/CN=Far"), "ca.der"), der);
-  EXPECT_EQ(ca_file_hash(der.c_str()), 0u);
-  EXPECT_TRUE(was_logged("3 rename errno " + std::to_string(EXDEV)));
-  EXPECT_EQ(cert_file_format(der.c_str()), encoding_der);
-  EXPECT_TRUE(fs::remove(scratch));
-  fs::remove_all(other);
-}
-
 TEST_F(cert_file, KeysOpenWithTheConfiguredPassPhrase) {
-  make_cert("ca.pem", "/CN=Key");
-  const std::string plain = path("ca.pem.key");
-  openssl("pkcs8 -topk8 -in " + plain + " -passout pass:opensesame -out " + path("locked"));
-  openssl("pkey -in " + plain + " -outform DER -out " + path("der"));
-  struct {
-    const char* file;
+  const std::string locked = pem_of(ca_.key.get(), "opensesame");
+  const struct {
+    std::string content;
     const char* phrase;
     bool opens;
-  } const cases[] = {{"ca.pem.key", "", true}, {"der", "", true},          {"locked", "opensesame", true},
-                     {"locked", "", false},    {"locked", "other", false}, {"ca.pem", "", false}};
-  for (const auto& row : cases) {
+  } rows[] = {{pem_of(ca_.key.get()), "", true}, {der_of(ca_.key.get()), "", true},
+              {locked, "opensesame", true},      {locked, "", false},
+              {locked, "other", false},          {pem_, "", false}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(&row - rows);
     dl_set_option(DL_OPT_KEY_PASSPHRASE, row.phrase);
-    const std::string file = path(row.file);
+    const std::string file = write("key", row.content);
     const unique_bio bio(BIO_new_file(file.c_str(), "r"));
-    const unique_pkey key(load_key_bio(cert_file_format(file.c_str()), bio.get()));
-    EXPECT_EQ(key != nullptr, row.opens) << row.file << " with '" << row.phrase << "'";
+    EXPECT_EQ(unique_pkey(load_key_bio(cert_file_format(file.c_str()), bio.get())) != nullptr, row.opens);
+    EXPECT_EQ(load_key_bio(encoding_none, bio.get()), nullptr);
+    EXPECT_EQ(load_cert_bio(encoding_none, bio.get()), nullptr);
   }
-  const unique_bio bio(BIO_new_file(plain.c_str(), "r"));
-  EXPECT_EQ(load_key_bio(encoding_none, bio.get()), nullptr);
-  EXPECT_EQ(load_cert_bio(encoding_none, bio.get()), nullptr);
 }
 
 TEST_F(cert_file, PassPhraseIsCutToTheBuffer) {
-  char given[] = "user data";
-  char buffer[9] = "########";
-  EXPECT_EQ(password_cb(buffer, 4, 0, given), 4);
-  EXPECT_STREQ(buffer, "user####");
+  char given[] = "user data", buffer[9] = "########";
   dl_set_option(DL_OPT_KEY_PASSPHRASE, "secret");
-  EXPECT_EQ(password_cb(buffer, 4, 0, nullptr), 3);
-  EXPECT_STREQ(buffer, "sec");
-  EXPECT_EQ(std::string(buffer + 4), "####");
-  EXPECT_TRUE(was_logged("6 num is 4, pwd length:3\n"));
-  EXPECT_EQ(password_cb(buffer, 8, 0, nullptr), 6);
-  EXPECT_STREQ(buffer, "secret");
-  EXPECT_EQ(password_cb(buffer, 0, 0, given), 0);
+  const struct {
+    int size;
+    char* user_data;
+    int length;
+    std::string buffer;
+  } rows[] = {{0, given, 0, "########"},
+              {4, given, 4, "user####"},  // OpenSSL counts, without a terminator
+              {4, nullptr, 3, "sec\0####"s},
+              {8, nullptr, 6, "secret\0#"s}};
+  for (const auto& row : rows) {
+    EXPECT_EQ(password_cb(buffer, row.size, 0, row.user_data), row.length);
+    EXPECT_EQ(std::string(buffer, 8), row.buffer);
+  }
+  EXPECT_TRUE(was_logged("6 num is 4, pwd length:3\n")) << log();
   EXPECT_LT(no_password_cb(buffer, 8, 0, nullptr), 0);
 }
 
-TEST(shell, OrdinaryPathsStandAsTheyAre) {
-  EXPECT_EQ(shell_command(512, "ln -s", {"/phone/ca/00ab12cd", "/phone/ca/ca/00ab12cd.0"}),
-            "ln -s /phone/ca/00ab12cd /phone/ca/ca/00ab12cd.0");
-  EXPECT_EQ(shell_command(8, "rm", {"/a/b"}), "rm /a/b");
+// The shell itself is the judge: "printf" shows the words it makes of a command.
+TEST_F(cert_file, AnyPathStaysOneWordOfTheCommand) {
+  EXPECT_EQ(shell_command(8, "rm", {"/a/b"}), "rm /a/b") << "an ordinary path stands as it is";
   EXPECT_EQ(shell_command(7, "rm", {"/a/b"}), std::nullopt);
   EXPECT_EQ(run_shell(std::nullopt), -1);
-}
-
-// The shell itself is the judge: "set --" shows the words it makes of a command.
-TEST_F(cert_file, AnyPathStaysOneWord) {
+  EXPECT_TRUE(was_logged("3 command is too long, not run\n")) << log();
   std::string every_byte;
   for (int c = 1; c < 256; ++c) every_byte += static_cast<char>(c);
-  const std::string paths[] = {"",    "a b",   "it's",   "$(touch hit)", "`touch hit`", ";touch hit",
-                               "*",   "~",     "a\nb\n", "\\",           "\"\"'",       "&& touch hit",
-                               "-rf", "$HOME", "#",      every_byte};
   fs::current_path(path(""));
-  for (const std::string& one : paths) {
+  for (const std::string& one :
+       {""s, "a b"s, "it's"s, "$(touch hit)"s, "*"s, "~"s, "a\nb\n"s, "-rf"s, "#"s, every_byte}) {
     const auto command = shell_command(1 << 12, "printf '%s|' ", {one, "last"});
     ASSERT_TRUE(command);
     ASSERT_EQ(run_shell(*command + " > words"), 0);
-    EXPECT_EQ(read_file("words"), (one.starts_with('-') ? "./" : "") + one + "|last|");
+    EXPECT_EQ(read("words"), (one.starts_with('-') ? "./" : "") + one + "|last|");
   }
   EXPECT_FALSE(fs::exists("hit"));
   fs::current_path("/");
 }
 
 }  // namespace
-}  // namespace fetchrig::test
+}  // namespace test

@@ -5,11 +5,25 @@
 #include "cert/asn1_text.h"
 #include "tests/support/cert_fixture.h"
 
-namespace fetchrig::test {
+namespace test {
 namespace {
 
+using namespace fetchrig;
 using namespace std::string_literals;
-using cert_info = cert_test;
+
+class cert_info : public cert_test {
+ protected:
+  // A self-signed certificate in the file `name` (PEM) and its key in `name`.key; `request` goes to "openssl
+  // req".
+  std::string make_cert(const std::string& name, const std::string& subject, std::string request = "") const {
+    const std::string file = path(name);
+    if (request.find("-newkey") == request.npos)
+      request += " -newkey ec -pkeyopt ec_paramgen_curve:prime256v1";
+    openssl("req -x509 -nodes -days 3650 -subj '" + subject + "' -keyout " + file + ".key -out " + file +
+            " " + request);
+    return file;
+  }
+};
 
 TEST_F(cert_info, TimesAndSerialNumbers) {
   constexpr int utc = V_ASN1_UTCTIME, general = V_ASN1_GENERALIZEDTIME;
@@ -34,6 +48,7 @@ TEST_F(cert_info, TimesAndSerialNumbers) {
     ASN1_STRING* string = ASN1_STRING_type_new(row.type);
     ASN1_STRING_set(string, row.bytes.data(), static_cast<int>(row.bytes.size()));
     char text[64] = "refused";
+    forget_log();
     if (row.type == positive || row.type == negative) {
       asn1_serial_to_text(string, text);
     } else {
@@ -64,7 +79,7 @@ TEST_F(cert_info, RecordsSayWhatTheToolSays) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.subject);
     const std::string file = make_cert("cert.pem", row.subject, row.request);
-    const std::string der = to_der(file, "cert.der"), before = read_file(der);
+    const std::string before = der_of(certificate_in(read_file(file)).get()), der = write("cert.der", before);
     dl_ca_info brief{};
     EXPECT_EQ(dl_get_ca_info(der.c_str(), &brief), 0);
     EXPECT_EQ(read_file(der), before) << "the short form does not make it PEM";
@@ -80,7 +95,7 @@ TEST_F(cert_info, RecordsSayWhatTheToolSays) {
           "Not Before: "s + info.not_before + "\n", "Not After : "s + info.not_after + "\n"}) {
       EXPECT_NE(text.find(line), text.npos) << line << text;
     }
-    EXPECT_EQ(info.hash, std::stoul(x509_value(file, "subject_hash"), nullptr, 16));
+    EXPECT_EQ(info.hash, std::stoul(openssl("x509 -noout -subject_hash -in " + file), nullptr, 16));
     EXPECT_EQ(info.subject, row.shown);
     EXPECT_EQ(info.issuer, row.shown);
     EXPECT_EQ(brief.cn, row.cn);
@@ -107,7 +122,7 @@ TEST_F(cert_info, FilesWithAndWithoutCertificateAndKey) {
       {"no key", pem, -3, 0, mismatch},
       {"key of another", pem + other, -3, 256, mismatch},
       {"key alone", key, -2, 0, unreadable},
-      {"cut DER", read_file(to_der(file, "der")).substr(0, 200), -2, 0, unreadable},
+      {"cut DER", der_of(certificate_in(pem).get()).substr(0, 200), -2, 0, unreadable},
       {"endless DER", "\x30\x84\xff\xff\xff\xffnoise", -2, 0, unreadable},
       {"empty", "", -2, 0, unreadable},
       {"absent", "", -2, 0, "3 Bio_new_file error filename\n"},
@@ -120,6 +135,7 @@ TEST_F(cert_info, FilesWithAndWithoutCertificateAndKey) {
     const std::string tried = path(row.name);
     if (row.name != "absent"s && row.name != "."s) write(row.name, row.content);
     dl_set_option(DL_OPT_DEVICE_CERT_FILE, tried.c_str());
+    forget_log();
     dl_ca_info info;
     memset(&info, 'x', sizeof info);
     EXPECT_EQ(dl_get_ser_ca_info(&info), row.device_rc);
@@ -135,6 +151,7 @@ TEST_F(cert_info, FilesWithAndWithoutCertificateAndKey) {
     EXPECT_TRUE(was_logged(row.logged));
   }
   dl_ca_info_ex unused{};
+  forget_log();
   EXPECT_EQ(dl_get_ca_info("/", nullptr), -1);
   EXPECT_EQ(dl_get_ser_ca_info(nullptr), -1);
   EXPECT_EQ(dl_get_ca_info_ex("/", &unused, 0, nullptr), -1);
@@ -142,4 +159,4 @@ TEST_F(cert_info, FilesWithAndWithoutCertificateAndKey) {
 }
 
 }  // namespace
-}  // namespace fetchrig::test
+}  // namespace test

@@ -1,5 +1,4 @@
 // The key generator against an independently written one, and how it keeps to its own thread.
-#include <gtest/gtest.h>
 #include <openssl/rand.h>
 #include <stdlib.h>
 #include <string.h>
@@ -12,8 +11,7 @@
 #include "cert/keygen.h"
 #include "cert/seeded_rand.h"
 #include "include/fetchrig_openssl.h"
-#include "tests/support/cert_place.h"
-#include "tests/support/pki.h"
+#include "tests/support/cert_fixture.h"
 
 using namespace fetchrig;
 
@@ -78,6 +76,8 @@ TEST(SeededRand, DrawsEqualTheReference) {
   }
 }
 
+using Keygen = test::cert_test;
+
 reference_generator* current_reference = nullptr;
 
 int reference_bytes(unsigned char* buffer, int count) {
@@ -115,7 +115,7 @@ int ready() {
   return 1;
 }
 
-TEST(Keygen, KeysEqualTheReferenceWhateverOtherThreadsDo) {
+TEST_F(Keygen, KeysEqualTheReferenceWhateverOtherThreadsDo) {
   const std::string short_key = reference_modulus("0011AB", "seed", 512);
   const std::string long_key = reference_modulus("0011AB", "seed", 2048);
   constexpr RAND_METHOD bytes_alone = {nullptr, serve_bytes, nullptr, nullptr, serve_bytes, ready};
@@ -144,9 +144,8 @@ TEST(Keygen, KeysEqualTheReferenceWhateverOtherThreadsDo) {
   RAND_set_rand_method(before);
 }
 
-TEST(Keygen, ExportedFormMakesRandomKeysOrTakesTheFiles) {
-  const test::cert_place place;
-  const std::string file = place.path("key.pem");
+TEST_F(Keygen, ExportedFormMakesRandomKeysOrTakesTheFiles) {
+  const std::string file = path("key.pem");
   std::set<std::string> moduli;
   for (int round = 0; round < 3; ++round) {
     EVP_PKEY* key = nullptr;
