@@ -30,7 +30,7 @@ TEST(cert_store_tls, ServerIsReachedWhileItsCaIsInstalled) {
   ASSERT_EQ(dl_install_ca(ca.file().c_str()), 0);
   EXPECT_EQ(download(), 0);
   EXPECT_EQ(read_file(got), "content");
-  EXPECT_EQ(dl_del_ca((store + hash_name_of(ca.root().certificate.get())).c_str()), 0);
+  EXPECT_EQ(dl_del_ca((store + hash_name_of(ca.root())).c_str()), 0);
   EXPECT_EQ(download(), DL_ERR_CONNECT);
 }
 

@@ -79,9 +79,9 @@ identity make_identity(const std::string& common_name, std::shared_ptr<EVP_PKEY>
   return {std::move(key), certificate};
 }
 
-std::string hash_name_of(X509* certificate) {
+std::string hash_name_of(const identity& who) {
   char name[16];
-  snprintf(name, sizeof name, "%08lx.0", X509_subject_name_hash(certificate));
+  snprintf(name, sizeof name, "%08lx.0", X509_subject_name_hash(who.certificate.get()));
   return name;
 }
 

@@ -12,69 +12,62 @@ namespace test {
 namespace {
 
 constexpr uint32_t advance = 1;
+const identity_options authority = {.extensions = ca_extensions};
 
-std::string pem(const identity& of) {
-  return pem_of(of.certificate.get());
+identity issued(const identity* by, identity_options options, const char* name = "Leaf") {
+  options.issuer = by;
+  return make_identity(name, new_ec_key(), options);
 }
 
 class cert_verify : public cert_test {
  protected:
-  cert_verify() {
-    write("root.pem", pem(root_));
-    write("leaf.pem", pem(leaf_));
-    write("cas/" + hash_name_of(root_.certificate.get()), pem(root_));
-  }
-
-  identity issued(const identity* by, identity_options options, const char* name = "Leaf") const {
-    options.issuer = by;
-    return make_identity(name, new_ec_key(), options);
-  }
-  // Verifies `file` against the names of a CA directory and a CA file; null stands for the system's, "" for
-  // itself.
+  // Verifies `file` against the names of a CA directory and a CA file; null stands for the system's.
   int verify(const std::string& file, const char* ca_dir, const char* ca_file, uint32_t flags = 0) {
-    const auto full = [this](const char* name) { return name && *name ? path(name) : ""; };
+    const std::string dir = ca_dir && *ca_dir ? path(ca_dir) : "", cas = ca_file ? path(ca_file) : "";
     forget_log();
     memset(&result_, 0xEE, sizeof result_);
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
-    const int rc = dl_cert_verify(path(file).c_str(), ca_dir ? full(ca_dir).c_str() : nullptr,
-                                  ca_file ? full(ca_file).c_str() : nullptr, flags, &result_);
+    const int rc = dl_cert_verify(path(file).c_str(), ca_dir ? dir.c_str() : nullptr,
+                                  ca_file ? cas.c_str() : nullptr, flags, &result_);
     out_ = testing::internal::GetCapturedStdout();
     diagnostics_ = testing::internal::GetCapturedStderr();
     EXPECT_EQ(rc, result_.code == DL_VERIFY_OK ? 0 : -1);
     return result_.code;
   }
 
-  const identity root_ = make_identity("Root", new_ec_key(), {.extensions = ca_extensions});
-  const identity leaf_ = issued(&root_, {});
+  const identity root_ = issued(nullptr, authority, "Root"), leaf_ = issued(&root_, {});
+  const std::string cert_ = pem_of(leaf_), der_ = der_of(leaf_), key_ = pem_of(leaf_.key.get());
+  const std::string leaf_file_ = write("leaf.pem", cert_), root_file_ = write("root.pem", pem_of(root_));
+  const std::string hashed_ = write("cas/" + hash_name_of(root_), pem_of(root_));
   dl_result result_ = {};
   std::string out_, diagnostics_;
 };
 
 TEST_F(cert_verify, VerdictsOfOpenssl) {
-  const identity_options authority = {.extensions = ca_extensions};
-  const identity impostor = issued(nullptr, authority, "Root"),
-                 stranger = issued(nullptr, authority, "Stranger");
-  const identity middle = issued(&root_, authority, "Middle");
-  const std::string under_middle = pem(issued(&middle, {})), roots = pem(root_),
-                    no_issuer = "unable to get local issuer certificate";
+  const identity impostor = issued(nullptr, authority, "Root"), middle = issued(&root_, authority, "Middle");
   const identity no_ca = issued(nullptr, {.extensions = {{"basicConstraints", "CA:FALSE"}}}, "No CA");
-  const identity rsa_root = make_identity("RSA", new_rsa_key(1024), authority);
-  const std::string expired = pem(issued(nullptr, {.valid_until_s = -60}));
-  const std::string forged = pem(issued(&impostor, {})), early = pem(issued(&root_, {.valid_from_s = 3600}));
+  const identity md5 =
+      make_identity("MD5", new_rsa_key(1024), {.extensions = ca_extensions, .digest = EVP_md5()});
+  const std::string roots = pem_of(root_), below_middle = pem_of(issued(&middle, {}));
+  const std::string forged = pem_of(issued(&impostor, {})),
+                    early = pem_of(issued(&root_, {.valid_from_s = 3600}));
+  const std::string expired = pem_of(issued(nullptr, {.valid_until_s = -60}));
   // clang-format off
-  const struct { const char* name; std::string file, cas; int code; std::string message; } rows[] = {
+  const struct { const char* name; std::string file, cas; int code; const char* message; } rows[] = {
       {"the CA itself", roots, roots, DL_VERIFY_OK, ""},
-      {"in DER", der_of(leaf_.certificate.get()), roots, DL_VERIFY_OK, ""},
-      {"two levels", under_middle, pem(middle) + roots, DL_VERIFY_OK, ""},
-      {"self-signed and unknown", pem(stranger), roots, DL_VERIFY_OK, ""},
-      {"MD5 signature", pem(issued(&rsa_root, {.digest = EVP_md5()})), pem(rsa_root), DL_VERIFY_OK, ""},
-      {"issuer is no CA", pem(issued(&no_ca, {})), pem(no_ca), DL_VERIFY_OK, ""},
-      {"by another of that name", forged, roots, DL_VERIFY_SIGNATURE, "certificate signature failure"},
-      {"not yet valid", early, roots, DL_VERIFY_NOT_YET_VALID, "certificate is not yet valid"},
-      {"expired and self-signed", expired, roots, DL_VERIFY_EXPIRED, "certificate has expired"},
-      {"chain in the file is not used", under_middle + pem(middle), roots, DL_VERIFY_UNKNOWN_ISSUER, no_issuer},
-      {"issuer's issuer unknown", under_middle, pem(middle), DL_VERIFY_OTHER, "unable to get issuer certificate"},
+      {"in DER", der_, roots, DL_VERIFY_OK, ""},
+      {"two levels", below_middle, pem_of(middle) + roots, DL_VERIFY_OK, ""},
+      {"self-signed and unknown", pem_of(md5), roots, DL_VERIFY_OK, ""},
+      {"MD5 signature", pem_of(issued(&md5, {.digest = EVP_md5()})), pem_of(md5), DL_VERIFY_OK, ""},
+      {"issuer is no CA", pem_of(issued(&no_ca, {})), pem_of(no_ca), DL_VERIFY_OK, ""},
+      {"by another CA of that name", forged, roots, DL_VERIFY_SIGNATURE, "verify err:certificate signature failure"},
+      {"not yet valid", early, roots, DL_VERIFY_NOT_YET_VALID, "verify err:certificate is not yet valid"},
+      {"expired and self-signed", expired, roots, DL_VERIFY_EXPIRED, "verify err:certificate has expired"},
+      {"chain in the file is not used", below_middle + pem_of(middle), roots, DL_VERIFY_UNKNOWN_ISSUER,
+       "verify err:unable to get local issuer certificate"},
+      {"issuer's issuer unknown", below_middle, pem_of(middle), DL_VERIFY_OTHER,
+       "verify err:unable to get issuer certificate"},
   };
   // clang-format on
   for (const auto& row : rows) {
@@ -82,15 +75,14 @@ TEST_F(cert_verify, VerdictsOfOpenssl) {
     write("cert", row.file);
     write("roots", row.cas);
     EXPECT_EQ(verify("cert", "none", "roots"), row.code) << "a missing directory is an empty one";
-    EXPECT_EQ(std::string(result_.message), row.code == DL_VERIFY_OK ? "" : "verify err:" + row.message);
+    EXPECT_STREQ(result_.message, row.message);
     EXPECT_EQ(out_, path("cert") + ": ");
     EXPECT_EQ(was_logged("6 OK\n"), row.code == DL_VERIFY_OK);
   }
 }
 
 TEST_F(cert_verify, PlacesOfTheAuthorities) {
-  write("other.pem", pem(issued(nullptr, {.extensions = ca_extensions}, "Other")));
-  write("garbage", "garbage");
+  write("other.pem", pem_of(issued(nullptr, authority, "Other")));
   // clang-format off
   const struct { const char *ca_dir, *ca_file, *systems; int code; std::string diagnostics; } rows[] = {
       {"cas", "other.pem", "absent", DL_VERIFY_OK, ""},
@@ -98,7 +90,6 @@ TEST_F(cert_verify, PlacesOfTheAuthorities) {
       {nullptr, nullptr, "root.pem", DL_VERIFY_OK, ""},
       {nullptr, nullptr, "absent", DL_VERIFY_UNKNOWN_ISSUER, ""},
       {"cas", "absent", "root.pem", DL_VERIFY_SETUP, "Error loading file " + path("absent") + "\n"},
-      {"cas", "garbage", "root.pem", DL_VERIFY_SETUP, "Error loading file " + path("garbage") + "\n"},
       {"", "root.pem", "root.pem", DL_VERIFY_SETUP, "Error loading directory \n"},
   };
   // clang-format on
@@ -113,52 +104,45 @@ TEST_F(cert_verify, PlacesOfTheAuthorities) {
 }
 
 TEST_F(cert_verify, FilesWithoutACertificate) {
-  write("empty", "");
-  write("key", pem_of(leaf_.key.get()));
+  write("key", key_);
   write("huge", std::string(8 << 20, '0'));
-  fs::create_symlink("loop", path("loop"));
-  for (const std::string file : {"empty", "key", "huge", "cas", "absent", "loop"}) {
-    SCOPED_TRACE(file);
-    EXPECT_EQ(verify(file, "cas", "root.pem"), DL_VERIFY_OTHER);
+  for (const std::string file : {"key", "huge", "cas", "absent"}) {
+    EXPECT_EQ(verify(file, "cas", "root.pem"), DL_VERIFY_OTHER) << file;
     EXPECT_EQ(out_ + result_.message, "verify err:");
-    EXPECT_NE(diagnostics_.empty(), file != "empty") << "an empty file alone has no reason in OpenSSL";
-    EXPECT_EQ(was_logged("3 Bio_new_file error ca_file\n"), file == "absent" || file == "loop");
+    EXPECT_NE(diagnostics_, "") << "OpenSSL's reason";
+    EXPECT_EQ(was_logged("3 Bio_new_file error ca_file\n"), file == "absent");
   }
-  const std::string der = der_of(leaf_.certificate.get());
-  for (std::size_t at = 0; at < der.size(); at += 5) {
-    write("cut", der.substr(0, at));
+  for (std::size_t at = 0; at < der_.size(); at += 5) {
+    write("cut", der_.substr(0, at));
     EXPECT_EQ(verify("cut", "cas", "root.pem"), DL_VERIFY_OTHER) << at;
-    std::string damaged = der;
+    std::string damaged = der_;
     damaged[at] = static_cast<char>(damaged[at] ^ 1);
     write("damaged", damaged);
     EXPECT_NE(verify("damaged", "cas", "root.pem"), DL_VERIFY_OK) << at;
   }
   EXPECT_EQ(dl_cert_verify(nullptr, nullptr, nullptr, 0, &result_), -1);
   EXPECT_EQ(result_.code, DL_VERIFY_PARAMETER);
-  EXPECT_STREQ(result_.message, "");
   EXPECT_TRUE(was_logged("3 Invalid Parameter\n"));
-  EXPECT_EQ(dl_cert_verify(path("leaf.pem").c_str(), nullptr, nullptr, 0, nullptr), -1);
+  EXPECT_EQ(dl_cert_verify(leaf_file_.c_str(), nullptr, nullptr, 0, nullptr), -1);
 }
 
 TEST_F(cert_verify, AdvanceCheck) {
-  const std::string cert = pem(leaf_), key = pem_of(leaf_.key.get()),
-                    locked = pem_of(leaf_.key.get(), "open sesame");
-  const std::string expired = pem(issued(nullptr, {.valid_until_s = -60}));
-  const std::string no_ca = "Can't open ca file ser_ca_file\n", mismatch = "Private key does not match";
-  const std::string other_key = pem_of(new_ec_key().get()), no_cert = crl_pem_of(root_) + key;
+  const std::string locked = pem_of(leaf_.key.get(), "open sesame"), foreign = pem_of(new_ec_key().get());
+  const std::string expired = pem_of(issued(nullptr, {.valid_until_s = -60})), crl = crl_pem_of(root_);
+  const char *no_key = "Can't load private key", *no_cert = "Can't load public key\n";
+  const char* mismatch = "Private key does not match";
   // clang-format off
-  const struct { const char* name; std::string file; uint32_t method; int code; std::string told, logged; } rows[] = {
-      {"key first", key + cert, 0, DL_VERIFY_OK, "", "OK\n"},
-      {"encrypted key, any version", cert + locked, 3, DL_VERIFY_OK, "", "OK\n"},
-      {"SSL 2.0", cert + key, 1, DL_VERIFY_SETUP, "", "SSL_CTX_new error\n"},
-      {"SSL 3.0", cert + key, 2, DL_VERIFY_SETUP, "", "SSL_CTX_new error\n"},
-      {"method 4", cert + key, 4, DL_VERIFY_METHOD, "", "Wrong method"},
-      {"method beyond 31 bits", cert + key, 0x80000003u, DL_VERIFY_METHOD, "", "Wrong method"},
-      {"no key", cert, 0, DL_VERIFY_NO_KEY, "Can't load private key", "Can't load private key from ser_ca_file"},
-      {"another key", cert + other_key, 0, DL_VERIFY_KEY_MISMATCH, mismatch, mismatch + " the certificate"},
-      {"no certificate", no_cert, 0, DL_VERIFY_NO_CERTIFICATE, "Can't load public key\n", "Can't load public key from"},
-      {"key alone", key, 0, DL_VERIFY_SETUP, "", no_ca},
-      {"in DER", der_of(leaf_.certificate.get()), 0, DL_VERIFY_SETUP, "", no_ca},
+  const struct { const char* name; std::string file; uint32_t method; int code; const char *text, *logged; } rows[] = {
+      {"key first", key_ + cert_, 0, DL_VERIFY_OK, "", "OK\n"},
+      {"encrypted key, any version", cert_ + locked, 3, DL_VERIFY_OK, "", "OK\n"},
+      {"SSL 2.0", cert_ + key_, 1, DL_VERIFY_SETUP, "", "SSL_CTX_new error\n"},
+      {"SSL 3.0", cert_ + key_, 2, DL_VERIFY_SETUP, "", "SSL_CTX_new error\n"},
+      {"method 4", cert_ + key_, 4, DL_VERIFY_METHOD, "", "Wrong method"},
+      {"method beyond 31 bits", cert_ + key_, 0x80000003u, DL_VERIFY_METHOD, "", "Wrong method"},
+      {"no key", cert_, 0, DL_VERIFY_NO_KEY, no_key, "Can't load private key from ser_ca_file"},
+      {"another key", cert_ + foreign, 0, DL_VERIFY_KEY_MISMATCH, mismatch, mismatch},
+      {"no certificate", crl + key_, 0, DL_VERIFY_NO_CERTIFICATE, no_cert, "Can't load public key from ser_ca_file\n"},
+      {"in DER", der_, 0, DL_VERIFY_SETUP, "", "Can't open ca file ser_ca_file\n"},
   };
   // clang-format on
   dl_set_option(DL_OPT_KEY_PASSPHRASE, "open sesame");
@@ -167,13 +151,12 @@ TEST_F(cert_verify, AdvanceCheck) {
     write("pair", row.file);
     g_dl_cfg.ssl_method = row.method;  // dl_set_option() takes no number above 3
     EXPECT_EQ(verify("pair", "cas", "root.pem", advance), row.code);
-    EXPECT_EQ(result_.message, row.told);
+    EXPECT_STREQ(result_.message, row.text);
     EXPECT_TRUE(was_logged("6 verify advance\n") && was_logged(row.logged)) << log();
     EXPECT_EQ(out_.empty(), row.code != DL_VERIFY_OK) << "a failed check ends the call";
   }
-  write("pair", expired + key);
-  EXPECT_EQ(verify("pair", "cas", "root.pem", ~advance), DL_VERIFY_EXPIRED)
-      << "bit 0 alone asks for the check";
+  write("pair", expired);
+  EXPECT_EQ(verify("pair", "cas", "root.pem", ~advance), DL_VERIFY_EXPIRED) << "bit 0 alone asks for it";
 }
 
 TEST_F(cert_verify, CallbackPassesItsListAlone) {
@@ -182,26 +165,21 @@ TEST_F(cert_verify, CallbackPassesItsListAlone) {
                                  X509_V_ERR_PATH_LENGTH_EXCEEDED,        X509_V_ERR_INVALID_PURPOSE,
                                  X509_V_ERR_UNHANDLED_CRITICAL_EXTENSION};
   const std::shared_ptr<X509_STORE_CTX> context(X509_STORE_CTX_new(), X509_STORE_CTX_free);
-  const std::shared_ptr<X509_STORE> store(X509_STORE_new(), X509_STORE_free);
-  ASSERT_EQ(X509_STORE_CTX_init(context.get(), store.get(), leaf_.certificate.get(), nullptr), 1);
-  X509_STORE_CTX_set_error_depth(context.get(), 2);
   for (int error = 0; error <= 110; ++error) {
     X509_STORE_CTX_set_error(context.get(), error);
     EXPECT_EQ(cb(0, context.get()), passing.count(error)) << error;
     EXPECT_EQ(cb(7, context.get()), 7);
   }
+  EXPECT_TRUE(was_logged("5 \n")) << "no certificate, an empty subject";
   X509_STORE_CTX_set_error(context.get(), X509_V_ERR_CERT_HAS_EXPIRED);
-  for (X509* const certificate : {leaf_.certificate.get(), static_cast<X509*>(nullptr)}) {
-    X509_STORE_CTX_set_current_cert(context.get(), certificate);
-    forget_log();
-    cb(0, context.get());
-    EXPECT_EQ(logged(),
-              (std::vector<std::string>{certificate ? "5 /O=Test/CN=Leaf\n" : "5 \n",
-                                        "5 verify cb error 10 at 2 depth lookup:certificate has expired\n"}));
-  }
-  using fetchrig::verify_code;
-  EXPECT_EQ(verify_code(X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE), DL_VERIFY_UNKNOWN_ISSUER);
-  EXPECT_EQ(verify_code(X509_V_OK), DL_VERIFY_OTHER) << "no error is not yet a positive verdict";
+  X509_STORE_CTX_set_error_depth(context.get(), 2);
+  X509_STORE_CTX_set_current_cert(context.get(), leaf_.certificate.get());
+  forget_log();
+  cb(0, context.get());
+  const char* lookup = "5 verify cb error 10 at 2 depth lookup:certificate has expired\n";
+  EXPECT_EQ(logged(), (std::vector<std::string>{"5 /O=Test/CN=Leaf\n", lookup}));
+  EXPECT_EQ(fetchrig::verify_code(X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE), DL_VERIFY_UNKNOWN_ISSUER);
+  EXPECT_EQ(fetchrig::verify_code(X509_V_OK), DL_VERIFY_OTHER) << "no error is not yet a positive verdict";
 }
 
 }  // namespace
