@@ -100,14 +100,17 @@ TEST_F(cli_cert, generated_certificates_have_the_seeds_key_and_are_accepted_by_a
   nginx_server server({files.cert, files.key, "TLSv1 TLSv1.2 TLSv1.3", path("ca")});
   REQUIRE_SERVER(server);
   server.put("file", "content");
+  const auto get_with = [&](const std::string& cert, const std::string& method) {
+    return fetchrig({"get", server.https_url("/file"), "--ca-dir", "store/ca", "--cert", cert, "-o", "-",
+                     "--tls-method", method});
+  };
+  EXPECT_EQ(true, ask({"install", root_})["ok"]);
   for (const char* method : {"auto", "tls1.0"}) {
-    const auto get_with = [&](const std::string& cert) {
-      return fetchrig({"get", server.https_url("/file"), "--ca-dir", ca_.hashed_dir(), "--cert", cert, "-o",
-                       "-", "--tls-method", method});
-    };
-    expect_done(get_with("a"), "content");
-    expect_failed(get_with(files.both), 1, {"400"});
+    expect_done(get_with("a", method), "content");
+    expect_failed(get_with(files.both, method), 1, {"400"});
   }
+  EXPECT_EQ(true, ask({"remove", hash_})["ok"]);
+  expect_failed(get_with("a", "auto"), 1, {"trust"});
 }
 
 TEST_F(cli_cert, store) {

@@ -35,7 +35,7 @@ std::shared_ptr<EVP_PKEY> new_ec_key();
 std::shared_ptr<EVP_PKEY> new_rsa_key(unsigned bits);
 
 // A version 3 certificate for "/O=Test/CN=common_name" and `key`.
-identity make_identity(const std::string& common_name, std::shared_ptr<EVP_PKEY> key,
+identity make_identity(const std::string& common_name, std::shared_ptr<EVP_PKEY> key = new_ec_key(),
                        const identity_options& options = {});
 
 // The certificate's name in a hashed directory, "0123abcd.0".

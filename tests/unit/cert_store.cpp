@@ -1,6 +1,5 @@
 // The trusted-CA store: what is installed, listed and removed. OpenSSL's own directory look-up judges the
 // layout.
-#include <fcntl.h>
 #include <sys/resource.h>
 
 #include <map>
@@ -20,9 +19,9 @@ using cert_store = cert_test;
 std::map<std::string, std::string> snapshot(const std::string& root) {
   std::map<std::string, std::string> found;
   for (const auto& entry : fs::recursive_directory_iterator(root)) {
-    found[entry.path()] = entry.is_symlink()     ? "-> " + fs::read_symlink(entry.path()).string()
-                          : entry.is_directory() ? "directory"
-                                                 : read_file(entry.path());
+    std::string& content = found[entry.path()] = "directory";
+    if (entry.is_regular_file()) content = read_file(entry.path());
+    if (entry.is_symlink()) content = "-> " + fs::read_symlink(entry.path()).string();
   }
   return found;
 }
@@ -47,12 +46,11 @@ listing list(bool long_form) {
 }
 
 TEST_F(cert_store, InstalledOnceFoundByOpensslAndRemovedWhole) {
-  const std::string store = path("it's a *;# store/"),
-                    other = write("-rf", pem_of(make_identity("Other", new_ec_key())));
+  const std::string store = path("it's a *;# store/"), other = write("-rf", pem_of(make_identity("Other")));
   set_option(DL_OPT_TRUST_CA_DIR, store);
   ASSERT_EQ(dl_install_ca(other.c_str()), 0);
   const auto before = snapshot(store);
-  identity ca = make_identity("Root", new_ec_key());
+  identity ca = make_identity("Root");
   for (int n = 0; !hash_name_of(ca).starts_with("00"); ++n)
     ca = make_identity(std::to_string(n), ca.key);  // kept zeros
   const std::string input = write("ca.der", der_of(ca)), hash = hash_name_of(ca).substr(0, 8);
@@ -83,7 +81,7 @@ TEST_F(cert_store, InstalledOnceFoundByOpensslAndRemovedWhole) {
 }
 
 TEST_F(cert_store, WhatStandsInTheWayStays) {
-  const identity ca = make_identity("CA", new_ec_key());
+  const identity ca = make_identity("CA");
   const std::string input = write("ca.pem", pem_of(ca)), text = "no certificate";
   // clang-format off
   const struct { const char* file; std::string content; int rc; const char* logged; } rows[] = {
@@ -116,7 +114,7 @@ TEST_F(cert_store, WhatHoldsNoCertificateIsNotInstalledButRemoved) {
 }
 
 TEST_F(cert_store, PathsBeyondTheCommandBuffersChangeNothing) {
-  const std::string ca = write("ca.pem", pem_of(make_identity("Long", new_ec_key())));
+  const std::string ca = write("ca.pem", pem_of(make_identity("Long")));
   set_option(DL_OPT_TRUST_CA_DIR, path(std::string(100, 'd') + "/"));
   EXPECT_EQ(dl_install_ca(ca.c_str()), 0);
   const auto before = snapshot(path(""));
@@ -141,8 +139,7 @@ TEST_F(cert_store, ListingsTellTenAtMost) {
       EXPECT_EQ(found.entries.size(), std::min<std::size_t>(count, 10));
       EXPECT_EQ(was_logged("3 number of ca file is no less than 10!\n"), count == 11);
     }
-    const std::string next = pem_of(make_identity(std::to_string(count), new_ec_key()));
-    ASSERT_EQ(dl_install_ca(write("ca", next).c_str()), 0);
+    ASSERT_EQ(dl_install_ca(write("ca", pem_of(make_identity(std::to_string(count)))).c_str()), 0);
   }
   dl_trust_ca_list_ex unused;
   dl_result result = {};
@@ -159,7 +156,7 @@ TEST_F(cert_store, ListingRemovesByTheirWholeNamesWhatHoldsNoCertificate) {
   const std::string root = path(std::string(60, 'd') + "/"), cut = root.substr(0, 63);
   set_option(DL_OPT_TRUST_CA_DIR, root);
   fs::create_directories(root + "directory.0");
-  write_file(root + "good.0", pem_of(make_identity("Good", new_ec_key())));
+  write_file(root + "good.0", pem_of(make_identity("Good")));
   for (const std::string& unrelated : {cut, path("outside"), root + "no hash name"})
     write_file(unrelated, "text");
   const auto kept = snapshot(path(""));
@@ -177,24 +174,21 @@ TEST_F(cert_store, ListingRemovesByTheirWholeNamesWhatHoldsNoCertificate) {
 }
 
 TEST_F(cert_store, ListingKeepsWhatCouldNotBeReadForLackOfDescriptors) {
-  ASSERT_EQ(dl_install_ca(write("ca.pem", pem_of(make_identity("Kept", new_ec_key()))).c_str()), 0);
+  ASSERT_EQ(dl_install_ca(write("ca.pem", pem_of(make_identity("Kept"))).c_str()), 0);
   const auto before = snapshot(store());
   rlimit limit;
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-  const rlimit few{64, limit.rlim_max};
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
-  std::vector<fetchrig::unique_fd> held;
-  for (int fd; (fd = open("/dev/null", O_RDONLY)) >= 0;) held.emplace_back(fd);
-  for (int spare = 0; spare < 3; ++spare) {  // for the directory, then the file, then its second reading
-    if (spare > 0) held.pop_back();
+  const auto lowest_free = static_cast<rlim_t>(fetchrig::unique_fd(dup(0)).get());
+  for (rlim_t spare = 0; spare < 3; ++spare) {  // for the directory, then the file, then its second reading
+    const rlimit few{lowest_free + spare, limit.rlim_max};
     for (const bool long_form : {false, true}) {
+      ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
       const listing found = list(long_form);
+      setrlimit(RLIMIT_NOFILE, &limit);
       EXPECT_EQ(found.rc == 0, spare > 0);
       EXPECT_TRUE(found.entries.empty()) << spare;
     }
   }
-  held.clear();
-  setrlimit(RLIMIT_NOFILE, &limit);
   EXPECT_EQ(snapshot(store()), before);
 }
 

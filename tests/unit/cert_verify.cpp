@@ -105,16 +105,13 @@ TEST_F(cert_verify, PlacesOfTheAuthorities) {
 
 TEST_F(cert_verify, FilesWithoutACertificate) {
   write("key", key_);
-  write("huge", std::string(8 << 20, '0'));
-  for (const std::string file : {"key", "huge", "cas", "absent"}) {
+  for (const std::string file : {"key", "cas", "absent"}) {
     EXPECT_EQ(verify(file, "cas", "root.pem"), DL_VERIFY_OTHER) << file;
     EXPECT_EQ(out_ + result_.message, "verify err:");
     EXPECT_NE(diagnostics_, "") << "OpenSSL's reason";
     EXPECT_EQ(was_logged("3 Bio_new_file error ca_file\n"), file == "absent");
   }
   for (std::size_t at = 0; at < der_.size(); at += 5) {
-    write("cut", der_.substr(0, at));
-    EXPECT_EQ(verify("cut", "cas", "root.pem"), DL_VERIFY_OTHER) << at;
     std::string damaged = der_;
     damaged[at] = static_cast<char>(damaged[at] ^ 1);
     write("damaged", damaged);
@@ -136,7 +133,6 @@ TEST_F(cert_verify, AdvanceCheck) {
       {"key first", key_ + cert_, 0, DL_VERIFY_OK, "", "OK\n"},
       {"encrypted key, any version", cert_ + locked, 3, DL_VERIFY_OK, "", "OK\n"},
       {"SSL 2.0", cert_ + key_, 1, DL_VERIFY_SETUP, "", "SSL_CTX_new error\n"},
-      {"SSL 3.0", cert_ + key_, 2, DL_VERIFY_SETUP, "", "SSL_CTX_new error\n"},
       {"method 4", cert_ + key_, 4, DL_VERIFY_METHOD, "", "Wrong method"},
       {"method beyond 31 bits", cert_ + key_, 0x80000003u, DL_VERIFY_METHOD, "", "Wrong method"},
       {"no key", cert_, 0, DL_VERIFY_NO_KEY, no_key, "Can't load private key from ser_ca_file"},
