@@ -3,8 +3,8 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/support/command.h"
+#include "tests/support/pki.h"
 #include "tests/support/servers.h"
-#include "tests/support/test_ca.h"
 
 namespace test {
 namespace {

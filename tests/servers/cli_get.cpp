@@ -7,8 +7,8 @@
 
 #include "tests/peers/tcp_peer.h"
 #include "tests/support/command.h"
+#include "tests/support/pki.h"
 #include "tests/support/servers.h"
-#include "tests/support/test_ca.h"
 
 namespace test {
 namespace {

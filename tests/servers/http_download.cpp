@@ -4,8 +4,8 @@
 #include <fstream>
 
 #include "tests/support/http_fixture.h"
+#include "tests/support/pki.h"
 #include "tests/support/servers.h"
-#include "tests/support/test_ca.h"
 
 namespace test {
 namespace {

@@ -11,9 +11,9 @@
 #include "include/fetchrig.h"
 #include "tests/support/descriptors.h"
 #include "tests/support/options.h"
+#include "tests/support/pki.h"
 #include "tests/support/servers.h"
 #include "tests/support/temp_dir.h"
-#include "tests/support/test_ca.h"
 
 namespace test {
 namespace {

@@ -37,8 +37,7 @@ TEST_F(cert_file, ToldApartByContent) {
   };
   EXPECT_EQ(format_of(""), encoding_der);
   EXPECT_EQ(format_of(std::string(5000, 'a') + "\nmore\n-----BEGIN X-----"), encoding_pem);
-  EXPECT_EQ(format_of(std::string(1018, 'a') + "BEGIN"), encoding_pem)
-      << "ends what is read of a line at once";
+  EXPECT_EQ(format_of(std::string(1018, 'a') + "BEGIN"), encoding_pem) << "ends a part of a line";
   EXPECT_EQ(format_of(std::string(1019, 'a') + "BEGIN"), encoding_der) << "across two parts of a line";
   EXPECT_EQ(cert_file_format(path("absent").c_str()), encoding_none);
   EXPECT_EQ(cert_file_format(nullptr), encoding_none);

@@ -9,7 +9,7 @@
 
 #include "include/fetchrig_openssl.h"
 #include "tests/support/http_fixture.h"
-#include "tests/support/test_ca.h"
+#include "tests/support/pki.h"
 #include "tests/support/wave.h"
 
 namespace {

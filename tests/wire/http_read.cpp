@@ -11,7 +11,7 @@
 #include "http/http_read.h"
 #include "tests/support/fed_socket.h"
 #include "tests/support/http_fixture.h"
-#include "tests/support/test_ca.h"
+#include "tests/support/pki.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include "tests/support/descriptors.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/options.h"
-#include "tests/support/test_ca.h"
+#include "tests/support/pki.h"
 
 namespace test {
 namespace {
