@@ -9,7 +9,6 @@ namespace {
 
 using namespace test;
 using std::string;
-using peer_scripts = std::vector<connection_script>;
 
 const string self = "http://127.0.0.1:@PORT@";
 const string vault = "Basic realm=\"vault\"";
@@ -28,15 +27,15 @@ step post(const string& path, const string& more = "") {
 connection_script answered(const string& bytes) {
   return {get("/a"), send(bytes)};
 }
-connection_script ends(const step& request, const string& body = "end") {
-  return {request, send(response("200 OK", body))};
+connection_script ends(const step& request) {
+  return {request, send(response("200 OK", "end"))};
 }
 const connection_script moved = answered(redirect_to(self + "/b", "moved"));
 const connection_script asked = answered(unauthorized(vault));
 
 struct response_row {
   string name;
-  peer_scripts scripts;
+  std::vector<connection_script> scripts;
   int32_t code;  // of the open call; 0: it succeeds
   string text;   // the body; after a failure the reason in the log, if there is one beside the usual
   string redirect = {};
@@ -46,7 +45,8 @@ struct response_row {
 class http_response : public http_test {
  protected:
   // `ask` without a URL asks for /a at the peer, which is the proxy where that is "peer".
-  http_outcome talk(const peer_scripts& scripts, http_ask ask = {}, delivery mode = delivery::whole) {
+  http_outcome talk(const std::vector<connection_script>& scripts, http_ask ask = {},
+                    delivery mode = delivery::whole) {
     tcp_peer server(scripts, {.mode = mode});
     if (ask.url.empty()) ask.url = server.url("http", "/a");
     if (ask.proxy == "peer") ask.proxy = server.url("http");
@@ -65,8 +65,9 @@ class http_response : public http_test {
         EXPECT_EQ(row.code, outcome.code);
         EXPECT_EQ(row.code == 0 ? row.text : "", outcome.body);
         lines reasons(!row.text.empty(), row.text);
-        reasons.push_back(failed);
+        if (row.code < 0) reasons.push_back(failed);
         EXPECT_EQ(row.code == 0 ? lines{} : reasons, errors());
+        EXPECT_EQ(log_.count("response code: 200") > 0, outcome.has_headers) << "200 alone keeps them";
         string redirect = row.redirect;
         if (const auto at = redirect.find("@PORT@"); at != string::npos) redirect.replace(at, 6, port_);
         EXPECT_EQ(redirect, outcome.redirect);
@@ -82,17 +83,11 @@ class http_response : public http_test {
 
 TEST_F(http_response, status_decides) {
   const std::pair<string, int32_t> rows[] = {
-      // status line, code of the open call
       {"200 OK", 0},    {"100 Continue", 0}, {"303 See Other", 0}, {"304 Same", 304},    {"399 X", 0},
       {"400 Bad", 400}, {"999 X", 999},      {"20x", 0},           {"2000 cut at 3", 0}, {"  404 wide", 404}};
   for (const auto& [status, code] : rows) {
-    SCOPED_TRACE(status);
-    const http_outcome outcome = talk({answered(response(status, "body"))});
-    EXPECT_EQ(code, outcome.code);
-    EXPECT_EQ(code == 0 ? "body" : "", outcome.body);
-    EXPECT_EQ(status.starts_with("200"), outcome.has_headers);
-    EXPECT_EQ(lines(code != 0, code == 304 ? "Client error, same data. code: 304" : "Client error"),
-              errors());
+    const string refused = code == 304 ? "Client error, same data. code: 304" : "Client error";
+    run({{status, {answered(response(status, "body"))}, code, code == 0 ? "body" : refused}});
   }
 }
 
@@ -107,10 +102,8 @@ TEST_F(http_response, redirects_and_broken_answers) {
       {"followed", {moved, end_b}, 0, "end", at_b},
       {"301, other case", {answered("HTTP/1.0 301 X\r\nLOCATION: " + at_b + "\r\n\r\n"), end_b}, 0, "end", at_b},
       {"one too many", {moved, {get("/b"), send(redirect_to(self))}}, DL_ERR_REDIRECTS, "", at_b},
-      {"space: escaped on the wire only", {redirected("Location: " + self + "/x y"), ends(get("/x%20y"))}, 0, "end",
-       self + "/x y"},
-      {"a NUL begins no header", {redirected("X: y" + string(1, '\0') + "location: " + self)}, DL_ERR_REDIRECTS,
-       "Can't find location header"},
+      {"escaped when sent", {redirected("Location: " + self + "/x y"), ends(get("/x%20y"))}, 0, "end", self + "/x y"},
+      {"NUL", {redirected("X:" + string(1, '\0') + "location: " + self)}, DL_ERR_REDIRECTS, "Can't find location header"},
       {"no space: a character is lost", {redirected("Location:" + self)}, DL_ERR_REDIRECT_URL, "", self.substr(1)},
       {"empty", {redirected("Location:")}, DL_ERR_REDIRECT_URL, ""},
       {"relative", {redirected("Location: /b")}, DL_ERR_REDIRECT_URL, "", "/b"},
@@ -125,7 +118,6 @@ TEST_F(http_response, redirects_and_broken_answers) {
       {"nothing", {{get("/a")}}, DL_ERR_INVALID_DATA, ""},
       {"reset before an answer", {{get("/a"), reset()}}, DL_ERR_READ, "Peek error!"},
       {"cut in a header line", {answered(head_200 + "Content-Le")}, 0, ""},
-      {"other protocol", {answered("ICY 200 OK\r\n\r\n")}, DL_ERR_INVALID_DATA, ""},
       {"negative number", {answered("HTTP/1.1 -12\r\n\r\n")}, -12, ""},
       {"bare line feeds", {answered("HTTP/1.1 200 OK\n\nbody")}, 0, ""},
       {"long status line", {answered(string(125, 'x') + "\r\n")}, DL_ERR_READ, "Buffer not enough! buffer len 128"},
@@ -148,8 +140,7 @@ TEST_F(http_response, challenges) {
       {"nobody: the empty user", {asked, ends(get("/a", "Authorization: Basic Og==\r\n"))}, 0, "end"},
       {"no challenge: read on", {answered("HTTP/1.1 401 No\r\n\r\n" + response("200 OK", "in"))}, 0, "in"},
       {"Basic comes second", {answered(unauthorized("X\r\nWWW-Authenticate: Basic"))}, DL_ERR_AUTH, "Input Auth Error"},
-      {"a user with a line break", {answered(unauthorized("Digest nonce=n"))}, DL_ERR_AUTH, "Output Auth Error", "",
-       {.user = "a\r\nX: y"}},
+      {"two lines", {answered(unauthorized("Digest nonce=n"))}, DL_ERR_AUTH, "Output Auth Error", "", {.user = "u\n"}},
       {"xsi", {asked, ends(get("/a", xsi))}, 0, "end", "", {.user = "phone", .password = "s3cret", .auth_type = 2}},
       {"xsi without a user", {asked}, DL_ERR_AUTH, "Output SIP XSI Auth Error", "", {.auth_type = 2}},
       {"the last of a list fits", {first, second, ends(third)}, 0, "end", "", list},
@@ -184,8 +175,8 @@ TEST_F(http_response, a_proxy_keeps_the_connection_over_redirects_and_their_bodi
 // Symptom: a password answered at one server shows up at another.
 TEST_F(http_response, an_answer_is_dropped_when_the_origin_changes) {
   tcp_peer other({ends(get("/b"))});
-  const step redirect = send(redirect_to(other.url("http", "/b")));
-  EXPECT_EQ("end", talk({asked, {get("/a", basic_answer), redirect}}, phone).body);
+  const step leave = send(redirect_to(other.url("http", "/b")));
+  EXPECT_EQ("end", talk({asked, {get("/a", basic_answer), leave}}, phone).body);
   EXPECT_TRUE(other.finish());
   EXPECT_EQ(1u, log_.count("redirect leaves 127.0.0.1:" + port_ + " for 127.0.0.1:"));
 }
@@ -193,9 +184,7 @@ TEST_F(http_response, an_answer_is_dropped_when_the_origin_changes) {
 TEST_F(http_response, a_challenge_is_answered_at_the_origin_and_the_proxy_is_left_for_good) {
   tcp_peer origin(
       {{get("/a", basic_answer), send(redirect_to(self + "/b", "unread"))}, ends(get("/b", basic_answer))});
-  http_ask ask = phone;
-  ask.url = origin.url("http", "/a");
-  ask.proxy = "peer";
+  const http_ask ask = {origin.url("http", "/a"), DL_METHOD_GET, phone.user, phone.password, "peer"};
   const string host = "127.0.0.1:" + std::to_string(origin.port());
   EXPECT_EQ("end", talk({{get("/a", "", host), send(unauthorized(vault))}}, ask).body);
   EXPECT_TRUE(origin.finish());
@@ -210,13 +199,10 @@ TEST_F(http_response, headers_may_have_256_kib) {
 }
 
 TEST_F(http_response, a_server_that_stalls_is_given_up_after_the_time_out) {
-  const lines unread = {"Select error! errno 0", "Peek error!", failed};
-  for (const string& bytes : {string(), head_200 + "Conte"}) {
-    EXPECT_EQ(DL_ERR_READ, talk({{get("/a"), send(bytes), stall()}}).code);
-    EXPECT_EQ(unread, errors());
-  }
-  EXPECT_EQ(DL_ERR_READ,
-            talk({{get("/a"), send(head_200 + "Content-Length: 9\r\n\r\nhalf"), stall()}}).read_code);
+  EXPECT_EQ(DL_ERR_READ, talk({{get("/a"), send(head_200 + "Conte"), stall()}}).code);
+  EXPECT_EQ((lines{"Select error! errno 0", "Peek error!", failed}), errors());
+  const string half = head_200 + "Content-Length: 9\r\n\r\nhalf";
+  EXPECT_EQ(DL_ERR_READ, talk({{get("/a"), send(half), stall()}}).read_code);
   EXPECT_EQ((lines{"Select error! errno 0", "read error"}), errors());
 }
 
@@ -233,8 +219,8 @@ TEST_F(http_response, missing_arguments_and_urls_that_do_not_parse) {
   EXPECT_EQ(lines(2, "http open with invalid parameter"), errors());
   EXPECT_EQ(DL_ERR_URL, fetch({.url = "gopher://x/"}).code);
   EXPECT_EQ(DL_ERR_URL, fetch({.url = far.url, .proxy = "proxy:3128"}).code);
-  EXPECT_EQ(DL_ERR_CONNECT,
-            fetch({.url = far.url, .proxy = "http://127.0.0.1:" + std::to_string(free_port())}).code);
+  const string closed = "http://127.0.0.1:" + std::to_string(free_port());
+  EXPECT_EQ(DL_ERR_CONNECT, fetch({.url = far.url, .proxy = closed}).code);
   EXPECT_EQ("Connect Error", errors().back());
   EXPECT_EQ(DL_ERR_IPV6_DISABLED, fetch({.url = "http://[::1]/"}).code);
   g_dl_cfg.initialised = 0;
