@@ -103,7 +103,7 @@ TEST_F(http_response, redirects_and_broken_answers) {
       {"301, other case", {answered("HTTP/1.0 301 X\r\nLOCATION: " + at_b + "\r\n\r\n"), end_b}, 0, "end", at_b},
       {"one too many", {moved, {get("/b"), send(redirect_to(self))}}, DL_ERR_REDIRECTS, "", at_b},
       {"escaped when sent", {redirected("Location: " + self + "/x y"), ends(get("/x%20y"))}, 0, "end", self + "/x y"},
-      {"NUL", {redirected("X:" + string(1, '\0') + "location: " + self)}, DL_ERR_REDIRECTS, "Can't find location header"},
+      {"NUL", {redirected("X:" + string(1, '\0') + "location: x")}, DL_ERR_REDIRECTS, "Can't find location header"},
       {"no space: a character is lost", {redirected("Location:" + self)}, DL_ERR_REDIRECT_URL, "", self.substr(1)},
       {"empty", {redirected("Location:")}, DL_ERR_REDIRECT_URL, ""},
       {"relative", {redirected("Location: /b")}, DL_ERR_REDIRECT_URL, "", "/b"},
