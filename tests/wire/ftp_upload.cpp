@@ -12,9 +12,8 @@ constexpr uint32_t limit_store = 1, limit_stop = 2;
 
 class ftp_upload : public ftp_test {
  protected:
-  void SetUp() override {
-    local_ = dir_.file("local");
-    content_ = make_bytes(1000);
+  void fill(std::size_t size) {
+    content_ = make_bytes(size);
     write_file(local_, content_);
   }
   int upload(ftp_peers& peers, int32_t post_mode = store, uint32_t limit_mode = limit_stop,
@@ -22,80 +21,71 @@ class ftp_upload : public ftp_test {
     return dl_ftp_send_file("127.0.0.1", peers.control.port(), nullptr, nullptr, remote_name, local_.c_str(),
                             post_mode, limit_mode, &result_);
   }
-  int open(ftp_peers& peers) {
-    return dl_ftp_send_open(&session_, "127.0.0.1", peers.control.port(), nullptr, nullptr, local_.c_str(),
-                            "r", store, limit_stop, &result_);
+  int open(ftp_peers& peers, const std::string& local) {
+    session_ = reinterpret_cast<dl_ftp_session*>(this);
+    const int rc = dl_ftp_send_open(&session_, "127.0.0.1", peers.control.port(), nullptr, nullptr,
+                                    local.c_str(), "r", store, limit_stop, &result_);
+    EXPECT_EQ(rc == 0, session_ != nullptr);
+    return rc;
   }
 
   dl_ftp_session* session_ = nullptr;
-  std::string local_;
+  const std::string local_ = dir_.file("local");
   std::string content_;
 };
 
 const connection_script new_file = turn("SIZE r", "550 none");
+const connection_script farewell = turn("QUIT", "221 bye");
 
 // The server's side of a transfer that succeeds.
-connection_script accepted(const std::string& command, const std::string& answer = "150 go") {
-  return turn(command, answer) + connection_script{send("226-done\r\n226 all\r\n")} + turn("QUIT", "221 bye");
+connection_script accepted(const std::string& command) {
+  return turn(command, "150 go") + connection_script{send("226-done\r\n226 all\r\n")} + farewell;
 }
 
 TEST_F(ftp_upload, sizes_and_modes_choose_the_command) {
   const std::string fresh = "File not found, use STOR", over = "exceed max file size,";
+  const auto appends = accepted("APPE r"), stores = accepted("STOR r"),
+             leaves = turn("QUIT", "500 never mind");
   // clang-format off
   const struct { uint32_t limit; const char* size_answer; int32_t post_mode; uint32_t limit_mode;
-                 const char* command; /* or null: refused */ std::vector<std::string> log; } rows[] = {
-      {2000, "213 1000", append, limit_stop, "APPE r", {"FTP APPE"}},
-      {2000, "213 1000", store, 9, "STOR r", {"FTP STOR"}},
-      {2000, "550 none", append, limit_stop, "STOR r", {fresh, "FTP STOR"}},
-      {2000, "550 none", 7, 9, "STOR r", {fresh, "FTP STOR"}},
-      {1000, "500 what", append, limit_stop, "APPE r", {"FTP APPE"}},
-      {1000, "213 many", append, limit_stop, "APPE r", {"FTP APPE"}},
-      {1999, "213 1000", append, limit_store, "STOR r", {over + "stor"}},
-      {999, "550 none", append, limit_store, "STOR r", {fresh, over + "stor"}},
-      {1999, "213 1000", store, limit_stop, nullptr, {over + "stop"}},
-      {UINT32_MAX, "213 4294967000", store, limit_stop, nullptr, {over + "stop"}},  // the sum has 33 bits
-      {UINT32_MAX, "213 4294967296", store, limit_stop, nullptr, {over + "stop"}},
+                 connection_script then; std::string message; std::vector<std::string> log; } rows[] = {
+      {2000, "213 1000", append, limit_stop, appends, "", {"FTP APPE"}},
+      {2000, "213 1000", store, 9, stores, "", {"FTP STOR"}},
+      {2000, "550 none", 7, 9, stores, "", {fresh, "FTP STOR"}},
+      {1000, "500 what", append, limit_stop, appends, "", {"FTP APPE"}},
+      {1000, "213 many", append, limit_stop, appends, "", {"FTP APPE"}},
+      {1999, "213 1000", append, limit_store, stores, "", {over + "stor"}},
+      {999, "550 none", append, limit_store, stores, "", {fresh, over + "stor"}},
+      {1999, "213 1000", store, limit_stop, leaves, over + "stop\n", {over + "stop"}},
+      {UINT32_MAX, "213 4294967000", store, limit_stop, leaves, over + "stop\n", {over + "stop"}},  // the sum: 33 bits
+      {UINT32_MAX, "213 4294967296", store, limit_stop, leaves, over + "stop\n", {over + "stop"}},
+      {2000, "213 5", 3, limit_stop, {}, "213 5", {"Unknow post mode"}},
+      {999, "213 5", store, 0, {}, "213 5", {"unknow limit mode"}},
   };
   // clang-format on
+  fill(1000);
   for (const auto& row : rows) {
-    for (const delivery mode : all_deliveries) {
-      SCOPED_TRACE(::testing::Message() << &row - rows << " " << mode);
-      log_.clear();
-      set_option(DL_OPT_MAX_FILE_SIZE, row.limit);
-      const auto rest = row.command ? accepted(row.command) : turn("QUIT", "500 never mind");
-      ftp_peers peers(turn("SIZE r", row.size_answer) + rest,
-                      row.command ? connection_script{expect(content_)} : idle, mode);
-      EXPECT_EQ(row.command ? 0 : -1, upload(peers, row.post_mode, row.limit_mode)) << log_.all();
-      expect_result(row.command ? 0 : -15, row.command ? "" : "exceed max file size,stop\n");
-      EXPECT_TRUE(peers.data.finish());
-      EXPECT_EQ(row.command ? content_ : "", peers.data.received(0));
-      expect_log(DL_LOG_INFO, row.log);
-    }
-  }
-}
-
-TEST_F(ftp_upload, unknown_modes_are_refused_with_the_size_answer) {
-  for (const uint32_t limit : {999u, 2000u}) {
+    SCOPED_TRACE(&row - rows);
     log_.clear();
-    set_option(DL_OPT_MAX_FILE_SIZE, limit);
-    ftp_peers peers(turn("SIZE r", "213 5"));
-    EXPECT_EQ(-1, upload(peers, 3, 0));
-    expect_result(-15, "213 5");
-    expect_log(DL_LOG_ERROR, {limit == 999 ? "unknow limit mode" : "Unknow post mode"});
-    EXPECT_EQ("SIZE r\r\n", peers.commands());
+    set_option(DL_OPT_MAX_FILE_SIZE, row.limit);
+    const bool good = row.message.empty();
+    ftp_peers peers(turn("SIZE r", row.size_answer) + row.then,
+                    good ? connection_script{expect(content_)} : idle);
+    EXPECT_EQ(good ? 0 : -1, upload(peers, row.post_mode, row.limit_mode)) << log_.all();
+    expect_result(good ? 0 : -15, row.message);
+    expect_log(row.then.empty() ? DL_LOG_ERROR : DL_LOG_INFO, row.log);
+    EXPECT_EQ(row.then.empty(), peers.commands() == "SIZE r\r\n") << "nothing more is said on bad modes";
   }
 }
 
 TEST_F(ftp_upload, files_of_every_size_arrive_whole_under_their_name) {
-  // clang-format off
-  const struct { std::size_t size; const char* name; std::string sent; } rows[] = {
+  const std::tuple<std::size_t, const char*, std::string> rows[] = {
       {0, nullptr, "local"}, {1000, "", "local"}, {2000000, "/r", "r"}};
-  // clang-format on
   for (const auto& [size, name, sent] : rows) {
     log_.clear();
-    content_ = make_bytes(size);
-    write_file(local_, content_);
-    ftp_peers peers(turn("SIZE " + sent, "550 none") + accepted("STOR " + sent, "125 go"),
+    fill(size);
+    ftp_peers peers(turn("SIZE " + sent, "550 none") + turn("STOR " + sent, "125 go") +
+                        connection_script{send("226 done\r\n")} + farewell,
                     {expect_length(size)});
     EXPECT_EQ(0, upload(peers, store, limit_stop, name));
     EXPECT_TRUE(peers.data.finish());
@@ -106,38 +96,31 @@ TEST_F(ftp_upload, files_of_every_size_arrive_whole_under_their_name) {
   }
 }
 
-TEST_F(ftp_upload, a_refused_transfer_fails_with_the_servers_code) {
+TEST_F(ftp_upload, a_refused_open_fails_with_its_code) {
+  fill(1000);
+  const std::string sparse = dir_.file("sparse");
+  write_file(sparse, "");
+  ASSERT_EQ(0, truncate(sparse.c_str(), off_t{1} << 31));
+  const std::string refused = "Open data transfer conn err", no_size = "cannot get local file size";
   // clang-format off
-  const struct { connection_script script; int code; const char* message; } rows[] = {
-      {turn("STOR r", "553 name not allowed"), 553, "Unknown Error"},
-      {turn("STOR r", "500 no"), 500, "Server error"},
-      {turn("STOR r", "226 done"), 226, "Unknown Error"},
-      {{expect("STOR r\r\n")}, -8, "Read Error"},
-      {turn("STOR r", "000 odd"), -15, "000 odd"},
+  const struct { std::string local; connection_script script; int code; std::string message, log; } rows[] = {
+      {local_, turn("STOR r", "553 name not allowed"), 553, "Unknown Error", refused},
+      {local_, turn("STOR r", "500 no"), 500, "Server error", refused},
+      {local_, turn("STOR r", "226 done"), 226, "Unknown Error", refused},
+      {local_, turn("STOR r", "000 odd"), -15, "000 odd", refused},
+      {local_, {expect("STOR r\r\n")}, -8, "Read Error", refused},
+      {dir_.file("missing"), {}, -15, no_size + "\n", no_size},
+      {sparse, {}, -15, no_size + "\n", no_size},
   };
   // clang-format on
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.code);
+    SCOPED_TRACE(&row - rows);
     log_.clear();
     ftp_peers peers(new_file + row.script);
-    session_ = reinterpret_cast<dl_ftp_session*>(this);
-    EXPECT_EQ(-1, open(peers));
-    EXPECT_EQ(nullptr, session_);
+    EXPECT_EQ(-1, open(peers, row.local));
     expect_result(row.code, row.message);
-    expect_log(DL_LOG_ERROR, {"Open data transfer conn err"});
-  }
-}
-
-TEST_F(ftp_upload, a_local_file_without_a_32_bit_size_is_refused) {
-  ASSERT_EQ(0, truncate(local_.c_str(), off_t{1} << 31));
-  for (const std::string& path : {local_, dir_.file("missing")}) {
-    log_.clear();
-    local_ = path;
-    ftp_peers peers(turn("SIZE r", "213 1"));
-    EXPECT_EQ(-1, open(peers));
-    expect_result(-15, "cannot get local file size\n");
-    expect_log(DL_LOG_ERROR, {"cannot get local file size"});
-    EXPECT_EQ("SIZE r\r\n", peers.commands());
+    expect_log(DL_LOG_ERROR, {row.log});
+    EXPECT_EQ(row.script.empty() ? "SIZE r\r\n" : "SIZE r\r\nSTOR r\r\n", peers.commands());
   }
 }
 
@@ -145,16 +128,15 @@ TEST_F(ftp_upload, the_final_reply_decides) {
   // clang-format off
   const struct { connection_script end; bool good; } rows[] = {
       {{send("226 done\r\n"), expect("QUIT\r\n")}, true},  // no farewell
-      {connection_script{send("226 " + std::string(8000, 'x') + "\r\n")} + turn("QUIT", "221 bye"), true},
+      {connection_script{send("226 " + std::string(8000, 'x') + "\r\n")} + farewell, true},
       {{send("452 full\r\n")}, false},
       {{send("250 done\r\n")}, false},
       {{}, false},
-      {{stall()}, false},
   };
   // clang-format on
+  fill(1000);
   for (const auto& row : rows) {
     SCOPED_TRACE(&row - rows);
-    if (&row == std::end(rows) - 1) wait_briefly();
     ftp_peers peers(new_file + turn("STOR r", "150 go") + row.end, {expect(content_)});
     EXPECT_EQ(row.good ? 0 : -1, upload(peers)) << log_.all();
     expect_result(row.good ? 0 : -4, row.good ? "" : "Send Error");
@@ -163,8 +145,7 @@ TEST_F(ftp_upload, the_final_reply_decides) {
 }
 
 TEST_F(ftp_upload, a_data_connection_that_takes_nothing_more) {
-  content_ = make_bytes(std::size_t{24} << 20);
-  write_file(local_, content_);
+  fill(std::size_t{24} << 20);
   set_option(DL_OPT_MAX_FILE_SIZE, UINT32_MAX);
   wait_briefly();
   gate given_up;
@@ -174,7 +155,6 @@ TEST_F(ftp_upload, a_data_connection_that_takes_nothing_more) {
   expect_result(-4, "Send Error");
   EXPECT_EQ(1u, log_.count("dl_select error! errno ")) << log_.all();
 
-  log_.clear();
   ftp_peers resetting(new_file + turn("STOR r", "150 go"), {expect_length(10), reset()});
   EXPECT_EQ(-1, upload(resetting));
   expect_result(-4, "Send Error");
@@ -182,8 +162,9 @@ TEST_F(ftp_upload, a_data_connection_that_takes_nothing_more) {
 }
 
 TEST_F(ftp_upload, send_refuses_bad_arguments_and_a_second_file) {
+  fill(1000);
   ftp_peers peers(new_file + accepted("STOR r"), {expect(content_)});
-  ASSERT_EQ(0, open(peers)) << log_.all();
+  ASSERT_EQ(0, open(peers, local_)) << log_.all();
   const std::string sparse = dir_.file("sparse");
   write_file(sparse, "");
   ASSERT_EQ(0, truncate(sparse.c_str(), off_t{1} << 31));
