@@ -9,107 +9,92 @@ namespace {
 class ftp_download : public ftp_test {
  protected:
   int open(ftp_peers& peers) {
-    return dl_ftp_open(&session_, "127.0.0.1", peers.control.port(), nullptr, nullptr, "/f", &result_);
+    session_ = reinterpret_cast<dl_ftp_session*>(this);
+    const int rc =
+        dl_ftp_open(&session_, "127.0.0.1", peers.control.port(), nullptr, nullptr, "/f", &result_);
+    EXPECT_EQ(rc == 0, session_ != nullptr);
+    return rc;
   }
-  int read(int32_t size) {
-    buffer_.assign(static_cast<std::size_t>(std::max(size, 1)) + 1, '#');
-    const int count = dl_ftp_read(session_, buffer_.data(), size, &result_);
-    EXPECT_EQ('#', buffer_.back());
-    if (count > 0) content_.append(buffer_, 0, static_cast<std::size_t>(count));
-    return count;
-  }
-  int fetch(ftp_peers& peers, const std::string& to) {
-    return dl_ftp_recv_to_file("127.0.0.1", peers.control.port(), nullptr, nullptr, "/f", to.c_str(),
-                               &result_);
+  int fetch(ftp_peers& peers, const char* to, const char* path = "/f") {
+    return dl_ftp_recv_to_file("127.0.0.1", peers.control.port(), nullptr, nullptr, path, to, &result_);
   }
 
   dl_ftp_session* session_ = nullptr;
-  std::string buffer_;
-  std::string content_;
+  const std::string out_ = dir_.file("out");
 };
 
-connection_script announce(uint64_t size) {
-  return turn("SIZE f", "213 " + std::to_string(size));
-}
-connection_script serve(uint64_t size) {
-  return announce(size) + turn("RETR f", "150 go");
+connection_script serve(uint64_t size, const std::string& name = "f") {
+  return turn("SIZE " + name, "213 " + std::to_string(size)) + turn("RETR " + name, "150 go");
 }
 
 TEST_F(ftp_download, reads_give_full_requests_then_the_rest_then_the_end) {
   const std::string content = make_bytes(1000);
   for (const delivery mode : all_deliveries) {
     SCOPED_TRACE(mode);
-    content_.clear();
     // What the server sends beyond the announced size is not part of the file.
     ftp_peers peers(serve(1000), {send(content), send("beyond")}, mode);
     ASSERT_EQ(0, open(peers)) << log_.all();
-    EXPECT_EQ(0, read(0));
-    EXPECT_EQ(512, read(512));
+    std::string got(1024, '#');
+    EXPECT_EQ(0, dl_ftp_read(session_, got.data(), 0, &result_));
+    EXPECT_EQ(512, dl_ftp_read(session_, got.data(), 512, &result_));
     EXPECT_EQ(488u, session_->remaining);
-    EXPECT_EQ(488, read(512));
-    EXPECT_EQ(0, read(512));
-    EXPECT_EQ(content, content_);
+    EXPECT_EQ(488, dl_ftp_read(session_, got.data() + 512, 512, &result_));
+    EXPECT_EQ(0, dl_ftp_read(session_, got.data() + 1000, 24, &result_));
+    EXPECT_EQ(content + std::string(24, '#'), got);
     dl_ftp_close(session_);
     EXPECT_EQ("SIZE f\r\nRETR f\r\n", peers.commands());
   }
 }
 
-TEST_F(ftp_download, whole_files_arrive_in_every_size) {
-  for (const std::size_t size : {0u, 1u, 511u, 512u, 513u, 300000u}) {
-    SCOPED_TRACE(size);
-    log_.clear();
-    const std::string content = make_bytes(size);
-    ftp_peers peers(serve(size), {send(content + "tail")});
-    EXPECT_EQ(0, fetch(peers, dir_.file("out"))) << log_.all();
-    expect_result(0, "");
-    EXPECT_EQ(content, read_file(dir_.file("out")));
-    expect_log(DL_LOG_INFO, {"Sending size cmd to get file size", "File size:" + std::to_string(size)});
-    expect_log(DL_LOG_NOTICE, {"Open Success", "recv: " + std::to_string(size) + " bytes"});
-    expect_log(DL_LOG_ERROR, {});
-  }
-}
-
-TEST_F(ftp_download, one_slash_is_removed_and_the_last_part_names_the_file) {
+TEST_F(ftp_download, files_of_every_size_arrive_whole_under_their_name) {
   const std::string back = ::testing::UnitTest::GetInstance()->original_working_dir();
   ASSERT_EQ(0, chdir(dir_.path().c_str()));
   // clang-format off
-  const struct { const char* path; const char* sent; const char* file; } rows[] = {
-      {"/pub/a.bin", "pub/a.bin", "a.bin"}, {"plain", "plain", "plain"}, {"//x/b c", "/x/b c", "b c"}};
+  const struct { std::size_t size; const char* path; const char* sent; const char* to; const char* file; } rows[] = {
+      {0, "/f", "f", "out", "out"},
+      {512, "/pub/a.bin", "pub/a.bin", nullptr, "a.bin"},
+      {513, "plain", "plain", nullptr, "plain"},
+      {300000, "//x/b c", "/x/b c", nullptr, "b c"},
+  };
   // clang-format on
   for (const auto& row : rows) {
-    const std::string sent = row.sent;
-    ftp_peers peers(turn("SIZE " + sent, "213 2") + turn("RETR " + sent, "125 go"), {send("ab")});
-    EXPECT_EQ(0, dl_ftp_recv_to_file("127.0.0.1", peers.control.port(), nullptr, nullptr, row.path, nullptr,
-                                     &result_));
-    EXPECT_EQ("ab", read_file(dir_.file(row.file)));
+    SCOPED_TRACE(row.size);
+    log_.clear();
+    const std::string content = make_bytes(row.size);
+    ftp_peers peers(serve(row.size, row.sent), {send(content + "tail")});
+    EXPECT_EQ(0, fetch(peers, row.to, row.path)) << log_.all();
+    expect_result(0, "");
+    EXPECT_TRUE(content == read_file(dir_.file(row.file)));
+    expect_log(DL_LOG_INFO, {"Sending size cmd to get file size", "File size:" + std::to_string(row.size)});
+    expect_log(DL_LOG_NOTICE, {"Open Success", "recv: " + std::to_string(row.size) + " bytes"});
+    expect_log(DL_LOG_ERROR, {});
   }
   ASSERT_EQ(0, chdir(back.c_str()));
 }
 
 TEST_F(ftp_download, refusals_fail_the_open_and_leave_no_file) {
   const std::string no_size = "Get file size error", wrong = "Server response wrong code : ";
+  const auto sized = turn("SIZE f", "213 5");
   // clang-format off
   const struct { connection_script script; int code; const char* message; std::string log; } rows[] = {
       {turn("SIZE f", "550 no such file"), -15, "550 no such file", no_size},
       {turn("SIZE f", "213 large"), -15, "213 large", no_size},
       {{expect("SIZE f\r\n")}, -8, "Read Error", no_size},
-      {announce(5) + turn("RETR f", "550-no\r\n550 gone"), -15, "550 gone", wrong + "550"},
-      {announce(5) + turn("RETR f", "151 odd"), -15, "151 odd", wrong + "151"},
-      {announce(5) + connection_script{expect("RETR f\r\n"), send("150-")}, -8, "Read Error", "Send RETR cmd Error"},
+      {sized + turn("RETR f", "550-no\r\n550 gone"), -15, "550 gone", wrong + "550"},
+      {sized + turn("RETR f", "151 odd"), -15, "151 odd", wrong + "151"},
+      {sized + connection_script{expect("RETR f\r\n"), send("150-")}, -8, "Read Error", "Send RETR cmd Error"},
   };
   // clang-format on
   for (const auto& row : rows) {
-    SCOPED_TRACE(&row - rows);
-    log_.clear();
-    ftp_peers peers(row.script);
-    session_ = reinterpret_cast<dl_ftp_session*>(this);
-    EXPECT_EQ(-1, open(peers));
-    EXPECT_EQ(nullptr, session_);
-    expect_result(row.code, row.message);
-    expect_log(DL_LOG_ERROR, {row.log});
-    ftp_peers again(row.script);
-    EXPECT_EQ(-1, fetch(again, dir_.file("none")));
-    EXPECT_FALSE(file_exists(dir_.file("none")));
+    for (const bool to_file : {false, true}) {
+      SCOPED_TRACE(&row - rows);
+      log_.clear();
+      ftp_peers peers(row.script);
+      EXPECT_EQ(-1, to_file ? fetch(peers, out_.c_str()) : open(peers));
+      expect_result(row.code, row.message);
+      expect_log(DL_LOG_ERROR, {row.log});
+      EXPECT_FALSE(file_exists(out_));
+    }
   }
 }
 
@@ -117,22 +102,19 @@ TEST_F(ftp_download, data_that_ends_or_stops_early_leaves_no_file) {
   const std::string part = make_bytes(700);
   gate requested;
   // clang-format off
-  const struct { const char* name; connection_script data; const char* log; } rows[] = {
-      {"closed", {send(part)}, "data connection closed too early"},
-      {"reset", {send(part), requested.wait(), reset()}, "read error! errno 104"},
-      {"silent", {send(part), stall()}, "dl_select error! errno "},
+  const struct { connection_script data; connection_script after; const char* log; } rows[] = {
+      {{send(part)}, idle, "data connection closed too early"},
+      {{send(part), requested.wait(), reset()}, {call([&] { requested.open(); })}, "read error! errno 104"},
+      {{send(part), stall()}, idle, "dl_select error! errno "},
   };
   // clang-format on
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    log_.clear();
-    if (row.name == std::string_view("silent")) wait_briefly();
-    const bool resets = row.data.size() == 3;
-    const auto after = resets ? connection_script{call([&] { requested.open(); })} : idle;
-    ftp_peers peers(serve(1000) + after, row.data);
-    EXPECT_EQ(-1, fetch(peers, dir_.file("out")));
+    SCOPED_TRACE(row.log);
+    if (&row == std::end(rows) - 1) wait_briefly();
+    ftp_peers peers(serve(1000) + row.after, row.data);
+    EXPECT_EQ(-1, fetch(peers, out_.c_str()));
     expect_result(-8, "Read Error");
-    EXPECT_FALSE(file_exists(dir_.file("out")));
+    EXPECT_FALSE(file_exists(out_));
     EXPECT_EQ(1u, log_.count(row.log)) << log_.all();
   }
 }
@@ -152,8 +134,8 @@ TEST_F(ftp_download, the_limit_is_judged_in_steps_of_512_bytes) {
     log_.clear();
     set_option(DL_OPT_MAX_FILE_SIZE, row.limit);
     ftp_peers peers(serve(row.announced), {send(make_bytes(row.sent)), stall()});
-    EXPECT_EQ(row.fits ? 0 : -1, fetch(peers, dir_.file("out")));
-    EXPECT_EQ(row.fits, file_exists(dir_.file("out")));
+    EXPECT_EQ(row.fits ? 0 : -1, fetch(peers, out_.c_str()));
+    EXPECT_EQ(row.fits, file_exists(out_));
     if (row.fits) continue;
     expect_result(-8, "exceed max size " + std::to_string(row.limit));
     expect_log(DL_LOG_ERROR, {"exceed max size"});
@@ -162,7 +144,7 @@ TEST_F(ftp_download, the_limit_is_judged_in_steps_of_512_bytes) {
 
 TEST_F(ftp_download, a_local_file_that_cannot_be_made_leaves_the_result_alone) {
   ftp_peers peers(serve(3), {send("abc")});
-  EXPECT_EQ(-1, fetch(peers, dir_.file("missing/out")));
+  EXPECT_EQ(-1, fetch(peers, dir_.file("missing/out").c_str()));
   expect_result(0, "");
   expect_log(DL_LOG_ERROR, {"Can't open " + dir_.file("missing/out")});
 }
@@ -170,13 +152,13 @@ TEST_F(ftp_download, a_local_file_that_cannot_be_made_leaves_the_result_alone) {
 TEST_F(ftp_download, reads_refuse_bad_arguments_and_fail_at_an_early_end) {
   ftp_peers peers(serve(1000), {send("abc")});
   ASSERT_EQ(0, open(peers));
-  char byte = 0;
+  char bytes[512];
   dl_ftp_session no_data = *session_, dead = *session_;
   no_data.data_sock = 0;
   dead.magic = 10133;
   // clang-format off
   const struct { dl_ftp_session* session; char* buffer; int32_t size; } rows[] = {
-      {nullptr, &byte, 1}, {session_, nullptr, 1}, {session_, &byte, -1}, {&no_data, &byte, 1}, {&dead, &byte, 1}};
+      {nullptr, bytes, 1}, {session_, nullptr, 1}, {session_, bytes, -1}, {&no_data, bytes, 1}, {&dead, bytes, 1}};
   // clang-format on
   for (const auto& row : rows) {
     log_.clear();
@@ -185,9 +167,9 @@ TEST_F(ftp_download, reads_refuse_bad_arguments_and_fail_at_an_early_end) {
     expect_result(-6, "Invalid Parameter");
     expect_log(DL_LOG_ERROR, {"ftp read with invalid parameter"});
   }
-  EXPECT_EQ(-1, dl_ftp_read(session_, &byte, 1, nullptr));
-  EXPECT_EQ(3, read(3));
-  EXPECT_EQ(-1, read(512));
+  EXPECT_EQ(-1, dl_ftp_read(session_, bytes, 1, nullptr));
+  EXPECT_EQ(3, dl_ftp_read(session_, bytes, 3, &result_));
+  EXPECT_EQ(-1, dl_ftp_read(session_, bytes, 512, &result_));
   expect_result(-8, "Read Error");
   EXPECT_EQ(997u, session_->remaining);
   dl_ftp_close(session_);
