@@ -49,73 +49,68 @@ TEST(ftp_parse, size_follows_the_code) {
 }
 // clang-format on
 
-// A session with nothing but its control connection.
-struct control_session {
-  explicit control_session(const tcp_peer& peer) : sock(dl_connect("127.0.0.1", peer.port(), 0, 5)) {
-    record.ctrl_sock = sock.get();
-  }
-  unique_fd sock;
-  dl_ftp_session record = {};
-};
-
 class ftp_reply_reader : public ftp_test {
  protected:
-  // Reads one reply from a peer that says `bytes` and closes.
-  int read(const std::string& bytes, delivery mode, std::size_t size, ftp_expected expected = {}) {
-    tcp_peer peer({{send(bytes)}}, {.mode = mode});
-    const control_session session(peer);
-    std::vector<char> buffer(size, 'x');
-    ftp_reply reply(buffer);
-    const int code = dl_recv_reply(session.record, reply, expected);
-    line_.assign(reply.line());
-    EXPECT_EQ('\0', buffer[line_.size()]);
-    return code;
+  // A session with nothing but its control connection.
+  static dl_ftp_session connect(const tcp_peer& peer) {
+    dl_ftp_session session = {};
+    session.ctrl_sock = dl_connect("127.0.0.1", peer.port(), 0, 5);
+    return session;
   }
-  std::string line_;
+  // Reads one reply from a peer that says `bytes` and closes.
+  int read(const std::string& bytes, delivery mode = delivery::whole, int expected = 0) {
+    tcp_peer peer({{send(bytes)}}, {.mode = mode});
+    const dl_ftp_session session = connect(peer);
+    const unique_fd sock(session.ctrl_sock);
+    reply_.assign("stale");
+    return dl_recv_reply(session, reply_, {expected, -19});
+  }
+  std::vector<char> buffer_ = std::vector<char>(512);
+  ftp_reply reply_{buffer_};
 };
 
 TEST_F(ftp_reply_reader, reads_to_the_final_line_however_it_arrives) {
   const std::string fits = "220 " + std::string(504, 't');  // leaves room for three more of 512 bytes
   // clang-format off
-  const struct { std::string bytes; ftp_expected expected; int code; std::string line; } rows[] = {
-      {"530 no\r\n", {230, -19}, -19, "530 no"},
-      {"220-a\r\n\r\n b\r\n22\r\n2200 x\r\n220c\r\n2x0 y\r\n+20 z\r\n220\tt\r\n221 d\r\n331 e\r\n", {221}, 221,
-       "221 d"},
-      {"\0 220 a\rb\nc\r\n220 \0b\r\n"s, {}, 220, "220 \0b"s},
-      {"220-a\r\n220 bye", {}, 220, "220 bye"},
-      {"220-a\r\n", {}, -8, ""},
-      {fits + "\r\n", {}, 220, fits},
-      {"220-a\r\n" + fits + "t\r\n", {}, -1, ""},
+  const struct { std::string bytes; int expected; int code; std::string line; } rows[] = {
+      {"530 no\r\n", 230, -19, "530 no"},
+      {"220-a\r\n\r\n b\r\n22\r\n2200 x\r\n220c\r\n2x0 y\r\n+20 z\r\n220\tt\r\n221 d\r\n331 e\r\n", 221, 221, "221 d"},
+      {"\0 220 a\rb\nc\r\n220 \0b\r\n"s, 0, 220, "220 \0b"s},
+      {"220-a\r\n220 bye", 0, 220, "220 bye"},
+      {"220-a\r\n", 0, -8, ""},
+      {fits + "\r\n", 0, 220, fits},
+      {"220-a\r\n" + fits + "t\r\n", 0, -1, ""},
   };
   // clang-format on
   for (const auto& row : rows) {
     for (const delivery mode : all_deliveries) {
       SCOPED_TRACE(row.bytes);
       SCOPED_TRACE(mode);
-      EXPECT_EQ(row.code, read(row.bytes, mode, 512, row.expected));
-      EXPECT_EQ(row.line, line_);
+      EXPECT_EQ(row.code, read(row.bytes, mode, row.expected));
+      EXPECT_EQ(row.line, reply_.line());
+      EXPECT_EQ('\0', buffer_[row.line.size()]);
     }
   }
-  EXPECT_EQ(-1, read("220 a\r\n", delivery::whole, 1));
+  reply_ = ftp_reply(std::span(buffer_).first(1));
+  EXPECT_EQ(-1, read("220 a\r\n"));
 }
 
 TEST_F(ftp_reply_reader, a_reply_without_end_is_given_up) {
   std::string lines;
   for (int i = 0; i < 9999; ++i) lines += "220-\r\n";
-  EXPECT_EQ(220, read(lines + "220 \r\n", delivery::whole, 512));
-  EXPECT_EQ(-8, read(lines + "220-\r\n220 \r\n", delivery::whole, 512));
+  EXPECT_EQ(220, read(lines + "220 \r\n"));
+  EXPECT_EQ(-8, read(lines + "220-\r\n220 \r\n"));
 }
 
 TEST_F(ftp_reply_reader, a_failed_send_is_logged_without_the_password) {
   tcp_peer peer({idle});
-  const control_session session(peer);
-  ASSERT_EQ(0, shutdown(session.sock.get(), SHUT_WR));
-  std::array<char, 512> buffer;
-  ftp_reply reply(buffer);
-  reply.assign("331 of the command before");
-  EXPECT_EQ(-4, ftp_command(session.record, "PASS", "secret", reply));
-  EXPECT_EQ("", reply.line());
-  EXPECT_EQ(-4, ftp_command(session.record, "SIZE", "a\033b", reply));
+  const dl_ftp_session session = connect(peer);
+  const unique_fd sock(session.ctrl_sock);
+  ASSERT_EQ(0, shutdown(sock.get(), SHUT_WR));
+  reply_.assign("331 of the command before");
+  EXPECT_EQ(-4, ftp_command(session, "PASS", "secret", reply_));
+  EXPECT_EQ("", reply_.line());
+  EXPECT_EQ(-4, ftp_command(session, "SIZE", "a\033b", reply_));
   expect_log(DL_LOG_ERROR, {"Error send command PASS ******\r\n", "Error send command SIZE a?b\r\n"});
 }
 
@@ -211,38 +206,35 @@ TEST_F(ftp_open, a_failed_step_ends_in_its_code_and_message) {
 
 TEST_F(ftp_open, bad_arguments_reach_no_server) {
   tcp_peer control({});
-  const uint32_t port = control.port();
   const std::string long_host(512, 'h');
-  const char* host = "127.0.0.1";
   // clang-format off
   const struct { const char* host; uint32_t port; const char* user; const char* password; const char* path; } rows[] = {
-      {nullptr, port, "u", "p", "a"},
-      {host, 65536, "u", "p", "a"},
-      {long_host.c_str(), port, "u", "p", "a"},
-      {host, port, "u\n", "p", "a"},
-      {host, port, "u", "p\r", "a"},
-      {host, port, "u", "p", "a\nDELE b"},
-      {host, port, "u", "p", nullptr},  // as an upload's remote name, it may be missing
+      {nullptr, control.port(), "u", "p", "a"},
+      {"127.0.0.1", 65536, "u", "p", "a"},
+      {long_host.c_str(), control.port(), "u", "p", "a"},
+      {"127.0.0.1", control.port(), "u\n", "p", "a"},
+      {"127.0.0.1", control.port(), "u", "p\r", "a"},
+      {"127.0.0.1", control.port(), "u", "p", "a\nDELE b"},
+      {"127.0.0.1", control.port(), "u", "p", nullptr},
   };
   // clang-format on
+  const auto refused = [&](int rc) {
+    EXPECT_EQ(-1, rc);
+    expect_result(-6, "Invalid Parameter");
+    EXPECT_EQ(nullptr, std::exchange(session_, reinterpret_cast<dl_ftp_session*>(this)));
+    result_ = {};
+  };
+  session_ = reinterpret_cast<dl_ftp_session*>(this);
   for (const auto& row : rows) {
     SCOPED_TRACE(&row - rows);
-    for (const bool upload : {false, true}) {
-      log_.clear();
-      result_ = {};
-      session_ = reinterpret_cast<dl_ftp_session*>(this);
-      EXPECT_EQ(-1, upload ? dl_ftp_send_open(&session_, row.host, row.port, row.user, row.password,
-                                              row.path ? "/dev/null" : nullptr, row.path, 2, 1, &result_)
-                           : dl_ftp_open(&session_, row.host, row.port, row.user, row.password, row.path,
-                                         &result_));
-      expect_result(-6, "Invalid Parameter");
-      EXPECT_EQ(nullptr, session_);
-      expect_log(DL_LOG_ERROR, {"Invalid Parameter"});
-    }
+    const auto& [host, port, user, password, path] = row;
+    refused(dl_ftp_open(&session_, host, port, user, password, path, &result_));
+    refused(dl_ftp_send_open(&session_, host, port, user, password, path, nullptr, 2, 1, &result_));
   }
-  EXPECT_EQ(-1, dl_ftp_open(&session_, host, port, "u", "p", "a", nullptr));
-  EXPECT_EQ(-1, dl_ftp_open(nullptr, host, port, "u", "p", "a", &result_));
-  EXPECT_EQ(-1, dl_ftp_send_open(&session_, host, port, "u", "p", "x\ny", nullptr, 2, 1, &result_));
+  refused(dl_ftp_send_open(&session_, "127.0.0.1", control.port(), "u", "p", "a", "x\ny", 2, 1, &result_));
+  expect_log(DL_LOG_ERROR, std::vector<std::string>(2 * std::size(rows) + 1, "Invalid Parameter"));
+  EXPECT_EQ(-1, dl_ftp_open(&session_, "127.0.0.1", control.port(), "u", "p", "a", nullptr));
+  EXPECT_EQ(-1, dl_ftp_open(nullptr, "127.0.0.1", control.port(), "u", "p", "a", &result_));
   EXPECT_EQ(0u, control.num_connections());
 }
 
