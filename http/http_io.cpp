@@ -64,6 +64,7 @@ class line_reader {
   line_reader(std::size_t initial, std::size_t maximum) : size_(initial), maximum_(maximum) {}
 
   std::span<char> peek_room() { return std::span(buffer_).subspan(held_, size_ - 1 - held_); }
+  bool is_full() const { return held_ == size_ - 1; }
   // Notes `count` peeked bytes and returns how many of them belong to the line, its CRLF included.
   std::size_t wanted_of(std::size_t count) {
     const std::string_view seen(buffer_.data(), held_ + count);
@@ -74,7 +75,7 @@ class line_reader {
   std::span<char> take_room(std::size_t count) { return std::span(buffer_).subspan(held_, count); }
   void taken(std::size_t count) { held_ += count; }
   void grow_when_full() {
-    if (held_ == size_ - 1) size_ = std::min(size_ * 2, maximum_);
+    if (is_full()) size_ = std::min(size_ * 2, maximum_);
   }
   std::size_t held() const { return held_; }
   bool ended() const { return ended_; }
@@ -100,7 +101,7 @@ int peek_failed(const io_result& outcome) {
 // but still waits for the peer like any other step.
 int peek_line(http_channel& channel, line_reader& reader, int timeout_s) {
   char probe = 0;
-  const bool full = reader.peek_room().empty();
+  const bool full = reader.is_full();
   const auto room = full && !channel.is_tls() ? std::span(&probe, 1) : reader.peek_room();
   const io_result outcome = with_stream(channel, [&](stream& from) { return from.peek(room, timeout_s); });
   if (outcome.count < 0) return peek_failed(outcome);
@@ -141,12 +142,14 @@ int http_recv(http_channel& channel, std::span<char> to) {
   }
   const int timeout_s = net_timeout_seconds();
   const io_result outcome = with_stream(channel, [&](stream& from) { return from.read(to, timeout_s); });
+  if (channel.own && outcome.count == 0 && !to.empty()) channel.own->response.stream_ended = true;
   if (!outcome.wait_failed) return static_cast<int>(outcome.count);
   qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "Select error! errno %d\n", outcome.error);
   return DL_ERR_READ;
 }
 
-int http_read_line(http_channel& channel, std::size_t initial, std::size_t maximum, std::span<char> line) {
+int http_read_line(http_channel& channel, std::size_t initial, std::size_t maximum, std::span<char> line,
+                   bool* at_end) {
   if (channel.is_tls() && !channel.session.ssl) return peek_failed({});
   const int timeout_s = net_timeout_seconds();
   line_reader reader(initial, maximum);
@@ -162,6 +165,7 @@ int http_read_line(http_channel& channel, std::size_t initial, std::size_t maxim
                static_cast<int>(line.size()));
       return DL_ERR_READ;
     }
+    if (at_end) *at_end = taken == 0 && !reader.is_full();
     if (taken == 0) return give(reader.all(), line);
     if (taken == wanted && reader.ended()) return give(reader.line(), line);
     reader.grow_when_full();

@@ -79,6 +79,7 @@ int exchange(const http_plan& plan, http_channel& channel) {
 
 int open_new_session(const http_plan& plan, unique_http_session& session) {
   clear_result(*plan.result);
+  set_last_status(0);
   qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "URL : %s\n", printable_url(plan.request.url).c_str());
   session = new_http_session();
   if (!session) return log_error("Out of Memory\n", DL_ERR_MEMORY);
@@ -102,6 +103,7 @@ int open_for_reading(const http_plan& plan, dl_http_session** place) {
 }  // namespace
 
 int http_refuse(const char* message, dl_result* result) {
+  set_last_status(0);
   qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "%s", message);
   return fail(result, DL_ERR_PARAMETER);
 }

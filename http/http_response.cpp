@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <exception>
+#include <optional>
 
 #include "core/config.h"
 #include "core/owners.h"
@@ -22,8 +23,9 @@ namespace {
 
 constexpr std::size_t first_block_bytes = 1024;
 
-// A handler's wish to have the next response read.
-constexpr int read_next = 1;
+// The outcome of the loop, or the wish to have the next response read. No status can pose as that wish.
+using step_outcome = std::optional<int>;
+constexpr step_outcome read_next = std::nullopt;
 
 int log_error(const char* message, int code) {
   qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "%s", message);
@@ -39,25 +41,24 @@ class response_loop {
     for (;;) {
       const int status = read_response();
       if (status < 0) return status;
-      const int outcome = dispatch(status);
-      if (outcome != read_next) return outcome;
+      if (const step_outcome outcome = dispatch(status)) return *outcome;
     }
   }
 
  private:
   int read_response();
-  int read_headers();
-  void note_body();
-  int dispatch(int status);
+  int read_headers(bool& cut);
+  bool note_body();
+  step_outcome dispatch(int status);
 
-  int follow_redirect();
+  step_outcome follow_redirect();
   int take_target(const char* target);
   void leave_origin(const dl_url& old_url);
   int rebuild_message();
   int renew_connection();
   int drain_proxied();
 
-  int answer_challenge();
+  step_outcome answer_challenge();
   int check_attempts();
   int build_answer(const char* challenge, auth_work& answer);
   int build_chosen(auth_work& answer);
@@ -89,19 +90,23 @@ int response_loop::read_response() {
   if (!status) return DL_ERR_INVALID_DATA;
   if (*status < 0) return *status;
   qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "response code: %d\n", *status);
-  if (const int rc = read_headers(); rc < 0) return rc;
-  note_body();
+  set_last_status(*status);
+  http_response_facts facts{.known = true, .status = *status};
+  if (const int rc = read_headers(facts.header_cut); rc < 0) return rc;
+  facts.has_length = note_body();
+  if (channel_.own) channel_.own->response = facts;
   return *status;
 }
 
-int response_loop::read_headers() {
+// `cut` tells whether the stream ended before the empty line.
+int response_loop::read_headers(bool& cut) {
   free_headers(channel_.session);
   header_block block;
   if (!block.start(block_bytes_)) return DL_ERR_MEMORY;
   for (;;) {
     const auto room = block.room();
     if (room.empty()) return DL_ERR_MEMORY;
-    const int length = http_read_line(channel_, 256, 512, room);
+    const int length = http_read_line(channel_, 256, 512, room, &cut);
     if (length < 0) return length;
     if (length == 0) break;
     block.take_line(static_cast<std::size_t>(length));
@@ -112,8 +117,8 @@ int response_loop::read_headers() {
   return 0;
 }
 
-// How the body is to be read: by length or in chunks.
-void response_loop::note_body() {
+// How the body is to be read: by length or in chunks. Returns whether a length was announced.
+bool response_loop::note_body() {
   dl_http_session& session = channel_.session;
   const char* line = header("content-length");
   const auto length = line ? parse_content_length(line) : std::nullopt;
@@ -126,9 +131,10 @@ void response_loop::note_body() {
     qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "Chunked Encoding\n");
     session.flags |= DL_HTTP_FLAG_CHUNKED;
   }
+  return length.has_value();
 }
 
-int response_loop::dispatch(int status) {
+step_outcome response_loop::dispatch(int status) {
   switch (status) {
     case 200:
       return 0;
@@ -138,11 +144,12 @@ int response_loop::dispatch(int status) {
     case 401:
       return answer_challenge();
     default:
+      free_headers(channel_.session);
       return status;
   }
 }
 
-int response_loop::follow_redirect() {
+step_outcome response_loop::follow_redirect() {
   if (redirects_ >= redirect_limit_) return DL_ERR_REDIRECTS;
   const char* line = header("location");
   if (!line) return log_error("Can't find location header\n", DL_ERR_REDIRECTS);
@@ -206,7 +213,7 @@ int response_loop::drain_proxied() {
   return 0;
 }
 
-int response_loop::answer_challenge() {
+step_outcome response_loop::answer_challenge() {
   if (const int rc = check_attempts(); rc < 0) return rc;
   const char* line = header("www-authenticate");
   if (!line) {
@@ -284,7 +291,7 @@ int http_process_response(http_channel& channel, unique_url& url, bool proxied, 
   } catch (const std::exception&) {
     outcome = DL_ERR_MEMORY;
   }
-  if (outcome != 0) free_headers(channel.session);
+  if (outcome < 0) free_headers(channel.session);
   return outcome;
 }
 

@@ -108,7 +108,9 @@ void http_session_reset(http_channel& channel) {
   if (channel.is_tls()) SSL_CTX_free(static_cast<SSL_CTX*>(session.ssl_ctx));
   session = {};
   session.magic = DL_HTTP_MAGIC;
-  if (channel.own) channel.own->ahead.filled(0);
+  if (!channel.own) return;
+  channel.own->ahead.filled(0);
+  channel.own->response = {};
 }
 
 }  // namespace fetchrig

@@ -11,8 +11,18 @@
 
 namespace fetchrig {
 
+// What is known of the response that a session stands at.
+struct http_response_facts {
+  bool known = false;  // a response has been read
+  int status = 0;
+  bool header_cut = false;    // the stream ended inside the status line or the header block
+  bool has_length = false;    // the body's length was announced
+  bool stream_ended = false;  // a read met the end of the connection
+};
+
 // What an open call keeps beside its session record.
 struct http_private {
+  http_response_facts response;
   read_ahead ahead;
   uint32_t chunk_begin = 0;  // taken bytes at the front of the chunk buffer
 };
@@ -27,6 +37,12 @@ struct http_channel {
   bool is_chunked() const { return (session.flags & DL_HTTP_FLAG_CHUNKED) != 0; }
   SSL* ssl() const { return static_cast<SSL*>(session.ssl); }
 };
+
+// How far the body has been read, and what ended it.
+[[nodiscard]] dl_body_end http_body_end(const http_channel& channel);
+
+// Notes the status of the response just read, or 0 at the start of a call, for dl_http_last_status().
+void set_last_status(int status);
 
 struct http_session_closer {
   void operator()(dl_http_session* session) const;

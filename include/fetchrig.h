@@ -359,6 +359,27 @@ FETCHRIG_API int dl_http_open_ex(dl_http_session **session, const dl_http_reques
 /* Reads body bytes until `size` are there or the body ends. Returns the count, 0 at the end, -1 on failure. */
 FETCHRIG_API int dl_http_read(dl_http_session *session, char *buffer, int32_t size, dl_result *result);
 
+/* The final status of the session's response, or 0: no live session, or a record that no open call made. */
+FETCHRIG_API int dl_http_get_status(const dl_http_session *session);
+
+/* How a response body ended. The library reads a body that was cut as a shorter one; who must not take it for the
+ * whole asks here once a read call has returned 0. */
+enum dl_body_end {
+  DL_BODY_OPEN = 0,       /* not read to its end yet, or not known: no live session, or a caller's own record */
+  DL_BODY_WHOLE = 1,      /* as long as announced, up to the last chunk, or none by its status (1xx, 204, 304) */
+  DL_BODY_CUT = 2,        /* the connection ended before that, or went on without a chunk size */
+  DL_BODY_UNMARKED = 3,   /* nothing announced: the end of the connection, or option 6, ended it */
+  DL_BODY_HEADER_CUT = 4  /* the response ended inside its header block, so nothing is known of the body */
+};
+
+/* How far the body of the session's response has been read, and what ended it (enum dl_body_end). */
+FETCHRIG_API int dl_http_body_end(const dl_http_session *session);
+
+/* The status of the last response that the calling thread's most recent HTTP open or post call received, whether that
+ * call succeeded or not; 0 when it received none. dl_open(), dl_download() and dl_upload() count as such calls for
+ * HTTP URLs. */
+FETCHRIG_API int dl_http_last_status(void);
+
 /* Closes the connection and releases the session; ignores null and records that are no live session. */
 FETCHRIG_API void dl_http_close(dl_http_session *session);
 

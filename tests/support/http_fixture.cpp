@@ -64,7 +64,9 @@ http_outcome http_test::fetch(const http_ask& ask, std::size_t piece) const {
   EXPECT_EQ(session != nullptr, rc == 0);
   if (!session) return outcome;
   outcome.has_headers = session->headers != nullptr;
+  outcome.status = dl_http_get_status(session);
   read_all(session, piece, outcome);
+  outcome.end = dl_http_body_end(session);
   dl_http_close(session);
   return outcome;
 }

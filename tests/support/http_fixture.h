@@ -49,6 +49,8 @@ struct http_outcome {
   std::string body;
   int32_t read_code = 0;     // of the read that failed
   bool has_headers = false;  // a header could be looked up
+  int status = 0;
+  int end = DL_BODY_OPEN;  // after the last read
 };
 
 class http_test : public leak_free {

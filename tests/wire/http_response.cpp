@@ -83,12 +83,40 @@ class http_response : public http_test {
 
 TEST_F(http_response, status_decides) {
   const std::pair<string, int32_t> rows[] = {
-      {"200 OK", 0},    {"100 Continue", 0}, {"303 See Other", 0}, {"304 Same", 304},    {"399 X", 0},
-      {"400 Bad", 400}, {"999 X", 999},      {"20x", 0},           {"2000 cut at 3", 0}, {"  404 wide", 404}};
+      {"200 OK", 0},        {"100 Continue", 0}, {"303 See Other", 0}, {"304 Same", 304},
+      {"399 X", 0},         {"400 Bad", 400},    {"999 X", 999},       {"20x", 0},
+      {"2000 cut at 3", 0}, {"  404 wide", 404}, {"000 no status", 0}, {"001 not ours either", 0}};
   for (const auto& [status, code] : rows) {
     const string refused = code == 304 ? "Client error, same data. code: 304" : "Client error";
     run({{status, {answered(response(status, "body"))}, code, code == 0 ? "body" : refused}});
   }
+}
+
+// Symptom: a response that ended inside its header passed for an empty file.
+TEST_F(http_response, status_and_end_of_the_body_are_known) {
+  const string chunked = head_200 + "Transfer-Encoding: chunked\r\n\r\n";
+  const std::tuple<string, int, int> rows[] = {
+      {response("200 OK", "body"), 200, DL_BODY_WHOLE},
+      {response("201 Made"), 201, DL_BODY_WHOLE},
+      {"HTTP/1.1 204 None\r\n\r\n", 204, DL_BODY_WHOLE},
+      {head_200 + "Content-Length: 9\r\n\r\nbody", 200, DL_BODY_CUT},
+      {head_200 + "\r\nbody", 200, DL_BODY_UNMARKED},
+      {head_200 + "\r\n" + string(200, 'x'), 200, DL_BODY_UNMARKED},  // beyond the size limit
+      {chunked + "4\r\nbody\r\n0\r\n\r\n", 200, DL_BODY_WHOLE},
+      {chunked + "4\r\nbo", 200, DL_BODY_CUT},
+      {"HTTP/1.1 20", 20, DL_BODY_HEADER_CUT},
+      {head_200 + "Content-Le", 200, DL_BODY_HEADER_CUT},
+      {head_200 + "Content-Length: 0\r\n", 200, DL_BODY_HEADER_CUT},
+  };
+  set_option(DL_OPT_MAX_FILE_SIZE, 100);
+  for (const auto& [bytes, status, end] : rows) {
+    const http_outcome outcome = talk({answered(bytes)});
+    EXPECT_EQ(std::pair(status, end), std::pair(outcome.status, outcome.end)) << bytes;
+  }
+  talk({asked, {get("/a", basic_answer), send(unauthorized("X"))}}, phone);
+  EXPECT_EQ(401, dl_http_last_status());
+  EXPECT_EQ(DL_ERR_URL, fetch({.url = "gopher://x/"}).code);
+  EXPECT_EQ(0, dl_http_last_status()) << "of an earlier call";
 }
 
 // clang-format off
