@@ -13,6 +13,7 @@
 #include "core/config.h"
 #include "core/result.h"
 #include "core/text.h"
+#include "log/printable.h"
 
 namespace fetchrig {
 namespace {
@@ -40,7 +41,10 @@ bool list_store(List& list, Describe describe) {
       continue;
     }
     memset(&entry, 0, sizeof entry);
-    if (outcome == certificate_read::unusable) ::unlink(path.c_str());
+    if (outcome == certificate_read::unusable && ::unlink(path.c_str()) == 0) {
+      qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "removed %s, which holds no certificate\n",
+               printable(path).c_str());
+    }
   }
   return true;
 }

@@ -3,11 +3,16 @@
 // link <hash>.0 to it, and in the "ca/" subdirectory a link to that link. One certificate operation runs at a
 // time.
 #include <stdio.h>
+#include <sys/stat.h>
 
+#include <algorithm>
+#include <array>
 #include <optional>
+#include <span>
 #include <string>
 
 #include "cert/cert_file.h"
+#include "cert/directory.h"
 #include "cert/error_queue.h"
 #include "cert/shell.h"
 #include "cert/store_entries.h"
@@ -28,17 +33,9 @@ std::string hash_name(uint32_t hash) {
   return name;
 }
 
-// The directory, made when it is missing; null when it can be neither opened nor created.
-unique_dir open_or_make(const std::string& path) {
-  unique_dir directory(::opendir(path.c_str()));
-  if (directory) return directory;
-  run_shell(shell_command(command_size, "mkdir", {path}));
-  return unique_dir(::opendir(path.c_str()));
-}
-
 void ensure_all_ca_directory(const std::string& path) {
-  if (const unique_dir directory(::opendir(path.c_str())); directory) return;
-  if (run_shell(shell_command(command_size, "mkdir", {path})) != 0) {
+  if (open_directory(path)) return;
+  if (make_directory(path) != 0) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't create directory all ca certs directory\n");
   }
 }
@@ -53,7 +50,7 @@ bool holds_hash(const unique_dir& directory, const std::string& path, uint32_t h
 
 // 0 when no CA of that hash is installed or among the factory CAs.
 int refuse_known_ca(const std::string& custom, uint32_t hash) {
-  const unique_dir installed = open_or_make(custom);
+  const unique_dir installed = open_or_make_directory(custom);
   if (!installed) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't open custom trust certs directory\n");
     return not_installed;
@@ -64,7 +61,7 @@ int refuse_known_ca(const std::string& custom, uint32_t hash) {
     return already_installed;
   }
   const std::string factory_path = custom + "phoneca/";
-  const unique_dir factory = open_or_make(factory_path);
+  const unique_dir factory = open_or_make_directory(factory_path);
   if (!factory) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't open factory prefabrication directory\n");
     return not_installed;
@@ -76,6 +73,34 @@ int refuse_known_ca(const std::string& custom, uint32_t hash) {
   return 0;
 }
 
+struct removal {
+  std::string file;
+  std::optional<std::string> command;  // nothing when it would be too long
+};
+
+removal removal_of(const std::string& file) {
+  return {file, shell_command(removal_command_size, "rm", {file})};
+}
+
+// The removals of every name that a CA of that hash may have in the store, in the order they run in.
+std::array<removal, 4> removals_of(const std::string& custom, uint32_t hash) {
+  const std::string all = custom + "/ca/", name = hash_name(hash);
+  return {removal_of(all + name + ".0"), removal_of(all + name), removal_of(custom + name + ".0"),
+          removal_of(custom + name)};
+}
+
+bool all_fit(std::span<const removal> removals) {
+  return std::all_of(removals.begin(), removals.end(), [](const removal& each) { return each.command; });
+}
+
+// Some names are never there, or went with another: that their removal fails is no error.
+void run_removal(const removal& each) {
+  struct stat status;
+  const bool is_there = ::lstat(each.file.c_str(), &status) == 0;
+  run_shell(each.command, is_there ? DL_LOG_ERROR : DL_LOG_INFO);
+}
+
+// Commands are formed before anything is done: what can be installed can be removed again.
 int install(const char* path) {
   const uint32_t hash = ca_file_hash(path);
   if (hash == 0) return not_installed;
@@ -84,12 +109,13 @@ int install(const char* path) {
   const std::string link = file + ".0";
   const auto link_file = shell_command(command_size, "ln -s", {file, link});
   const auto link_all = shell_command(command_size, "ln -s", {link, custom + "ca/" + hash_name(hash) + ".0"});
-  if (!link_file || !link_all) {
+  if (!link_file || !link_all || !all_fit(removals_of(custom, hash))) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "path of the trust certs directory is too long\n");
     return not_installed;
   }
   if (const int rc = refuse_known_ca(custom, hash); rc < 0) return rc;
   dl_copy_file(path, file.c_str());
+  give_owner_access(file, S_IRUSR | S_IWUSR);
   run_shell(link_file);
   run_shell(link_all);
   return 0;
@@ -99,25 +125,16 @@ int install(const char* path) {
 // than part.
 void remove_ca(const char* path) {
   const uint32_t hash = ca_file_hash(path);
-  const std::string custom = trust_ca_dir().data();
-  const std::string all = custom + "/ca/";
-  const std::string name = hash_name(hash);
-  const auto removal = [](const std::string& file) {
-    return shell_command(removal_command_size, "rm", {file});
-  };
-  const auto remove_given = removal(path);
-  const std::optional<std::string> remove_names[] = {removal(all + name + ".0"), removal(all + name),
-                                                     removal(custom + name + ".0"), removal(custom + name)};
-  bool fits = remove_given.has_value();
-  for (const auto& command : remove_names) fits = fits && (hash == 0 || command);
-  if (!fits) {
+  const removal given = removal_of(path);
+  const auto names = removals_of(trust_ca_dir().data(), hash);
+  if (!given.command || (hash != 0 && !all_fit(names))) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "path of the ca file is too long\n");
     return;
   }
-  run_shell(remove_given);
+  run_removal(given);
   if (hash == 0) return;
   qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "hash:%x\n", static_cast<unsigned>(hash));
-  for (const auto& command : remove_names) run_shell(command);
+  for (const removal& each : names) run_removal(each);
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
 // device_cert.cpp: installs, completes and deletes the device certificate, the PEM file that option 2 names.
-#include <dirent.h>
 #include <openssl/ssl.h>
 #include <sys/stat.h>
 
@@ -10,10 +9,10 @@
 #include <string_view>
 
 #include "cert/cert_file.h"
+#include "cert/directory.h"
 #include "cert/error_queue.h"
 #include "cert/private_file.h"
 #include "cert/shell.h"
-#include "cert/store_entries.h"
 #include "cert/tls_check.h"
 #include "core/boundary.h"
 #include "core/config.h"
@@ -56,16 +55,6 @@ std::optional<device_paths> paths_from(std::string_view device_file) {
   const std::string root_path(*root);
   return device_paths{std::string(*directory), root_path, root_path + "/server/WebServer.pem",
                       root_path + "/phonedev/WebServer.pem"};
-}
-
-bool can_open_directory(const std::string& path) {
-  return unique_dir(::opendir(path.c_str())) != nullptr;
-}
-
-bool open_or_make_directory(const std::string& path) {
-  if (can_open_directory(path)) return true;
-  run_shell(shell_command(command_size, "mkdir", {path}));
-  return can_open_directory(path);
 }
 
 int log_error(int code, const char* text) {
@@ -148,9 +137,9 @@ bool make_server_directory(std::string_view device_file) {
     return false;
   }
   const std::string directory(device_file.substr(0, at + mark.size()));
-  if (can_open_directory(directory)) return true;
-  ::mkdir(directory.c_str(), 0775);
-  if (can_open_directory(directory)) return true;
+  if (open_directory(directory)) return true;
+  if (::mkdir(directory.c_str(), 0775) == 0) give_owner_access(directory, S_IRWXU);
+  if (open_directory(directory)) return true;
   qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't open serverdir\n");
   return false;
 }

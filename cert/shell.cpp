@@ -1,12 +1,18 @@
 // shell.cpp: forming and running the store's shell commands.
 #include "cert/shell.h"
 
-#include <stdlib.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 
+#include "core/owners.h"
 #include "core/text.h"
-#include "include/fetchrig.h"
+#include "log/printable.h"
 
 namespace fetchrig {
 namespace {
@@ -40,6 +46,79 @@ void append_word(std::string& command, std::string_view path) {
   }
 }
 
+// The shell tells the command's status here: an application that ignores SIGCHLD, or waits for every child,
+// takes the one that wait() would give us.
+constexpr int status_fd = 3;
+constexpr const char* runner = "eval \"$1\" 3>&-; echo \"$?\" >&3";
+
+// What the shell is started with: nothing to read, `status_to` as status_fd, and children it can wait for.
+class shell_settings {
+ public:
+  explicit shell_settings(int status_to) {
+    sigset_t to_default;
+    sigemptyset(&to_default);
+    sigaddset(&to_default, SIGCHLD);
+    complete_ = posix_spawn_file_actions_init(&actions_) == 0 && posix_spawnattr_init(&attributes_) == 0 &&
+                posix_spawn_file_actions_adddup2(&actions_, status_to, status_fd) == 0 &&
+                posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0) == 0 &&
+                posix_spawnattr_setsigdefault(&attributes_, &to_default) == 0 &&
+                posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF) == 0;
+  }
+  ~shell_settings() {
+    posix_spawn_file_actions_destroy(&actions_);
+    posix_spawnattr_destroy(&attributes_);
+  }
+  shell_settings(const shell_settings&) = delete;
+  shell_settings& operator=(const shell_settings&) = delete;
+
+  // The shell's process, or -1.
+  pid_t start(const std::string& command) const {
+    const char* const arguments[] = {"sh", "-c", runner, "sh", command.c_str(), nullptr};
+    pid_t shell = -1;
+    if (!complete_ || posix_spawn(&shell, "/bin/sh", &actions_, &attributes_,
+                                  const_cast<char* const*>(arguments), environ) != 0) {
+      return -1;
+    }
+    return shell;
+  }
+
+ private:
+  posix_spawn_file_actions_t actions_ = {};
+  posix_spawnattr_t attributes_ = {};
+  bool complete_ = false;
+};
+
+// The number that the shell writes before a line feed; -1 when it ends without one. Its end alone is not
+// waited for: another thread may have started a process that holds the descriptor too.
+int read_status(int fd) {
+  char line[4];
+  for (std::size_t length = 0; length < sizeof line;) {
+    const ssize_t count = ::read(fd, line + length, 1);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return -1;
+    if (line[length] == '\n') {
+      const auto status = whole_number({line, length}, 255);
+      return status ? static_cast<int>(*status) : -1;
+    }
+    ++length;
+  }
+  return -1;
+}
+
+int run(const std::string& command) {
+  int ends[2];
+  if (::pipe2(ends, O_CLOEXEC) != 0) return -1;
+  const unique_fd from(ends[0]);
+  unique_fd to(ends[1]);
+  const pid_t shell = shell_settings(to.get()).start(command);
+  to.reset();
+  if (shell < 0) return -1;
+  const int status = read_status(from.get());
+  while (::waitpid(shell, nullptr, 0) < 0 && errno == EINTR) {
+  }
+  return status;
+}
+
 }  // namespace
 
 std::optional<std::string> shell_command(std::size_t size, std::string_view program,
@@ -50,12 +129,16 @@ std::optional<std::string> shell_command(std::size_t size, std::string_view prog
   return command;
 }
 
-int run_shell(const std::optional<std::string>& command) {
+int run_shell(const std::optional<std::string>& command, int level) {
   if (!command) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "command is too long, not run\n");
     return -1;
   }
-  return ::system(command->c_str());
+  const int status = run(*command);
+  if (status != 0) {
+    qxfr_log(DL_LOG_CMN, level, "command ended with status %d: %s\n", status, printable(*command).c_str());
+  }
+  return status;
 }
 
 }  // namespace fetchrig

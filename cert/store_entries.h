@@ -4,18 +4,12 @@
 #ifndef FETCHRIG_CERT_STORE_ENTRIES_H
 #define FETCHRIG_CERT_STORE_ENTRIES_H
 
-#include <dirent.h>
-
-#include <memory>
 #include <string>
 #include <vector>
 
-namespace fetchrig {
+#include "cert/directory.h"
 
-struct directory_closer {
-  void operator()(DIR* directory) const { ::closedir(directory); }
-};
-using unique_dir = std::unique_ptr<DIR, directory_closer>;
+namespace fetchrig {
 
 // The names that contain ".0", in directory order.
 [[nodiscard]] std::vector<std::string> store_entry_names(DIR* directory);

@@ -132,5 +132,16 @@ TEST_F(cert_file, AnyPathStaysOneWordOfTheCommand) {
   }
 }
 
+// A question that nobody sees would hang: "rm" asks on a terminal.
+TEST_F(cert_file, CommandsReadNothingOfTheStandardInput) {
+  const unique_fd input(dup(STDIN_FILENO)), answers(open(write("answers", "y\n").c_str(), O_RDONLY));
+  dup2(answers.get(), STDIN_FILENO);
+  EXPECT_EQ(run_shell("read answer"), 1) << "the end of its input";
+  dup2(input.get(), STDIN_FILENO);
+  EXPECT_EQ(run_shell("exit 3"), -1) << "no status";
+  EXPECT_EQ(run_shell("(exit 3)"), 3);
+  EXPECT_TRUE(was_logged("3 command ended with status 3: (exit 3)\n")) << log();
+}
+
 }  // namespace
 }  // namespace test

@@ -1,6 +1,8 @@
 // The trusted-CA store: what is installed, listed and removed. OpenSSL's own directory look-up judges the
 // layout.
+#include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <map>
 #include <set>
@@ -44,11 +46,39 @@ listing list(bool long_form) {
   return found;
 }
 
+// What an application may have set for its own ends: children need not be waited for, new files are nobody's.
+class inconvenient_process {
+ public:
+  inconvenient_process() : children_(signal(SIGCHLD, SIG_IGN)), mask_(umask(0777)) {}
+  ~inconvenient_process() {
+    signal(SIGCHLD, children_);
+    umask(mask_);
+  }
+
+ private:
+  sighandler_t children_;
+  mode_t mask_;
+};
+
+bool owner_may(const std::string& path, fs::perms access) {
+  return (fs::status(path).permissions() & access) == access;
+}
+
 TEST_F(cert_store, InstalledOnceFoundByOpensslAndRemovedWhole) {
   const std::string store = path("it's a *;# store/"), other = write("other", pem_of(make_identity("Other")));
   set_option(DL_OPT_TRUST_CA_DIR, store);
-  ASSERT_EQ(dl_install_ca(other.c_str()), 0);
+  {
+    const inconvenient_process umask_and_sigchld;
+    ASSERT_EQ(dl_install_ca(other.c_str()), 0);
+  }
+  EXPECT_EQ(log().find("command ended"), std::string::npos) << log();
+  for (const std::string& folder : {store, store + "ca", store + "phoneca"}) {
+    EXPECT_TRUE(owner_may(folder, fs::perms::owner_all)) << folder;
+  }
   const auto before = snapshot(store);
+  for (const auto& [file, content] : before) {
+    EXPECT_TRUE(owner_may(file, fs::perms::owner_read | fs::perms::owner_write)) << file;
+  }
   identity ca = make_identity("Root");
   for (int n = 0; !hash_name_of(ca).starts_with("00"); ++n) ca = make_identity(std::to_string(n), ca.key);
   const std::string input = write("ca.der", der_of(ca)), hash = hash_name_of(ca).substr(0, 8);
@@ -107,16 +137,31 @@ TEST_F(cert_store, WhatHoldsNoCertificateIsNotInstalledButRemoved) {
 }
 
 TEST_F(cert_store, PathsBeyondTheCommandBuffersChangeNothing) {
-  const std::string ca = write("ca.pem", pem_of(make_identity("Long")));
-  set_option(DL_OPT_TRUST_CA_DIR, path(std::string(100, 'd') + "/"));
-  EXPECT_EQ(dl_install_ca(ca.c_str()), 0);
+  const std::string ca = write(std::string(100, 'c'), pem_of(make_identity("Long")));
   const auto before = snapshot(path(""));
   EXPECT_EQ(dl_del_ca(ca.c_str()), 0);
   EXPECT_TRUE(was_logged("3 path of the ca file is too long\n"));
-  dl_set_option(DL_OPT_TRUST_CA_DIR, path(std::string(240, 'd') + "/").c_str());
-  EXPECT_EQ(dl_install_ca(ca.c_str()), -1);
-  EXPECT_TRUE(was_logged("3 path of the trust certs directory is too long\n"));
+  for (const std::size_t length : {100u, 240u}) {
+    forget_log();
+    dl_set_option(DL_OPT_TRUST_CA_DIR, path(std::string(length, 'd') + "/").c_str());
+    EXPECT_EQ(dl_install_ca(ca.c_str()), -1) << "what could not be removed again";
+    EXPECT_TRUE(was_logged("3 path of the trust certs directory is too long\n"));
+  }
   EXPECT_EQ(snapshot(path("")), before);
+}
+
+TEST_F(cert_store, CommandsThatFailAreNamedInTheLog) {
+  const identity ca = make_identity("CA");
+  const std::string file = write("ca.pem", pem_of(ca)), link = store() + hash_name_of(ca);
+  const std::string installed = link.substr(0, link.size() - 2), programs = getenv("PATH");
+  ASSERT_EQ(dl_install_ca(write("other.pem", pem_of(make_identity("Other"))).c_str()), 0)
+      << "makes the folders";
+  setenv("PATH", "/absent", 1);
+  EXPECT_EQ(dl_install_ca(file.c_str()), 0);
+  EXPECT_EQ(dl_del_ca(installed.c_str()), 0);
+  setenv("PATH", programs.c_str(), 1);
+  EXPECT_TRUE(was_logged("3 command ended with status 127: ln -s " + installed + " " + link + "\n")) << log();
+  EXPECT_TRUE(was_logged("3 command ended with status 127: rm " + installed + "\n")) << log();
 }
 
 TEST_F(cert_store, ListingsTellTenAtMost) {
@@ -162,6 +207,7 @@ TEST_F(cert_store, ListingRemovesByTheirWholeNamesWhatHoldsNoCertificate) {
     const listing found = list(long_form);
     EXPECT_EQ(found.rc, 0);
     EXPECT_EQ(found.entries, std::set{"Good " + cut});
+    EXPECT_TRUE(was_logged("5 removed " + root + "linked.0, ")) << log();
     EXPECT_EQ(snapshot(path("")), kept);
   }
 }

@@ -1,0 +1,32 @@
+// directory.cpp: opening and making folders.
+#include "cert/directory.h"
+
+#include <sys/stat.h>
+
+#include "cert/shell.h"
+
+namespace fetchrig {
+
+unique_dir open_directory(const std::string& path) {
+  return unique_dir(::opendir(path.c_str()));
+}
+
+int make_directory(const std::string& path) {
+  const int status = run_shell(shell_command(command_size, "mkdir", {path}));
+  if (status == 0) give_owner_access(path, S_IRWXU);
+  return status;
+}
+
+unique_dir open_or_make_directory(const std::string& path) {
+  if (unique_dir directory = open_directory(path)) return directory;
+  make_directory(path);
+  return open_directory(path);
+}
+
+void give_owner_access(const std::string& path, mode_t mode) {
+  struct stat status;
+  if (::stat(path.c_str(), &status) != 0 || (status.st_mode & mode) == mode) return;
+  ::chmod(path.c_str(), (status.st_mode & 07777) | mode);
+}
+
+}  // namespace fetchrig
