@@ -1,12 +1,12 @@
 // http_auth.h: answering a 401: parsing the server's challenge and building the Authorization line for Basic
 // (RFC 7617), Digest (RFC 2617, MD5 and MD5-sess, qop "auth") and BroadWorks XSI. The exported operations are
-// declared in fetchrig.h and fetchrig_openssl.h; here is what they share. Names of parameters have at most
+// declared in fetchrig_openssl.h; here is what they share. Names of parameters have at most
 // 255 characters, values 1023. Knows texts, not sockets. One thread at a time per record; secrets are wiped
 // before their memory is given back.
 #ifndef FETCHRIG_HTTP_HTTP_AUTH_H
 #define FETCHRIG_HTTP_HTTP_AUTH_H
 
-#include "include/fetchrig.h"
+#include "include/fetchrig_openssl.h"
 
 namespace fetchrig {
 

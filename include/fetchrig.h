@@ -2,7 +2,7 @@
  *
  * libfetchrig downloads and uploads files over HTTP, HTTPS, FTP and TFTP, manages certificates and a store of
  * trusted CAs, and fetches distinctive ringtones. Plain C99; neither OpenSSL's headers nor a C++ compiler is needed.
- * Calls that take OpenSSL types and a few helpers are in fetchrig_openssl.h.
+ * Calls that take OpenSSL types, the HTTP authentication helpers and others are in fetchrig_openssl.h.
  *
  * Every call is synchronous. Waits on plain sockets end after DL_OPT_NET_TIMEOUT seconds; TLS waits have no limit
  * unless dl_set_tls_wait_limit() sets one. Call dl_config_init() or dl_set_option() once before several threads use
@@ -36,7 +36,8 @@ extern "C" {
 /* Codes in dl_result.code. An HTTP status (100 to 999) or an FTP reply code may stand there too, as received. */
 enum dl_code {
   DL_OK = 0,
-  DL_ERR_HOST = -1,            /* "Wrong host": the name does not resolve */
+  DL_ERR_HOST = -1,            /* "Wrong host": the name does not resolve; also when a connection breaks while an
+                                  HTTP body is read, where the log says which */
   DL_ERR_SOCKET = -2,          /* "Create Socket Error" */
   DL_ERR_CONNECT = -3,         /* "Connect Failed": TCP connection or TLS set-up */
   DL_ERR_SEND = -4,            /* "Send Error" */
@@ -57,7 +58,10 @@ enum dl_code {
   DL_ERR_FTP_PASS = -19        /* FTP PASS refused; "Unknown Error" */
 };
 
-/* The outcome of a call, 260 bytes, the caller's. */
+/* The outcome of a call, 260 bytes, the caller's. Zero it before the call: opening calls clear it, reads and sends
+ * fill it on failure alone, and dl_open(), dl_read(), dl_download() and dl_upload() leave it as it was when they refuse
+ * their arguments, as each of them says. A local file that cannot be created fails with code 0 and no text; the log
+ * tells why. */
 typedef struct dl_result {
   int32_t code;      /* 0, a negative dl_code, or a status the server answered with */
   char message[256]; /* text for the code, NUL-terminated; empty on success */
@@ -76,7 +80,8 @@ enum dl_option {
   DL_OPT_USER_AGENT = 0,        /* text, "Korvane": the User-Agent header */
   DL_OPT_TRUST_CA_DIR = 1,      /* text, empty: the trusted-CA store, with a "/" at its end; seeds option 11 */
   DL_OPT_DEVICE_CERT_FILE = 2,  /* text, empty: the device certificate file; seeds option 12 */
-  DL_OPT_SSL_METHOD = 3,        /* u32 0..3, 0: 0 TLS 1.0, 1 SSL 2.0, 2 SSL 3.0, 3 the best both sides offer */
+  DL_OPT_SSL_METHOD = 3,        /* u32 0..3, 0: 0 TLS 1.0, 3 the best both sides offer; with 1 (SSL 2.0) and 2
+                                   (SSL 3.0), which OpenSSL no longer has, every HTTPS connection fails (-3) */
   DL_OPT_VERIFY_PEER = 4,       /* u32 0..1, 0: 1 refuses servers whose certificate chain does not verify */
   DL_OPT_MAX_REDIRECTS = 5,     /* u32 0..5, 5: redirects followed per request */
   DL_OPT_MAX_FILE_SIZE = 6,     /* u32 bytes, 2097152: largest file downloaded or uploaded */
@@ -84,7 +89,8 @@ enum dl_option {
   DL_OPT_IPV6 = 8,              /* u32 0..1, 0: 1 allows IPv6 literals and look-ups */
   DL_OPT_RING_ENTRY = 9,        /* dl_ring_entry: a ring name, stored in the slot it names */
   DL_OPT_VERIFY_HOST = 10,      /* u32 0..1, 0: with option 4, the certificate must name the host */
-  DL_OPT_HTTPS_CA_DIR = 11,     /* text: hashed directory of CAs for HTTPS servers */
+  DL_OPT_HTTPS_CA_DIR = 11,     /* text: hashed directory of CAs for HTTPS servers; while it is empty every HTTPS
+                                   connection fails (-3), with option 4 at 0 too */
   DL_OPT_HTTPS_CERT_FILE = 12,  /* text: PEM file with client certificate and private key */
   DL_OPT_TEMP_DIR = 13,         /* text, "/tmp": kept for the caller */
   DL_OPT_CALLER_TAG = 14,       /* text of at most 20 characters: kept for the caller */
@@ -197,7 +203,8 @@ FETCHRIG_API int qxfr_log(int module, int level, const char *format, ...) FETCHR
 FETCHRIG_API int qxfr_vlog(int module, int level, const char *format, va_list arguments) FETCHRIG_PRINTF(3, 0);
 /* As dl_log_init(), under the first 4 characters of `identity` (padded with spaces; null: "slog"). Returns 0. */
 FETCHRIG_API int qxfr_log_init(const char *identity, uint32_t flags, dl_log_callback callback);
-/* Back to the state before any initialisation, except for the identity: console only, levels 4. Returns 0. */
+/* Back to the console alone: no system log, no time stamps, no callback, every level 4; the identity stays. (Before
+ * the first initialisation only module 0 has level 4, the others 0.) dl_exit() does not call it. Returns 0. */
 FETCHRIG_API int qxfr_log_exit(void);
 /* As dl_set_log_module_level(). */
 FETCHRIG_API int qxfr_log_set(uint32_t module, int level);
@@ -262,19 +269,21 @@ typedef struct dl_handle {
 } dl_handle;
 
 /* Opens the URL for reading. `redirect` (DL_REDIRECT_SIZE bytes) is needed for HTTP and HTTPS. On success stores a
- * handle in `handle`, to be released with dl_close(); on failure stores null. A missing argument returns -1, logged, and leaves
- * `result` as it is; a URL that cannot be split or a missing `redirect` leaves it empty; other failures fill it as the
- * protocol's own open call does. Blocks. Any thread. */
+ * handle in `handle`, to be released with dl_close(); on failure stores null. A missing argument returns -1, logged,
+ * and leaves `result` as it is; a URL that cannot be split or a missing `redirect` leaves it empty; other failures
+ * fill it as the protocol's own open call does. Blocks. Any thread. */
 FETCHRIG_API int dl_open(const dl_request *request, dl_handle **handle, char *redirect, dl_result *result);
 
-/* Reads up to `size` (above 0) bytes of the file into `buffer`. Returns the count, 0 at the end, -1 on failure. */
+/* Reads up to `size` (above 0) bytes of the file into `buffer`. Returns the count, 0 at the end, -1 on failure; for a
+ * missing argument or a `size` below 1, `result` stays as it is. */
 FETCHRIG_API int dl_read(dl_handle *handle, char *buffer, int32_t size, dl_result *result);
 
 /* Closes the transfer and releases the handle. Null is logged and ignored. */
 FETCHRIG_API void dl_close(dl_handle *handle);
 
 /* Downloads the URL into the file `local_path`, created or truncated; a failed download removes it. A file that grows
- * past option 6 fails with -8 and "exceed max size %d". Blocks. Any thread. */
+ * past option 6 fails with -8 and "exceed max size %d". For a missing argument, a URL that cannot be split or a missing
+ * `redirect`, `result` stays as it is. Blocks. Any thread. */
 FETCHRIG_API int dl_download(const dl_request *request, const char *local_path, char *redirect, dl_result *result);
 
 /* Modes of dl_upload() and the FTP upload calls. */
@@ -286,7 +295,8 @@ enum dl_ftp_limit_mode { DL_FTP_LIMIT_STORE = 1, DL_FTP_LIMIT_STOP = 2 };
 /* Uploads `local_path` to the URL. HTTP and HTTPS: `headers` (lines ending in CRLF; a POST needs a multipart content
  * type with "boundary=") and `redirect` are required, `mode` is enum dl_upload_mode (anything else posts). FTP and
  * TFTP write `remote_name` (null or empty: the local file's name), not the URL's path; FTP takes `mode` as enum
- * dl_ftp_post_mode and `limit_mode`. Blocks. Any thread. */
+ * dl_ftp_post_mode and `limit_mode`. For a missing argument or a URL that cannot be split, `result` stays as it is.
+ * Blocks. Any thread. */
 FETCHRIG_API int dl_upload(const dl_request *request, const char *local_path, const char *remote_name, char *redirect,
                            dl_result *result, const char *headers, int32_t mode, uint32_t limit_mode);
 
@@ -316,7 +326,9 @@ typedef struct dl_auth_info {
   const char *password;
 } dl_auth_info;
 
-/* Decoded body bytes of a chunked response (RFC 9112 section 7.1) that the caller has not taken yet. */
+/* Decoded body bytes of a chunked response (RFC 9112 section 7.1) that the caller has not taken yet. The library's
+ * own: an application may read `finished` once a read call has returned 0 and before it closes the session (or ask
+ * dl_http_body_end(), which knows every kind of body), and leaves the rest alone. */
 typedef struct http_chunk_buf {
   char *data;
   uint32_t length;
@@ -332,7 +344,8 @@ typedef struct http_chunk_buf {
 #define DL_HTTP_FLAG_CHUNKED 1u
 #define DL_HTTP_FLAG_TLS 2u
 
-/* An HTTP session. Callers treat it as opaque. */
+/* An HTTP session (also dl_handle.session for DL_PROTO_HTTP and DL_PROTO_HTTPS). Callers treat it as opaque, but for
+ * `chunk` as said above. */
 typedef struct dl_http_session {
   uint32_t magic;          /* DL_HTTP_MAGIC while live */
   int32_t sock;            /* 0: none */
@@ -340,7 +353,7 @@ typedef struct dl_http_session {
   void *ssl_ctx;           /* OpenSSL context, or null */
   uint32_t flags;          /* DL_HTTP_FLAG_ bits */
   uint32_t remaining;      /* body bytes still to deliver when not chunked */
-  http_chunk_buf *chunk;   /* from the first chunked read on */
+  http_chunk_buf *chunk;   /* from the first chunked read on, else null */
   char *headers;           /* header lines of a 200 response, each terminated, then an empty one; or null */
   uint32_t headers_len;    /* bytes of the lines */
 } dl_http_session;
@@ -405,58 +418,6 @@ FETCHRIG_API int dl_http_post_file(dl_http_session **session, const dl_http_requ
 FETCHRIG_API int dl_http_post_multi_auth(dl_http_session **session, const dl_http_request *request,
                                          const dl_auth_info *credentials, int32_t count, char *redirect,
                                          dl_result *result);
-
-/* ---------------------------------------------------------------- HTTP authentication (RFC 7617, RFC 2617) */
-
-/* One Digest challenge. Texts are owned by the record and released by Curl_digest_cleanup_one(). */
-typedef struct digest_challenge {
-  char *nonce;
-  char *cnonce;    /* made by the Digest builder when null */
-  char *realm;
-  int32_t session; /* 1: MD5-sess */
-  int32_t stale;   /* 1: stale=true */
-  char *opaque;
-  char *qop;       /* "auth", "auth-int" or null */
-  char *algorithm; /* as received */
-  uint32_t nc;     /* nonce count, 0: not used yet */
-} digest_challenge;
-
-/* The working record of one 401: zeroed by its maker before a challenge is parsed. */
-typedef struct http_auth_state {
-  const char *user; /* borrowed credentials */
-  const char *password;
-  const char *proxy_user;
-  const char *proxy_password;
-  digest_challenge challenge;
-  digest_challenge proxy_challenge;
-  uint32_t picked; /* 0 none, 1 Basic, 2 Digest */
-  uint32_t proxy_picked;
-  char *answer; /* owned: "Authorization: ...\r\n" */
-  char *proxy_answer;
-} http_auth_state;
-
-/* Results of Curl_input_auth(). */
-enum http_challenge_result {
-  HTTP_CHALLENGE_UNKNOWN = 0,   /* neither Digest nor Basic */
-  HTTP_CHALLENGE_BAD = 1,       /* unusable Digest challenge */
-  HTTP_CHALLENGE_ALGORITHM = 2, /* algorithm other than MD5 and MD5-sess */
-  HTTP_CHALLENGE_MEMORY = 3,
-  HTTP_CHALLENGE_FINE = 4
-};
-/* Results of the answer builders. */
-enum http_answer_result { HTTP_ANSWER_OK = 0, HTTP_ANSWER_SCHEME = 2, HTTP_ANSWER_MEMORY = 27 };
-
-/* Parses a WWW-Authenticate value into `state`; with `proxy` not 0, into the proxy fields. One thread per record. */
-FETCHRIG_API int Curl_input_auth(http_auth_state *state, int proxy, const char *header);
-/* Builds the answer line for the picked scheme. `method` is "GET" and so on, `path` the path of the request line. */
-FETCHRIG_API int Curl_output_auth(http_auth_state *state, int proxy, const char *method, const char *path);
-/* Builds a Digest answer; without a nonce there is none and the result is 0. A user, password or challenge value
- * that would break the header line (CR, LF) fails with HTTP_ANSWER_SCHEME. */
-FETCHRIG_API int Curl_output_digest(http_auth_state *state, int proxy, const char *method, const char *path);
-/* Builds a BroadWorks XSI answer; needs a Basic challenge and a user and password that are not empty. */
-FETCHRIG_API int Curl_output_xsi_auth(http_auth_state *state);
-/* Releases a challenge's texts and zeroes stale, nc and session. */
-FETCHRIG_API void Curl_digest_cleanup_one(digest_challenge *challenge);
 
 /* ---------------------------------------------------------------- FTP (RFC 959, RFC 2428) */
 
@@ -600,6 +561,8 @@ FETCHRIG_API int dl_get_ca_info_ex(const char *path, dl_ca_info_ex *info, uint32
 /* Lists the trusted-CA store (option 1), at most 10 entries, removing entries that hold no certificate. Returns 0,
  * -1 (null) or -2 (the directory cannot be opened). */
 FETCHRIG_API int dl_get_trust_ca_info(dl_trust_ca_list *list);
+/* The long form. Returns 0, or -1 with code 1 (`list` is null) or 2 (the directory cannot be opened) in `result`. After
+ * 0 the code is the last looked-at entry's: 0, or 1 when that was no certificate. No text is stored. */
 FETCHRIG_API int dl_get_trust_ca_info_ex(dl_trust_ca_list_ex *list, dl_result *result);
 /* Describes the device certificate (option 2). Returns 0, -1, -2, or -3 when its private key does not belong to it. */
 FETCHRIG_API int dl_get_ser_ca_info(dl_ca_info *info);

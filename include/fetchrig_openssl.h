@@ -1,4 +1,4 @@
-/* fetchrig_openssl.h: exported calls that take OpenSSL or socket types, and small helpers.
+/* fetchrig_openssl.h: exported calls that take OpenSSL or socket types, HTTP authentication, and small helpers.
  *
  * For programs that build on libfetchrig's parts; most applications need fetchrig.h alone. Plain C99; needs OpenSSL's
  * headers. The helpers behave like the standard function each comment names. Any thread. */
@@ -34,6 +34,62 @@ FETCHRIG_API int dl_connect(const char *host, int port, int ipv6, int seconds);
  * or -3 with nothing stored. `sock` stays the caller's. */
 FETCHRIG_API int dl_do_SSL_connect(int sock, const char *cert_file, const char *ca_dir, int method, int verify_peer,
                                    int verify_host, const char *host, SSL **ssl, SSL_CTX **ctx);
+
+/* ---------------------------------------------------------------- HTTP authentication (RFC 7617, RFC 2617) */
+
+/* One Digest challenge. Texts are owned by the record and released by Curl_digest_cleanup_one(). */
+typedef struct digest_challenge {
+  char *nonce;
+  char *cnonce;    /* made by the Digest builder when null */
+  char *realm;
+  int32_t session; /* 1: MD5-sess */
+  int32_t stale;   /* 1: stale=true */
+  char *opaque;
+  char *qop;       /* "auth", "auth-int" or null */
+  char *algorithm; /* as received */
+  uint32_t nc;     /* nonce count, 0: not used yet */
+} digest_challenge;
+
+/* The working record of one 401: zeroed by its maker before a challenge is parsed. */
+typedef struct http_auth_state {
+  const char *user; /* borrowed credentials */
+  const char *password;
+  const char *proxy_user;
+  const char *proxy_password;
+  digest_challenge challenge;
+  digest_challenge proxy_challenge;
+  uint32_t picked; /* 0 none, 1 Basic, 2 Digest */
+  uint32_t proxy_picked;
+  char *answer; /* owned: "Authorization: ...\r\n" */
+  char *proxy_answer;
+} http_auth_state;
+
+/* Results of Curl_input_auth(). */
+enum http_challenge_result {
+  HTTP_CHALLENGE_UNKNOWN = 0,   /* neither Digest nor Basic */
+  HTTP_CHALLENGE_BAD = 1,       /* unusable Digest challenge */
+  HTTP_CHALLENGE_ALGORITHM = 2, /* algorithm other than MD5 and MD5-sess */
+  HTTP_CHALLENGE_MEMORY = 3,
+  HTTP_CHALLENGE_FINE = 4
+};
+/* Results of the answer builders. */
+enum http_answer_result { HTTP_ANSWER_OK = 0, HTTP_ANSWER_SCHEME = 2, HTTP_ANSWER_MEMORY = 27 };
+
+/* Parses a WWW-Authenticate value into `state`; with `proxy` not 0, into the proxy fields. One thread per record. */
+FETCHRIG_API int Curl_input_auth(http_auth_state *state, int proxy, const char *header);
+/* Builds the answer line for the picked scheme. `method` is "GET" and so on, `path` the path of the request line. */
+FETCHRIG_API int Curl_output_auth(http_auth_state *state, int proxy, const char *method, const char *path);
+/* Builds a Digest answer; without a nonce there is none and the result is 0. A user, password or challenge value
+ * that would break the header line (CR, LF) fails with HTTP_ANSWER_SCHEME. */
+FETCHRIG_API int Curl_output_digest(http_auth_state *state, int proxy, const char *method, const char *path);
+/* Builds a BroadWorks XSI answer; needs a Basic challenge and a user and password that are not empty. */
+FETCHRIG_API int Curl_output_xsi_auth(http_auth_state *state);
+/* Releases a challenge's texts and zeroes stale, nc and session. */
+FETCHRIG_API void Curl_digest_cleanup_one(digest_challenge *challenge);
+/* Completes an unquoted qop list of a Digest challenge. `parameters` begins at the parameter's name, `name_len` is the
+ * length of that name, `value` (1024 bytes) holds the value read so far; items behind commas are appended to it. Does
+ * nothing for a quoted value. */
+FETCHRIG_API void get_all_qop_content(const char *parameters, size_t name_len, char *value);
 
 /* ---------------------------------------------------------------- keys and requests */
 
@@ -85,10 +141,6 @@ FETCHRIG_API int Curl_raw_nequal(const char *first, const char *second, size_t m
 /* strtok_r. */
 FETCHRIG_API char *Curl_strtok_r(char *text, const char *separators, char **rest);
 
-/* Completes an unquoted qop list of a Digest challenge. `parameters` begins at the parameter's name, `name_len` is the
- * length of that name, `value` (1024 bytes) holds the value read so far; items behind commas are appended to it. Does
- * nothing for a quoted value. */
-FETCHRIG_API void get_all_qop_content(const char *parameters, size_t name_len, char *value);
 /* The current time of day. */
 FETCHRIG_API struct timeval curlx_tvnow(void);
 /* free(), null allowed. */

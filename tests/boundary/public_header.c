@@ -1,6 +1,7 @@
-/* public_header.c: the public header as a C99 application sees it: it compiles alone and first, its records
- * have the layout that callers were built with, and calls work through the shared library. */
+/* public_header.c: the public headers as a C99 application sees them: they compile alone and first, their
+ * records have the layout that callers were built with, and calls work through the shared library. */
 #include <fetchrig.h>
+#include <fetchrig_openssl.h>
 
 #include <stdio.h>
 #include <string.h>
