@@ -91,8 +91,17 @@ class line_reader {
   bool ended_ = false;
 };
 
+// What a failed read met; nothing is known of one that was not made.
+void log_failed_read(const io_result& outcome) {
+  if (outcome.wait_failed) {
+    qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "Select error! errno %d\n", outcome.error);
+  } else if (outcome.count < 0) {
+    qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "read failed, errno %d\n", outcome.error);
+  }
+}
+
 int peek_failed(const io_result& outcome) {
-  if (outcome.wait_failed) qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "Select error! errno %d\n", outcome.error);
+  log_failed_read(outcome);
   qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "Peek error!\n");
   return DL_ERR_READ;
 }
@@ -143,9 +152,8 @@ int http_recv(http_channel& channel, std::span<char> to) {
   const int timeout_s = net_timeout_seconds();
   const io_result outcome = with_stream(channel, [&](stream& from) { return from.read(to, timeout_s); });
   if (channel.own && outcome.count == 0 && !to.empty()) channel.own->response.stream_ended = true;
-  if (!outcome.wait_failed) return static_cast<int>(outcome.count);
-  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "Select error! errno %d\n", outcome.error);
-  return DL_ERR_READ;
+  log_failed_read(outcome);
+  return outcome.wait_failed ? DL_ERR_READ : static_cast<int>(outcome.count);
 }
 
 int http_read_line(http_channel& channel, std::size_t initial, std::size_t maximum, std::span<char> line,

@@ -87,12 +87,20 @@ int response_loop::read_response() {
   const int length = http_read_line(channel_, 256, 256, line);
   if (length < 0) return length;
   const auto status = parse_status_line({line.data(), static_cast<std::size_t>(length)});
-  if (!status) return DL_ERR_INVALID_DATA;
-  if (*status < 0) return *status;
+  if (!status) {
+    qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "%s\n",
+             length == 0 ? "no answer before the end" : "not an HTTP answer");
+    return DL_ERR_INVALID_DATA;
+  }
+  if (*status < 0) {
+    qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "not an HTTP answer\n");
+    return *status;
+  }
   qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "response code: %d\n", *status);
   set_last_status(*status);
   http_response_facts facts{.known = true, .status = *status};
   if (const int rc = read_headers(facts.header_cut); rc < 0) return rc;
+  if (facts.header_cut) qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "the header block ends early\n");
   facts.has_length = note_body();
   if (channel_.own) channel_.own->response = facts;
   return *status;

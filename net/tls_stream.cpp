@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "include/fetchrig.h"
 #include "net/stream.h"
 #include "net/tls_bio.h"
 
@@ -31,7 +32,17 @@ int run(SSL* ssl, Call call) {
   }
 }
 
+// Why OpenSSL gave up, such as an alert of the peer; callers learn only that the connection failed. Leaves
+// errno alone.
+void log_reason(const char* operation) {
+  const int error = errno;
+  const char* reason = ERR_reason_error_string(ERR_peek_error());
+  if (reason) qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "%s: %s\n", operation, reason);
+  errno = error;
+}
+
 io_result as_result(int count) {
+  if (count < 0) log_reason("TLS read");
   return {count, false, count < 0 ? errno : 0};
 }
 
@@ -49,7 +60,10 @@ io_result tls_stream::peek(std::span<char> to, int) {
 int tls_stream::write_all(std::span<const char> from) {
   while (!from.empty()) {
     const int sent = run(ssl_, [&] { return SSL_write(ssl_, from.data(), bounded(from.size())); });
-    if (sent <= 0) return -1;
+    if (sent <= 0) {
+      log_reason("TLS write");
+      return -1;
+    }
     from = from.subspan(static_cast<std::size_t>(sent));
   }
   return 0;
