@@ -3,13 +3,9 @@
 
 #include <errno.h>
 #include <openssl/err.h>
-#include <openssl/pem.h>
-#include <stdio.h>
 #include <string.h>
-#include <sys/stat.h>
 
 #include "cert/asn1_text.h"
-#include "cert/cert_file.h"
 #include "cert/error_queue.h"
 #include "core/boundary.h"
 #include "core/config.h"
@@ -18,24 +14,17 @@
 namespace fetchrig {
 namespace {
 
-// A file that cannot be opened: gone (or a link to nothing), or there but out of reach for now.
-certificate_read why_not_opened(const char* path) {
-  struct stat status;
-  if (::stat(path, &status) == 0) return certificate_read::failed;
-  const bool gone = errno == ENOENT || errno == ENOTDIR || errno == ELOOP;
+// Why a source has no stream: the file is gone (or a link to nothing), or it is there but out of reach for
+// now.
+certificate_read why_not_opened(int error) {
+  const bool gone = error == ENOENT || error == ENOTDIR || error == ELOOP;
   return gone ? certificate_read::unusable : certificate_read::failed;
 }
 
-// A file that was opened but gave no certificate. Empties OpenSSL's error queue, which was empty before the
-// read.
-certificate_read why_not_read(int encoding, BIO* bio) {
-  FILE* file = nullptr;
-  BIO_get_fp(bio, &file);
-  const bool is_empty =
-      encoding == encoding_der && ERR_peek_error() == 0;  // the one refusal without a reason
-  const bool no_memory = !is_empty && ran_out_of_memory();
-  const bool ours = no_memory || encoding == encoding_none || (file && ::ferror(file));
-  return ours ? certificate_read::failed : certificate_read::unusable;
+// Why a file that was read gave no certificate. Empties OpenSSL's error queue, which was empty before.
+certificate_read why_not_read(const small_file& file) {
+  const bool is_empty = file.bytes().empty();  // the one refusal without a reason
+  return !is_empty && ran_out_of_memory() ? certificate_read::failed : certificate_read::unusable;
 }
 
 void fill_element(std::span<char, 64> field, const X509_NAME* name, int nid) {
@@ -44,15 +33,13 @@ void fill_element(std::span<char, 64> field, const X509_NAME* name, int nid) {
 
 // Whether the device file's private key is there, opens and belongs to its certificate.
 bool device_key_matches(const char* path) {
-  const unique_bio bio(BIO_new_file(path, "r"));
-  if (!bio) {
+  const cert_source source(path);
+  if (!source.stream) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error dev cert\n");
     return false;
   }
-  const int encoding = cert_file_format(path);
-  const unique_x509 certificate(load_cert_bio(encoding, bio.get()));
-  if (BIO_seek(bio.get(), 0) < 0) return false;
-  const unique_pkey key(load_key_bio(encoding, bio.get()));
+  const unique_x509 certificate(load_cert_bio(source.encoding, source.stream.get()));
+  const unique_pkey key(load_key_bio(source.encoding, source.file.stream().get()));
   return certificate && key && X509_check_private_key(certificate.get(), key.get()) == 1;
 }
 
@@ -76,28 +63,21 @@ int describe_device(dl_ca_info& info) {
 
 }  // namespace
 
-certificate_file open_certificate(const char* path) {
-  certificate_file opened;
-  if (dl_path_is_directory(path)) {
+certificate_read read_certificate(const cert_source& source, unique_x509& certificate) {
+  if (source.error == EISDIR) {
     qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "path is directory, ret\n");
-    return opened;
+    return certificate_read::failed;
   }
-  opened.bio.reset(BIO_new_file(path, "r"));
-  if (!opened.bio) {
-    opened.outcome = why_not_opened(path);
+  if (!source.stream) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error filename\n");
-    return opened;
+    return why_not_opened(source.error);
   }
-  const int encoding = cert_file_format(path);
   ERR_clear_error();
-  opened.certificate.reset(load_cert_bio(encoding, opened.bio.get()));
-  if (!opened.certificate) {
-    opened.outcome = why_not_read(encoding, opened.bio.get());
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "unable to load certificate filename\n");
-    return opened;
-  }
-  opened.outcome = certificate_read::fine;
-  return opened;
+  certificate.reset(load_cert_bio(source.encoding, source.stream.get()));
+  if (certificate) return certificate_read::fine;
+  const certificate_read outcome = why_not_read(source.file);
+  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "unable to load certificate filename\n");
+  return outcome;
 }
 
 void fill_date(std::span<char, 64> field, const ASN1_TIME* time) {
@@ -118,9 +98,11 @@ bool fill_ca_info(X509* certificate, dl_ca_info& info) {
 }
 
 certificate_read describe_ca(const char* path, dl_ca_info& info) {
-  const certificate_file opened = open_certificate(path);
-  if (opened.outcome != certificate_read::fine) return opened.outcome;
-  return fill_ca_info(opened.certificate.get(), info) ? certificate_read::fine : certificate_read::unusable;
+  const cert_source source(path);
+  unique_x509 certificate;
+  const certificate_read outcome = read_certificate(source, certificate);
+  if (outcome != certificate_read::fine) return outcome;
+  return fill_ca_info(certificate.get(), info) ? certificate_read::fine : certificate_read::unusable;
 }
 
 }  // namespace fetchrig

@@ -8,6 +8,7 @@
 
 #include <span>
 
+#include "cert/cert_file.h"
 #include "core/openssl_owners.h"
 #include "include/fetchrig.h"
 
@@ -15,23 +16,16 @@ namespace fetchrig {
 
 enum class certificate_read {
   fine,
-  unusable,     // there is no file, or what it holds is no certificate
-  failed,       // our own trouble: permissions, descriptors, memory, an I/O error, a directory
+  unusable,     // there is no file, or it was read to its end and holds no certificate
+  failed,       // not read: permissions, descriptors, memory, an I/O error, not a regular file, too large
   setup_failed  // OpenSSL did not start
 };
 
-// An open certificate file; the stream stands where the certificate ended.
-struct certificate_file {
-  unique_bio bio;
-  unique_x509 certificate;  // null unless `outcome` is fine
-  certificate_read outcome = certificate_read::failed;
-};
-
-// Opens the file and reads its certificate; failures are logged.
-[[nodiscard]] certificate_file open_certificate(const char* path);
-
 // The date as text, left alone when there is none or it cannot be read.
 void fill_date(std::span<char, 64> field, const ASN1_TIME* time);
+
+// The certificate of a file; the source's stream then stands where it ended. Failures are logged.
+[[nodiscard]] certificate_read read_certificate(const cert_source& source, unique_x509& certificate);
 
 // Fill what the certificate alone tells. The record is not cleared first. False (logged) when a name is
 // missing.

@@ -95,11 +95,13 @@ bool fill_ca_info_ex(X509* certificate, dl_ca_info_ex& info) {
 }
 
 certificate_read describe_ca_ex(const char* path, dl_ca_info_ex& info, uint32_t flags) {
-  const certificate_file opened = open_certificate(path);
-  if (opened.outcome != certificate_read::fine) return opened.outcome;
-  if (!fill_ca_info_ex(opened.certificate.get(), info)) return certificate_read::unusable;
+  const cert_source source(path);
+  unique_x509 certificate;
+  const certificate_read outcome = read_certificate(source, certificate);
+  if (outcome != certificate_read::fine) return outcome;
+  if (!fill_ca_info_ex(certificate.get(), info)) return certificate_read::unusable;
   info.hash = ca_file_hash(path);
-  return flags & with_private_key ? fill_private_key(opened.bio.get(), info) : certificate_read::fine;
+  return flags & with_private_key ? fill_private_key(source.stream.get(), info) : certificate_read::fine;
 }
 
 }  // namespace fetchrig

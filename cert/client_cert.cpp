@@ -47,23 +47,23 @@ unique_x509_req signed_request(EVP_PKEY* key, const char* subject) {
 }
 
 unique_x509 read_root_certificate(const char* path) {
-  const unique_bio file(BIO_new_file(path, "r"));
-  if (!file) {
+  const cert_source source(path);
+  if (!source.stream) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error root ca\n");
     return nullptr;
   }
-  unique_x509 certificate(load_cert_bio(cert_file_format(path), file.get()));
+  unique_x509 certificate(load_cert_bio(source.encoding, source.stream.get()));
   if (!certificate) qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "unable to load certificate filename\n");
   return certificate;
 }
 
 unique_pkey read_root_key(const char* path, const X509* root) {
-  const unique_bio file(BIO_new_file(path, "r"));
-  if (!file) {
+  const cert_source source(path);
+  if (!source.stream) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error filename\n");
     return nullptr;
   }
-  unique_pkey key(PEM_read_bio_PrivateKey(file.get(), nullptr, no_password_cb, nullptr));
+  unique_pkey key(PEM_read_bio_PrivateKey(source.stream.get(), nullptr, no_password_cb, nullptr));
   if (key && X509_check_private_key(root, key.get()) == 1) return key;
   qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "CA certificate and CA private key do not match\n");
   return nullptr;

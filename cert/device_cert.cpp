@@ -94,7 +94,9 @@ int install(const char* path) {
   const int method = ssl_method();
   const auto paths = paths_from(device_file.data());
   if (!paths) return log_error(path_or_method_or_same, "Wrong server ca path\n");
-  if (const install_code code = code_for(check_tls_file(path, method)); code != installed) return code;
+  if (const install_code code = code_for(check_tls_file(small_file(path ? path : ""), method));
+      code != installed)
+    return code;
   if (!open_or_make_directory(paths->root)) return log_error(no_directory, "Can't open trust_path\n");
   if (!open_or_make_directory(paths->directory)) return log_error(no_directory, "Can't open serverdir\n");
 
@@ -117,14 +119,13 @@ struct key_pair {
 
 // Reads from the file what the pair still lacks. False when the file cannot be opened.
 bool complete_from(key_pair& pair, const char* path) {
-  const unique_bio file(BIO_new_file(path, "r"));
-  if (!file) {
+  const cert_source source(path);
+  if (!source.stream) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file dev cert err\n");
     return false;
   }
-  const int encoding = cert_file_format(path);
-  if (!pair.certificate) pair.certificate.reset(load_cert_bio(encoding, file.get()));
-  if (!pair.key && BIO_reset(file.get()) == 0) pair.key.reset(load_key_bio(encoding, file.get()));
+  if (!pair.certificate) pair.certificate.reset(load_cert_bio(source.encoding, source.stream.get()));
+  if (!pair.key) pair.key.reset(load_key_bio(source.encoding, source.file.stream().get()));
   return true;
 }
 

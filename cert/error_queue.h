@@ -5,6 +5,9 @@
 
 #include <openssl/bio.h>
 #include <openssl/err.h>
+#include <stdio.h>
+
+#include <cstddef>
 
 namespace fetchrig {
 
@@ -25,6 +28,19 @@ inline bool ran_out_of_memory() {
     if (ERR_GET_REASON(error) == ERR_R_MALLOC_FAILURE) found = true;
   }
   return found;
+}
+
+// Writes the queue to standard error, as ERR_print_errors() does, and empties it. That function goes on for
+// as long as printing adds new reasons, which without memory is for ever.
+inline void print_error_queue() {
+  constexpr int max_lines = 16;  // what OpenSSL keeps for a thread
+  int lines = 0;
+  const auto print = [](const char* line, std::size_t length, void* printed) {
+    fwrite(line, 1, length, stderr);
+    return ++*static_cast<int*>(printed) < max_lines ? 1 : 0;
+  };
+  ERR_print_errors_cb(print, &lines);
+  ERR_clear_error();
 }
 
 }  // namespace fetchrig

@@ -6,14 +6,13 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
-#include <stdio.h>
 
 #include <memory>
 
+#include "cert/cert_file.h"
 #include "cert/error_queue.h"
 #include "cert/passphrase.h"
 #include "cert/private_file.h"
-#include "core/owners.h"
 #include "include/fetchrig_openssl.h"
 
 namespace fetchrig {
@@ -24,15 +23,17 @@ using unique_rsa = std::unique_ptr<RSA, openssl_deleter<RSA_free>>;
 
 enum class key_file { absent, unusable, without_key, with_key };
 
+// What is written to a device is not to be found there again, and reading it may never end.
 key_file read_key_file(unique_pkey& key, const char* path) {
-  const unique_file file(::fopen(path, "re"));
-  if (!file) return errno == ENOENT || errno == ENOTDIR ? key_file::absent : key_file::unusable;
-  const unique_bio bio(BIO_new_fp(file.get(), BIO_NOCLOSE));
-  if (!bio) return key_file::unusable;
+  if (is_special_file(path)) return key_file::without_key;
+  const cert_source source(path);
+  if (!source.stream) {
+    return source.error == ENOENT || source.error == ENOTDIR ? key_file::absent : key_file::unusable;
+  }
   ERR_clear_error();
-  key.reset(PEM_read_bio_PrivateKey(bio.get(), nullptr, no_password_cb, nullptr));
+  key.reset(PEM_read_bio_PrivateKey(source.stream.get(), nullptr, no_password_cb, nullptr));
   if (key) return key_file::with_key;
-  return ferror(file.get()) || ran_out_of_memory() ? key_file::unusable : key_file::without_key;
+  return ran_out_of_memory() ? key_file::unusable : key_file::without_key;
 }
 
 unique_rsa generate_rsa(int bits, BIGNUM* exponent) {

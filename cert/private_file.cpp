@@ -44,6 +44,11 @@ unique_bio pem_text(X509* certificate, EVP_PKEY* key) {
   return text;
 }
 
+bool is_special_file(const char* path) {
+  struct stat status;
+  return ::stat(path, &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode);
+}
+
 void remove_plain_file(const char* path) {
   struct stat status;
   if (lstat(path, &status) == 0 && (S_ISREG(status.st_mode) || S_ISLNK(status.st_mode))) ::unlink(path);

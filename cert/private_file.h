@@ -15,6 +15,9 @@ namespace fetchrig {
 // stream (which OpenSSL wipes when it is freed). Null when that fails.
 [[nodiscard]] unique_bio pem_text(X509* certificate, EVP_PKEY* key);
 
+// Whether the name stands, also through links, for a device, a pipe or a socket.
+[[nodiscard]] bool is_special_file(const char* path);
+
 // Removes a regular file or a link; anything else stays.
 void remove_plain_file(const char* path);
 

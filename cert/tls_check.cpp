@@ -4,6 +4,7 @@
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 
+#include "cert/cert_file.h"
 #include "core/openssl_owners.h"
 #include "include/fetchrig_openssl.h"
 
@@ -30,23 +31,23 @@ unique_ssl_ctx make_context(int method) {
   return context;
 }
 
-// The file's private key, opened with option 16 when it is encrypted.
-unique_pkey read_key(const char* path) {
-  const unique_bio file(BIO_new_file(path, "r"));
-  return file ? unique_pkey(PEM_read_bio_PrivateKey(file.get(), nullptr, password_cb, nullptr)) : nullptr;
+// Takes the certificate that the PEM text has first.
+bool use_certificate(SSL_CTX* context, BIO* bio) {
+  const unique_x509 certificate(bio ? PEM_read_bio_X509(bio, nullptr, password_cb, nullptr) : nullptr);
+  return certificate && SSL_CTX_use_certificate(context, certificate.get()) == 1;
 }
 
-tls_file_check load_file(SSL_CTX* context, const char* path) {
-  if (SSL_CTX_load_verify_locations(context, path, nullptr) != 1) {
+tls_file_check load_file(SSL_CTX* context, const small_file& file) {
+  if (!add_ca_certificates(SSL_CTX_get_cert_store(context), file.stream().get())) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't open ca file ser_ca_file\n");
     return tls_file_check::no_ca_file;
   }
-  if (SSL_CTX_use_certificate_file(context, path, SSL_FILETYPE_PEM) != 1) {
+  if (!use_certificate(context, file.stream().get())) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't load public key from ser_ca_file\n");
     return tls_file_check::no_certificate;
   }
   // The context's own key loader refuses a mismatch itself and would hide it behind "no key".
-  const unique_pkey key = read_key(path);
+  const unique_pkey key(load_key_bio(encoding_pem, file.stream().get()));
   if (!key) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't load private key from ser_ca_file");
     return tls_file_check::no_key;
@@ -60,7 +61,7 @@ tls_file_check load_file(SSL_CTX* context, const char* path) {
 
 }  // namespace
 
-tls_file_check check_tls_file(const char* path, int method) {
+tls_file_check check_tls_file(const small_file& file, int method) {
   if (method < method_tls1 || method > method_any) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Wrong method");
     return tls_file_check::wrong_method;
@@ -70,7 +71,7 @@ tls_file_check check_tls_file(const char* path, int method) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "SSL_CTX_new error\n");
     return tls_file_check::no_context;
   }
-  return load_file(context.get(), path);
+  return load_file(context.get(), file);
 }
 
 }  // namespace fetchrig

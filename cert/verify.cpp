@@ -12,6 +12,7 @@
 #include "cert/cert_file.h"
 #include "cert/error_queue.h"
 #include "cert/tls_check.h"
+#include "core/boundary.h"
 #include "core/config.h"
 #include "core/openssl_owners.h"
 #include "core/result.h"
@@ -57,7 +58,7 @@ struct verdict {
 // The advance check: 0, or -1 with the record filled.
 int check_in_advance(const char* path, dl_result* result) {
   qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "verify advance\n");
-  switch (check_tls_file(path, ssl_method())) {
+  switch (check_tls_file(small_file(path), ssl_method())) {
     case tls_file_check::fine:
       return 0;
     case tls_file_check::wrong_method:
@@ -75,21 +76,28 @@ int check_in_advance(const char* path, dl_result* result) {
   return -1;
 }
 
+// The file, with the reason in OpenSSL's queue when it cannot be read, as OpenSSL's own readers leave it.
+cert_source open_source(const char* path) {
+  cert_source source(path);
+  if (!source.stream) ERR_raise_data(ERR_LIB_SYS, source.error, "reading %s", path);
+  return source;
+}
+
 // Without a CA file OpenSSL's default one is used, if there is one.
-bool add_ca_file(X509_STORE* store, const char* ca_file, BIO* diagnostics) {
+bool add_ca_file(X509_STORE* store, const char* ca_file) {
   X509_LOOKUP* lookup = X509_STORE_add_lookup(store, X509_LOOKUP_file());
   if (!lookup) return false;
   if (!ca_file) {
     X509_LOOKUP_load_file(lookup, nullptr, X509_FILETYPE_DEFAULT);
     return true;
   }
-  if (X509_LOOKUP_load_file(lookup, ca_file, X509_FILETYPE_PEM) > 0) return true;
-  BIO_printf(diagnostics, "Error loading file %s\n", ca_file);
-  ERR_print_errors(diagnostics);
+  if (add_ca_certificates(store, open_source(ca_file).stream.get())) return true;
+  fprintf(stderr, "Error loading file %s\n", ca_file);
+  print_error_queue();
   return false;
 }
 
-bool add_ca_directory(X509_STORE* store, const char* ca_dir, BIO* diagnostics) {
+bool add_ca_directory(X509_STORE* store, const char* ca_dir) {
   X509_LOOKUP* lookup = X509_STORE_add_lookup(store, X509_LOOKUP_hash_dir());
   if (!lookup) return false;
   if (!ca_dir) {
@@ -97,38 +105,34 @@ bool add_ca_directory(X509_STORE* store, const char* ca_dir, BIO* diagnostics) {
     return true;
   }
   if (X509_LOOKUP_add_dir(lookup, ca_dir, X509_FILETYPE_PEM) > 0) return true;
-  BIO_printf(diagnostics, "Error loading directory %s\n", ca_dir);
-  ERR_print_errors(diagnostics);
+  fprintf(stderr, "Error loading directory %s\n", ca_dir);
+  print_error_queue();
   return false;
 }
 
-unique_x509_store make_store(const char* ca_dir, const char* ca_file, BIO* diagnostics) {
+unique_x509_store make_store(const char* ca_dir, const char* ca_file) {
   unique_x509_store store(X509_STORE_new());
   if (!store) return nullptr;
   X509_STORE_set_verify_cb(store.get(), cb);
-  if (!add_ca_file(store.get(), ca_file, diagnostics)) return nullptr;
-  if (!add_ca_directory(store.get(), ca_dir, diagnostics)) return nullptr;
+  if (!add_ca_file(store.get(), ca_file)) return nullptr;
+  if (!add_ca_directory(store.get(), ca_dir)) return nullptr;
   return store;
 }
 
-unique_x509 read_certificate(const char* path, BIO* diagnostics) {
-  const unique_bio file(BIO_new_file(path, "r"));
-  unique_x509 certificate;
-  if (file) {
-    certificate.reset(load_cert_bio(cert_file_format(path), file.get()));
-  } else {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error ca_file\n");
-  }
-  if (!certificate) ERR_print_errors(diagnostics);
+unique_x509 read_certificate(const char* path) {
+  const cert_source source = open_source(path);
+  if (!source.stream) qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error ca_file\n");
+  unique_x509 certificate(load_cert_bio(source.encoding, source.stream.get()));
+  if (!certificate) print_error_queue();
   return certificate;
 }
 
 // OpenSSL's library defaults decide: no purpose, depth, trust setting or revocation check of ours.
-verdict verify(X509_STORE* store, X509* certificate, BIO* diagnostics) {
+verdict verify(X509_STORE* store, X509* certificate) {
   const unique_x509_store_ctx context(X509_STORE_CTX_new());
   X509_STORE_set_flags(store, 0);
   if (!context || X509_STORE_CTX_init(context.get(), store, certificate, nullptr) != 1) {
-    ERR_print_errors(diagnostics);
+    print_error_queue();
     return {};
   }
   const int answer = X509_verify_cert(context.get());
@@ -136,7 +140,7 @@ verdict verify(X509_STORE* store, X509* certificate, BIO* diagnostics) {
     qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "OK\n");
     return {true, X509_V_OK};
   }
-  ERR_print_errors(diagnostics);
+  print_error_queue();
   return {false, answer == 0 ? X509_STORE_CTX_get_error(context.get()) : X509_V_OK};
 }
 
@@ -148,15 +152,24 @@ int fail_verification(dl_result* result, int error) {
 }
 
 int verify_file(const char* path, const char* ca_dir, const char* ca_file, dl_result* result) {
-  const unique_bio diagnostics(BIO_new_fp(stderr, BIO_NOCLOSE | BIO_FP_TEXT));
   ERR_clear_error();
-  const unique_x509_store store = make_store(ca_dir, ca_file, diagnostics.get());
+  const unique_x509_store store = make_store(ca_dir, ca_file);
   if (!store) return fail_with_text(result, DL_VERIFY_SETUP, "");
-  const unique_x509 certificate = read_certificate(path, diagnostics.get());
+  const unique_x509 certificate = read_certificate(path);
   if (!certificate) return fail_verification(result, X509_V_OK);
   fprintf(stdout, "%s: ", path);
-  const verdict found = verify(store.get(), certificate.get(), diagnostics.get());
+  const verdict found = verify(store.get(), certificate.get());
   return found.verified ? 0 : fail_verification(result, found.error);
+}
+
+int check_and_verify(const char* path, const char* ca_dir, const char* ca_file, uint32_t flags,
+                     dl_result* result) {
+  if (SSL_library_init() != 1) {
+    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "SSL_library_init error\n");
+    return fail_with_text(result, DL_VERIFY_SETUP, "");
+  }
+  if ((flags & flag_advance_check) && check_in_advance(path, result) != 0) return -1;
+  return verify_file(path, ca_dir, ca_file, result);
 }
 
 }  // namespace
@@ -194,10 +207,6 @@ int dl_cert_verify(const char* path, const char* ca_dir, const char* ca_file, ui
   }
   const clean_error_queue after;
   clear_result(*result);
-  if (SSL_library_init() != 1) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "SSL_library_init error\n");
-    return fail_with_text(result, DL_VERIFY_SETUP, "");
-  }
-  if ((flags & flag_advance_check) && check_in_advance(path, result) != 0) return -1;
-  return verify_file(path, ca_dir, ca_file, result);
+  return guarded([&] { return check_and_verify(path, ca_dir, ca_file, flags, result); },
+                 [result] { return fail_with_text(result, DL_VERIFY_SETUP, ""); });
 }

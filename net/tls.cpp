@@ -16,6 +16,7 @@
 #include "core/boundary.h"
 #include "core/config.h"
 #include "core/openssl_owners.h"
+#include "core/small_file.h"
 #include "core/text.h"
 #include "include/fetchrig_openssl.h"
 #include "net/tls_bio.h"
@@ -70,15 +71,21 @@ int load_trusted_cas(SSL_CTX* ctx, const char* ca_dir) {
   return DL_ERR_CONNECT;
 }
 
+// Takes the certificate that the PEM text has first.
+bool use_certificate(SSL_CTX* ctx, BIO* bio) {
+  const unique_x509 certificate(bio ? PEM_read_bio_X509(bio, nullptr, password_cb, nullptr) : nullptr);
+  return certificate && SSL_CTX_use_certificate(ctx, certificate.get()) == 1;
+}
+
 // A certificate with an old signature or a short key does not load at the usual security level; the level of
 // this one context is lowered for it.
-bool load_certificate(SSL_CTX* ctx, const char* path) {
+bool load_certificate(SSL_CTX* ctx, const small_file& file) {
   ERR_clear_error();
-  if (SSL_CTX_use_certificate_file(ctx, path, SSL_FILETYPE_PEM) == 1) return true;
+  if (use_certificate(ctx, file.stream().get())) return true;
   if (SSL_CTX_get_security_level(ctx) == 0) return false;
   const int level = SSL_CTX_get_security_level(ctx);
   SSL_CTX_set_security_level(ctx, 0);
-  if (SSL_CTX_use_certificate_file(ctx, path, SSL_FILETYPE_PEM) != 1) {
+  if (!use_certificate(ctx, file.stream().get())) {
     SSL_CTX_set_security_level(ctx, level);
     return false;
   }
@@ -88,8 +95,8 @@ bool load_certificate(SSL_CTX* ctx, const char* path) {
 
 // The key is read here and not by SSL_CTX_use_PrivateKey_file(), which takes a key of another certificate for
 // an unreadable one.
-unique_pkey read_key(const char* path) {
-  const unique_bio bio(BIO_new_file(path, "r"));
+unique_pkey read_key(const small_file& file) {
+  const unique_bio bio = file.stream();
   if (!bio) return nullptr;
   return unique_pkey(PEM_read_bio_PrivateKey(bio.get(), nullptr, password_cb, nullptr));
 }
@@ -99,11 +106,16 @@ int load_client_certificate(SSL_CTX* ctx, const char* path) {
     qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "Https ca serverfile file no exist\n");
     return 0;
   }
-  if (!load_certificate(ctx, path)) {
+  const small_file file(path);
+  if (file.error() != 0) {
+    qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "client certificate: errno %d\n", file.error());
+    return refuse("load publick key error\n");
+  }
+  if (!load_certificate(ctx, file)) {
     log_reason("client certificate");
     return refuse("load publick key error\n");
   }
-  const unique_pkey key = read_key(path);
+  const unique_pkey key = read_key(file);
   if (!key) {
     log_reason("client key");
     return refuse("Can't load private key from CA_serverfile\n");

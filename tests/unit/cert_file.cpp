@@ -6,6 +6,7 @@
 #include <openssl/err.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include "cert/passphrase.h"
 #include "cert/shell.h"
@@ -102,6 +103,43 @@ TEST_F(cert_file, FilesWithoutACertificateHaveNoHash) {
     EXPECT_EQ(logged(), std::vector{no_certificate});
     EXPECT_EQ(read("file"), content);
   }
+}
+
+// Each of them has no end, or one that is far away.
+TEST_F(cert_file, DevicesPipesAndGiantsAreRefusedUnread) {
+  const std::string pipe = path("pipe.0"), giant = write("giant.0", pem_), in_store = store() + "giant.0";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  fs::resize_file(giant, 16 << 20);
+  EXPECT_NE(ca_file_hash(giant.c_str()), 0u) << "16 MiB are the limit";
+  fs::resize_file(giant, std::uintmax_t{300} << 20);
+  fs::create_directory(store());
+  dl_set_option(DL_OPT_DEVICE_CERT_FILE, path("server/own.pem").c_str());
+  for (const std::string& file : {pipe, giant, "/dev/zero"s}) {
+    SCOPED_TRACE(file);
+    dl_ca_info info = {};
+    dl_result result = {};
+    EVP_PKEY* key = nullptr;
+    int reused = 0;
+    EXPECT_EQ(cert_file_format(file.c_str()), encoding_none);
+    EXPECT_EQ(dl_get_ca_info(file.c_str(), &info), -2);
+    EXPECT_EQ(dl_install_ca(file.c_str()), -1);
+    EXPECT_EQ(dl_install_ser_ca(file.c_str()), -5);
+    EXPECT_EQ(dl_install_ser_ca_separate(file.c_str()), -1);
+    EXPECT_EQ(dl_cert_verify(file.c_str(), nullptr, pem_file_.c_str(), 0, &result), -1);
+    EXPECT_EQ(result.code, DL_VERIFY_OTHER);
+    EXPECT_EQ(dl_cert_verify(file.c_str(), nullptr, nullptr, 1, &result), -1);
+    EXPECT_EQ(result.code, DL_VERIFY_SETUP);
+    EXPECT_EQ(dl_cert_verify(pem_file_.c_str(), nullptr, file.c_str(), 0, &result), -1);
+    EXPECT_EQ(result.code, DL_VERIFY_SETUP);
+    EXPECT_EQ(dl_cert_build_rsa_key(file.c_str(), 512, &key, &reused), file == giant ? -1 : 0);
+    EVP_PKEY_free(key);
+    fs::create_symlink(file, in_store);
+    dl_trust_ca_list list;
+    EXPECT_EQ(dl_get_trust_ca_info(&list), 0);
+    EXPECT_EQ(list.count, 0u);
+    EXPECT_TRUE(fs::remove(in_store)) << "a listing keeps what it has not read";
+  }
+  EXPECT_EQ(fs::file_size(giant), 300u << 20) << "no key file to be replaced";
 }
 
 TEST_F(cert_file, PassPhraseIsCutToTheBuffer) {
