@@ -4,10 +4,12 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 
 #include "core/result.h"
+#include "core/written_file.h"
 #include "log/printable.h"
 
 namespace fetchrig {
@@ -17,13 +19,20 @@ constexpr std::size_t buffer_bytes = 65536;
 // room() never offers less, so that a datagram always fits and receives stay large.
 constexpr std::size_t min_room_bytes = 4096;
 
+// What is left has another name (a hard link), or one that may not be removed. No part passes for the whole
+// there.
+void empty_if_named(int fd) {
+  struct stat status = {};
+  if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink == 0) return;
+  if (ftruncate(fd, 0) != 0) qxfr_log(DL_LOG_CMN, DL_LOG_WARNING, "partial file stays, errno %d\n", errno);
+}
+
 }  // namespace
 
 download_file::~download_file() {
-  if (path_.empty()) return;
-  fd_.reset();
-  struct stat status = {};
-  if (lstat(path_.c_str(), &status) == 0 && S_ISREG(status.st_mode)) ::unlink(path_.c_str());
+  if (!fd_) return;
+  written_file(fd_.get(), path_.c_str()).remove();
+  empty_if_named(fd_.get());
 }
 
 bool download_file::open(const char* path) {
@@ -34,7 +43,6 @@ bool download_file::open(const char* path) {
   const int error = errno;
   qxfr_log(module_, DL_LOG_ERROR, "Can't open %s\n", printable(path).c_str());
   qxfr_log(module_, DL_LOG_NOTICE, "open errno %d\n", error);
-  path_.clear();
   return false;
 }
 
@@ -52,9 +60,11 @@ int download_file::accept(uint32_t count, dl_result* result) {
 int download_file::finish(dl_result* result) {
   if (const int rc = judge(received_, result); rc < 0) return rc;
   if (const int rc = flush(result); rc < 0) return rc;
-  if (::close(fd_.release()) != 0) return write_failed(result, "close");
-  path_.clear();
-  return 0;
+  const written_file written(fd_.get(), path_.c_str());  // while there still is a descriptor to go by
+  if (::close(fd_.release()) == 0) return 0;
+  const int rc = write_failed(result, "close");
+  written.remove();
+  return rc;
 }
 
 // The limit is passed by the first step whose end lies beyond it; the total then counts that step.

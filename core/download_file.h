@@ -1,8 +1,9 @@
 // download_file.h: the local file of a download. Protocol clients deliver bytes in arbitrary pieces; limits
 // and totals are judged in steps of a fixed size (the block in which the protocol's read call would have
 // handed them out), so that what is logged and where a download fails does not depend on how the network cut
-// the bytes. The file is removed unless finish() succeeded; it is removed only if this call opened it. One
-// thread at a time.
+// the bytes. Unless finish() succeeded, what was written is removed: the file behind the descriptor, where a
+// link led to or wherever it was moved, never another one that took its place, a device or a pipe. One thread
+// at a time.
 #ifndef FETCHRIG_CORE_DOWNLOAD_FILE_H
 #define FETCHRIG_CORE_DOWNLOAD_FILE_H
 

@@ -119,14 +119,30 @@ TEST_F(files, a_download_keeps_its_limit_however_the_network_cuts_it) {
   }
 }
 
-TEST_F(files, a_download_that_fails_leaves_nothing_and_removes_no_device) {
-  write_file(path, "old");
-  {
-    download_file file(DL_LOG_FTP, 512, 1000), other(DL_LOG_FTP, 512, 1000);
-    EXPECT_TRUE(file.open(path.c_str()) && file.accept(10, nullptr) == 0) << "and never finished";
-    EXPECT_FALSE(other.open(missing.c_str()));
-  }
-  EXPECT_FALSE(file_exists(path));
+TEST_F(files, a_failed_download_removes_what_it_wrote_and_nothing_else) {
+  const std::string other = dir.file("other"), moved = dir.file("moved");
+  ASSERT_EQ(symlink(path.c_str(), link.c_str()), 0);
+  const auto fail = [&](auto meanwhile) {
+    write_file(path, "old");
+    download_file file(DL_LOG_FTP, 512, 1000000);
+    ASSERT_TRUE(file.open(link.c_str()));
+    EXPECT_EQ(file.accept(static_cast<uint32_t>(file.room().size()), nullptr), 0);
+    EXPECT_EQ(read_file(path).size(), 65536u) << "written, and never finished";
+    meanwhile();
+  };
+  fail([] {});
+  EXPECT_EQ(names_in(dir.path()), lines{"link"}) << "what the link leads to";
+  fail([&] { ASSERT_EQ(rename(path.c_str(), moved.c_str()), 0); });
+  EXPECT_EQ(names_in(dir.path()), lines{"link"}) << "a file that was moved";
+  fail([&] { ASSERT_EQ(::link(path.c_str(), other.c_str()), 0); });
+  EXPECT_EQ(read_file(other), "") << "a second name keeps no part";
+  write_file(other, "foreign");
+  fail([&] { ASSERT_EQ(rename(other.c_str(), path.c_str()), 0); });
+  EXPECT_EQ(read_file(link), "foreign") << "another file that took the name";
+}
+
+TEST_F(files, a_local_file_that_fails_is_told_and_a_device_stays) {
+  EXPECT_FALSE(download_file(DL_LOG_FTP, 512, 1000).open(missing.c_str()));
   EXPECT_EQ(log.messages(), (lines{"Can't open " + missing, "open errno 2"}));
   for (const size_t size : {10U, 300000U}) {  // fails at the end, or within
     log.clear();
