@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include <array>
+#include <span>
 #include <vector>
 
 #include "core/boundary.h"
@@ -31,27 +32,30 @@ bool is_same_file(FILE* source, const char* target) {
          from.st_ino == to.st_ino;
 }
 
-void copy_bytes(FILE* from, FILE* to) {
-  std::vector<char> block(copy_block_bytes);
+void warn_stopped_short(const char* operation) {
+  qxfr_log(DL_LOG_CMN, DL_LOG_WARNING, "%s stopped short, errno %d\n", operation, errno);
+}
+
+void copy_bytes(FILE* from, FILE* to, std::span<char> block) {
   while (const std::size_t count = fread(block.data(), 1, block.size(), from)) {
     if (fwrite(block.data(), 1, count, to) == count) continue;
-    qxfr_log(DL_LOG_CMN, DL_LOG_WARNING, "copy stopped short, errno %d\n", errno);
+    warn_stopped_short("copy");
     return;
   }
+  if (ferror(from)) warn_stopped_short("copy");
 }
 
 int copy_file(const char* source, const char* target) {
   const unique_file from(fopen(source, "rbe"));
   if (!from) return log_failure("Source file can't open! \n");
   if (is_same_file(from.get(), target)) return 0;
+  std::vector<char> block(copy_block_bytes);  // first: without memory the target stays as it is
   unique_file to(fopen(target, "wbe"));
   if (!to) return log_failure("Target file can't open! \n");
   setvbuf(from.get(), nullptr, _IONBF, 0);
   setvbuf(to.get(), nullptr, _IONBF, 0);
-  copy_bytes(from.get(), to.get());
-  if (fclose(to.release()) != 0) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_WARNING, "copy stopped short, errno %d\n", errno);
-  }
+  copy_bytes(from.get(), to.get(), block);
+  if (fclose(to.release()) != 0) warn_stopped_short("copy");
   return 0;
 }
 
@@ -99,6 +103,7 @@ int dl_get_file_md5(const char* path, char* digest) {
   while (const std::size_t count = fread(block.data(), 1, block.size(), file.get())) {
     MD5_Update(&md5, block.data(), count);
   }
+  if (ferror(file.get())) warn_stopped_short("digest");
   std::array<unsigned char, MD5_DIGEST_LENGTH> bytes;
   MD5_Final(bytes.data(), &md5);
   for (std::size_t i = 0; i < bytes.size(); ++i) snprintf(digest + 2 * i, 3, "%02x", bytes[i]);
