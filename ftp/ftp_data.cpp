@@ -98,6 +98,12 @@ int ftp_open_data(dl_ftp_session& session, ftp_reply& reply, int timeout_s) {
   return 0;
 }
 
+void ftp_reset_on_close(int32_t sock) {
+  if (sock <= STDERR_FILENO) return;
+  const linger discard = {.l_onoff = 1, .l_linger = 0};
+  setsockopt(sock, SOL_SOCKET, SO_LINGER, &discard, sizeof discard);
+}
+
 void ftp_close_socket(int32_t& sock) {
   if (sock > STDERR_FILENO) ::close(sock);
   sock = 0;

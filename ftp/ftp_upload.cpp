@@ -14,6 +14,7 @@
 #include "core/owners.h"
 #include "core/result.h"
 #include "core/text.h"
+#include "core/upload_file.h"
 #include "ftp/ftp_command.h"
 #include "ftp/ftp_data.h"
 #include "ftp/ftp_parse.h"
@@ -110,6 +111,7 @@ int start_transfer(upload& job, const char* local_path) {
     job.reply.assign("cannot get local file size\n");
     return DL_ERR_FTP_REPLY;
   }
+  if (!is_upload_file(DL_LOG_FTP, local_path)) return DL_ERR_READ;
   const bool beyond = remote_size + static_cast<uint32_t>(local_size) > limit;
   const char* command = beyond ? command_beyond_limit(job) : command_within_limit(job);
   if (!command) return DL_ERR_FTP_REPLY;
@@ -166,8 +168,6 @@ ssize_t read_piece(int file, std::span<char> to) {
   do {
     count = ::read(file, to.data(), to.size());
   } while (count < 0 && errno == EINTR);
-  // A file that can no longer be read ends there, as the server cannot be told otherwise.
-  if (count < 0) qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "local read error! errno %d\n", errno);
   return count;
 }
 
@@ -177,23 +177,35 @@ int too_large(dl_result* result) {
   return fail(result, DL_ERR_PARAMETER);
 }
 
+// A local file that cannot be read: the data connection is dropped. To the server a regular end would be the
+// end of the file. Returns -1 with the result filled.
+int drop_upload(dl_ftp_session& session, dl_result* result) {
+  ftp_reset_on_close(session.data_sock);
+  ftp_close_socket(session.data_sock);
+  return fail(result, DL_ERR_READ);
+}
+
 // Sends the file to its end. Returns the bytes sent, or -1 with the result filled.
-int send_contents(int sock, int file, dl_result* result) {
+int send_contents(dl_ftp_session& session, int file, const char* local_path, std::span<char> buffer,
+                  dl_result* result) {
   const int timeout_s = net_timeout_seconds();
-  const unique_malloc<char> buffer(static_cast<char*>(::malloc(piece_bytes)));
-  if (!buffer) return fail(result, DL_ERR_MEMORY);
   int total = 0;
   for (;;) {
-    const ssize_t count = read_piece(file, {buffer.get(), piece_bytes});
-    if (count <= 0) return total;
+    const ssize_t count = read_piece(file, buffer);
+    if (count == 0) return total;
+    if (count < 0) {
+      log_unreadable(DL_LOG_FTP, local_path, errno);
+      return drop_upload(session, result);
+    }
     if (count > INT_MAX - total) return too_large(result);
-    const std::span<const char> piece(buffer.get(), static_cast<std::size_t>(count));
-    if (send_piece(sock, piece, timeout_s, result) < 0) return -1;
+    const std::span<const char> piece = buffer.first(static_cast<std::size_t>(count));
+    if (send_piece(session.data_sock, piece, timeout_s, result) < 0) return -1;
     total += static_cast<int>(count);
   }
 }
 
-int send_file(int sock, const char* local_path, dl_result* result) {
+int send_file(dl_ftp_session& session, const char* local_path, dl_result* result) {
+  if (local_path && !is_upload_file(DL_LOG_FTP, local_path)) return drop_upload(session, result);
   const unique_fd file(local_path ? ::open(local_path, O_RDONLY | O_CLOEXEC) : -1);
   if (!file) {
     qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "Can't open %s\n", printable(local_path).c_str());
@@ -201,7 +213,12 @@ int send_file(int sock, const char* local_path, dl_result* result) {
   }
   struct stat status = {};
   if (fstat(file.get(), &status) == 0 && status.st_size > INT_MAX) return too_large(result);
-  return send_contents(sock, file.get(), result);
+  const unique_malloc<char> buffer(static_cast<char*>(::malloc(piece_bytes)));
+  if (!buffer) return fail(result, DL_ERR_MEMORY);
+  const int count = send_contents(session, file.get(), local_path, {buffer.get(), piece_bytes}, result);
+  // Whenever the connection is closed then, the server does not take the part for the whole.
+  if (count < 0) ftp_reset_on_close(session.data_sock);
+  return count;
 }
 
 // Reads the server's verdict on the transfer and takes leave. Returns 0, or -1 with the result filled.
@@ -239,7 +256,7 @@ int dl_ftp_send(dl_ftp_session* session, const char* local_path, dl_result* resu
     qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "ftp read with invalid parameter\n");
     return fail(result, DL_ERR_PARAMETER);
   }
-  const int count = send_file(session->data_sock, local_path, result);
+  const int count = send_file(*session, local_path, result);
   if (count < 0) return -1;
   ftp_close_socket(session->data_sock);
   if (finish_transfer(*session, result) < 0) return -1;

@@ -10,6 +10,7 @@
 #include "core/owners.h"
 #include "core/result.h"
 #include "core/text.h"
+#include "core/upload_file.h"
 #include "log/printable.h"
 #include "tftp/tftp_session.h"
 
@@ -72,7 +73,7 @@ bool read_block(dl_tftp_session& session, FILE* file, const char* local_path, da
   memset(payload.data(), 0, payload.size());
   const std::size_t count = ::fread(payload.data(), 1, wanted, file);
   if (count < wanted && ::ferror(file)) {
-    qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "Can't read %s, errno %d\n", printable(local_path).c_str(), errno);
+    log_unreadable(DL_LOG_TFTP, local_path, errno);
     return false;
   }
   if (count < wanted) session.done = 1;
@@ -108,6 +109,7 @@ int send_file(dl_tftp_session& session, const char* local_path, dl_result* resul
              printable(local_path).c_str(), static_cast<long>(limit));
     return fail(result, DL_ERR_READ);
   }
+  if (!is_upload_file(DL_LOG_TFTP, local_path)) return fail(result, DL_ERR_READ);
   const unique_file file(::fopen(local_path, "rbe"));
   if (!file) {
     qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "Can't open %s\n", printable(local_path).c_str());
@@ -154,6 +156,8 @@ int dl_tftp_send_file(const char* host, uint32_t port, const char* remote_name, 
   using namespace fetchrig;
   if (!local_path || !*local_path || port >= 65536 || !result || !host) return fail(result, DL_ERR_PARAMETER);
   const char* name = remote_name && *remote_name ? remote_name : base_name(local_path).data();
+  // Before the request, with which the server may empty the remote file.
+  if (!is_upload_file(DL_LOG_TFTP, local_path)) return fail(result, DL_ERR_READ);
   dl_tftp_session* opened = nullptr;
   if (dl_tftp_send_open(&opened, host, port, name, result) < 0) return -1;
   const unique_tftp session(opened);

@@ -120,14 +120,34 @@ TEST_F(ftp_upload, files_of_every_size_arrive_whole_under_their_name) {
   }
 }
 
-TEST_F(ftp_upload, a_local_file_without_a_32_bit_size_is_refused) {
-  for (const std::string& path : {sparse(), dir_.file("missing")}) {
+TEST_F(ftp_upload, what_is_no_file_to_send_is_refused_before_the_remote_file_is_touched) {
+  const std::string no_size = "cannot get local file size";
+  // clang-format off
+  const struct { std::string path; int code; std::string message, log; } rows[] = {
+      {sparse(), -15, no_size + "\n", no_size}, {dir_.file("missing"), -15, no_size + "\n", no_size},
+      {dir_.path(), -8, "Read Error", "Can't read " + dir_.path() + ", errno 21"},
+      {"/dev/zero", -8, "Read Error", "Can't read /dev/zero, errno 22"},
+  };
+  // clang-format on
+  for (const auto& row : rows) {
     log_.clear();
     ftp_peers peers(turn("SIZE r", "213 1"));
-    EXPECT_EQ(-1, open(peers, path));
-    expect_result(-15, "cannot get local file size\n");
-    expect_log(DL_LOG_ERROR, {"cannot get local file size"});
+    EXPECT_EQ(-1, open(peers, row.path));
+    expect_result(row.code, row.message);
+    expect_log(DL_LOG_ERROR, {row.log});
   }
+}
+
+TEST_F(ftp_upload, a_local_file_that_cannot_be_read_is_not_sent_as_a_shorter_one) {
+  const std::string unreadable = "/proc/self/mem";  // a regular file, in which nothing is at the start
+  ftp_peers peers(new_file + turn("STOR r", "150 go"), {stall()});
+  ASSERT_EQ(0, open(peers, unreadable)) << log_.all();
+  EXPECT_EQ(-1, dl_ftp_send(session_, unreadable.c_str(), &result_));
+  expect_result(-8, "Read Error");
+  expect_log(DL_LOG_ERROR, {"Can't read " + unreadable + ", errno 5"});
+  EXPECT_EQ(0, session_->data_sock);
+  EXPECT_TRUE(peers.data.finish()) << "dropped at once";
+  dl_ftp_close(session_);  // says no QUIT
 }
 
 TEST_F(ftp_upload, a_data_connection_that_takes_nothing_more) {
