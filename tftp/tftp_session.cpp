@@ -149,6 +149,10 @@ int tftp_setup_socket(dl_tftp_session& session, const char* host, uint16_t port,
 }
 
 ssize_t tftp_send_packet(const dl_tftp_session& session, std::string_view packet) {
+  if (packet.empty()) {  // it did not fit; an empty datagram would go out instead
+    errno = EMSGSIZE;
+    return -1;
+  }
   ssize_t sent;
   do {
     sent = ::sendto(session.sock, packet.data(), packet.size(), MSG_NOSIGNAL,
@@ -221,9 +225,9 @@ ssize_t tftp_receive(dl_tftp_session& session, int timeout_s, tftp_packet_buffer
   // The wait is repeated when a signal came in between, or when the datagram it saw was dropped (a bad
   // checksum).
   do {
-    errno = 0;
-    if (dl_select(session.sock, wait_readable, timeout_s) <= 0) {
-      qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "Error Select! errno %d\n", errno);
+    if (const int ready = dl_select(session.sock, wait_readable, timeout_s); ready <= 0) {
+      // A time-out sets no errno.
+      qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "Error Select! errno %d\n", ready < 0 ? errno : 0);
       return fail(result, DL_ERR_READ);
     }
     socklen_t sender_len = sizeof sender;

@@ -50,7 +50,8 @@ int tftp_abandon(dl_tftp_session** handle, dl_result* result, int code);
 // when the name does not resolve, or -2.
 [[nodiscard]] int tftp_setup_socket(dl_tftp_session& session, const char* host, uint16_t port, int ipv6);
 
-// Sends one packet to the server. Returns what sendto() does.
+// Sends one packet to the server. Returns what sendto() does; an empty packet, one that did not fit when it
+// was built, fails with EMSGSIZE.
 ssize_t tftp_send_packet(const dl_tftp_session& session, std::string_view packet);
 
 // Builds and sends the RRQ or WRQ. Returns 0 or the code -4, logged.

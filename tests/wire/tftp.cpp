@@ -426,6 +426,16 @@ TEST_F(tftp, numbers_wrap_and_records_are_bounded) {
   EXPECT_EQ(dl_tftp_send(session.get(), path_.c_str(), &result_), 1437);
 }
 
+TEST_F(tftp, a_packet_that_does_not_fit_is_not_sent_empty) {
+  const unique_tftp session = open(wrq, {sends(ack(0))});
+  const std::string name(256, 'n'), message(1432, 'm');
+  EXPECT_EQ(fetchrig::tftp_send_request(*session, fetchrig::tftp_opcode::wrq, name.c_str()), DL_ERR_SEND);
+  EXPECT_EQ(fetchrig::tftp_send_error(*session, 8, message), -1);
+  EXPECT_EQ(server_.queued(), lines{});
+  EXPECT_EQ(log_.messages(3),
+            (lines{"Send Error error! errno = 90 ret = -1 send_size = 0", "Send 8 err error! errno"}));
+}
+
 TEST_F(tftp, standard_error_is_not_closed) {
   unique_tftp session = open(wrq, {sends(ack(0))});
   fetchrig::unique_fd(std::exchange(session->sock, 2)).reset();
