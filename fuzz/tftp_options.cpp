@@ -3,20 +3,16 @@
 // put in.
 #include <stddef.h>
 #include <stdint.h>
-#include <stdlib.h>
 
 #include <string>
 #include <string_view>
 
+#include "fuzz/support/check.h"
 #include "tftp/tftp_packet.h"
 
 using namespace fetchrig;
 
 namespace {
-
-void require(bool holds) {
-  if (!holds) abort();
-}
 
 bool lies_within(std::string_view part, std::string_view whole) {
   return part.empty() || (part.data() >= whole.data() && part.size() <= whole.size() &&
@@ -25,19 +21,19 @@ bool lies_within(std::string_view part, std::string_view whole) {
 
 void check_packet(std::string_view datagram) {
   const tftp_packet packet = tftp_parse_packet(datagram);
-  require(lies_within(packet.body, datagram));
+  FUZZ_CHECK(lies_within(packet.body, datagram));
   switch (packet.kind) {
     case tftp_kind::data:
-      require(packet.body.size() + tftp_header_len == datagram.size());
+      FUZZ_CHECK(packet.body.size() + tftp_header_len == datagram.size());
       break;
     case tftp_kind::oack:
-      require(packet.body.size() + 2 == datagram.size());
+      FUZZ_CHECK(packet.body.size() + 2 == datagram.size());
       break;
     case tftp_kind::ack:
-      require(datagram.size() >= tftp_header_len);
+      FUZZ_CHECK(datagram.size() >= tftp_header_len);
       break;
     case tftp_kind::unexpected:
-      require(packet.body.empty());
+      FUZZ_CHECK(packet.body.empty());
       break;
   }
 }
@@ -45,11 +41,12 @@ void check_packet(std::string_view datagram) {
 void check_options(std::string_view options) {
   const auto value = tftp_find_blksize(options);
   if (!value) return;
-  require(lies_within(*value, options));
-  require(value->find('\0') == std::string_view::npos);
-  require(value->data() + value->size() < options.data() + options.size());  // its terminator was in the list
+  FUZZ_CHECK(lies_within(*value, options));
+  FUZZ_CHECK(value->find('\0') == std::string_view::npos);
+  FUZZ_CHECK(value->data() + value->size() <
+             options.data() + options.size());  // its terminator was in the list
   const int size = tftp_check_blksize(*value, tftp_max_blksize);
-  require(size == -1 || (size >= tftp_min_blksize && size <= tftp_max_blksize));
+  FUZZ_CHECK(size == -1 || (size >= tftp_min_blksize && size <= tftp_max_blksize));
 }
 
 // The input as a foreign option in front of the one we look for.
@@ -61,10 +58,10 @@ void check_round_trip(std::string_view bytes) {
   list.append(name).append(1, '\0').append(name).append(1, '\0');
   list.append("BlkSize").append(1, '\0').append(std::to_string(size)).append(1, '\0');
   const auto found = tftp_find_blksize(list);
-  require(found.has_value());
-  require(tftp_check_blksize(*found, tftp_max_blksize) == size);
+  FUZZ_CHECK(found.has_value());
+  FUZZ_CHECK(tftp_check_blksize(*found, tftp_max_blksize) == size);
   list.pop_back();
-  require(!tftp_find_blksize(list).has_value());
+  FUZZ_CHECK(!tftp_find_blksize(list).has_value());
 }
 
 }  // namespace
