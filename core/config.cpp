@@ -194,6 +194,11 @@ tls_options https_options() {
   return options;
 }
 
+ftp_options ftp_settings() {
+  const config_lock lock;
+  return {g_dl_cfg.max_file_size, g_dl_cfg.net_timeout, g_dl_cfg.ipv6_enable};
+}
+
 int ring_number_of(const char* name) {
   const std::string_view wanted = name;
   const config_lock lock;

@@ -93,7 +93,6 @@ int ftp_open_data(dl_ftp_session& session, ftp_reply& reply, int timeout_s) {
 
   const int sock = dl_connect(target.host.data(), target.port, target.ipv6, timeout_s);
   if (sock < 0) return sock;
-  ftp_close_socket(session.data_sock);
   session.data_sock = sock;
   return 0;
 }

@@ -13,6 +13,7 @@
 #include "ftp/ftp_command.h"
 #include "ftp/ftp_parse.h"
 #include "ftp/ftp_session.h"
+#include "ftp/ftp_wait.h"
 #include "log/printable.h"
 #include "net/connect.h"
 
@@ -33,7 +34,10 @@ int ask_size(dl_ftp_session& session, std::string_view name, ftp_reply& reply) {
     qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "Get file size error\n");
     return rc;
   }
-  if (*size > UINT32_MAX) qxfr_log(DL_LOG_FTP, DL_LOG_WARNING, "File of 4 GiB or more is cut\n");
+  if (*size > UINT32_MAX) {
+    qxfr_log(DL_LOG_FTP, DL_LOG_WARNING, "File of 4 GiB or more, its end is out of reach\n");
+    ftp_mark_cut(session);
+  }
   session.remaining = static_cast<uint32_t>(std::min<uint64_t>(*size, UINT32_MAX));
   qxfr_log(DL_LOG_FTP, DL_LOG_INFO, "File size:%d\n", static_cast<int>(session.remaining));
   return 0;
@@ -56,7 +60,7 @@ int open_download(const ftp_outcome& out, const ftp_login_data& login, const cha
   if (!ftp_check_open(out, login, path)) return -1;
   ftp_reply_bytes bytes;
   ftp_reply reply(bytes);
-  if (ftp_session_open(out, login, reply) < 0) return -1;
+  if (ftp_session_open(out, login, ftp_settings(), reply) < 0) return -1;
   const std::string_view name = ftp_wire_name(path);
   if (const int rc = ask_size(**out.handle, name, reply); rc < 0) return ftp_fail(out, reply, rc);
   if (const int rc = request_file(**out.handle, name, reply); rc < 0) return ftp_fail(out, reply, rc);
@@ -79,11 +83,14 @@ ssize_t receive_some(int sock, std::span<char> to, int timeout_s, dl_result* res
       qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "read error! errno %d\n", errno);
       return fail(result, DL_ERR_READ);
     }
-    if (dl_select(sock, wait_readable, timeout_s) <= 0) {
-      qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "dl_select error! errno %d\n", errno);
-      return fail(result, DL_ERR_READ);
-    }
+    if (!ftp_wait(sock, wait_readable, timeout_s)) return fail(result, DL_ERR_READ);
   }
+}
+
+// The file goes on where the count of what remains has ended: this is no complete copy.
+int fail_cut(dl_result* result) {
+  qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "File of 4 GiB or more cannot be read to its end\n");
+  return fail(result, DL_ERR_READ);
 }
 
 // Fills `to`, which is no larger than what remains. Returns its size or -1 with the result filled.
@@ -100,8 +107,8 @@ int read_whole(dl_ftp_session& session, std::span<char> to, dl_result* result) {
 
 // Receives what remains straight into the file's buffer. Returns 0 or -1 with the result filled.
 int copy_to_file(dl_ftp_session& session, download_file& file, dl_result* result) {
-  const int timeout_s = net_timeout_seconds();
   while (session.remaining > 0) {
+    const int timeout_s = net_timeout_seconds();
     const std::span<char> room = file.room();
     const auto wanted = std::min<std::size_t>(room.size(), session.remaining);
     const ssize_t count = receive_some(session.data_sock, room.first(wanted), timeout_s, result);
@@ -109,7 +116,7 @@ int copy_to_file(dl_ftp_session& session, download_file& file, dl_result* result
     session.remaining -= static_cast<uint32_t>(count);
     if (file.accept(static_cast<uint32_t>(count), result) < 0) return -1;
   }
-  return file.finish(result);
+  return ftp_is_cut(session) ? fail_cut(result) : file.finish(result);
 }
 
 int receive_to_file(const ftp_login_data& login, const char* path, const char* local_path,
@@ -138,6 +145,7 @@ int dl_ftp_read(dl_ftp_session* session, char* buffer, int32_t size, dl_result* 
     qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "ftp read with invalid parameter\n");
     return fail(result, DL_ERR_PARAMETER);
   }
+  if (size > 0 && session->remaining == 0 && ftp_is_cut(*session)) return fail_cut(result);
   const std::size_t wanted = std::min<std::size_t>(static_cast<std::size_t>(size), session->remaining);
   return read_whole(*session, {buffer, wanted}, result);
 }

@@ -9,6 +9,7 @@
 #include "core/config.h"
 #include "core/text.h"
 #include "ftp/ftp_parse.h"
+#include "ftp/ftp_wait.h"
 #include "net/connect.h"
 
 namespace fetchrig {
@@ -55,10 +56,7 @@ int read_line(int sock, ftp_reply& reply, line_state& state) {
   reply.set_length(0);
   std::size_t held = 0;
   do {
-    if (dl_select(sock, wait_readable, timeout_s) < 1) {
-      qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "dl_select error! errno %d\n", errno);
-      return DL_ERR_READ;
-    }
+    if (!ftp_wait(sock, wait_readable, timeout_s)) return DL_ERR_READ;
     if (const int rc = take_arrived(sock, buffer, held, state); rc < 0) return rc;
     if (held + 1 >= buffer.size()) return line_too_long;
   } while (state == line_state::partial);

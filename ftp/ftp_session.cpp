@@ -5,6 +5,8 @@
 #include <stddef.h>
 #include <string.h>
 
+#include <mutex>
+
 #include "core/config.h"
 #include "core/owners.h"
 #include "core/result.h"
@@ -27,6 +29,47 @@ enum reply_code : int {
   logged_in = 230,
   need_password = 331,
 };
+
+// A session as we allocate it. Callers may hold records of their own making, which end after the stated
+// fields: what lies behind those is touched only once the record's address was found among the marked ones.
+struct own_session {
+  dl_ftp_session record;
+  own_session* next_cut;
+};
+static_assert(offsetof(own_session, record) == 0);
+
+// The sessions whose file cannot be counted to its end: a list through the sessions themselves, nearly always
+// empty.
+class cut_sessions {
+ public:
+  void add(own_session& session) {
+    const std::lock_guard guard(lock_);
+    session.next_cut = first_;
+    first_ = &session;
+  }
+  bool contains(const dl_ftp_session& session) {
+    const std::lock_guard guard(lock_);
+    return *place_of(session) != nullptr;
+  }
+  void remove(const dl_ftp_session& session) {
+    const std::lock_guard guard(lock_);
+    own_session** const place = place_of(session);
+    if (*place) *place = (*place)->next_cut;
+  }
+
+ private:
+  // The link that leads to the session, or the last one, which is null.
+  own_session** place_of(const dl_ftp_session& session) {
+    own_session** place = &first_;
+    while (*place && &(*place)->record != &session) place = &(*place)->next_cut;
+    return place;
+  }
+
+  std::mutex lock_;  // guards the list alone
+  own_session* first_ = nullptr;
+};
+
+constinit cut_sessions cut;
 
 static_assert(offsetof(dl_ftp_session, host) == 16 && sizeof(dl_ftp_session) == 528);
 
@@ -52,18 +95,18 @@ int failed_step(const char* message, int code) {
 }
 
 // The opening steps on a fresh session. Returns 0 or a negative code.
-int open_connections(dl_ftp_session& session, const ftp_login_data& data, ftp_reply& reply) {
-  const int timeout_s = net_timeout_seconds();
+int open_connections(dl_ftp_session& session, const ftp_login_data& data, const ftp_options& options,
+                     ftp_reply& reply) {
   const uint32_t port = data.port ? data.port : default_port;
   copy_text(session.host, data.host);
-  const int sock = dl_connect(session.host, static_cast<int>(port), ipv6_enabled(), timeout_s);
+  const int sock = dl_connect(session.host, static_cast<int>(port), options.ipv6, options.net_timeout_s);
   if (sock <= 0) return failed_step("Connect Error\n", sock);
   session.ctrl_sock = sock;
 
   if (const int rc = login(session, data.user, data.password, reply); rc < 0) {
     return failed_step("ftp login error\n", rc);
   }
-  const int rc = ftp_open_data(session, reply, timeout_s);
+  const int rc = ftp_open_data(session, reply, options.net_timeout_s);
   return rc < 0 ? failed_step("Create data connection failed\n", rc) : 0;
 }
 
@@ -81,13 +124,15 @@ bool ftp_check_open(const ftp_outcome& out, const ftp_login_data& login, const c
   return false;
 }
 
-int ftp_session_open(const ftp_outcome& out, const ftp_login_data& login, ftp_reply& reply) {
+int ftp_session_open(const ftp_outcome& out, const ftp_login_data& login, const ftp_options& options,
+                     ftp_reply& reply) {
   clear_result(*out.result);
-  auto session = zeroed_record<dl_ftp_session>();
-  *out.handle = session.get();
-  if (!session) return fail(out.result, DL_ERR_MEMORY);
-  session->magic = DL_FTP_MAGIC;
-  const int rc = open_connections(*session.release(), login, reply);
+  auto allocated = zeroed_record<own_session>();
+  *out.handle = allocated ? &allocated->record : nullptr;
+  if (!allocated) return fail(out.result, DL_ERR_MEMORY);
+  dl_ftp_session& session = allocated.release()->record;
+  session.magic = DL_FTP_MAGIC;
+  const int rc = open_connections(session, login, options, reply);
   return rc < 0 ? ftp_fail(out, reply, rc) : 0;
 }
 
@@ -106,6 +151,14 @@ bool ftp_usable(const dl_ftp_session* session) {
   return session && session->magic == DL_FTP_MAGIC && session->data_sock != 0;
 }
 
+void ftp_mark_cut(dl_ftp_session& session) {
+  cut.add(reinterpret_cast<own_session&>(session));
+}
+
+bool ftp_is_cut(const dl_ftp_session& session) {
+  return cut.contains(session);
+}
+
 std::string_view ftp_wire_name(std::string_view name) {
   if (name.starts_with('/')) name.remove_prefix(1);
   return name;
@@ -120,6 +173,7 @@ void dl_ftp_close(dl_ftp_session* session) {
     return;
   }
   const unique_malloc<dl_ftp_session> owner(session);
+  cut.remove(*session);
   ftp_close_socket(session->ctrl_sock);
   ftp_close_socket(session->data_sock);
   OPENSSL_cleanse(session, sizeof *session);

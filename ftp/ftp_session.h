@@ -7,6 +7,7 @@
 #include <memory>
 #include <string_view>
 
+#include "core/config.h"
 #include "ftp/ftp_reply.h"
 #include "include/fetchrig.h"
 
@@ -40,7 +41,8 @@ using unique_ftp = std::unique_ptr<dl_ftp_session, ftp_closer>;
 
 // Allocates and publishes a session, connects, logs in and opens the data connection. Returns 0, or -1 after
 // ftp_fail().
-[[nodiscard]] int ftp_session_open(const ftp_outcome& out, const ftp_login_data& login, ftp_reply& reply);
+[[nodiscard]] int ftp_session_open(const ftp_outcome& out, const ftp_login_data& login,
+                                   const ftp_options& options, ftp_reply& reply);
 
 // Fills the result for `code` (for -15 with the text in `reply`), closes the session, empties the handle.
 // Returns -1.
@@ -48,6 +50,11 @@ int ftp_fail(const ftp_outcome& out, const ftp_reply& reply, int code);
 
 // True for a live session with a data connection.
 [[nodiscard]] bool ftp_usable(const dl_ftp_session* session);
+
+// Marks a session whose file has more bytes than `remaining` can count, 4 GiB or more, until it is closed.
+void ftp_mark_cut(dl_ftp_session& session);
+// Whether that was done; a record that a caller made is never marked.
+[[nodiscard]] bool ftp_is_cut(const dl_ftp_session& session);
 
 // The name as it goes on the wire: without one leading "/".
 [[nodiscard]] std::string_view ftp_wire_name(std::string_view name);

@@ -19,6 +19,7 @@
 #include "ftp/ftp_data.h"
 #include "ftp/ftp_parse.h"
 #include "ftp/ftp_session.h"
+#include "ftp/ftp_wait.h"
 #include "log/printable.h"
 #include "net/connect.h"
 
@@ -102,8 +103,7 @@ const char* command_within_limit(const upload& job) {
 }
 
 // Chooses the transfer command and has it accepted. Returns 0, a negative code, or the server's reply code.
-int start_transfer(upload& job, const char* local_path) {
-  const uint64_t limit = max_file_size();
+int start_transfer(upload& job, const char* local_path, uint32_t limit) {
   const uint64_t remote_size = ask_remote_size(job);
   const int32_t local_size = dl_get_file_size(local_path);
   if (local_size == -1) {
@@ -138,9 +138,11 @@ int open_upload(const ftp_outcome& out, const ftp_login_data& login, const uploa
   if (!ftp_check_open(out, login, local_path ? name : nullptr)) return -1;
   ftp_reply_bytes bytes;
   ftp_reply reply(bytes);
-  if (ftp_session_open(out, login, reply) < 0) return -1;
+  const ftp_options options = ftp_settings();
+  if (ftp_session_open(out, login, options, reply) < 0) return -1;
   upload job{**out.handle, ftp_wire_name(name), request.post_mode, request.limit_mode, reply};
-  if (const int rc = start_transfer(job, local_path); rc != 0) return ftp_fail(out, reply, rc);
+  if (const int rc = start_transfer(job, local_path, options.max_file_size); rc != 0)
+    return ftp_fail(out, reply, rc);
   qxfr_log(DL_LOG_FTP, DL_LOG_NOTICE, "Post open success\n");
   return 0;
 }
@@ -152,9 +154,7 @@ int send_piece(int sock, std::span<const char> rest, int timeout_s, dl_result* r
     if (sent >= 0) {
       rest = rest.subspan(static_cast<std::size_t>(sent));
     } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      if (dl_select(sock, wait_writable, timeout_s) > 0) continue;
-      qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "dl_select error! errno %d\n", errno);
-      return fail(result, DL_ERR_SEND);
+      if (!ftp_wait(sock, wait_writable, timeout_s)) return fail(result, DL_ERR_SEND);
     } else if (errno != EINTR) {
       qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "read error! errno %d\n", errno);
       return fail(result, DL_ERR_SEND);

@@ -92,14 +92,15 @@ TEST_F(ftp_download, a_failure_leaves_no_file) {
       {serve(1000), {send(part)}, -8, "Read Error", "data connection closed too early"},
       {serve(1000) + connection_script{call([&] { requested.open(); })}, {send(part), requested.wait(), reset()},
        -8, "Read Error", "read error! errno 104"},
-      {serve(1000), {send(part), stall()}, -8, "Read Error", "dl_select error! errno "},
+      // Option 7 is read again for each read.
+      {serve(1000), {call([&] { wait_briefly(); }), send(part), stall()}, -8, "Read Error",
+       "dl_select error! errno 0"},
   };
   // clang-format on
   set_option(DL_OPT_MAX_FILE_SIZE, 70000);
   for (const auto& row : rows) {
     SCOPED_TRACE(&row - rows);
     log_.clear();
-    if (&row == std::end(rows) - 1) wait_briefly();
     ftp_peers peers(row.control, row.data);
     EXPECT_EQ(-1, fetch(peers, out_.c_str()));
     expect_result(row.code, row.message);
@@ -110,6 +111,23 @@ TEST_F(ftp_download, a_failure_leaves_no_file) {
     ftp_peers again(row.control);
     EXPECT_EQ(-1, open(again));
     expect_result(row.code, row.message);
+  }
+}
+
+TEST_F(ftp_download, a_file_of_4_gib_never_ends_as_if_it_were_whole) {
+  for (const uint64_t size : {UINT64_C(4294967295), UINT64_C(4294967296), UINT64_MAX}) {
+    SCOPED_TRACE(size);
+    ftp_peers peers(serve(size), {send("end")});
+    ASSERT_EQ(0, open(peers)) << log_.all();
+    EXPECT_EQ(UINT32_MAX, session_->remaining);
+    session_->remaining = 3;
+    char bytes[4];
+    const bool whole = size == UINT32_MAX;
+    EXPECT_EQ(3, dl_ftp_read(session_, bytes, 4, &result_));
+    EXPECT_EQ(whole ? 0 : -1, dl_ftp_read(session_, bytes, 4, &result_));
+    expect_result(whole ? 0 : -8, whole ? "" : "Read Error");
+    EXPECT_EQ(0, dl_ftp_read(session_, bytes, 0, &result_));
+    dl_ftp_close(session_);
   }
 }
 

@@ -1,5 +1,6 @@
 // ftp_open.cpp: replies and what is read out of them, login and the data connection, as every transfer
 // begins.
+#include <fcntl.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 
@@ -201,7 +202,7 @@ TEST_F(ftp_open, a_failed_step_ends_in_its_code_and_message) {
   tcp_peer silent({{stall()}});
   EXPECT_EQ(-1, open(silent.port()));
   expect_result(-8, "Read Error");
-  EXPECT_EQ(1u, log_.count("dl_select error! errno "));
+  EXPECT_EQ(1u, log_.count("dl_select error! errno 0"));
 }
 
 TEST_F(ftp_open, bad_arguments_reach_no_server) {
@@ -258,21 +259,22 @@ TEST_F(ftp_open, close_ignores_what_is_no_session_and_spares_the_standard_stream
 
 class ftp_data_connection : public ftp_test {
  protected:
-  // Opens the data connection of a caller-made record that has one already. Its control connection plays
-  // `script`.
+  // Opens the data connection of a caller-made record that has one already, which is left alone. Its control
+  // connection plays `script`.
   int create(const connection_script& script, bool ipv6_server = false) {
     const char* address = ipv6_server ? "::1" : "127.0.0.1";
     tcp_peer control({script}, {.ipv6 = ipv6_server});
     const unique_fd sock(dl_connect(address, control.port(), ipv6_server, 5));
-    const int present = dup(sock.get());
+    const unique_fd present(dup(sock.get()));
     dl_ftp_session session = {};
     session.magic = 10139;
     session.ctrl_sock = sock.get();
-    session.data_sock = present;
+    session.data_sock = present.get();
     snprintf(session.host, sizeof session.host, "%s", address);
     const int rc = dl_ftp_create_data_conn(&session, reply_, sizeof reply_, 5);
-    const unique_fd data(session.data_sock);
-    EXPECT_EQ(rc == 0, data.get() != present);
+    EXPECT_EQ(rc == 0, session.data_sock != present.get());
+    const unique_fd data(rc == 0 ? session.data_sock : -1);
+    EXPECT_NE(-1, fcntl(present.get(), F_GETFD));
     return rc;
   }
   char reply_[512] = "stale";
