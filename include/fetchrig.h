@@ -281,9 +281,10 @@ FETCHRIG_API int dl_read(dl_handle *handle, char *buffer, int32_t size, dl_resul
 /* Closes the transfer and releases the handle. Null is logged and ignored. */
 FETCHRIG_API void dl_close(dl_handle *handle);
 
-/* Downloads the URL into the file `local_path`, created or truncated; a failed download removes it. A file that grows
- * past option 6 fails with -8 and "exceed max size %d". For a missing argument, a URL that cannot be split or a missing
- * `redirect`, `result` stays as it is. Blocks. Any thread. */
+/* Downloads the URL into the file `local_path`, created or truncated. A failed download removes what it wrote, through
+ * a symbolic link the file that it leads to; never another file that took the name meanwhile, a device or a pipe. A
+ * file that grows past option 6 fails with -8 and "exceed max size %d". For a missing argument, a URL that cannot be
+ * split or a missing `redirect`, `result` stays as it is. Blocks. Any thread. */
 FETCHRIG_API int dl_download(const dl_request *request, const char *local_path, char *redirect, dl_result *result);
 
 /* Modes of dl_upload() and the FTP upload calls. */
@@ -437,7 +438,8 @@ typedef struct dl_ftp_session {
  * Blocks. Any thread. */
 FETCHRIG_API int dl_ftp_open(dl_ftp_session **session, const char *host, uint32_t port, const char *user,
                              const char *password, const char *path, dl_result *result);
-/* Reads `size` bytes, or the rest of the file when that is less. Returns the count, 0 at the end, -1 on failure. */
+/* Reads `size` bytes, or the rest of the file when that is less. Returns the count, 0 at the end, -1 on failure. Of a
+ * file of 4 GiB or more `remaining` can count only the first 4294967295 bytes: after them -8 comes instead of 0. */
 FETCHRIG_API int dl_ftp_read(dl_ftp_session *session, char *buffer, int32_t size, dl_result *result);
 /* Closes both connections (no QUIT) and releases the session. Null or a dead record is logged and ignored. */
 FETCHRIG_API void dl_ftp_close(dl_ftp_session *session);
@@ -445,18 +447,22 @@ FETCHRIG_API void dl_ftp_close(dl_ftp_session *session);
 FETCHRIG_API int dl_ftp_recv_to_file(const char *host, uint32_t port, const char *user, const char *password,
                                      const char *path, const char *local_path, dl_result *result);
 /* Logs in and starts an upload of `local_path` as `remote_name` (null or empty: the local file's name). A reply other
- * than 125 or 150 to the transfer command fails with that reply's code. */
+ * than 125 or 150 to the transfer command fails with that reply's code. A directory, device or pipe is refused with -8
+ * before that command. */
 FETCHRIG_API int dl_ftp_send_open(dl_ftp_session **session, const char *host, uint32_t port, const char *user,
                                   const char *password, const char *local_path, const char *remote_name,
                                   int32_t post_mode, uint32_t limit_mode, dl_result *result);
-/* Sends the file and reads the server's final reply. Returns the bytes sent or -1. */
+/* Sends the file and reads the server's final reply. Returns the bytes sent or -1: -6 for a file that cannot be opened,
+ * -8 for one that cannot be read (the data connection is closed then), -4. A data connection over which a file was not
+ * sent to its end is reset when it is closed, as to the server a regular end would be the end of the file. */
 FETCHRIG_API int dl_ftp_send(dl_ftp_session *session, const char *local_path, dl_result *result);
 /* Open, send and close in one call. */
 FETCHRIG_API int dl_ftp_send_file(const char *host, uint32_t port, const char *user, const char *password,
                                   const char *remote_name, const char *local_path, int32_t post_mode,
                                   uint32_t limit_mode, dl_result *result);
 /* Opens the passive data connection of a logged-in session: EPSV when option 8 is on (PASV after a 522), else PASV.
- * `reply` (`reply_size` bytes) receives the server's last line. Returns 0 or a negative dl_code. */
+ * `reply` (`reply_size` bytes) receives the server's last line. Returns 0 or a negative dl_code. Success replaces
+ * `data_sock`, anything else leaves it; an older data connection is the caller's to close. */
 FETCHRIG_API int dl_ftp_create_data_conn(dl_ftp_session *session, char *reply, int32_t reply_size, int32_t timeout_s);
 
 /* ---------------------------------------------------------------- TFTP (RFC 1350, RFC 2347, RFC 2348) */
@@ -493,7 +499,8 @@ FETCHRIG_API int dl_tftp_send_open(dl_tftp_session **session, const char *host, 
                                    const char *remote_name, dl_result *result);
 /* Sends the file block by block. Returns the bytes sent or -1. */
 FETCHRIG_API int dl_tftp_send(dl_tftp_session *session, const char *local_path, dl_result *result);
-/* Open, send and close in one call; `remote_name` null or empty: the local file's name. */
+/* Open, send and close in one call; `remote_name` null or empty: the local file's name. A directory, device or pipe is
+ * refused with -8 before anything is sent. */
 FETCHRIG_API int dl_tftp_send_file(const char *host, uint32_t port, const char *remote_name, const char *local_path,
                                    dl_result *result);
 
