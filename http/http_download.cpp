@@ -32,10 +32,9 @@ bool choose_local_path(const dl_http_request& request, const char* local_path, s
   return url != nullptr;
 }
 
-int copy_body(http_channel& channel, download_file& file, uint32_t limit, dl_result& result) {
-  const uint64_t most = uint64_t{limit} + block_bytes;
+int copy_body(http_channel& channel, download_file& file, dl_result& result) {
   for (;;) {
-    const int count = http_read_some(channel, file.room(), most, result);
+    const int count = http_read_some(channel, file.room(), result);
     if (count < 0) return -1;
     if (count == 0) return file.finish(&result);
     if (const int rc = file.accept(static_cast<uint32_t>(count), &result); rc < 0) return rc;
@@ -43,11 +42,10 @@ int copy_body(http_channel& channel, download_file& file, uint32_t limit, dl_res
 }
 
 int receive_file(dl_http_session& session, const char* path, dl_result& result) {
-  const uint32_t limit = max_file_size();
-  download_file file(DL_LOG_HTTP, block_bytes, limit);
+  download_file file(DL_LOG_HTTP, block_bytes, max_file_size());
   if (!file.open(path)) return -1;
   http_channel channel(session);
-  const int rc = copy_body(channel, file, limit, result);
+  const int rc = copy_body(channel, file, result);
   qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "recv : %d bytes\n", static_cast<int>(file.total()));
   return rc;
 }

@@ -143,14 +143,15 @@ int http_send_request(http_channel& channel, const http_msg& message) {
   }
 }
 
-int http_recv(http_channel& channel, std::span<char> to) {
+int http_recv(http_channel& channel, std::span<char> to, std::size_t may_read_ahead) {
   if (!to.data()) return -1;
   if (channel.is_tls() && !channel.session.ssl) {
     qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "context ssl is null\n");
     return DL_ERR_READ;
   }
   const int timeout_s = net_timeout_seconds();
-  const io_result outcome = with_stream(channel, [&](stream& from) { return from.read(to, timeout_s); });
+  const auto read = [&](stream& from) { return from.read(to, timeout_s); };
+  const io_result outcome = with_stream(channel, read, may_read_ahead);
   if (channel.own && outcome.count == 0 && !to.empty()) channel.own->response.stream_ended = true;
   log_failed_read(outcome);
   return outcome.wait_failed ? DL_ERR_READ : static_cast<int>(outcome.count);

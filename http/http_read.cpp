@@ -15,8 +15,13 @@
 namespace fetchrig {
 namespace {
 
-constexpr std::size_t line_end_bytes = 2;
+constexpr uint32_t line_end_bytes = 2;
 constexpr uint32_t min_chunk_capacity = 512;
+// The most that is held of a body, beside what the caller was given.
+constexpr uint32_t max_held_bytes = 65536;
+constexpr uint32_t max_chunk_capacity = max_held_bytes + line_end_bytes;
+// Nothing is received beyond a chunk, so that the buffer and the read-ahead are never full together.
+constexpr std::size_t no_read_ahead = 0;
 
 bool is_hex_digit(char c) {
   return is_digit(c) || (lower(c) >= 'a' && lower(c) <= 'f');
@@ -27,43 +32,62 @@ int log_failure(const char* message, int code, dl_result& result) {
   return fail(&result, code);
 }
 
-// The chunk buffer: decoded body bytes that the caller has not taken. Taken bytes at its front are dropped at
-// once for a record without private state; with one they are skipped and dropped when room is needed.
+// A chunk-size line: what it says, and whether it is one, with digits and its CRLF.
+struct size_line {
+  uint64_t size = 0;
+  bool whole = false;
+};
+
+// The chunk buffer: body bytes that the caller has not taken. Taken bytes at its front are dropped at once
+// for a record without private state; with one they are skipped and dropped when room is needed.
+//
+// A chunk of at most max_held_bytes is held whole before its first byte is delivered. A larger one passes
+// through in pieces: DL_HTTP_FLAG_IN_CHUNK is set meanwhile, the session's `remaining` counts what is still
+// to come of the chunk and its line end, and the last two bytes held are kept back, for they pass for the
+// line end when the stream ends there.
 class chunk_reader {
  public:
-  // Of one chunk no more than `most` bytes are received: a caller with such a limit then gives up.
-  chunk_reader(http_channel& channel, uint64_t most) : channel_(channel), most_(most) {}
+  explicit chunk_reader(http_channel& channel) : channel_(channel) {}
 
   bool open() {
     if (!channel_.session.chunk) channel_.session.chunk = zeroed_record<http_chunk_buf>().release();
     return channel_.session.chunk != nullptr;
   }
-  uint32_t held() const { return chunk().length; }
   bool finished() const { return chunk().finished != 0; }
-  int deliver(std::span<char> to);
-  // Reads the next chunk, or the end of the body.
-  int fetch(dl_result& result);
+  std::size_t deliver(std::span<char> to);
+  // Puts bytes that were delivered back to the front.
+  void take_back(std::span<const char> delivered);
+  // With everything delivered, reads the next chunk, or a piece of a large one, or the end of the body.
+  // `held` bytes of the call are with the caller already.
+  int fetch(std::size_t held, dl_result& result);
 
  private:
   http_chunk_buf& chunk() const { return *channel_.session.chunk; }
+  bool in_chunk() const { return (channel_.session.flags & DL_HTTP_FLAG_IN_CHUNK) != 0; }
   uint32_t begin() const { return channel_.own ? channel_.own->chunk_begin : 0; }
   void set_begin(uint32_t begin) {
     if (channel_.own) channel_.own->chunk_begin = begin;
   }
+  void drop_line_end() { chunk().length -= std::min(line_end_bytes, chunk().length); }
   void compact();
-  bool make_room(uint64_t needed);
-  int read_size_line(uint64_t& size, bool& has_digits, dl_result& result);
+  bool grow(uint64_t capacity);
+  int receive(uint32_t wanted);
+  int read_size_line(size_line& line, dl_result& result);
   int read_last_line(uint32_t how, dl_result& result);
-  int read_data(uint64_t size, dl_result& result);
+  int read_whole(uint32_t size, dl_result& result);
+  void enter_large(uint32_t size);
+  void leave_large();
+  int read_piece(dl_result& result);
 
   http_channel& channel_;
-  uint64_t most_;
 };
 
-int chunk_reader::deliver(std::span<char> to) {
+std::size_t chunk_reader::deliver(std::span<char> to) {
   http_chunk_buf& buffer = chunk();
-  const auto count = static_cast<uint32_t>(std::min<std::size_t>(to.size(), buffer.length));
-  if (count > 0) memcpy(to.data(), buffer.data + begin(), count);
+  const uint32_t kept_back = in_chunk() ? std::min(line_end_bytes, buffer.length) : 0;
+  const auto count = static_cast<uint32_t>(std::min<std::size_t>(to.size(), buffer.length - kept_back));
+  if (count == 0) return 0;
+  memcpy(to.data(), buffer.data + begin(), count);
   buffer.length -= count;
   if (buffer.length == 0) {
     set_begin(0);
@@ -72,7 +96,24 @@ int chunk_reader::deliver(std::span<char> to) {
   } else {
     memmove(buffer.data, buffer.data + count, buffer.length);
   }
-  return static_cast<int>(count);
+  return count;
+}
+
+// Without memory for them the body ends here: what follows it would not be what comes next.
+void chunk_reader::take_back(std::span<const char> delivered) {
+  if (delivered.empty()) return;
+  http_chunk_buf& buffer = chunk();
+  compact();
+  const uint64_t total = buffer.length + uint64_t{delivered.size()};
+  if (total > buffer.capacity && !grow(total)) {
+    leave_large();
+    buffer.length = 0;
+    buffer.finished = DL_HTTP_CHUNKS_CUT;
+    return;
+  }
+  memmove(buffer.data + delivered.size(), buffer.data, buffer.length);
+  memcpy(buffer.data, delivered.data(), delivered.size());
+  buffer.length = static_cast<uint32_t>(total);
 }
 
 void chunk_reader::compact() {
@@ -81,30 +122,38 @@ void chunk_reader::compact() {
   set_begin(0);
 }
 
-// Doubles the capacity, from 512 bytes on, when the buffer is full; `needed` is the most that will ever be
-// asked of it.
-bool chunk_reader::make_room(uint64_t needed) {
-  http_chunk_buf& buffer = chunk();
-  if (buffer.length < buffer.capacity) return true;
-  const uint64_t doubled = uint64_t{std::max(buffer.capacity, min_chunk_capacity / 2)} * 2;
-  const uint64_t capacity = std::min<uint64_t>(doubled, std::max<uint64_t>(needed, min_chunk_capacity));
-  auto* grown = static_cast<char*>(::realloc(buffer.data, static_cast<std::size_t>(capacity)));
+bool chunk_reader::grow(uint64_t capacity) {
+  auto* grown = static_cast<char*>(::realloc(chunk().data, static_cast<std::size_t>(capacity)));
   if (!grown) return false;
-  buffer.data = grown;
-  buffer.capacity = static_cast<uint32_t>(capacity);
+  chunk().data = grown;
+  chunk().capacity = static_cast<uint32_t>(capacity);
   return true;
 }
 
-int chunk_reader::read_size_line(uint64_t& size, bool& has_digits, dl_result& result) {
-  std::array<char, 128> line = {};
-  const int length = http_read_line(channel_, 128, 256, line);
+// One receive of at most `wanted` bytes behind what is held. A full buffer doubles first, from 512 bytes on:
+// it grows as bytes arrive, whatever size the server claims.
+int chunk_reader::receive(uint32_t wanted) {
+  http_chunk_buf& buffer = chunk();
+  const uint64_t doubled = std::max<uint64_t>(uint64_t{buffer.capacity} * 2, min_chunk_capacity);
+  if (buffer.length >= buffer.capacity && !grow(std::min<uint64_t>(doubled, max_chunk_capacity)))
+    return DL_ERR_MEMORY;
+  const std::size_t room = std::min(wanted, buffer.capacity - buffer.length);
+  const int count = http_recv(channel_, {buffer.data + buffer.length, room}, no_read_ahead);
+  if (count > 0) buffer.length += static_cast<uint32_t>(count);
+  return count;
+}
+
+int chunk_reader::read_size_line(size_line& line, dl_result& result) {
+  std::array<char, 128> text = {};
+  bool at_end = false;
+  const int length = http_read_line(channel_, 128, 256, text, &at_end);
   if (length < 0) {
     qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "read chunked len error\n");
     return log_failure("read chunked error\n", length, result);
   }
-  const std::string_view text = skip_white_space({line.data(), static_cast<std::size_t>(length)});
-  has_digits = !text.empty() && is_hex_digit(text.front());
-  size = parse_chunk_size(text);
+  const std::string_view digits = skip_white_space({text.data(), static_cast<std::size_t>(length)});
+  line.size = parse_chunk_size(digits);
+  line.whole = !at_end && !digits.empty() && is_hex_digit(digits.front());
   return 0;
 }
 
@@ -117,35 +166,53 @@ int chunk_reader::read_last_line(uint32_t how, dl_result& result) {
   return log_failure("read chunked error\n", length, result);
 }
 
-// The chunk's bytes and its line end, behind what is held; the line end is dropped. The buffer grows as bytes
-// arrive, whatever size the server claims. A stream that ends early ends the chunk.
-int chunk_reader::read_data(uint64_t size, dl_result& result) {
-  http_chunk_buf& buffer = chunk();
-  compact();
-  const uint32_t before = buffer.length;
-  if (before + size + line_end_bytes > UINT32_MAX)
-    return log_failure("read chunked error\n", DL_ERR_MEMORY, result);
-  const uint64_t end = before + std::min(size, most_) + line_end_bytes;
+// The chunk's bytes and its line end, which is dropped. A stream that ends early ends the chunk.
+int chunk_reader::read_whole(uint32_t size, dl_result& result) {
+  const uint32_t end = size + line_end_bytes;
   int count = 1;
-  while (count > 0 && buffer.length < end) {
-    const bool has_room = make_room(end);
-    const auto room = std::min<uint64_t>(end, buffer.capacity) - buffer.length;
-    count = has_room ? http_recv(channel_, {buffer.data + buffer.length, static_cast<std::size_t>(room)})
-                     : int{DL_ERR_MEMORY};
-    if (count > 0) buffer.length += static_cast<uint32_t>(count);
-  }
-  const uint32_t read = buffer.length - before;
-  buffer.length = count < 0 ? before : before + read - std::min<uint32_t>(read, line_end_bytes);
+  while (count > 0 && chunk().length < end) count = receive(end - chunk().length);
+  if (count < 0) chunk().length = 0;
+  drop_line_end();
   return count < 0 ? log_failure("read chunked error\n", count, result) : 0;
 }
 
-int chunk_reader::fetch(dl_result& result) {
-  uint64_t size = 0;
-  bool has_digits = false;
-  if (const int rc = read_size_line(size, has_digits, result); rc < 0) return rc;
-  if (size > 0) return read_data(size, result);
+void chunk_reader::enter_large(uint32_t size) {
+  channel_.session.flags |= DL_HTTP_FLAG_IN_CHUNK;
+  channel_.session.remaining = size + line_end_bytes;
+}
+
+void chunk_reader::leave_large() {
+  if (!in_chunk()) return;
+  channel_.session.flags &= ~DL_HTTP_FLAG_IN_CHUNK;
+  channel_.session.remaining = 0;
+  drop_line_end();
+}
+
+int chunk_reader::read_piece(dl_result& result) {
+  compact();
+  http_chunk_buf& buffer = chunk();
+  const int count = receive(std::min(channel_.session.remaining, max_held_bytes - buffer.length));
+  if (count < 0) return log_failure("read chunked error\n", count, result);
+  channel_.session.remaining -= static_cast<uint32_t>(count);
+  if (count == 0 || channel_.session.remaining == 0) leave_large();
+  // A buffer that was filled at once is too small for the speed of the stream; without memory it stays.
+  const bool filled = buffer.length == buffer.capacity && buffer.capacity < max_chunk_capacity;
+  if (filled) static_cast<void>(grow(std::min<uint64_t>(uint64_t{buffer.capacity} * 2, max_chunk_capacity)));
+  return 0;
+}
+
+int chunk_reader::fetch(std::size_t held, dl_result& result) {
+  if (in_chunk()) return read_piece(result);
+  size_line line;
+  if (const int rc = read_size_line(line, result); rc < 0) return rc;
   // Where the stream ends too early, an empty line is read instead of the last chunk's.
-  return read_last_line(has_digits ? DL_HTTP_CHUNKS_ALL : DL_HTTP_CHUNKS_CUT, result);
+  if (line.size == 0) return read_last_line(line.whole ? DL_HTTP_CHUNKS_ALL : DL_HTTP_CHUNKS_CUT, result);
+  if (held + line.size + line_end_bytes > UINT32_MAX)
+    return log_failure("read chunked error\n", DL_ERR_MEMORY, result);
+  const auto size = static_cast<uint32_t>(line.size);
+  if (size <= max_held_bytes) return read_whole(size, result);
+  enter_large(size);
+  return 0;
 }
 
 int open_chunks(chunk_reader& chunks, dl_result& result) {
@@ -154,15 +221,20 @@ int open_chunks(chunk_reader& chunks, dl_result& result) {
   return log_failure("read chunked error\n", DL_ERR_MEMORY, result);
 }
 
-// Reads chunks until `wanted` bytes are held or the body has ended, then delivers.
-int read_chunked(http_channel& channel, std::span<char> to, std::size_t wanted, uint64_t most,
-                 dl_result& result) {
-  chunk_reader chunks(channel, most);
+// Delivers until `wanted` bytes are there or the body has ended. What a failed call has delivered is there
+// for the next.
+int read_chunked(http_channel& channel, std::span<char> to, std::size_t wanted, dl_result& result) {
+  chunk_reader chunks(channel);
   if (const int rc = open_chunks(chunks, result); rc < 0) return rc;
-  while (chunks.held() < wanted && !chunks.finished()) {
-    if (const int rc = chunks.fetch(result); rc < 0) return rc;
+  std::size_t placed = chunks.deliver(to);
+  while (placed < wanted && !chunks.finished()) {
+    if (const int rc = chunks.fetch(placed, result); rc < 0) {
+      chunks.take_back(to.first(placed));
+      return rc;
+    }
+    placed += chunks.deliver(to.subspan(placed));
   }
-  return chunks.deliver(to);
+  return static_cast<int>(placed);
 }
 
 // The part of `to` that the body can still fill.
@@ -184,7 +256,7 @@ uint64_t parse_chunk_size(std::string_view line) {
 }
 
 int http_read_full(http_channel& channel, std::span<char> to, dl_result& result) {
-  if (channel.is_chunked()) return read_chunked(channel, to, to.size(), UINT32_MAX, result);
+  if (channel.is_chunked()) return read_chunked(channel, to, to.size(), result);
   to = cut_to_remaining(channel, to);
   std::size_t placed = 0;
   while (placed < to.size()) {
@@ -197,8 +269,8 @@ int http_read_full(http_channel& channel, std::span<char> to, dl_result& result)
   return static_cast<int>(placed);
 }
 
-int http_read_some(http_channel& channel, std::span<char> to, uint64_t most, dl_result& result) {
-  if (channel.is_chunked()) return read_chunked(channel, to, 1, most, result);
+int http_read_some(http_channel& channel, std::span<char> to, dl_result& result) {
+  if (channel.is_chunked()) return read_chunked(channel, to, 1, result);
   to = cut_to_remaining(channel, to);
   if (to.empty()) return 0;
   const int count = http_recv(channel, to);
@@ -212,7 +284,7 @@ bool http_drain(http_channel& channel, uint32_t limit) {
   dl_result ignored = {};
   uint64_t total = 0;
   for (;;) {
-    const int count = http_read_some(channel, scratch, uint64_t{limit} + 1, ignored);
+    const int count = http_read_some(channel, scratch, ignored);
     if (count <= 0) return true;
     total += static_cast<uint64_t>(count);
     if (total > limit) return false;

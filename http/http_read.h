@@ -1,4 +1,5 @@
 // http_read.h: reading a response body, by length or in chunks (RFC 9112 section 7.1), below dl_http_read().
+// Whatever arrives, a session holds at most 64 KiB of a body beyond the buffers that callers bring.
 // One thread at a time per session.
 #ifndef FETCHRIG_HTTP_HTTP_READ_H
 #define FETCHRIG_HTTP_HTTP_READ_H
@@ -13,10 +14,8 @@ namespace fetchrig {
 // Fills `to` unless the body ends first. Returns the count, 0 at the end, or -1 with `result` filled.
 [[nodiscard]] int http_read_full(http_channel& channel, std::span<char> to, dl_result& result);
 
-// As http_read_full(), but returns as soon as there is something: for callers that take bytes as they come
-// and give up beyond `most` bytes in all. A larger chunk is received no further than that, whatever memory it
-// would take.
-[[nodiscard]] int http_read_some(http_channel& channel, std::span<char> to, uint64_t most, dl_result& result);
+// As http_read_full(), but returns as soon as there is something: for callers that take bytes as they come.
+[[nodiscard]] int http_read_some(http_channel& channel, std::span<char> to, dl_result& result);
 
 // Reads and discards the rest of the body; false when it is longer than `limit` bytes.
 [[nodiscard]] bool http_drain(http_channel& channel, uint32_t limit);

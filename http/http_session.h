@@ -65,12 +65,12 @@ void free_headers(dl_http_session& session);
 
 // Calls `work` with the session's stream: TLS when its TLS bit is set, else plain.
 template <typename Work>
-auto with_stream(http_channel& channel, Work work) {
+auto with_stream(http_channel& channel, Work work, std::size_t may_read_ahead = read_ahead::capacity) {
   if (channel.is_tls()) {
     tls_stream tls(channel.ssl());
     return work(static_cast<stream&>(tls));
   }
-  tcp_stream tcp(channel.session.sock, channel.own ? &channel.own->ahead : nullptr);
+  tcp_stream tcp(channel.session.sock, channel.own ? &channel.own->ahead : nullptr, may_read_ahead);
   return work(static_cast<stream&>(tcp));
 }
 

@@ -344,6 +344,7 @@ typedef struct http_chunk_buf {
 #define DL_HTTP_MAGIC 10111u
 #define DL_HTTP_FLAG_CHUNKED 1u
 #define DL_HTTP_FLAG_TLS 2u
+#define DL_HTTP_FLAG_IN_CHUNK 4u /* `remaining` counts what is to come of a chunk above 64 KiB and its line end */
 
 /* An HTTP session (also dl_handle.session for DL_PROTO_HTTP and DL_PROTO_HTTPS). Callers treat it as opaque, but for
  * `chunk` as said above. */
@@ -370,7 +371,9 @@ FETCHRIG_API int dl_http_open(dl_http_session **session, const dl_http_request *
 FETCHRIG_API int dl_http_open_ex(dl_http_session **session, const dl_http_request_ex *request, char *redirect,
                                  dl_result *result);
 
-/* Reads body bytes until `size` are there or the body ends. Returns the count, 0 at the end, -1 on failure. */
+/* Reads body bytes until `size` are there or the body ends. Returns the count, 0 at the end, -1 on failure. A session
+ * holds at most 64 KiB of the body beyond `buffer`: a chunk up to that size is received whole before it is delivered,
+ * of a larger one bytes may have been delivered when it fails. */
 FETCHRIG_API int dl_http_read(dl_http_session *session, char *buffer, int32_t size, dl_result *result);
 
 /* The final status of the session's response, or 0: no live session, or a record that no open call made. */

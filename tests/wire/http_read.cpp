@@ -109,14 +109,53 @@ TEST_F(http_read, bodies) {
   for (const auto& row : sized_rows) check(row.body, 0, row.remaining, row.left);
 }
 
-// Symptom: a server that announces a chunk of 4 GiB makes the phone run out of memory.
-TEST_F(http_read, a_claimed_chunk_size_costs_nothing) {
-  const fed_socket feed("fffffffd\r\n" + std::string(3000, 'x'));
-  const auto session = fed_session(feed, true, DL_HTTP_FLAG_CHUNKED, 0);
-  char buffer[64];
-  dl_result result = {};
-  EXPECT_EQ(64, dl_http_read(session.get(), buffer, sizeof buffer, &result));
-  EXPECT_LE(session->chunk->capacity, 8192u);
+// Symptom: a server that sends one chunk of 700 MiB makes the phone run out of memory.
+TEST_F(http_read, large_chunks_pass_through) {
+  const std::string content = make_bytes(150000), size_lines = "249f0;x\r\n";
+  const std::pair<std::string, std::string> rows[] = {
+      {size_lines + content + "\r\n3\r\nabc\r\n0\r\n\r\n", content + "abc"},
+      {size_lines + content, content.substr(0, 149998)},  // the last two bytes pass for a line end
+      {"fffffffd\r\n" + content.substr(0, 3000), content.substr(0, 2998)},
+  };
+  for (const auto& [bytes, body] : rows) {
+    for (const auto& [with_private, size] :
+         {std::pair(false, 65537), {true, 1}, {true, 512}, {true, 200000}}) {
+      SCOPED_TRACE(::testing::Message() << with_private << " " << size);
+      fed_socket feed(bytes, 50000);
+      const auto session = fed_session(feed, with_private, DL_HTTP_FLAG_CHUNKED, 0);
+      std::string buffer(static_cast<std::size_t>(size), '\0'), got;
+      dl_result result = {};
+      for (int count = 1; count > 0; got.append(buffer, 0, static_cast<std::size_t>(count))) {
+        count = dl_http_read(session.get(), buffer.data(), size, &result);
+        ASSERT_GE(count, 0);
+        EXPECT_LE(session->chunk->length, 65536u);
+      }
+      EXPECT_TRUE(body == got) << got.size();
+      EXPECT_LE(session->chunk->capacity, std::min<uint64_t>(65538, std::max<uint64_t>(8192, body.size())));
+      EXPECT_EQ(body.ends_with("abc") ? DL_HTTP_CHUNKS_ALL : DL_HTTP_CHUNKS_CUT, session->chunk->finished);
+    }
+  }
+}
+
+// Symptom: a chunk that trickles in holds one call up for its whole length.
+TEST_F(http_read, what_is_there_of_a_large_chunk_is_delivered_and_a_failure_loses_nothing) {
+  for (const bool with_private : {false, true}) {
+    int ends[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
+    const unique_fd peer(ends[1]);
+    const auto session = fed_session(fed_socket(""), with_private, DL_HTTP_FLAG_CHUNKED, 0);
+    dup2(ends[0], session->sock);
+    close(ends[0]);
+    const std::string bytes = "2\r\nab\r\n100000\r\ncdefgh";
+    ASSERT_EQ(std::ssize(bytes), write(peer.get(), bytes.data(), bytes.size()));
+    char buffer[64] = "";
+    dl_result result = {};
+    EXPECT_EQ(3, dl_http_read(session.get(), buffer, 3, &result));
+    EXPECT_EQ(-1, dl_http_read(session.get(), buffer + 3, 60, &result));
+    EXPECT_EQ(DL_ERR_READ, result.code);
+    EXPECT_EQ(3, dl_http_read(session.get(), buffer + 3, 3, &result));
+    EXPECT_STREQ("abcdef", std::string(buffer, 6).c_str());
+  }
 }
 
 TEST_F(http_read, arguments) {
