@@ -161,6 +161,7 @@ int chunk_reader::read_last_line(uint32_t how, dl_result& result) {
   chunk().finished = how;
   std::array<char, 128> line = {};
   const int length = http_read_line(channel_, 128, 256, line);
+  if (channel_.own) channel_.own->response.has_trailer = length > 0;
   if (length >= 0) return 0;
   qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "read last EOL error\n");
   return log_failure("read chunked error\n", length, result);
@@ -279,16 +280,19 @@ int http_read_some(http_channel& channel, std::span<char> to, dl_result& result)
   return count;
 }
 
-bool http_drain(http_channel& channel, uint32_t limit) {
+http_drained http_drain(http_channel& channel, uint32_t limit) {
   std::array<char, 4096> scratch;
   dl_result ignored = {};
   uint64_t total = 0;
   for (;;) {
     const int count = http_read_some(channel, scratch, ignored);
-    if (count <= 0) return true;
+    if (count < 0) return http_drained::incomplete;
+    if (count == 0) break;
     total += static_cast<uint64_t>(count);
-    if (total > limit) return false;
+    if (total > limit) return http_drained::too_long;
   }
+  const bool whole = http_body_end(channel) == DL_BODY_WHOLE && !channel.own->response.has_trailer;
+  return whole ? http_drained::whole : http_drained::incomplete;
 }
 
 }  // namespace fetchrig

@@ -17,8 +17,15 @@ namespace fetchrig {
 // As http_read_full(), but returns as soon as there is something: for callers that take bytes as they come.
 [[nodiscard]] int http_read_some(http_channel& channel, std::span<char> to, dl_result& result);
 
-// Reads and discards the rest of the body; false when it is longer than `limit` bytes.
-[[nodiscard]] bool http_drain(http_channel& channel, uint32_t limit);
+// How draining a body went.
+enum class http_drained {
+  whole,       // to its announced end: the connection stands at the next response
+  too_long,    // beyond the limit
+  incomplete,  // it failed, was cut, or nothing says where it ends
+};
+
+// Reads and discards the rest of the body, at most `limit` bytes.
+[[nodiscard]] http_drained http_drain(http_channel& channel, uint32_t limit);
 
 // The size at the front of a chunk-size line, 0 without digits; UINT32_MAX when it does not fit 32 bits.
 [[nodiscard]] uint64_t parse_chunk_size(std::string_view line);

@@ -211,12 +211,20 @@ int response_loop::renew_connection() {
   return log_error("Connect Error\n", DL_ERR_CONNECT);
 }
 
-// The connection to the proxy stays; the next response starts without a chunk state of this one. An https
-// target gets the TLS bit without a TLS session, so that nothing for it is ever sent in clear.
+// The connection to the proxy stays, when this body's end is where the next response begins: late bytes would
+// pass for that response. It starts without a chunk state of this one. An https target gets the TLS bit
+// without a TLS session, so that nothing for it is ever sent in clear.
 int response_loop::drain_proxied() {
-  if (!http_drain(channel_, max_file_size())) return log_error("redirect body too long\n", DL_ERR_READ);
+  switch (http_drain(channel_, max_file_size())) {
+    case http_drained::whole:
+      break;
+    case http_drained::too_long:
+      return log_error("redirect body too long\n", DL_ERR_READ);
+    case http_drained::incomplete:
+      return log_error("redirect body without its end\n", DL_ERR_READ);
+  }
   free_chunk(channel_);
-  channel_.session.flags &= ~DL_HTTP_FLAG_CHUNKED;
+  channel_.session.flags &= ~(DL_HTTP_FLAG_CHUNKED | DL_HTTP_FLAG_IN_CHUNK);
   if (url_->scheme == scheme_https) channel_.session.flags |= DL_HTTP_FLAG_TLS;
   return 0;
 }

@@ -18,6 +18,7 @@ struct http_response_facts {
   bool header_cut = false;    // the stream ended inside the status line or the header block
   bool has_length = false;    // the body's length was announced
   bool stream_ended = false;  // a read met the end of the connection
+  bool has_trailer = false;   // lines that nobody reads follow the last chunk
 };
 
 // What an open call keeps beside its session record.

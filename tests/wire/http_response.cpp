@@ -187,10 +187,17 @@ TEST_F(http_response, a_proxy_keeps_the_connection_over_redirects_and_their_bodi
   const auto body_of = [&](std::size_t size) { return send(redirect_to(there, string(size, 'x'))); };
   const step chunked = send("HTTP/1.1 302\r\nTransfer-Encoding: chunked\r\nLocation: " + there +
                             "\r\n\r\n5\r\nmoved\r\n0\r\n\r\n");
+  const string late = "\r\n" + head_200 + "Content-Length: 4\r\n\r\nlate", to_there = "Location: " + there + "\r\n";
+  const step cut = send("HTTP/1.1 302\r\nContent-Length: 9\r\n" + to_there + "\r\nhalf");
+  const step no_length = send("HTTP/1.1 302\r\n" + to_there + "\r\n" + string(100, 'x') + late);
+  const step trailer = send("HTTP/1.1 302\r\nTransfer-Encoding: chunked\r\n" + to_there + "\r\n0\r\nX: y" + late);
   run({
       {"chunks, then a length", {{first, chunked, second, end}}, 0, "end", there, far},
       {"longest body", {{first, body_of(100), second, end}}, 0, "end", there, far},
       {"too long a body", {{first, body_of(101)}}, DL_ERR_READ, "redirect body too long", there, far},
+      {"cut", {{first, cut}}, DL_ERR_READ, "redirect body without its end", there, far},
+      {"no length, then late bytes", {{first, no_length}}, DL_ERR_READ, "redirect body without its end", there, far},
+      {"a trailer, then late bytes", {{first, trailer}}, DL_ERR_READ, "redirect body without its end", there, far},
       {"nothing in clear", {{first, send(redirect_to(secure))}}, DL_ERR_SEND, "Request Send Error", secure, far},
   });
   tcp_peer proxy({{stall()}});
@@ -232,6 +239,10 @@ TEST_F(http_response, a_server_that_stalls_is_given_up_after_the_time_out) {
   const string half = head_200 + "Content-Length: 9\r\n\r\nhalf";
   EXPECT_EQ(DL_ERR_READ, talk({{get("/a"), send(half), stall()}}).read_code);
   EXPECT_EQ((lines{"Select error! errno 0", "read error"}), errors());
+  const string moving = "HTTP/1.1 302\r\nLocation: http://h/\r\nContent-Length: 9\r\n\r\nhalf";
+  EXPECT_EQ(DL_ERR_READ, talk({{get("/a", "", "origin.invalid"), send(moving), stall()}}, far).code);
+  EXPECT_EQ((lines{"Select error! errno 0", "read error", "redirect body without its end", failed}),
+            errors());
 }
 
 TEST_F(http_response, missing_arguments_and_urls_that_do_not_parse) {
