@@ -1,10 +1,13 @@
 // http_body.cpp: preparing the body of a request.
 #include "http/http_body.h"
 
-#include <stdio.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <exception>
 
 #include "core/owners.h"
@@ -25,37 +28,52 @@ int refuse(const char* message) {
   return DL_ERR_PARAMETER;
 }
 
-unique_file open_file(const char* path) {
-  unique_file file(fopen(path, "rbe"));
+// A pipe is opened without waiting for its other end.
+unique_fd open_file(const char* path) {
+  unique_fd file(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!file) qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "Can't open %s\n", printable(path).c_str());
   return file;
 }
 
-// The size is only a hint for how much to reserve: what is read decides, never beyond what a length can say.
-void reserve_for_file(FILE* file, std::string& body) {
-  struct stat status = {};
-  if (fstat(fileno(file), &status) != 0 || !S_ISREG(status.st_mode)) return;
-  if (status.st_size >= INT32_MAX) return;
-  body.reserve(body.size() + static_cast<std::size_t>(status.st_size) + read_block_bytes);
+int read_failed(int error) {
+  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "read file err\n");
+  qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "read errno %d\n", error);
+  return DL_ERR_READ;
 }
 
-int append_file(FILE* file, std::string& body) {
-  reserve_for_file(file, body);
+int too_large() {
+  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "local file of 2 GiB or more\n");
+  return DL_ERR_MEMORY;
+}
+
+// A directory, device or pipe has no end to rely on. The size decides how much is reserved, and what is
+// refused before anything is read; how much is sent is what can be read.
+int check_file(int file, std::string& body) {
+  struct stat status = {};
+  if (fstat(file, &status) != 0) return read_failed(errno);
+  if (!S_ISREG(status.st_mode)) return read_failed(S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
+  const auto size = static_cast<uint64_t>(status.st_size);
+  if (size > max_body_bytes - body.size()) return too_large();
+  body.reserve(body.size() + static_cast<std::size_t>(size) + read_block_bytes);
+  return 0;
+}
+
+int append_file(int file, std::string& body) {
+  if (const int rc = check_file(file, body); rc < 0) return rc;
   for (;;) {
     const std::size_t held = body.size();
-    if (held > max_body_bytes - read_block_bytes) return DL_ERR_MEMORY;
     body.resize(held + read_block_bytes);
-    const std::size_t count = fread(body.data() + held, 1, read_block_bytes, file);
-    body.resize(held + count);
-    if (count == read_block_bytes) continue;
-    if (!ferror(file)) return 0;
-    qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "read file err\n");
-    return DL_ERR_READ;
+    const ssize_t count = ::read(file, body.data() + held, read_block_bytes);
+    const int error = errno;
+    body.resize(held + static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    if (body.size() > max_body_bytes) return too_large();
+    if (count == 0) return 0;
+    if (count < 0 && error != EINTR) return read_failed(error);
   }
 }
 
 int prepare_put(http_msg& message) {
-  const unique_file file = open_file(message.body.file_path);
+  const unique_fd file = open_file(message.body.file_path);
   if (!file) return DL_ERR_PARAMETER;
   std::string body;
   if (const int rc = append_file(file.get(), body); rc < 0) return rc;
@@ -88,7 +106,7 @@ int part_header(const std::string& boundary, const char* path, std::string& head
 }
 
 int prepare_post(http_msg& message) {
-  const unique_file file = open_file(message.body.file_path);
+  const unique_fd file = open_file(message.body.file_path);
   if (!file) return DL_ERR_PARAMETER;
   std::string boundary;
   if (const int rc = boundary_line(message.extra_headers, boundary); rc < 0) return rc;
@@ -96,6 +114,7 @@ int prepare_post(http_msg& message) {
   if (const int rc = part_header(boundary, message.body.file_path, body); rc < 0) return rc;
   if (const int rc = append_file(file.get(), body); rc < 0) return rc;
   body.append("\r\n").append(boundary).append("--\r\n");
+  if (body.size() > max_body_bytes) return too_large();
   message.body.buffer = std::move(body);
   return 0;
 }

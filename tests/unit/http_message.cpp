@@ -3,6 +3,7 @@
 #include "http/http_message.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "http/http_headers.h"
 #include "tests/support/descriptors.h"
@@ -98,7 +99,9 @@ TEST_F(http_message, a_posted_file_is_one_part_of_a_form) {
 
 TEST_F(http_message, refusals) {
   const string path = place_.file("image.rom"), missing = place_.file("missing"), broken = place_.file("\n");
-  for (const auto& file : {path, broken}) test::write_file(file, "x");
+  const string pipe = place_.file("pipe"), huge = place_.file("huge"), zero = "/dev/zero";
+  for (const auto& file : {path, broken, huge}) test::write_file(file, "x");
+  ASSERT_EQ(0, mkfifo(pipe.c_str(), 0600) + truncate(huge.c_str(), off_t{1} << 31));
   const string form = form_type + "b\r\n", long_form = form_type + string(508, 'b') + "\r\n";
   const char* const addition = "body & post file or without addtion header";
   const struct {
@@ -115,6 +118,9 @@ TEST_F(http_message, refusals) {
       {1, long_form.c_str(), nullptr, path, DL_ERR_PARAMETER, "header without CRLF"},
       {1, form.c_str(), nullptr, missing, DL_ERR_PARAMETER, "Can't open " + missing},
       {2, "", nullptr, place_.path(), DL_ERR_READ, "read file err"},
+      {2, "", nullptr, pipe, DL_ERR_READ, "read file err"},
+      {1, form.c_str(), nullptr, zero, DL_ERR_READ, "read file err"},
+      {2, "", nullptr, huge, DL_ERR_MEMORY, "local file of 2 GiB or more"},
       {1, form.c_str(), nullptr, broken, DL_ERR_PARAMETER, "file name with a line break"},
       {4, "", nullptr, path, DL_ERR_URL, "make request error"},
       {3, "", nullptr, path, 0, ""},  // DELETE leaves the file alone
