@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <span>
 
 #include "core/openssl_start.h"
 #include "core/text.h"
@@ -85,11 +86,17 @@ auto find_option(const Table& table, uint32_t option) {
   return found == std::end(table) ? nullptr : found;
 }
 
+// Of a longer text before it, a pass phrase say, nothing stays behind the new one.
+void overwrite(std::span<char> field, const char* value) {
+  copy_text(field, value);
+  const auto tail = field.subspan(strnlen(field.data(), field.size()));
+  OPENSSL_cleanse(tail.data(), tail.size());
+}
+
 void store_text(const text_option& entry, const char* value) {
   const config_lock lock;
-  auto& field = g_dl_cfg.*entry.field;
-  copy_text(field, value);
-  if (entry.seeds && (g_dl_cfg.*entry.seeds)[0] == '\0') copy_text(g_dl_cfg.*entry.seeds, value);
+  overwrite(g_dl_cfg.*entry.field, value);
+  if (entry.seeds && (g_dl_cfg.*entry.seeds)[0] == '\0') overwrite(g_dl_cfg.*entry.seeds, value);
 }
 
 int32_t store_number(const number_option& entry, const void* value) {
@@ -116,7 +123,7 @@ int32_t store_ring(const void* value) {
 
 void store_caller_tag(const char* value) {
   const config_lock lock;
-  copy_text(g_dl_cfg.caller_tag, value);
+  overwrite(g_dl_cfg.caller_tag, value);
 }
 
 void set_defaults() {

@@ -1,8 +1,6 @@
 // dispatch_url.cpp: splitting a URL of any supported protocol, and rebuilding a clean one for HTTP.
 #include "core/dispatch_url.h"
 
-#include <openssl/crypto.h>
-
 #include <array>
 #include <exception>
 #include <string_view>
@@ -22,10 +20,6 @@ struct protocol_entry {
 constexpr std::array<protocol_entry, 4> protocols = {
     {{"https://", 443}, {"http://", 80}, {"tftp://", 69}, {"ftp://", 21}}};
 constexpr std::string_view scheme_end = "://";
-
-void wipe(std::optional<std::string>& text) {
-  if (text) OPENSSL_cleanse(text->data(), text->size());
-}
 
 int login_failed(const char* message = nullptr) {
   if (message) log_dispatch_error(message);
@@ -133,8 +127,8 @@ std::string clean_url(const dl_url_parts& parts) {
 }  // namespace
 
 dl_url_parts::~dl_url_parts() {
-  wipe(user);
-  wipe(password);
+  if (user) wipe(*user);
+  if (password) wipe(*password);
 }
 
 int dl_url_split(const char* url, dl_url_parts& parts) {

@@ -1,6 +1,8 @@
 // text.cpp: small text routines over bytes.
 #include "core/text.h"
 
+#include <openssl/crypto.h>
+
 #include <algorithm>
 
 namespace fetchrig {
@@ -57,6 +59,12 @@ std::optional<uint64_t> whole_number(std::string_view text, uint64_t max) {
   std::string_view rest;
   const auto value = leading_number(text, max, &rest);
   return value && rest.empty() ? value : std::nullopt;
+}
+
+void wipe(std::string& text) {
+  text.resize(text.capacity());
+  OPENSSL_cleanse(text.data(), text.size());
+  text.clear();
 }
 
 std::string to_hex(std::span<const unsigned char> bytes) {

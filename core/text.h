@@ -52,6 +52,10 @@ bool copy_text(std::span<char> to, std::string_view text);
 [[nodiscard]] std::optional<uint64_t> leading_number(std::string_view text, uint64_t max,
                                                      std::string_view* rest = nullptr);
 
+// Overwrites a secret before its memory is given back, with what shorter texts left behind it. The text is
+// empty then.
+void wipe(std::string& text);
+
 // Lower-case hexadecimal digits, two per byte.
 [[nodiscard]] std::string to_hex(std::span<const unsigned char> bytes);
 

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <array>
 #include <optional>
 #include <string>
@@ -45,9 +46,15 @@ std::optional<uint32_t> match_scheme(std::string_view url) {
   return std::nullopt;
 }
 
-std::string escape_spaces(std::string_view url) {
-  std::string escaped;
-  escaped.reserve(url.size());
+// Wiped at the end: a URL that is refused for its user information has been copied whole.
+struct escaped_url {
+  ~escaped_url() { wipe(text); }
+  std::string text;
+};
+
+void escape_spaces(std::string_view url, std::string& escaped) {
+  const auto num_spaces = static_cast<std::size_t>(std::count(url.begin(), url.end(), ' '));
+  escaped.reserve(url.size() + 2 * num_spaces);
   for (const char c : url) {
     if (c == ' ') {
       escaped += "%20";
@@ -55,7 +62,6 @@ std::string escape_spaces(std::string_view url) {
       escaped += c;
     }
   }
-  return escaped;
 }
 
 // Takes the host off the front of `rest`.
@@ -118,9 +124,10 @@ int build_url(const url_view& view, const char* user, const char* password, uniq
 int parse_url(const char* text, const char* user, const char* password, unique_url& url) {
   const auto scheme = match_scheme(or_empty(text));
   if (!scheme) return reject("Invalid URL\n");
-  const std::string escaped = escape_spaces(text);
+  escaped_url escaped;
+  escape_spaces(text, escaped.text);
   url_view view;
-  if (const int code = parse_view(escaped, *scheme, view); code < 0) return code;
+  if (const int code = parse_view(escaped.text, *scheme, view); code < 0) return code;
   return build_url(view, user, password, url);
 }
 
@@ -141,9 +148,10 @@ void dl_url_free(dl_url* url) {
   if (!url) return;
   ::free(url->host);
   ::free(url->path);
-  if (url->password) OPENSSL_cleanse(url->password, strlen(url->password));
-  ::free(url->password);
-  ::free(url->user);
+  for (char* secret : {url->user, url->password}) {
+    if (secret) OPENSSL_cleanse(secret, strlen(secret));
+    ::free(secret);
+  }
   ::free(url);
 }
 

@@ -2,7 +2,6 @@
 #include "http/http_io.h"
 
 #include <errno.h>
-#include <openssl/crypto.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 #include <exception>
 
 #include "core/config.h"
+#include "core/text.h"
 #include "include/fetchrig_openssl.h"
 
 namespace fetchrig {
@@ -43,18 +43,15 @@ int write_failed() {
 }
 
 int send_message(http_channel& channel, const http_msg& message) {
-  std::string head = http_serialise_head(message);
-  std::span<const char> rest;
-  if (message.body.buffer) {
-    const std::string& body = *message.body.buffer;
-    const std::size_t joined = body.size() <= max_joined_body_bytes ? body.size() : 0;
-    head.append(body, 0, joined);
-    rest = std::span(body).subspan(joined);
-  }
+  const std::string_view body = message.body.buffer ? *message.body.buffer : std::string_view();
+  const std::size_t joined = body.size() <= max_joined_body_bytes ? body.size() : 0;
+  std::string head = http_serialise_head(message, joined);
+  head.append(body.substr(0, joined));
+  const std::span<const char> rest = body.substr(joined);
   const int rc = with_stream(channel, [&](stream& to) {
     return to.write_all(head) < 0 || to.write_all(rest) < 0 ? write_failed() : 0;
   });
-  OPENSSL_cleanse(head.data(), head.size());
+  wipe(head);
   return rc;
 }
 

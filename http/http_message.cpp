@@ -1,7 +1,6 @@
 // http_message.cpp: composing and editing a request.
 #include "http/http_message.h"
 
-#include <openssl/crypto.h>
 #include <string.h>
 
 #include <algorithm>
@@ -22,11 +21,6 @@ constexpr std::size_t usual_num_headers = 8;
 auto find_header(http_msg& message, std::string_view name) {
   return std::find_if(message.headers.begin(), message.headers.end(),
                       [name](const http_header& header) { return header.name == name; });
-}
-
-// Header values may be credentials.
-void wipe(std::string& text) {
-  OPENSSL_cleanse(text.data(), text.size());
 }
 
 template <typename Work>
@@ -96,14 +90,12 @@ std::unique_ptr<http_msg> http_msg_new() {
 int http_set_header(http_msg& message, std::string_view name, const char* value) {
   if (!value) return 0;
   return out_of_memory_guard([&] {
+    message.headers.reserve(message.headers.size() + 1);
     http_header header{std::string(name), value};
-    const auto found = find_header(message, name);
-    if (found == message.headers.end()) {
-      message.headers.push_back(std::move(header));
-    } else {
-      wipe(found->value);
-      *found = std::move(header);
-    }
+    auto found = find_header(message, name);
+    if (found == message.headers.end()) found = message.headers.emplace(found);
+    std::swap(*found, header);
+    wipe(header.value);  // what was replaced may be credentials
     return 0;
   });
 }
@@ -144,8 +136,13 @@ int http_make_request(bool tls, http_msg& message, const dl_http_request& reques
   return log_make_error(out_of_memory_guard([&] { return set_content_length(message); }));
 }
 
-std::string http_serialise_head(const http_msg& message) {
-  std::string head = message.request_line;
+std::string http_serialise_head(const http_msg& message, std::size_t more) {
+  constexpr std::size_t separators = 4;  // ": " and the line end
+  std::size_t size = message.request_line.size() + or_empty(message.extra_headers).size() + 2;
+  for (const auto& header : message.headers) size += header.name.size() + header.value.size() + separators;
+  std::string head;
+  head.reserve(size + more);
+  head += message.request_line;
   for (const auto& header : message.headers) {
     head.append(header.name).append(": ").append(header.value).append("\r\n");
   }

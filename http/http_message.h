@@ -59,8 +59,9 @@ void http_remove_header(http_msg& message, std::string_view name);
 [[nodiscard]] int http_make_request(bool tls, http_msg& message, const dl_http_request& request,
                                     const dl_url& url);
 
-// The bytes up to the body: request line, headers, extra headers, empty line.
-[[nodiscard]] std::string http_serialise_head(const http_msg& message);
+// The bytes up to the body: request line, headers, extra headers, empty line; with room for `more` bytes. The
+// text may hold credentials: it is composed in one allocation, and its owner wipes it.
+[[nodiscard]] std::string http_serialise_head(const http_msg& message, std::size_t more = 0);
 
 }  // namespace fetchrig
 #endif

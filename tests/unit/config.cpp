@@ -98,6 +98,9 @@ TEST_F(config, texts_are_cut_to_their_fields_and_some_are_read_back) {
   EXPECT_EQ(dl_get_option(DL_OPT_TEMP_DIR, got, 5), 0);
   EXPECT_STREQ(got, "/tmp");
   EXPECT_EQ(dl_get_option(DL_OPT_TEMP_DIR, nullptr, 8), -1);
+  set(DL_OPT_KEY_PASSPHRASE, text);
+  set(DL_OPT_KEY_PASSPHRASE, "new");
+  EXPECT_EQ(std::string(key_passphrase().data() + 3, 509), std::string(509, '\0')) << "the old one's tail";
   for (const uint32_t option :
        {DL_OPT_USER_AGENT, DL_OPT_HTTPS_CA_DIR, DL_OPT_KEY_PASSPHRASE, DL_OPT_KEY_SEED})
     EXPECT_EQ(dl_get_option(option, got, sizeof got), -1) << option;
