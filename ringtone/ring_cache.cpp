@@ -3,8 +3,10 @@
 
 #include <fcntl.h>
 #include <openssl/evp.h>
-#include <stdlib.h>
+#include <sys/random.h>
 #include <sys/stat.h>
+
+#include <array>
 
 #include "core/text.h"
 
@@ -27,10 +29,12 @@ ring_cache_file::~ring_cache_file() {
 }
 
 // A fresh name each time, so that two calls for one URL cannot meet in one file, and a link left under a
-// known name is never followed.
+// known name is never followed. Whoever plays the ring may read it, as far as the umask allows.
 bool ring_cache_file::open() {
-  std::string name = path_ + ".XXXXXX";
-  unique_fd fd(::mkostemp(name.data(), O_CLOEXEC));
+  std::array<unsigned char, 8> random;
+  if (::getrandom(random.data(), random.size(), 0) != std::ssize(random)) return false;
+  std::string name = path_ + "." + to_hex(random);
+  unique_fd fd(::open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
   if (!fd) return false;
   partial_path_ = std::move(name);
   file_.reset(::fdopen(fd.get(), "wb+"));

@@ -66,13 +66,10 @@ bool is_wanted_wave(std::span<const char> start) {
          memcmp(start.data() + wave_fmt_offset, wave_fmt, sizeof wave_fmt) == 0;
 }
 
-// A peer that closes early looks like the end of the body; only the announced length tells that bytes are
-// missing.
+// A peer that closes early looks like the end of the body.
 bool is_cut_short(const dl_http_session* session) {
-  if (session->flags & DL_HTTP_FLAG_CHUNKED) return false;
-  const char* line = dl_http_find_header_by_name(session, "content-length");
-  if (!line || session->remaining == 0) return false;
-  return leading_number(skip_white_space(line + strlen("content-length:")), UINT32_MAX).has_value();
+  const int end = dl_http_body_end(session);
+  return end != DL_BODY_WHOLE && end != DL_BODY_UNMARKED;
 }
 
 // Copies the body into the cache file: what `buffer` holds already, `held` bytes, and then the rest.

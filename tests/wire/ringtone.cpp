@@ -93,7 +93,9 @@ TEST_F(ringtone, downloaded_once_then_taken_from_the_cache) {
   ring_server server(sized(make_wave(5000)));  // has no second answer
   const temp_dir elsewhere;
   std::filesystem::create_symlink(elsewhere.file("target"), server.cached);
+  const mode_t usual = umask(027);
   EXPECT_EQ(ring_of(server.url, "ringtone-1"), "1 -1 " + server.cached);
+  umask(usual);
   EXPECT_EQ(ring_of(server.url, "ringtone-1"), "1 -1 " + server.cached);
   EXPECT_EQ(read_file(server.cached), make_wave(5000));
   EXPECT_TRUE(server.peer.finish());
@@ -103,7 +105,7 @@ TEST_F(ringtone, downloaded_once_then_taken_from_the_cache) {
   EXPECT_FALSE(file_exists(elsewhere.file("target"))) << "a link under the name is replaced, not followed";
   struct stat status;
   ASSERT_EQ(lstat(server.cached.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode, S_IFREG | 0600u);
+  EXPECT_EQ(status.st_mode, S_IFREG | 0640u) << "others play it, too";
 
   EXPECT_EQ(ring_of(server.url, nullptr, 10), "1 -1 " + server.cached.substr(0, 9));
   EXPECT_EQ(ring_of(server.url, nullptr, 0), "1 -1 -");
@@ -143,6 +145,7 @@ TEST_F(ringtone, downloads_are_judged) {
       {"empty", sized(""), "Wrong Wave Format"},
       {"body never starts", begun(0, stall()), "read error"},
       {"stalls in the middle", begun(1500, stall()), "Down load Error"},
+      {"chunks without the last", answer("Transfer-Encoding: chunked", "7d0\r\n" + good + "\r\n"), "Down load Error"},
       {"closes in the middle", begun(1500, hang_up()), "Down load Error"},
       {"not found", {expect_until("\r\n\r\n"), send("HTTP/1.1 404 Gone\r\n\r\n")}, "http open error, code:404"},
       // clang-format on
