@@ -1,6 +1,8 @@
 // log.cpp: every message of the library goes through qxfr_vlog(), which filters by module, builds one line of
 // at most 382 characters in a fixed buffer and hands it to the outputs. Takes no lock; the settings are
-// relaxed atomics, so a message logged while a setting changes sees the old or the new value.
+// relaxed atomics, so a message logged while a setting changes sees the old or the new value. No call is a
+// point of cancellation, or a thread that is cancelled while it writes would keep its share of the socket.
+#include <pthread.h>
 #include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -15,9 +17,13 @@
 #include <bit>
 
 #include "include/fetchrig.h"
+#include "log/cancel_hold.h"
 #include "log/syslog_socket.h"
 
 namespace fetchrig {
+
+std::atomic<int> syslog_pause_ms{5000};
+
 namespace {
 
 constexpr uint32_t num_modules = 7;
@@ -40,6 +46,8 @@ constexpr uint32_t packed(identity_text text) {
 struct log_state {
   std::atomic<uint32_t> identity{packed({'s', 'l', 'o', 'g'})};
   syslog_socket socket;
+  std::atomic<uint32_t> lost{0};           // lines that a blocked system log did not take, not told yet
+  std::atomic<int64_t> quiet_until_ms{0};  // with lost lines: when it is tried again
   std::array<std::atomic<int>, num_modules> levels = {default_level, 0, 0, 0, 0, 0, 0};
   std::atomic<bool> to_syslog{false};
   std::atomic<bool> to_console{true};
@@ -99,9 +107,56 @@ void add_time_stamp(line_buffer& line) {
   line.format("%03d.%03d.%03d:", static_cast<int>(now.tv_sec % 1000), micros / 1000, micros % 1000);
 }
 
+// Everything before the message. Returns where the console's part begins.
+std::size_t start_line(line_buffer& line, std::size_t module, int level) {
+  if (get(state.to_syslog)) add_syslog_prefix(line, level);
+  const auto identity = std::bit_cast<identity_text>(get(state.identity));
+  line.format("%.4s[%d]: ", identity.data(), static_cast<int>(getpid()));
+  const std::size_t console_from = line.length();
+  line.format("%s%s ", module_names[module], level_tags[static_cast<std::size_t>(level)]);
+  if (get(state.with_time)) add_time_stamp(line);
+  return console_from;
+}
+
+int64_t now_ms() {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+log_write put_to_syslog(const line_buffer& line, bool may_wait) {
+  log_write outcome = log_write::foreign;
+  for (int attempts = 0; attempts < 2 && outcome == log_write::foreign; ++attempts) {
+    if (get(state.to_syslog)) state.socket.open();
+    outcome = state.socket.write(line.text(), line.length(), may_wait);
+  }
+  if (outcome == log_write::blocked) set(state.quiet_until_ms, now_ms() + get(syslog_pause_ms));
+  return outcome;
+}
+
+bool tell_lost(uint32_t lost) {
+  line_buffer line;
+  start_line(line, DL_LOG_ANY, DL_LOG_WARNING);
+  line.format("%u lines lost, the system log was blocked\n", static_cast<unsigned>(lost));
+  return put_to_syslog(line, false) == log_write::sent;
+}
+
+// A system log that nobody reads costs its callers one wait: the lines of the next seconds are dropped, then
+// it is tried without waiting, until it takes the number of what was lost.
+void emit_to_syslog(const line_buffer& line) {
+  if (get(state.lost) > 0 && now_ms() < get(state.quiet_until_ms)) {
+    state.lost.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  const uint32_t lost = state.lost.exchange(0, std::memory_order_relaxed);
+  const bool told = lost == 0 || tell_lost(lost);
+  const bool blocked = told && put_to_syslog(line, lost == 0) == log_write::blocked;
+  if (!told) state.lost.fetch_add(lost, std::memory_order_relaxed);
+  if (!told || blocked) state.lost.fetch_add(1, std::memory_order_relaxed);
+}
+
 void emit(const line_buffer& line, std::size_t console_from) {
-  if (get(state.to_syslog)) state.socket.open();
-  if (state.socket.is_open()) state.socket.write(line.text(), line.length());
+  if (get(state.to_syslog) || state.socket.is_open()) emit_to_syslog(line);
   if (get(state.to_console)) {
     fwrite(line.text() + console_from, 1, line.length() - console_from, stdout);
     fflush(stdout);
@@ -128,6 +183,17 @@ void open_syslog(const char* identity) {
   state.socket.open();
 }
 
+void after_fork_in_child() {
+  state.socket.forget_writers();
+}
+__attribute__((constructor)) void on_load() {
+  pthread_atfork(nullptr, nullptr, after_fork_in_child);
+}
+// At the end of the process, or when the library is unloaded from it.
+__attribute__((destructor)) void on_unload() {
+  state.socket.close();
+}
+
 }  // namespace
 }  // namespace fetchrig
 
@@ -137,13 +203,9 @@ int qxfr_vlog(int module, int level, const char* format, va_list arguments) {
   const auto index = static_cast<uint32_t>(module);
   if (index >= num_modules || level > get(state.levels[index])) return 0;
   if (level < 0 || static_cast<std::size_t>(level) >= level_tags.size() || !format) return 0;
+  const cancel_hold hold;
   line_buffer line;
-  if (get(state.to_syslog)) add_syslog_prefix(line, level);
-  const auto identity = std::bit_cast<identity_text>(get(state.identity));
-  line.format("%.4s[%d]: ", identity.data(), static_cast<int>(getpid()));
-  const std::size_t console_from = line.length();
-  line.format("%s%s ", module_names[index], level_tags[static_cast<std::size_t>(level)]);
-  if (get(state.with_time)) add_time_stamp(line);
+  const std::size_t console_from = start_line(line, index, level);
   line.vformat(format, arguments);
   emit(line, console_from);
   return 0;
@@ -158,6 +220,7 @@ int qxfr_log(int module, int level, const char* format, ...) {
 }
 
 int qxfr_log_init(const char* identity, uint32_t flags, dl_log_callback callback) {
+  const cancel_hold hold;
   set_all_levels(default_level);
   state.socket.close();
   const bool to_syslog = flags & DL_LOG_TO_SYSLOG;
@@ -175,6 +238,7 @@ int qxfr_log_init(const char* identity, uint32_t flags, dl_log_callback callback
 }
 
 int qxfr_log_exit(void) {
+  const cancel_hold hold;
   set_all_levels(default_level);
   state.socket.close();
   set(state.to_console, true);
