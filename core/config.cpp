@@ -8,7 +8,9 @@
 #include <atomic>
 #include <span>
 
+#include "core/boundary.h"
 #include "core/openssl_start.h"
+#include "core/process_lock.h"
 #include "core/text.h"
 
 // Zero at load; written by dl_config_init(), dl_exit() and, under its lock, dl_set_option().
@@ -21,12 +23,9 @@ namespace {
 // dl_exit().
 std::atomic<unsigned> tls_wait_limit{0};
 
-class config_lock {
+class config_lock : mutex_hold {
  public:
-  config_lock() { pthread_mutex_lock(&g_dl_cfg.lock); }
-  ~config_lock() { pthread_mutex_unlock(&g_dl_cfg.lock); }
-  config_lock(const config_lock&) = delete;
-  config_lock& operator=(const config_lock&) = delete;
+  config_lock() : mutex_hold(g_dl_cfg.lock) {}
 };
 
 template <typename T>
@@ -140,19 +139,48 @@ void clear_config() {
   OPENSSL_cleanse(&g_dl_cfg, sizeof g_dl_cfg);
 }
 
+// The flag is set when the record is whole: it is read without the lock.
 void initialise() {
   dl_log_init(DL_LOG_TO_SYSLOG, nullptr);
   clear_config();
-  g_dl_cfg.initialised = 1;
   pthread_mutex_init(&g_dl_cfg.lock, nullptr);
   set_defaults();
+  std::atomic_ref(g_dl_cfg.initialised).store(1, std::memory_order_release);
   openssl_start();
+}
+
+int32_t store_option(uint32_t option, const void* value) {
+  if (const auto* entry = find_option(number_options, option)) return store_number(*entry, value);
+  if (option == DL_OPT_RING_ENTRY) return store_ring(value);
+  const auto* text = static_cast<const char*>(value);
+  if (option == DL_OPT_CALLER_TAG) {
+    store_caller_tag(text);
+    return 0;
+  }
+  const auto* entry = find_option(text_options, option);
+  if (!entry) return -1;
+  store_text(*entry, text);
+  return 0;
+}
+
+// The text that dl_get_option() serves, or null.
+const char* readable_text(uint32_t option) {
+  switch (option) {
+    case DL_OPT_TRUST_CA_DIR:
+      return g_dl_cfg.trust_ca_dir;
+    case DL_OPT_TEMP_DIR:
+      return g_dl_cfg.temp_dir;
+    case DL_OPT_CALLER_TAG:
+      return g_dl_cfg.caller_tag;
+    default:
+      return nullptr;
+  }
 }
 
 }  // namespace
 
 bool config_initialised() {
-  return g_dl_cfg.initialised == 1;
+  return std::atomic_ref(g_dl_cfg.initialised).load(std::memory_order_acquire) == 1;
 }
 
 int net_timeout_seconds() {
@@ -229,33 +257,22 @@ const char* dl_get_version(void) {
 }
 
 int dl_config_init(void) {
-  if (!config_initialised()) initialise();
-  qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "Init config! libfetchrig Ver:%s\n", library_version);
+  guarded([] {
+    if (!config_initialised()) initialise();
+    qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "Init config! libfetchrig Ver:%s\n", library_version);
+  });
   return 0;
 }
 
 int32_t dl_set_option(uint32_t option, const void* value) {
   if (!value) return -1;
   if (!config_initialised()) dl_config_init();
-  if (const auto* entry = find_option(number_options, option)) return store_number(*entry, value);
-  if (option == DL_OPT_RING_ENTRY) return store_ring(value);
-  const auto* text = static_cast<const char*>(value);
-  if (option == DL_OPT_CALLER_TAG) {
-    store_caller_tag(text);
-    return 0;
-  }
-  const auto* entry = find_option(text_options, option);
-  if (!entry) return -1;
-  store_text(*entry, text);
-  return 0;
+  return store_option(option, value);
 }
 
 int32_t dl_get_option(uint32_t option, char* buffer, uint32_t size) {
   if (!buffer || !config_initialised()) return -1;
-  const char* field = nullptr;
-  if (option == DL_OPT_TRUST_CA_DIR) field = g_dl_cfg.trust_ca_dir;
-  if (option == DL_OPT_TEMP_DIR) field = g_dl_cfg.temp_dir;
-  if (option == DL_OPT_CALLER_TAG) field = g_dl_cfg.caller_tag;
+  const char* field = readable_text(option);
   if (!field) return -1;
   const config_lock lock;
   // strncpy's contract: at most `size` bytes, the rest zero, unterminated when the text fills the buffer.
@@ -267,9 +284,11 @@ int32_t dl_get_option(uint32_t option, char* buffer, uint32_t size) {
 
 void dl_exit(void) {
   if (!config_initialised()) return;
-  openssl_stop();
-  pthread_mutex_destroy(&g_dl_cfg.lock);
-  clear_config();
+  guarded([] {
+    openssl_stop();
+    pthread_mutex_destroy(&g_dl_cfg.lock);
+    clear_config();
+  });
 }
 
 void dl_set_tls_wait_limit(uint32_t seconds) {

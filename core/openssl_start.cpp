@@ -60,6 +60,11 @@ void create_table() {
   }
 }
 
+// For a process that unloads the library without dl_exit().
+__attribute__((destructor)) void on_unload() {
+  release_table();
+}
+
 }  // namespace
 
 void openssl_start() {

@@ -5,45 +5,50 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <exception>
-#include <mutex>
+#include <array>
+#include <cstddef>
+#include <functional>
 #include <new>
-#include <unordered_map>
 
 #include "core/owners.h"
+#include "core/process_lock.h"
 #include "net/tls_bio.h"
 
 namespace fetchrig {
 namespace {
 
-// The private state of every session that an open call made, by the record's address. The lock guards the map
-// alone.
-class private_states {
- public:
-  http_private* find(const dl_http_session* session) {
-    const std::lock_guard guard(lock_);
-    const auto found = states_.find(session);
-    return found == states_.end() ? nullptr : found->second.get();
-  }
-  void add(const dl_http_session* session) {
-    auto state = std::make_unique<http_private>();
-    const std::lock_guard guard(lock_);
-    states_[session] = std::move(state);
-  }
-  void remove(const dl_http_session* session) {
-    const std::lock_guard guard(lock_);
-    states_.erase(session);
-  }
+// The private state of every session that an open call made, found by the record's address. Chained in
+// buckets of static storage: nothing is allocated for the table, and nothing is left of it when the library
+// is unloaded.
+std::array<http_private*, 64> states;
 
- private:
-  std::mutex lock_;
-  std::unordered_map<const dl_http_session*, std::unique_ptr<http_private>> states_;
-};
+// The place that holds the session's state, or the null at the end of its bucket. Under process_lock.
+http_private** place_of(const dl_http_session* session) {
+  http_private** place = &states[std::hash<const void*>()(session) / alignof(max_align_t) % states.size()];
+  while (*place && (*place)->owner != session) place = &(*place)->next;
+  return place;
+}
 
-// Never destroyed: sessions may outlive static destruction.
-private_states& states() {
-  static auto* const instance = new private_states;
-  return *instance;
+http_private* find_state(const dl_http_session* session) {
+  const process_lock lock;
+  return *place_of(session);
+}
+
+bool add_state(const dl_http_session* session) {
+  auto* state = new (std::nothrow) http_private;
+  if (!state) return false;
+  state->owner = session;
+  const process_lock lock;
+  *place_of(session) = state;
+  return true;
+}
+
+std::unique_ptr<http_private> take_state(const dl_http_session* session) {
+  const process_lock lock;
+  http_private** place = place_of(session);
+  http_private* const state = *place;
+  if (state) *place = state->next;
+  return std::unique_ptr<http_private>(state);
 }
 
 void end_tls(dl_http_session& session) {
@@ -58,7 +63,7 @@ void end_tls(dl_http_session& session) {
 
 }  // namespace
 
-http_channel::http_channel(dl_http_session& record) : session(record), own(states().find(&record)) {}
+http_channel::http_channel(dl_http_session& record) : session(record), own(find_state(&record)) {}
 
 bool is_http_session(const dl_http_session* session) {
   return session && session->magic == DL_HTTP_MAGIC;
@@ -66,12 +71,7 @@ bool is_http_session(const dl_http_session* session) {
 
 unique_http_session new_http_session() {
   auto record = zeroed_record<dl_http_session>();
-  try {
-    if (record) states().add(record.get());
-  } catch (const std::exception&) {
-    return nullptr;
-  }
-  if (!record) return nullptr;
+  if (!record || !add_state(record.get())) return nullptr;
   record->magic = DL_HTTP_MAGIC;
   return unique_http_session(record.release());
 }
@@ -80,7 +80,7 @@ void http_session_closer::operator()(dl_http_session* session) const {
   http_channel channel(*session);
   http_session_reset(channel);
   session->magic = 0;
-  states().remove(session);
+  take_state(session).reset();
   ::free(session);
 }
 

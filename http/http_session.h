@@ -26,6 +26,8 @@ struct http_private {
   http_response_facts response;
   read_ahead ahead;
   uint32_t chunk_begin = 0;  // taken bytes at the front of the chunk buffer
+  const dl_http_session* owner = nullptr;
+  http_private* next = nullptr;  // in the table of live sessions
 };
 
 // A session at work: the record and its private state, which is null for a caller's own record.
