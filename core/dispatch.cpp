@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "core/boundary.h"
 #include "core/dispatch_url.h"
 #include "core/owners.h"
 #include "core/result.h"
@@ -79,12 +80,7 @@ int download_ftp(const dl_request& request, const dl_url_parts& parts, const cha
                              parts.path.c_str(), local_path, result);
 }
 
-}  // namespace
-}  // namespace fetchrig
-
-using namespace fetchrig;
-
-int dl_open(const dl_request* request, dl_handle** handle, char* redirect, dl_result* result) {
+int run_open(const dl_request* request, dl_handle** handle, char* redirect, dl_result* result) {
   log_entry("dl_open");
   if (handle) *handle = nullptr;
   if (!request || !request->url || !result || !handle) return log_dispatch_error("Invalid Param!\n");
@@ -99,7 +95,7 @@ int dl_open(const dl_request* request, dl_handle** handle, char* redirect, dl_re
   return 0;
 }
 
-int dl_read(dl_handle* handle, char* buffer, int32_t size, dl_result* result) {
+int run_read(dl_handle* handle, char* buffer, int32_t size, dl_result* result) {
   log_entry("dl_read");
   if (!handle || !result || !buffer || size <= 0) return log_dispatch_error("Invalid Param!\n");
   switch (handle->proto) {
@@ -115,7 +111,7 @@ int dl_read(dl_handle* handle, char* buffer, int32_t size, dl_result* result) {
   }
 }
 
-void dl_close(dl_handle* handle) {
+void run_close(dl_handle* handle) {
   log_entry("dl_close");
   if (!handle) {
     log_dispatch_error("Invalid Param!\n");
@@ -138,7 +134,7 @@ void dl_close(dl_handle* handle) {
   ::free(handle);
 }
 
-int dl_download(const dl_request* request, const char* local_path, char* redirect, dl_result* result) {
+int run_download(const dl_request* request, const char* local_path, char* redirect, dl_result* result) {
   log_entry("dl_download");
   if (!request || !request->url || !result || !local_path) return log_dispatch_error("Invalid Param!\n");
   dl_url_parts parts;
@@ -154,4 +150,30 @@ int dl_download(const dl_request* request, const char* local_path, char* redirec
     default:
       return log_dispatch_error("Protocol Not Suppport!\n");
   }
+}
+
+}  // namespace
+}  // namespace fetchrig
+
+using namespace fetchrig;
+
+// A failure of the dispatcher's own leaves the result record as it is.
+static int dispatch_failed() {
+  return -1;
+}
+
+int dl_open(const dl_request* request, dl_handle** handle, char* redirect, dl_result* result) {
+  return guarded([&] { return run_open(request, handle, redirect, result); }, dispatch_failed);
+}
+
+int dl_read(dl_handle* handle, char* buffer, int32_t size, dl_result* result) {
+  return guarded([&] { return run_read(handle, buffer, size, result); }, dispatch_failed);
+}
+
+void dl_close(dl_handle* handle) {
+  guarded([handle] { run_close(handle); });
+}
+
+int dl_download(const dl_request* request, const char* local_path, char* redirect, dl_result* result) {
+  return guarded([&] { return run_download(request, local_path, redirect, result); }, dispatch_failed);
 }

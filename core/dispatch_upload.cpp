@@ -1,6 +1,7 @@
 // dispatch_upload.cpp: the protocol-independent upload.
 #include <string>
 
+#include "core/boundary.h"
 #include "core/dispatch_url.h"
 #include "include/fetchrig.h"
 
@@ -37,7 +38,7 @@ int upload_ftp(const upload& job, const dl_url_parts& parts) {
                           job.remote_name, job.local_path, job.mode, job.limit_mode, job.result);
 }
 
-int run(const upload& job, const dl_url_parts& parts) {
+int send_to(const upload& job, const dl_url_parts& parts) {
   switch (parts.proto) {
     case DL_PROTO_HTTPS:
     case DL_PROTO_HTTP:
@@ -58,9 +59,12 @@ using namespace fetchrig;
 
 int dl_upload(const dl_request* request, const char* local_path, const char* remote_name, char* redirect,
               dl_result* result, const char* headers, int32_t mode, uint32_t limit_mode) {
-  log_entry("dl_upload");
-  if (!result || !request || !request->url || !local_path) return log_dispatch_error("Invalid Param!\n");
-  dl_url_parts parts;
-  if (dl_url_split(request->url, parts) < 0) return log_dispatch_error("URL Pasing Fail!\n");
-  return run({*request, local_path, remote_name, redirect, result, headers, mode, limit_mode}, parts);
+  const auto work = [&] {
+    log_entry("dl_upload");
+    if (!result || !request || !request->url || !local_path) return log_dispatch_error("Invalid Param!\n");
+    dl_url_parts parts;
+    if (dl_url_split(request->url, parts) < 0) return log_dispatch_error("URL Pasing Fail!\n");
+    return send_to({*request, local_path, remote_name, redirect, result, headers, mode, limit_mode}, parts);
+  };
+  return guarded(work, [] { return -1; });
 }

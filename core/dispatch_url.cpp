@@ -2,9 +2,9 @@
 #include "core/dispatch_url.h"
 
 #include <array>
-#include <exception>
 #include <string_view>
 
+#include "core/boundary.h"
 #include "core/config.h"
 #include "core/text.h"
 #include "log/printable.h"
@@ -94,14 +94,19 @@ void split_path(std::string_view rest, dl_url_parts& parts) {
   parts.path = path.substr(0, path.find_first_of("?#"));
 }
 
-int split(std::string_view url, dl_url_parts& parts) {
-  std::string_view rest;
-  if (const int rc = split_scheme(url, parts, rest); rc < 0) return rc;
-  auto authority = rest.substr(0, rest.find('/'));
+int split_authority(std::string_view authority, dl_url_parts& parts) {
   std::optional<std::string_view> port;
   if (const int rc = split_login(authority, parts); rc < 0) return rc;
   if (const int rc = split_host(authority, parts, port); rc < 0) return rc;
-  if (const int rc = split_port(port, parts); rc < 0) return rc;
+  return split_port(port, parts);
+}
+
+int split(std::string_view url, dl_url_parts& parts) {
+  std::string_view rest;
+  if (const int rc = split_scheme(url, parts, rest); rc < 0) return rc;
+  const auto authority = rest.substr(0, rest.find('/'));
+  const auto work = [&] { return split_authority(authority, parts); };
+  if (const int rc = guarded(work, [] { return login_failed(); }); rc < 0) return rc;
   split_path(rest, parts);
   return 0;
 }
@@ -133,22 +138,18 @@ dl_url_parts::~dl_url_parts() {
 
 int dl_url_split(const char* url, dl_url_parts& parts) {
   log_entry("dl_url_parse");
-  try {
-    if (const int rc = split(url, parts); rc < 0) return rc;
-  } catch (const std::exception&) {
-    return -1;
-  }
+  if (const int rc = guarded([&] { return split(url, parts); }, [] { return -1; }); rc < 0) return rc;
   log_parts(url, parts);
   return 0;
 }
 
 int dl_url_rebuild(const dl_request& request, dl_http_request& http, const dl_url_parts& parts,
                    std::string& url) {
-  try {
+  const auto work = [&] {
     url = clean_url(parts);
-  } catch (const std::exception&) {
-    return log_dispatch_error("Memory Exhualt!\n");
-  }
+    return 0;
+  };
+  if (const int rc = guarded(work, [] { return log_dispatch_error("Memory Exhualt!\n"); }); rc < 0) return rc;
   qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "URL After Modify = %s\n", printable(url.c_str()).c_str());
   http.url = url.c_str();
   http.user = user_for(request, parts);

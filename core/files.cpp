@@ -59,6 +59,22 @@ int copy_file(const char* source, const char* target) {
   return 0;
 }
 
+int file_md5(const char* path, char* digest) {
+  const unique_file file(path ? fopen(path, "rbe") : nullptr);
+  if (!file) return log_failure("file can't be opened\n");
+  MD5_CTX md5;
+  MD5_Init(&md5);
+  std::array<char, 1024> block;
+  while (const std::size_t count = fread(block.data(), 1, block.size(), file.get())) {
+    MD5_Update(&md5, block.data(), count);
+  }
+  if (ferror(file.get())) warn_stopped_short("digest");
+  std::array<unsigned char, MD5_DIGEST_LENGTH> bytes;
+  MD5_Final(bytes.data(), &md5);
+  for (std::size_t i = 0; i < bytes.size(); ++i) snprintf(digest + 2 * i, 3, "%02x", bytes[i]);
+  return 0;
+}
+
 }  // namespace
 }  // namespace fetchrig
 
@@ -77,15 +93,21 @@ int dl_path_is_directory(const char* path) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "NULL path!\n");
     return 0;
   }
-  struct stat status = {};
-  return stat(path, &status) == 0 && (status.st_mode & directory_bit) ? 1 : 0;
+  const auto work = [path] {
+    struct stat status = {};
+    return stat(path, &status) == 0 && (status.st_mode & directory_bit) ? 1 : 0;
+  };
+  return guarded(work, [] { return 0; });
 }
 
 int32_t dl_get_file_size(const char* path) {
   if (!path) return log_failure("NULL path!\n");
-  struct stat status = {};
-  if (stat(path, &status) != 0 || status.st_size > INT32_MAX) return -1;
-  return static_cast<int32_t>(status.st_size);
+  const auto work = [path]() -> int32_t {
+    struct stat status = {};
+    if (stat(path, &status) != 0 || status.st_size > INT32_MAX) return -1;
+    return static_cast<int32_t>(status.st_size);
+  };
+  return guarded(work, [] { return -1; });
 }
 
 int dl_copy_file(const char* source, const char* target) {
@@ -95,17 +117,5 @@ int dl_copy_file(const char* source, const char* target) {
 
 int dl_get_file_md5(const char* path, char* digest) {
   if (!digest) return log_failure("MD5 error\n");
-  const unique_file file(path ? fopen(path, "rbe") : nullptr);
-  if (!file) return log_failure("file can't be opened\n");
-  MD5_CTX md5;
-  MD5_Init(&md5);
-  std::array<char, 1024> block;
-  while (const std::size_t count = fread(block.data(), 1, block.size(), file.get())) {
-    MD5_Update(&md5, block.data(), count);
-  }
-  if (ferror(file.get())) warn_stopped_short("digest");
-  std::array<unsigned char, MD5_DIGEST_LENGTH> bytes;
-  MD5_Final(bytes.data(), &md5);
-  for (std::size_t i = 0; i < bytes.size(); ++i) snprintf(digest + 2 * i, 3, "%02x", bytes[i]);
-  return 0;
+  return guarded([&] { return file_md5(path, digest); }, [] { return -1; });
 }

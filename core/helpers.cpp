@@ -15,6 +15,7 @@
 #include "core/owners.h"
 #include "core/text.h"
 #include "include/fetchrig_openssl.h"
+#include "log/cancel_hold.h"
 
 namespace {
 
@@ -102,6 +103,7 @@ int curl_mvprintf(const char* format, va_list arguments) {
 
 int curl_mvfprintf(FILE* stream, const char* format, va_list arguments) {
   if (!stream || !format) return -1;
+  const fetchrig::cancel_hold hold;
   return vfprintf(stream, format, arguments);
 }
 

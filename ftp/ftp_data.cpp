@@ -10,6 +10,7 @@
 
 #include <array>
 
+#include "core/boundary.h"
 #include "core/config.h"
 #include "core/result.h"
 #include "ftp/ftp_command.h"
@@ -118,6 +119,9 @@ int dl_ftp_create_data_conn(dl_ftp_session* session, char* reply, int32_t reply_
     qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "ftp data connection with invalid parameter\n");
     return DL_ERR_PARAMETER;
   }
-  ftp_reply line({reply, static_cast<std::size_t>(reply_size)});
-  return ftp_open_data(*session, line, timeout_s);
+  const auto open = [&] {
+    ftp_reply line({reply, static_cast<std::size_t>(reply_size)});
+    return ftp_open_data(*session, line, timeout_s);
+  };
+  return guarded(open, [] { return int{DL_ERR_MEMORY}; });
 }

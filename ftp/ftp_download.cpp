@@ -136,7 +136,10 @@ int receive_to_file(const ftp_login_data& login, const char* path, const char* l
 
 int dl_ftp_open(dl_ftp_session** session, const char* host, uint32_t port, const char* user,
                 const char* password, const char* path, dl_result* result) {
-  return fetchrig::open_download({session, result}, {host, port, user, password}, path);
+  using namespace fetchrig;
+  return guarded_transfer(result, [&] {
+    return open_download({session, result}, {host, port, user, password}, path);
+  });
 }
 
 int dl_ftp_read(dl_ftp_session* session, char* buffer, int32_t size, dl_result* result) {
@@ -147,15 +150,13 @@ int dl_ftp_read(dl_ftp_session* session, char* buffer, int32_t size, dl_result* 
   }
   if (size > 0 && session->remaining == 0 && ftp_is_cut(*session)) return fail_cut(result);
   const std::size_t wanted = std::min<std::size_t>(static_cast<std::size_t>(size), session->remaining);
-  return read_whole(*session, {buffer, wanted}, result);
+  return guarded_transfer(result, [&] { return read_whole(*session, {buffer, wanted}, result); });
 }
 
 int dl_ftp_recv_to_file(const char* host, uint32_t port, const char* user, const char* password,
                         const char* path, const char* local_path, dl_result* result) {
   using namespace fetchrig;
-  return guarded(
-      [&] {
-        return receive_to_file({host, port, user, password}, path, local_path, result);
-      },
-      [&] { return fail(result, DL_ERR_MEMORY); });
+  return guarded_transfer(result, [&] {
+    return receive_to_file({host, port, user, password}, path, local_path, result);
+  });
 }

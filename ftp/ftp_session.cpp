@@ -5,10 +5,10 @@
 #include <stddef.h>
 #include <string.h>
 
-#include <mutex>
-
+#include "core/boundary.h"
 #include "core/config.h"
 #include "core/owners.h"
+#include "core/process_lock.h"
 #include "core/result.h"
 #include "core/text.h"
 #include "ftp/ftp_command.h"
@@ -39,20 +39,20 @@ struct own_session {
 static_assert(offsetof(own_session, record) == 0);
 
 // The sessions whose file cannot be counted to its end: a list through the sessions themselves, nearly always
-// empty.
+// empty. Under process_lock.
 class cut_sessions {
  public:
   void add(own_session& session) {
-    const std::lock_guard guard(lock_);
+    const process_lock lock;
     session.next_cut = first_;
     first_ = &session;
   }
   bool contains(const dl_ftp_session& session) {
-    const std::lock_guard guard(lock_);
+    const process_lock lock;
     return *place_of(session) != nullptr;
   }
   void remove(const dl_ftp_session& session) {
-    const std::lock_guard guard(lock_);
+    const process_lock lock;
     own_session** const place = place_of(session);
     if (*place) *place = (*place)->next_cut;
   }
@@ -65,7 +65,6 @@ class cut_sessions {
     return place;
   }
 
-  std::mutex lock_;  // guards the list alone
   own_session* first_ = nullptr;
 };
 
@@ -172,9 +171,11 @@ void dl_ftp_close(dl_ftp_session* session) {
     qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "ftp close with invalid parameter\n");
     return;
   }
-  const unique_malloc<dl_ftp_session> owner(session);
-  cut.remove(*session);
-  ftp_close_socket(session->ctrl_sock);
-  ftp_close_socket(session->data_sock);
-  OPENSSL_cleanse(session, sizeof *session);
+  guarded([session] {
+    const unique_malloc<dl_ftp_session> owner(session);
+    cut.remove(*session);
+    ftp_close_socket(session->ctrl_sock);
+    ftp_close_socket(session->data_sock);
+    OPENSSL_cleanse(session, sizeof *session);
+  });
 }

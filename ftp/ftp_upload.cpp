@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 
+#include "core/boundary.h"
 #include "core/config.h"
 #include "core/owners.h"
 #include "core/result.h"
@@ -246,8 +247,11 @@ int send_whole_file(const ftp_login_data& login, const upload_request& request, 
 int dl_ftp_send_open(dl_ftp_session** session, const char* host, uint32_t port, const char* user,
                      const char* password, const char* local_path, const char* remote_name, int32_t post_mode,
                      uint32_t limit_mode, dl_result* result) {
-  return fetchrig::open_upload({session, result}, {host, port, user, password},
-                               {local_path, remote_name, post_mode, limit_mode});
+  using namespace fetchrig;
+  return guarded_transfer(result, [&] {
+    return open_upload({session, result}, {host, port, user, password},
+                       {local_path, remote_name, post_mode, limit_mode});
+  });
 }
 
 int dl_ftp_send(dl_ftp_session* session, const char* local_path, dl_result* result) {
@@ -256,16 +260,20 @@ int dl_ftp_send(dl_ftp_session* session, const char* local_path, dl_result* resu
     qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "ftp read with invalid parameter\n");
     return fail(result, DL_ERR_PARAMETER);
   }
-  const int count = send_file(*session, local_path, result);
-  if (count < 0) return -1;
-  ftp_close_socket(session->data_sock);
-  if (finish_transfer(*session, result) < 0) return -1;
-  return count;
+  return guarded_transfer(result, [&] {
+    const int count = send_file(*session, local_path, result);
+    if (count < 0) return -1;
+    ftp_close_socket(session->data_sock);
+    return finish_transfer(*session, result) < 0 ? -1 : count;
+  });
 }
 
 int dl_ftp_send_file(const char* host, uint32_t port, const char* user, const char* password,
                      const char* remote_name, const char* local_path, int32_t post_mode, uint32_t limit_mode,
                      dl_result* result) {
-  return fetchrig::send_whole_file({host, port, user, password},
-                                   {local_path, remote_name, post_mode, limit_mode}, result);
+  using namespace fetchrig;
+  return guarded_transfer(result, [&] {
+    return send_whole_file({host, port, user, password}, {local_path, remote_name, post_mode, limit_mode},
+                           result);
+  });
 }

@@ -53,11 +53,8 @@ int receive_file(dl_http_session& session, const char* path, dl_result& result) 
 int download(dl_http_session* opened, const dl_http_request& request, const char* local_path,
              dl_result& result) {
   const unique_http_session session(opened);
-  const auto work = [&] {
-    std::string path;
-    return choose_local_path(request, local_path, path) ? receive_file(*session, path.c_str(), result) : -1;
-  };
-  return guarded(work, [&] { return fail(&result, DL_ERR_MEMORY); });
+  std::string path;
+  return choose_local_path(request, local_path, path) ? receive_file(*session, path.c_str(), result) : -1;
 }
 
 }  // namespace
@@ -67,16 +64,20 @@ using namespace fetchrig;
 
 int dl_http_recv_to_file(const dl_http_request* request, const char* local_path, char* redirect,
                          dl_result* result) {
-  dl_http_session* session = nullptr;
-  if (dl_http_open(&session, request, redirect, result) < 0) return -1;
-  return download(session, *request, local_path, *result);
+  return guarded_transfer(result, [&] {
+    dl_http_session* session = nullptr;
+    if (dl_http_open(&session, request, redirect, result) < 0) return -1;
+    return download(session, *request, local_path, *result);
+  });
 }
 
 int dl_http_recv_to_file_ex(const dl_http_request_ex* request, const char* local_path, char* redirect,
                             dl_result* result) {
-  dl_http_session* session = nullptr;
-  if (dl_http_open_ex(&session, request, redirect, result) < 0) return -1;
-  return download(session, *request->request, local_path, *result);
+  return guarded_transfer(result, [&] {
+    dl_http_session* session = nullptr;
+    if (dl_http_open_ex(&session, request, redirect, result) < 0) return -1;
+    return download(session, *request->request, local_path, *result);
+  });
 }
 
 const char* dl_http_find_header_by_name(const dl_http_session* session, const char* name) {

@@ -94,10 +94,12 @@ int open_new_session(const http_plan& plan, unique_http_session& session) {
 // The two ways to open a URL, once their own arguments have been checked.
 int open_for_reading(const http_plan& plan, dl_http_session** place) {
   *place = nullptr;
-  unique_http_session session;
-  if (http_open_plan(plan, session) < 0) return -1;
-  *place = session.release();
-  return 0;
+  return guarded_transfer(plan.result, [&] {
+    unique_http_session session;
+    if (http_open_plan(plan, session) < 0) return -1;
+    *place = session.release();
+    return 0;
+  });
 }
 
 }  // namespace

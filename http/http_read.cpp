@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 
+#include "core/boundary.h"
 #include "core/owners.h"
 #include "core/result.h"
 #include "core/text.h"
@@ -306,10 +307,12 @@ int dl_http_read(dl_http_session* session, char* buffer, int32_t size, dl_result
     qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "http read with invalid parameter\n");
     return fail(result, DL_ERR_PARAMETER);
   }
-  http_channel channel(*session);
-  return http_read_full(channel, {buffer, static_cast<std::size_t>(size)}, *result);
+  return guarded_transfer(result, [&] {
+    http_channel channel(*session);
+    return http_read_full(channel, {buffer, static_cast<std::size_t>(size)}, *result);
+  });
 }
 
 void dl_http_close(dl_http_session* session) {
-  if (is_http_session(session)) http_session_closer()(session);
+  if (is_http_session(session)) guarded([session] { http_session_closer()(session); });
 }

@@ -1,5 +1,5 @@
 // http_upload.cpp: sending a file by PUT or multipart POST, and posting with a list of credentials.
-#include "core/result.h"
+#include "core/boundary.h"
 #include "http/http_open.h"
 #include "include/fetchrig.h"
 
@@ -12,10 +12,12 @@ int dl_http_post_file(dl_http_session** session, const dl_http_request* request,
     return http_refuse("http post file with invalid parameter\n", result);
   }
   *session = nullptr;
-  unique_http_session closed_at_return;
-  return http_open_plan(
-      {.request = *request, .redirect = redirect, .result = result, .file_path = local_path},
-      closed_at_return);
+  return guarded_transfer(result, [&] {
+    unique_http_session closed_at_return;
+    return http_open_plan(
+        {.request = *request, .redirect = redirect, .result = result, .file_path = local_path},
+        closed_at_return);
+  });
 }
 
 int dl_http_post_multi_auth(dl_http_session** session, const dl_http_request* request,
@@ -32,8 +34,10 @@ int dl_http_post_multi_auth(dl_http_session** session, const dl_http_request* re
     plan.credentials = credentials;
     plan.num_credentials = count;
   }
-  unique_http_session opened;
-  if (http_open_plan(plan, opened) < 0) return -1;
-  *session = opened.release();
-  return 0;
+  return guarded_transfer(result, [&] {
+    unique_http_session opened;
+    if (http_open_plan(plan, opened) < 0) return -1;
+    *session = opened.release();
+    return 0;
+  });
 }

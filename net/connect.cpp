@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "core/boundary.h"
 #include "core/owners.h"
 #include "log/printable.h"
 
@@ -145,6 +146,16 @@ bool is_usable(const addrinfo& entry, int ipv6) {
   return entry.ai_family == AF_INET || (entry.ai_family == AF_INET6 && ipv6);
 }
 
+// The socket of the first usable address that accepts.
+int connect_first(const addrinfo& list, int port, int ipv6, int seconds) {
+  for (const addrinfo* entry = &list; entry; entry = entry->ai_next) {
+    if (!is_usable(*entry, ipv6)) continue;
+    unique_fd sock = connect_address(*entry, port, seconds);
+    if (sock) return sock.release();
+  }
+  return DL_ERR_CONNECT;
+}
+
 // poll() until ready or the time is over; an interrupted wait goes on with the time that is left.
 int poll_within(pollfd& entry, int seconds) {
   const int64_t end = now_ms() + int64_t{seconds} * 1000;
@@ -183,7 +194,7 @@ int dl_select(int sock, int mode, int seconds) {
   if (mode & wait_readable) entry.events |= POLLIN;
   if (mode & wait_writable) entry.events |= POLLOUT;
   if (!entry.events) entry.fd = -1;
-  const int ready = poll_within(entry, seconds);
+  const int ready = guarded([&] { return poll_within(entry, seconds); }, [] { return -1; });
   if (ready <= 0) return ready;
   if (entry.revents & POLLNVAL) {
     errno = EBADF;
@@ -199,7 +210,8 @@ struct addrinfo* dl_look_up_host(const char* host, int ipv6, int socket_type) {
   hints.ai_family = ipv6 ? AF_UNSPEC : AF_INET;
   hints.ai_socktype = socket_type;
   addrinfo* list = nullptr;
-  const int error = host ? getaddrinfo(host, nullptr, &hints, &list) : EAI_NONAME;
+  const auto look_up = [&] { return host ? getaddrinfo(host, nullptr, &hints, &list) : EAI_NONAME; };
+  const int error = guarded(look_up, [] { return EAI_MEMORY; });
   if (error == 0) return list;
   qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "getaddrinfo: %s\n", gai_strerror(error));
   return nullptr;
@@ -207,12 +219,9 @@ struct addrinfo* dl_look_up_host(const char* host, int ipv6, int socket_type) {
 
 int dl_connect(const char* host, int port, int ipv6, int seconds) {
   qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "Connecting %s:%d\n", printable(host).c_str(), port);
-  const address_list list(dl_look_up_host(host, ipv6, SOCK_STREAM));
-  if (!list) return DL_ERR_HOST;
-  for (const addrinfo* entry = list.get(); entry; entry = entry->ai_next) {
-    if (!is_usable(*entry, ipv6)) continue;
-    unique_fd sock = connect_address(*entry, port, seconds);
-    if (sock) return sock.release();
-  }
-  return DL_ERR_CONNECT;
+  const auto work = [&]() -> int {
+    const address_list list(dl_look_up_host(host, ipv6, SOCK_STREAM));
+    return list ? connect_first(*list, port, ipv6, seconds) : int{DL_ERR_HOST};
+  };
+  return guarded(work, [] { return int{DL_ERR_CONNECT}; });
 }

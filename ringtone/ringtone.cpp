@@ -162,5 +162,5 @@ int dl_distinctive_ringtone_download(const char* alert, const char* ring_name, i
     return 0;
   }
   *ring_number = -1;
-  return find_ring(alert, ring_name, ring_number, path, path_size);
+  return guarded([&] { return find_ring(alert, ring_name, ring_number, path, path_size); }, [] { return 0; });
 }

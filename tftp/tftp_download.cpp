@@ -156,14 +156,7 @@ int receive_to_file(const tftp_target& target, const char* local_path, dl_result
   return 0;
 }
 
-}  // namespace
-
-}  // namespace fetchrig
-
-int dl_tftp_open(dl_tftp_session** session, const char* host, uint32_t port, const char* remote_name,
-                 dl_result* result) {
-  using namespace fetchrig;
-  const tftp_target target{host, port, remote_name};
+int open_download(dl_tftp_session** session, const tftp_target& target, dl_result* result) {
   if (tftp_check_open(session, target, result) < 0) return -1;
   if (!config_initialised()) {
     qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "config doesn't init\n");
@@ -172,12 +165,22 @@ int dl_tftp_open(dl_tftp_session** session, const char* host, uint32_t port, con
   }
   if (tftp_start(session, target, 1, result) < 0) return -1;
   qxfr_log(DL_LOG_TFTP, DL_LOG_INFO, "Send Request Packet\n");
-  if (const int code = tftp_send_request(**session, tftp_opcode::rrq, remote_name); code < 0) {
+  if (const int code = tftp_send_request(**session, tftp_opcode::rrq, target.remote_name); code < 0) {
     return tftp_abandon(session, result, code);
   }
   if (!answered(**session)) return tftp_abandon(session, result, DL_ERR_NOT_TFTP);
   qxfr_log(DL_LOG_TFTP, DL_LOG_NOTICE, "tftp open success\n");
   return 0;
+}
+
+}  // namespace
+
+}  // namespace fetchrig
+
+int dl_tftp_open(dl_tftp_session** session, const char* host, uint32_t port, const char* remote_name,
+                 dl_result* result) {
+  using namespace fetchrig;
+  return guarded_transfer(result, [&] { return open_download(session, {host, port, remote_name}, result); });
 }
 
 int dl_tftp_read(dl_tftp_session* session, char* buffer, int32_t size, dl_result* result) {
@@ -186,15 +189,15 @@ int dl_tftp_read(dl_tftp_session* session, char* buffer, int32_t size, dl_result
     qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "Tftp read with invalid parameter\n");
     return fail(result, DL_ERR_PARAMETER);
   }
-  return read_checked(*session, {buffer, static_cast<std::size_t>(size)}, result);
+  return guarded_transfer(result, [&] {
+    return read_checked(*session, {buffer, static_cast<std::size_t>(size)}, result);
+  });
 }
 
 int dl_tftp_recv_to_file(const char* host, uint32_t port, const char* remote_name, const char* local_path,
                          dl_result* result) {
   using namespace fetchrig;
-  return guarded(
-      [&] {
-        return receive_to_file({host, port, remote_name}, local_path, result);
-      },
-      [&] { return fail(result, DL_ERR_MEMORY); });
+  return guarded_transfer(result, [&] {
+    return receive_to_file({host, port, remote_name}, local_path, result);
+  });
 }

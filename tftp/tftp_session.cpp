@@ -12,6 +12,7 @@
 
 #include <algorithm>
 
+#include "core/boundary.h"
 #include "core/config.h"
 #include "core/cursor.h"
 #include "core/owners.h"
@@ -267,8 +268,10 @@ void dl_tftp_close(dl_tftp_session* session) {
     return;
   }
   // The record is the caller's handle until here, so it is held in the owners for plain memory only now.
-  const fetchrig::unique_malloc<dl_tftp_session> record(session);
-  const fetchrig::unique_text carry(session->carry);
-  const fetchrig::unique_fd sock(session->sock > 2 ? session->sock : -1);
-  ::explicit_bzero(session, sizeof *session);
+  fetchrig::guarded([session] {
+    const fetchrig::unique_malloc<dl_tftp_session> record(session);
+    const fetchrig::unique_text carry(session->carry);
+    const fetchrig::unique_fd sock(session->sock > 2 ? session->sock : -1);
+    ::explicit_bzero(session, sizeof *session);
+  });
 }

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 
+#include "core/boundary.h"
 #include "core/config.h"
 #include "core/owners.h"
 #include "core/result.h"
@@ -123,6 +124,28 @@ int send_file(dl_tftp_session& session, const char* local_path, dl_result* resul
   return send_blocks(session, file.get(), local_path, result);
 }
 
+int open_upload(dl_tftp_session** session, const tftp_target& target, dl_result* result) {
+  if (tftp_check_open(session, target, result) < 0) return -1;
+  if (tftp_start(session, target, 0, result) < 0) return -1;
+  qxfr_log(DL_LOG_TFTP, DL_LOG_INFO, "Send Request Packet\n");
+  if (const int code = request_accepted(**session, target.remote_name, result); code < 0) {
+    return tftp_abandon(session, result, code);
+  }
+  (*session)->block = 1;
+  qxfr_log(DL_LOG_TFTP, DL_LOG_NOTICE, "tftp open success\n");
+  return 0;
+}
+
+int send_whole_file(const tftp_target& target, const char* local_path, dl_result* result) {
+  dl_tftp_session* opened = nullptr;
+  if (dl_tftp_send_open(&opened, target.host, target.port, target.remote_name, result) < 0) return -1;
+  const unique_tftp session(opened);
+  const int total = dl_tftp_send(session.get(), local_path, result);
+  if (total < 0) return -1;
+  qxfr_log(DL_LOG_TFTP, DL_LOG_NOTICE, "send: %d bytes\n", total);
+  return 0;
+}
+
 }  // namespace
 
 }  // namespace fetchrig
@@ -130,16 +153,7 @@ int send_file(dl_tftp_session& session, const char* local_path, dl_result* resul
 int dl_tftp_send_open(dl_tftp_session** session, const char* host, uint32_t port, const char* remote_name,
                       dl_result* result) {
   using namespace fetchrig;
-  const tftp_target target{host, port, remote_name};
-  if (tftp_check_open(session, target, result) < 0) return -1;
-  if (tftp_start(session, target, 0, result) < 0) return -1;
-  qxfr_log(DL_LOG_TFTP, DL_LOG_INFO, "Send Request Packet\n");
-  if (const int code = request_accepted(**session, remote_name, result); code < 0) {
-    return tftp_abandon(session, result, code);
-  }
-  (*session)->block = 1;
-  qxfr_log(DL_LOG_TFTP, DL_LOG_NOTICE, "tftp open success\n");
-  return 0;
+  return guarded_transfer(result, [&] { return open_upload(session, {host, port, remote_name}, result); });
 }
 
 int dl_tftp_send(dl_tftp_session* session, const char* local_path, dl_result* result) {
@@ -148,7 +162,7 @@ int dl_tftp_send(dl_tftp_session* session, const char* local_path, dl_result* re
     qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "Tftp read with invalid parameter\n");
     return fail(result, DL_ERR_PARAMETER);
   }
-  return send_file(*session, local_path, result);
+  return guarded_transfer(result, [&] { return send_file(*session, local_path, result); });
 }
 
 int dl_tftp_send_file(const char* host, uint32_t port, const char* remote_name, const char* local_path,
@@ -156,13 +170,9 @@ int dl_tftp_send_file(const char* host, uint32_t port, const char* remote_name, 
   using namespace fetchrig;
   if (!local_path || !*local_path || port >= 65536 || !result || !host) return fail(result, DL_ERR_PARAMETER);
   const char* name = remote_name && *remote_name ? remote_name : base_name(local_path).data();
-  // Before the request, with which the server may empty the remote file.
-  if (!is_upload_file(DL_LOG_TFTP, local_path)) return fail(result, DL_ERR_READ);
-  dl_tftp_session* opened = nullptr;
-  if (dl_tftp_send_open(&opened, host, port, name, result) < 0) return -1;
-  const unique_tftp session(opened);
-  const int total = dl_tftp_send(session.get(), local_path, result);
-  if (total < 0) return -1;
-  qxfr_log(DL_LOG_TFTP, DL_LOG_NOTICE, "send: %d bytes\n", total);
-  return 0;
+  return guarded_transfer(result, [&] {
+    // Before the request, with which the server may empty the remote file.
+    if (!is_upload_file(DL_LOG_TFTP, local_path)) return fail(result, DL_ERR_READ);
+    return send_whole_file({host, port, name}, local_path, result);
+  });
 }
