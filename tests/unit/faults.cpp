@@ -240,20 +240,19 @@ TEST_F(faults, memory) {
   }
 }
 
-// What cannot be read for lack of memory is no store entry without a certificate and no key file without key.
 // Symptom: the head of a request that grew left its password behind in freed memory.
 TEST_F(faults, no_memory_is_given_back_with_a_password_in_it) {
   for (const char* text : {"cGhvbmU6czNjcmV0", "s3cret"}) {
-    tcp_peer server({answered(unauthorized("Basic realm=v"), content_.size()),
-                     answered(response("200 OK"), content_.size())});
+    tcp_peer server(taken_);
     dl_result result = {};
     secret = text;
-    EXPECT_EQ(0, upload(DL_METHOD_PUT, server.url("http", "/a").c_str(), &result));
+    EXPECT_EQ(0, put(server.url("http", "/a").c_str(), &result));
     secret = nullptr;
   }
   EXPECT_EQ(0, std::exchange(num_leaked, 0));
 }
 
+// What cannot be read for lack of memory is no store entry without a certificate and no key file without key.
 TEST_F(faults, memory_removes_no_file) {
   const temp_dir store;
   set_option(DL_OPT_TRUST_CA_DIR, store.path() + "/");

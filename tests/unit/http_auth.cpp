@@ -194,12 +194,4 @@ TEST(http_auth, answers) {
   }
 }
 
-TEST(http_auth, null_is_allowed) {
-  EXPECT_EQ(Curl_input_auth(nullptr, 0, "Basic"), HTTP_CHALLENGE_UNKNOWN);
-  EXPECT_EQ(Curl_output_auth(nullptr, 0, "GET", "/"), HTTP_ANSWER_SCHEME);
-  EXPECT_EQ(Curl_output_digest(nullptr, 0, "GET", "/"), HTTP_ANSWER_SCHEME);
-  EXPECT_EQ(Curl_output_xsi_auth(nullptr), HTTP_ANSWER_SCHEME);
-  Curl_digest_cleanup_one(nullptr);
-}
-
 }  // namespace

@@ -161,9 +161,8 @@ TEST_F(http_read, what_is_there_of_a_large_chunk_is_delivered_and_a_failure_lose
 TEST_F(http_read, arguments) {
   const fed_socket feed("body");
   const auto session = fed_session(feed, false, 0, 4);
-  dl_http_session no_mark = *session.get();
+  dl_http_session no_mark = *session, no_sock = *session;
   no_mark.magic = 10139;
-  dl_http_session no_sock = *session.get();
   no_sock.sock = 0;
   char buffer[8];
   dl_result result = {};
