@@ -52,6 +52,7 @@ void add_cert(CLI::App& app, action& chosen) {
   CLI::App* cert = app.add_subcommand("cert", "Show, verify, issue, install and remove certificates");
   cert->require_subcommand(1);
   add_cert_files(*cert, chosen);
+  add_cert_generate(*cert, chosen);
   add_cert_store(*cert, chosen);
   add_cert_device(*cert, chosen);
 }

@@ -1,4 +1,4 @@
-// cert_files.cpp: "fetchrig cert info", "verify" and "generate", which work on single certificate files.
+// cert_files.cpp: "fetchrig cert info" and "verify", which work on single certificate files.
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -87,36 +87,6 @@ answer verify(const verify_options& options) {
   return told;
 }
 
-struct generate_options {
-  cert_options common;
-  std::string ca, ca_key, key, cert, subject, seed;
-  int bits = 2048;
-};
-
-answer generate(const generate_options& options) {
-  set_text_option(DL_OPT_KEY_SEED, options.seed);
-  const bool had_key = access(options.key.c_str(), F_OK) == 0;
-  if (!had_key && options.seed.empty()) {
-    tell(
-        "warning: without a seed anybody who knows the common name can compute the same key (--seed, "
-        "FETCHRIG_KEY_SEED)");
-  }
-  if (dl_generate_client_cert(options.ca.c_str(), options.ca_key.c_str(), options.key.c_str(),
-                              options.cert.c_str(), options.subject.c_str(), options.bits) != 0) {
-    throw failed_operation(options.subject, -1, "no certificate was issued");
-  }
-  dl_ca_info_ex record = {};
-  dl_result result = {};
-  if (dl_get_ca_info_ex(options.cert.c_str(), &record, 1, &result) != 0) {
-    throw failed_operation(options.cert, result.code, "the new certificate cannot be read back");
-  }
-  answer told = describe_certificate(record, true);
-  told.json["file"] = options.cert;
-  told.json["key_file"] = options.key;
-  told.json["key_generated"] = !had_key;
-  return told;
-}
-
 void add_info(CLI::App& cert, action& chosen) {
   const auto options = std::make_shared<info_options>();
   CLI::App* app = cert.add_subcommand("info", "Describe a certificate file (PEM or DER)");
@@ -147,35 +117,11 @@ void add_verify(CLI::App& cert, action& chosen) {
   });
 }
 
-void add_generate(CLI::App& cert, action& chosen) {
-  const auto options = std::make_shared<generate_options>();
-  CLI::App* app = cert.add_subcommand("generate", "Issue a client certificate signed by a CA of yours");
-  app->add_option("--ca", options->ca, "CA certificate (PEM or DER)")->required()->check(CLI::ExistingFile);
-  app->add_option("--ca-key", options->ca_key, "Its private key (PEM)")->required()->check(CLI::ExistingFile);
-  app->add_option("--key", options->key, "Private key of the client; made when the file holds none")
-      ->required();
-  app->add_option("--cert", options->cert, "File for the new certificate and its key")->required();
-  app->add_option("--subject", options->subject, "Such as /O=Acme/CN=0011AB")->required();
-  app->add_option("--bits", options->bits, "Length of a new RSA key")
-      ->check(CLI::Range(1024, 16384))
-      ->capture_default_str();
-  app->add_option("--seed", options->seed, "Secret that a new key is derived from; 16 characters count")
-      ->envname("FETCHRIG_KEY_SEED");
-  add_json_option(*app, options->common);
-  app->callback([options, &chosen] {
-    chosen = [options] {
-      configure(options->common);
-      return tell_answer(options->common.json, [&] { return generate(*options); });
-    };
-  });
-}
-
 }  // namespace
 
 void add_cert_files(CLI::App& cert, action& chosen) {
   add_info(cert, chosen);
   add_verify(cert, chosen);
-  add_generate(cert, chosen);
 }
 
 }  // namespace fetchrig::cli

@@ -29,9 +29,10 @@ void add_device_option(CLI::App& app, cert_options& options);
 void configure(const cert_options& options);
 
 // The groups of subcommands under "cert".
-void add_cert_files(CLI::App& cert, action& chosen);   // info, verify, generate
-void add_cert_store(CLI::App& cert, action& chosen);   // list, install, remove
-void add_cert_device(CLI::App& cert, action& chosen);  // device ...
+void add_cert_files(CLI::App& cert, action& chosen);     // info, verify
+void add_cert_generate(CLI::App& cert, action& chosen);  // generate
+void add_cert_store(CLI::App& cert, action& chosen);     // list, install, remove
+void add_cert_device(CLI::App& cert, action& chosen);    // device ...
 
 }  // namespace fetchrig::cli
 #endif

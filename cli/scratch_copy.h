@@ -1,11 +1,13 @@
 // scratch_copy.h: reading a certificate file without changing it. The library turns DER files into PEM in
-// place, which nobody expects of their own file: a DER file is copied to a temporary place first, for the
-// library to work on. A PEM file, which may hold a private key, is used where it lies. One operation at a
-// time.
+// place, through one scratch file that all processes share: a DER file is therefore handed over as a PEM copy
+// in a private directory under TMPDIR (or /tmp). A PEM file, which may hold a private key, is used where it
+// lies. One thread.
 #ifndef FETCHRIG_CLI_SCRATCH_COPY_H
 #define FETCHRIG_CLI_SCRATCH_COPY_H
 
 #include <string>
+
+#include "pem.h"
 
 namespace fetchrig::cli {
 
@@ -13,6 +15,8 @@ class scratch_copy {
  public:
   // Throws failure when `path` is no readable file or too large for a certificate.
   explicit scratch_copy(const std::string& path);
+  // A file of its own that holds the text, for the owner alone.
+  explicit scratch_copy(const secret_text& text);
   scratch_copy(const scratch_copy&) = delete;
   scratch_copy& operator=(const scratch_copy&) = delete;
   ~scratch_copy();
@@ -21,6 +25,8 @@ class scratch_copy {
   const char* path() const { return path_.c_str(); }
 
  private:
+  void write(const std::string& text);
+
   std::string directory_;  // empty: the file itself is used
   std::string path_;
 };

@@ -96,7 +96,7 @@ enum dl_option {
   DL_OPT_CALLER_TAG = 14,       /* text of at most 20 characters: kept for the caller */
   DL_OPT_AUTH_RETRY_LIMIT = 15, /* u32 not 0, 2: 401 answers one request tolerates (16 bits are kept) */
   DL_OPT_KEY_PASSPHRASE = 16,   /* text, empty: pass phrase of encrypted private keys */
-  DL_OPT_KEY_SEED = 25          /* text, empty: seed of the client key generator, 16 bytes are used */
+  DL_OPT_KEY_SEED = 25          /* text, empty: seed of the client key generator, 16 bytes; its keys are no secret */
 };
 
 /* A ring name, 128 bytes: the value of option 9. */
@@ -555,8 +555,13 @@ enum dl_cert_verify_code {
 };
 
 /* Issues a client certificate for `subject` ("/O=Acme/CN=0011AB") with the CA in `ca_cert` and `ca_key`. The RSA key
- * comes from `key_file` when that holds one; else it is generated with `bits` bits, deterministically from the common
- * name and option 25, and written there. `cert_file` receives certificate and key in PEM. Returns 0 or -1. */
+ * comes from `key_file` when that holds one in PEM without a pass phrase; else it is generated with `bits` bits,
+ * deterministically from the common name and option 25, and written there, in place of what the file held. `cert_file`
+ * receives certificate and key in PEM. Returns 0 or -1.
+ * Anyone can compute a key generated here from the certificate alone, whatever option 25 holds: such keys are for
+ * provisioning tests and old systems only. For any other use write a random RSA key to `key_file` first. The
+ * certificate is signed with MD5 and valid from 1 March 2014 to 24 February 2034; the CA's key must be RSA, in PEM
+ * without a pass phrase; the subject must start with "/" and be ASCII. */
 FETCHRIG_API int dl_generate_client_cert(const char *ca_cert, const char *ca_key, const char *key_file,
                                          const char *cert_file, const char *subject, int bits);
 /* Verifies the certificate in `path` (PEM or DER) against a hashed directory and a PEM file (each may be null: the

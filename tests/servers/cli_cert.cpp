@@ -75,28 +75,62 @@ TEST_F(cli_cert, info_and_verify) {
   expect_failed(tell({"verify", expired.cert, "--ca-file", root_}), 1, {"has expired", "(code 5)"});
 }
 
-TEST_F(cli_cert, generated_certificates_have_the_seeds_key_and_are_accepted_by_a_server) {
+TEST_F(cli_cert, keys_of_generated_certificates_are_random_unless_a_seed_is_given) {
   const identity issuer = make_identity("Issuer", new_rsa_key(2048), {.extensions = ca_extensions});
   write_file(path("ca"), pem_of(issuer.certificate.get()));
   write_file(path("ca.key"), pem_of(issuer.key.get()));
   const cert_files files = ca_.issue("server");
-  const auto generate = [&](const std::string& ca_key, const std::string& name, const std::string& seed) {
+  const auto key = new_rsa_key(1024);
+  const std::string locked = pem_of(key.get(), "open sesame");
+  const auto generate = [&](const std::string& name, const std::string& seed = "",
+                            const std::string& ca_key = "ca.key", const std::string& subject = "/CN=0011AB") {
     return ask({"generate", "--ca", "ca", "--ca-key", ca_key, "--key", name + ".key", "--cert", name,
-                "--subject", "/O=Acme/CN=0011AB", "--bits", "1024"},
+                "--subject", subject, "--bits", "1024"},
                seed);
   };
-  const json made = generate("ca.key", "a", "seed one");
+  const json made = generate("a");
   EXPECT_EQ("0011AB", made["subject"]);
   EXPECT_EQ(1024, made["private_key"]["bits"]);
   EXPECT_EQ(true, made["key_generated"]);
-  EXPECT_EQ(true, generate("ca.key", "b", "seed two")["ok"]);
+  EXPECT_EQ(false, generate("a", "a seed")["key_generated"]);
+  EXPECT_EQ(true, generate("b")["key_generated"]);
+  EXPECT_EQ(true, generate("seeded1", "seed")["key_generated"]);
+  EXPECT_EQ(true, generate("seeded2", "seed")["key_generated"]);
   EXPECT_NE(read_file(path("a.key")), read_file(path("b.key")));
-  EXPECT_EQ(false, generate("ca.key", "b", "seed one")["key_generated"]);
-  EXPECT_EQ(true, generate("ca.key", "c", "seed one")["ok"]);
-  EXPECT_EQ(read_file(path("a.key")), read_file(path("c.key")));
-  EXPECT_TRUE(holds(generate(files.key, "d", "")["message"], "do not match"));
-  EXPECT_EQ(true, ask({"device", "install", "a"})["ok"]) << "for all its MD5 signature and short key";
+  EXPECT_EQ(read_file(path("seeded1.key")), read_file(path("seeded2.key")));
+  write_file(path("locked.key"), locked);
+  setenv("FETCHRIG_KEY_PASSPHRASE", "open sesame", 1);
+  EXPECT_EQ(false, generate("locked")["key_generated"]);
+  unsetenv("FETCHRIG_KEY_PASSPHRASE");
+  EXPECT_EQ(modulus_of(key.get()), modulus_of(key_in(read_file(path("locked"))).get()));
+  EXPECT_EQ(locked, read_file(path("locked.key")));
 
+  const struct {
+    std::string key_file;
+    const char* seed;
+    std::string ca_key, subject;
+    const char* why;
+  } rows[] = {
+      {locked, "", "ca.key", "/CN=a", "encrypted"},
+      {der_of(key.get()), "s", "ca.key", "/CN=a", "DER"},
+      {"garbage", "", "ca.key", "/CN=a", "no private key"},
+      {"", "s", "ca.key", "/CN=a", "no private key"},
+      {read_file(files.key), "", "ca.key", "/CN=a", "no RSA key"},
+      {"-", "", files.key, "/CN=a", "RSA"},
+      {"-", "", "a.key", "/CN=a", "do not match"},
+      {"-", "", "ca.key", "CN=a", "start with \"/\""},
+      {"-", "", "ca.key", "/CN=\u00e4", "ASCII"},
+      {"-", "s", "ca.key", "/CN=", "/TYPE=VALUE"},
+  };
+  for (const auto& row : rows) {
+    const std::string file = path("refused.key");
+    if (row.key_file != "-") write_file(file, row.key_file);
+    EXPECT_TRUE(holds(generate("refused", row.seed, row.ca_key, row.subject)["message"], row.why)) << row.why;
+    EXPECT_EQ(row.key_file, access(file.c_str(), F_OK) == 0 ? read_file(file) : "-") << row.why;
+    unlink(file.c_str());
+  }
+
+  EXPECT_EQ(true, ask({"device", "install", "a"})["ok"]) << "for all its MD5 signature and short key";
   nginx_server server({files.cert, files.key, "TLSv1 TLSv1.2 TLSv1.3", path("ca")});
   REQUIRE_SERVER(server);
   server.put("file", "content");

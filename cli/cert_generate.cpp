@@ -1,0 +1,122 @@
+// cert_generate.cpp: "fetchrig cert generate", which issues a client certificate. The library's generator
+// makes keys that can be computed from the certificate; here a key is random unless a seed is given.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <memory>
+
+#include "cert_answer.h"
+#include "cert_options.h"
+#include "client_key.h"
+#include "fetchrig_openssl.h"
+#include "options.h"
+#include "report.h"
+
+namespace fetchrig::cli {
+namespace {
+
+struct generate_options {
+  cert_options common;
+  std::string ca, ca_key, key, cert, subject, seed;
+  int bits = 2048;
+};
+
+constexpr const char* nature =
+    "Such a certificate is signed with MD5 and valid from 1 March 2014 to 24 February 2034, whatever the "
+    "date;\n"
+    "many programs refuse it. The CA must have an RSA key without a pass phrase. The subject must start "
+    "with\n"
+    "\"/\" and be ASCII.\n"
+    "A key made from a seed can be computed by anyone who has the certificate: it is for provisioning tests "
+    "and\n"
+    "old systems only. Without a seed the key is random.";
+
+// Refuses what the library would refuse without a word.
+void check_subject(const std::string& subject) {
+  const auto is_ascii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
+  if (!subject.starts_with('/')) throw failed_operation(subject, -1, "the subject must start with \"/\"");
+  if (!std::all_of(subject.begin(), subject.end(), is_ascii)) {
+    throw failed_operation(subject, -1, "the subject must be ASCII");
+  }
+  using unique_name = std::unique_ptr<X509_NAME, openssl_free<X509_NAME_free>>;
+  if (const unique_name name(do_subject(subject.c_str(), MBSTRING_ASC)); name) return;
+  throw failed_operation(subject, -1, "the subject is not of the form /TYPE=VALUE/TYPE=VALUE");
+}
+
+void check_ca_key(const std::string& path) {
+  const secret_text content = read_small_file(path);
+  const unique_pkey key = pem_key(content.bytes(), passphrase::none);
+  if (!key) throw failed_operation(path, -1, "the CA's key must be in PEM, without a pass phrase");
+  if (!EVP_PKEY_is_a(key.get(), "RSA")) {
+    throw failed_operation(path, -1, "the CA's key must be an RSA key, for the signature with MD5");
+  }
+}
+
+// The library tells of output that it could not write in its log alone.
+void check_written(const generate_options& options, const client_key& key) {
+  if (!logged_errors().empty()) throw failed_operation(options.cert, 0, "not everything could be written");
+  if (!key.belongs_to(options.cert)) {
+    throw failed_operation(options.cert, 0,
+                           "the certificate and " + printable(options.key) + " do not agree");
+  }
+}
+
+answer generate(const generate_options& options) {
+  check_subject(options.subject);
+  check_ca_key(options.ca_key);
+  set_text_option(DL_OPT_KEY_SEED, options.seed);
+  client_key key(options.key);
+  if (!key.found() && options.seed.empty()) key.make_random(options.bits);
+  if (!key.found() && !options.seed.empty()) {
+    tell(
+        "warning: anyone can compute a key made from a seed; it is for provisioning tests and old systems "
+        "only");
+  }
+  forget_log();
+  if (dl_generate_client_cert(options.ca.c_str(), options.ca_key.c_str(), key.library_path(),
+                              options.cert.c_str(), options.subject.c_str(), options.bits) != 0) {
+    throw failed_operation(options.subject, -1, "no certificate was issued");
+  }
+  check_written(options, key);
+  key.keep();
+  dl_ca_info_ex record = {};
+  dl_result result = {};
+  if (dl_get_ca_info_ex(options.cert.c_str(), &record, 1, &result) != 0) {
+    throw failed_operation(options.cert, result.code, "the new certificate cannot be read back");
+  }
+  answer told = describe_certificate(record, true);
+  told.json["file"] = options.cert;
+  told.json["key_file"] = options.key;
+  told.json["key_generated"] = !key.found();
+  return told;
+}
+
+}  // namespace
+
+void add_cert_generate(CLI::App& cert, action& chosen) {
+  const auto options = std::make_shared<generate_options>();
+  CLI::App* app = cert.add_subcommand("generate", "Issue a client certificate signed by a CA of yours");
+  app->add_option("--ca", options->ca, "CA certificate (PEM or DER)")->required()->check(CLI::ExistingFile);
+  app->add_option("--ca-key", options->ca_key, "Its private key (RSA, PEM)")
+      ->required()
+      ->check(CLI::ExistingFile);
+  app->add_option("--key", options->key, "RSA key of the client; a random one is made when there is no file")
+      ->required();
+  app->add_option("--cert", options->cert, "File for the new certificate and its key")->required();
+  app->add_option("--subject", options->subject, "Such as /O=Acme/CN=0011AB")->required();
+  app->add_option("--bits", options->bits, "Length of a new RSA key")
+      ->check(CLI::Range(1024, 16384))
+      ->capture_default_str();
+  app->add_option("--seed", options->seed,
+                  "Make the key from this text and the common name instead; 16 characters count")
+      ->envname("FETCHRIG_KEY_SEED");
+  app->footer(std::string(nature) + "\n\n" + app->get_footer());
+  add_json_option(*app, options->common);
+  app->callback([options, &chosen] {
+    chosen = [options] {
+      configure(options->common);
+      return tell_answer(options->common.json, [&] { return generate(*options); });
+    };
+  });
+}
+
+}  // namespace fetchrig::cli
