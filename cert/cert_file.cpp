@@ -1,17 +1,12 @@
-// cert_file.cpp: reading certificates and keys whatever their encoding, and turning a DER file into PEM in
-// place.
+// cert_file.cpp: reading certificates and keys whatever their encoding.
 #include "cert/cert_file.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <openssl/pem.h>
-#include <stdio.h>
-#include <string.h>
-#include <sys/stat.h>
 
+#include "cert/der_to_pem.h"
 #include "cert/passphrase.h"
 #include "core/openssl_owners.h"
-#include "core/owners.h"
 #include "include/fetchrig_openssl.h"
 
 namespace fetchrig {
@@ -21,48 +16,6 @@ struct x509_infos_deleter {
   void operator()(STACK_OF(X509_INFO) * infos) const { sk_X509_INFO_pop_free(infos, X509_INFO_free); }
 };
 using unique_x509_infos = std::unique_ptr<STACK_OF(X509_INFO), x509_infos_deleter>;
-
-constexpr const char* scratch_path = "/tmp/ca_tmp.crt";
-
-// Another user could have put a link under the well-known name, so an old entry goes and a new file is made,
-// never opened through a link.
-unique_file create_scratch() {
-  ::unlink(scratch_path);
-  unique_fd fd(::open(scratch_path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-  if (!fd) return nullptr;
-  unique_file file(::fdopen(fd.get(), "wb"));
-  if (file) fd.release();
-  return file;
-}
-
-// Writes the certificate as PEM and closes the file; false unless all of it reached the file. The new file
-// takes the access mode of the file at `path`, which it is about to replace.
-bool write_scratch(unique_file file, X509* certificate, const char* path) {
-  struct stat status;
-  if (::stat(path, &status) == 0 && ::fchmod(::fileno(file.get()), status.st_mode & 0777) != 0) return false;
-  if (PEM_write_X509(file.get(), certificate) != 1) return false;
-  return ::fclose(file.release()) == 0;
-}
-
-// Replaces the file at `path` (a link there, not its target) by the certificate in PEM.
-bool rewrite_as_pem(const char* path, X509* certificate) {
-  qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "convert to PEM code\n");
-  unique_file scratch = create_scratch();
-  if (!scratch) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "open file err\n");
-    return false;
-  }
-  if (!write_scratch(std::move(scratch), certificate, path)) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "write scratch file errno %d\n", errno);
-    ::unlink(scratch_path);
-    return false;
-  }
-  if (::rename(scratch_path, path) != 0) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "rename errno %d", errno);
-    return false;
-  }
-  return true;
-}
 
 }  // namespace
 

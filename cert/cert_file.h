@@ -1,5 +1,5 @@
 // cert_file.h: certificate and key files in PEM or DER. Encoding codes: 0 PEM, 1 DER, -1 cannot be opened. No
-// state between calls; ca_file_hash() uses one scratch file per machine, so its callers run one at a time.
+// state between calls.
 #ifndef FETCHRIG_CERT_CERT_FILE_H
 #define FETCHRIG_CERT_CERT_FILE_H
 

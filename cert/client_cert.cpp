@@ -111,8 +111,8 @@ int generate(const char* ca_cert, const char* ca_key, const char* key_path, cons
 
   const unique_bio text = pem_text(certificate.get(), device.key.get());
   if (!text) return -1;
-  remove_plain_file(cert_path);
-  (void)write_private_file(cert_path, text.get());  // a failure is in the log and changes nothing below
+  // A failure is in the log and changes nothing below.
+  (void)write_private_file(cert_path, text_of(text.get()), at_link::replace_link);
   if (!device.reused) dl_cert_write_key(key_path, 0, device.key.get(), -1);
   return 0;
 }

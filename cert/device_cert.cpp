@@ -1,5 +1,7 @@
 // device_cert.cpp: installs, completes and deletes the device certificate, the PEM file that option 2 names.
+#include <errno.h>
 #include <openssl/ssl.h>
+#include <openssl/x509.h>
 #include <sys/stat.h>
 
 #include <array>
@@ -33,6 +35,8 @@ enum install_code {
   path_or_method_or_same = -7,
   same_as_factory = -8,
 };
+
+constexpr off_t max_file_bytes = max_small_file_bytes;
 
 struct device_paths {
   std::string directory;  // of the device certificate
@@ -81,8 +85,11 @@ install_code code_for(tls_file_check outcome) {
   return set_up_failed;
 }
 
-// The digest of the file's content; empty when it cannot be read.
+// The digest of the file's content; empty when it cannot be read, or is none that could have been installed.
 std::string content_digest(const std::string& path) {
+  struct stat status;
+  if (::stat(path.c_str(), &status) == 0 && (!S_ISREG(status.st_mode) || status.st_size > max_file_bytes))
+    return {};
   std::array<char, 33> digest = {};
   if (dl_get_file_md5(path.c_str(), digest.data()) != 0) return {};
   return digest.data();
@@ -94,9 +101,8 @@ int install(const char* path) {
   const int method = ssl_method();
   const auto paths = paths_from(device_file.data());
   if (!paths) return log_error(path_or_method_or_same, "Wrong server ca path\n");
-  if (const install_code code = code_for(check_tls_file(small_file(path ? path : ""), method));
-      code != installed)
-    return code;
+  const small_file file(path ? path : "");
+  if (const install_code code = code_for(check_tls_file(file, method)); code != installed) return code;
   if (!open_or_make_directory(paths->root)) return log_error(no_directory, "Can't open trust_path\n");
   if (!open_or_make_directory(paths->directory)) return log_error(no_directory, "Can't open serverdir\n");
 
@@ -107,25 +113,54 @@ int install(const char* path) {
   if (digest == content_digest(paths->factory)) {
     return log_error(same_as_factory, "cert file same to factory prefabrication device cert flie\n");
   }
-  reserve_private_file(device_file.data());
-  dl_copy_file(path, device_file.data());
+  // A failure is in the log only; the old file is then as it was.
+  (void)write_private_file(device_file.data(), file.bytes(), at_link::replace_target);
   return installed;
 }
+
+using unique_encrypted_key = std::unique_ptr<X509_SIG, openssl_deleter<X509_SIG_free>>;
 
 struct key_pair {
   unique_x509 certificate;
   unique_pkey key;
 };
 
-// Reads from the file what the pair still lacks. False when the file cannot be opened.
-bool complete_from(key_pair& pair, const char* path) {
+// What the file holds of the two. False when it cannot be opened.
+bool read_part(key_pair& pair, const char* path) {
+  const cert_source source(path);
+  if (!source.stream) return log_error(false, "Bio_new_file dev cert err\n");
+  pair.certificate.reset(load_cert_bio(source.encoding, source.stream.get()));
+  pair.key.reset(load_key_bio(source.encoding, source.file.stream().get()));
+  return true;
+}
+
+// Whether there is a private key in the file, be it encrypted or damaged.
+bool holds_key(const cert_source& source) {
+  if (source.encoding == encoding_pem)
+    return source.file.bytes().find("PRIVATE KEY-----") != std::string::npos;
+  const unique_bio bio = source.file.stream();
+  return bio && unique_encrypted_key(d2i_PKCS8_bio(bio.get(), nullptr));
+}
+
+// Adds to the pair what it lacks and the present device certificate file has. False when that cannot be read
+// just now, or has a key that cannot be opened: it would be lost.
+bool complete_from_present(key_pair& pair, const char* path) {
+  if (is_special_file(path)) return true;
   const cert_source source(path);
   if (!source.stream) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file dev cert err\n");
-    return false;
+    return source.error == ENOENT || source.error == ENOTDIR;
   }
-  if (!pair.certificate) pair.certificate.reset(load_cert_bio(source.encoding, source.stream.get()));
-  if (!pair.key) pair.key.reset(load_key_bio(source.encoding, source.file.stream().get()));
+  const bool is_empty = source.file.bytes().empty();
+  ERR_clear_error();
+  if (!pair.certificate) {
+    pair.certificate.reset(load_cert_bio(source.encoding, source.stream.get()));
+    if (!pair.certificate && !is_empty && ran_out_of_memory()) return false;
+  }
+  if (pair.key) return true;
+  pair.key.reset(load_key_bio(source.encoding, source.file.stream().get()));
+  if (!pair.key && !is_empty && (ran_out_of_memory() || holds_key(source)))
+    return log_error(false, "the private key of the present device certificate can't be opened\n");
   return true;
 }
 
@@ -148,9 +183,9 @@ bool make_server_directory(std::string_view device_file) {
 int install_separate(const char* path) {
   const option_text device_file = device_cert_file();
   key_pair pair;
-  if (!complete_from(pair, path)) return -1;
+  if (!read_part(pair, path)) return -1;
   if (!pair.certificate && !pair.key) return log_error(-1, "load dev cert err\n");
-  (void)complete_from(pair, device_file.data());  // there may be no device certificate yet
+  if (!complete_from_present(pair, device_file.data())) return -1;
   if (!make_server_directory(device_file.data())) return -1;
   // The usual way to replace both is one after the other, so this state is allowed but worth knowing.
   if (pair.certificate && pair.key && X509_check_private_key(pair.certificate.get(), pair.key.get()) != 1) {
@@ -158,7 +193,7 @@ int install_separate(const char* path) {
   }
   const unique_bio text = pem_text(pair.certificate.get(), pair.key.get());
   if (!text) return log_error(-1, "Can't encode the device certificate\n");
-  return write_private_file(device_file.data(), text.get()) ? 0 : -1;
+  return write_private_file(device_file.data(), text_of(text.get()), at_link::replace_target) ? 0 : -1;
 }
 
 }  // namespace

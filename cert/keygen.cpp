@@ -13,6 +13,7 @@
 #include "cert/error_queue.h"
 #include "cert/passphrase.h"
 #include "cert/private_file.h"
+#include "core/boundary.h"
 #include "include/fetchrig_openssl.h"
 
 namespace fetchrig {
@@ -82,20 +83,25 @@ int build_rsa_key(device_key& result, const char* path, int bits, const keygen_s
 }  // namespace fetchrig
 
 int dl_cert_build_rsa_key(const char* path, int bits, EVP_PKEY** key, int* reused) {
+  using namespace fetchrig;
   if (!path || !key || !reused) return -1;
-  const fetchrig::clean_error_queue after;
-  fetchrig::device_key result;
-  if (fetchrig::build_rsa_key(result, path, bits, nullptr) != 0) return -1;
+  const clean_error_queue after;
+  device_key result;
+  if (build_rsa_key(result, path, bits, nullptr) != 0) return -1;
   if (result.reused) *reused = 1;
   *key = result.key.release();
   return 0;
 }
 
 int dl_cert_write_key(const char* path, int /*unused1*/, EVP_PKEY* key, int /*unused2*/) {
+  using namespace fetchrig;
   if (!path || !key) return -1;
-  const fetchrig::unique_bio text = fetchrig::pem_text(nullptr, key);
+  const clean_error_queue after;
+  const unique_bio text = pem_text(nullptr, key);
   if (!text) return -1;
-  fetchrig::remove_plain_file(path);
-  (void)fetchrig::write_private_file(path, text.get());  // a failure is in the log only
-  return 0;
+  const auto write = [&] {  // a failure is in the log only
+    (void)write_private_file(path, text_of(text.get()), at_link::replace_link);
+    return 0;
+  };
+  return guarded(write, [] { return -1; });
 }

@@ -3,12 +3,14 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <openssl/pem.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <span>
+#include <string>
 
+#include "cert/file_replacement.h"
 #include "core/owners.h"
 #include "include/fetchrig.h"
 #include "log/printable.h"
@@ -16,21 +18,62 @@
 namespace fetchrig {
 namespace {
 
-constexpr mode_t owner_only = 0600;
-
-bool write_all(int fd, std::span<const char> bytes) {
-  while (!bytes.empty()) {
-    const ssize_t written = ::write(fd, bytes.data(), bytes.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return false;
-    bytes = bytes.subspan(static_cast<std::size_t>(written));
-  }
-  return true;
+// In a folder where everybody may make names, a stranger's link leads nowhere, as the kernel has it with
+// protected_symlinks.
+bool is_planted(const std::string& link, const struct stat& status) {
+  const std::string folder(folder_of(link));
+  struct stat around;
+  if (::stat(folder.empty() ? "." : folder.c_str(), &around) != 0) return true;
+  constexpr mode_t shared = S_ISVTX | S_IWOTH;
+  return (around.st_mode & shared) == shared && status.st_uid != ::geteuid() &&
+         status.st_uid != around.st_uid;
 }
 
-bool report_failure(const char* path, int error) {
-  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't write %s, errno %d\n", printable(path).c_str(), error);
-  return false;
+// Leaves in `path` what its links lead to, which need not exist. 0, or errno.
+int follow_links(std::string& path) {
+  constexpr int max_links = 40;
+  for (int links = 0; links < max_links; ++links) {
+    struct stat status;
+    if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT ? 0 : errno;
+    if (!S_ISLNK(status.st_mode)) return 0;
+    if (is_planted(path, status)) return EACCES;
+    char to[PATH_MAX];
+    const ssize_t length = ::readlink(path.c_str(), to, sizeof to);
+    if (length < 0) return errno;
+    if (length == sizeof to) return ENAMETOOLONG;
+    const std::string_view target(to, static_cast<std::size_t>(length));
+    path = (target.starts_with('/') ? "" : std::string(folder_of(path))).append(target);
+  }
+  return ELOOP;
+}
+
+// Who may use the file that takes the place of the one at `path`.
+file_access access_like(const std::string& path) {
+  struct stat old;
+  const bool chosen = ::lstat(path.c_str(), &old) == 0 && S_ISREG(old.st_mode) && old.st_uid == ::geteuid() &&
+                      (old.st_mode & S_IRWXO) == 0;
+  if (!chosen) return {};
+  return {old.st_mode & (S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP), old.st_gid};
+}
+
+// A pipe without a reader is not waited for, and one that somebody else made gets no key.
+int write_special_file(const char* path, std::string_view text) {
+  unique_fd file(::open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  struct stat status;
+  if (!file || ::fstat(file.get(), &status) != 0) return errno;
+  if (S_ISREG(status.st_mode)) return EEXIST;  // it was no such file a moment ago
+  if (S_ISFIFO(status.st_mode) && status.st_uid != ::geteuid()) return EACCES;
+  if (const int error = write_all(file.get(), text); error != 0) return error;
+  return ::close(file.release()) == 0 ? 0 : errno;
+}
+
+int write_file(const char* path, std::string_view text, at_link choice) {
+  if (is_special_file(path)) return write_special_file(path, text);
+  std::string target = path;
+  if (choice == at_link::replace_target) {
+    if (const int error = follow_links(target); error != 0) return error;
+  }
+  return replace_file(target, text, access_like(target));
 }
 
 }  // namespace
@@ -44,6 +87,12 @@ unique_bio pem_text(X509* certificate, EVP_PKEY* key) {
   return text;
 }
 
+std::string_view text_of(BIO* memory) {
+  char* bytes = nullptr;
+  const long length = BIO_get_mem_data(memory, &bytes);
+  return length > 0 ? std::string_view(bytes, static_cast<std::size_t>(length)) : std::string_view();
+}
+
 bool is_special_file(const char* path) {
   struct stat status;
   return ::stat(path, &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode);
@@ -51,21 +100,14 @@ bool is_special_file(const char* path) {
 
 void remove_plain_file(const char* path) {
   struct stat status;
-  if (lstat(path, &status) == 0 && (S_ISREG(status.st_mode) || S_ISLNK(status.st_mode))) ::unlink(path);
+  if (::lstat(path, &status) == 0 && (S_ISREG(status.st_mode) || S_ISLNK(status.st_mode))) ::unlink(path);
 }
 
-void reserve_private_file(const char* path) {
-  const unique_fd made_or_there(::open(path, O_WRONLY | O_CREAT | O_CLOEXEC, owner_only));
-}
-
-bool write_private_file(const char* path, BIO* text) {
-  char* bytes = nullptr;
-  const long length = BIO_get_mem_data(text, &bytes);
-  unique_fd file(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, owner_only));
-  if (!file) return report_failure(path, errno);
-  if (!write_all(file.get(), {bytes, static_cast<std::size_t>(length)})) return report_failure(path, errno);
-  if (::close(file.release()) != 0) return report_failure(path, errno);
-  return true;
+bool write_private_file(const char* path, std::string_view text, at_link choice) {
+  const int error = write_file(path, text, choice);
+  if (error == 0) return true;
+  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't write %s, errno %d\n", printable(path).c_str(), error);
+  return false;
 }
 
 }  // namespace fetchrig

@@ -1,11 +1,14 @@
-// private_file.h: output files that hold private keys. New files get mode 0600; special files (devices,
-// pipes) are written to but never removed. The text is complete in memory before a file is touched. No state;
-// any thread.
+// private_file.h: output files that hold private keys. They are replaced as a whole by a file for the owner
+// alone; a mode that lets a group in stays where the owner, this process's user, had chosen it. Devices and
+// pipes are written to and stay. The text is complete in memory before a file is touched. No state; any
+// thread.
 #ifndef FETCHRIG_CERT_PRIVATE_FILE_H
 #define FETCHRIG_CERT_PRIVATE_FILE_H
 
 #include <openssl/evp.h>
 #include <openssl/x509.h>
+
+#include <string_view>
 
 #include "core/openssl_owners.h"
 
@@ -15,18 +18,22 @@ namespace fetchrig {
 // stream (which OpenSSL wipes when it is freed). Null when that fails.
 [[nodiscard]] unique_bio pem_text(X509* certificate, EVP_PKEY* key);
 
+// What a memory stream holds.
+[[nodiscard]] std::string_view text_of(BIO* memory);
+
 // Whether the name stands, also through links, for a device, a pipe or a socket.
 [[nodiscard]] bool is_special_file(const char* path);
 
 // Removes a regular file or a link; anything else stays.
 void remove_plain_file(const char* path);
 
-// Creates the file when there is none, also the one that a link leads to, so that what is copied there later
-// is for the owner alone.
-void reserve_private_file(const char* path);
+// What happens where the path is a link to a regular file, or to nothing yet. A file that an administrator
+// has placed elsewhere keeps its place; a name that others may have planted becomes a file of our own.
+enum class at_link { replace_target, replace_link };
 
-// Creates or truncates the file and writes the text. False, with an error in the log, when that fails.
-[[nodiscard]] bool write_private_file(const char* path, BIO* text);
+// Replaces the file by one with that text. False, with an error in the log and the old file untouched, when
+// that fails.
+[[nodiscard]] bool write_private_file(const char* path, std::string_view text, at_link choice);
 
 }  // namespace fetchrig
 #endif

@@ -2,6 +2,7 @@
 #include "tests/support/cert_fixture.h"
 
 #include <openssl/err.h>
+#include <signal.h>
 
 #include <algorithm>
 
@@ -46,6 +47,17 @@ bool cert_test::was_logged(std::string_view text) const {
   return std::ranges::any_of(logged(), [text](std::string_view line) {
     return line.starts_with(text) || line.substr(2).starts_with(text);
   });
+}
+
+full_disk::full_disk() : signal_before_(signal(SIGXFSZ, SIG_IGN)) {
+  EXPECT_EQ(getrlimit(RLIMIT_FSIZE, &before_), 0);
+  const rlimit small{10, before_.rlim_max};
+  EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+}
+
+full_disk::~full_disk() {
+  setrlimit(RLIMIT_FSIZE, &before_);
+  signal(SIGXFSZ, signal_before_);
 }
 
 std::string openssl(const std::string& arguments) {

@@ -3,6 +3,8 @@
 #ifndef FETCHRIG_TESTS_CERT_FIXTURE_H
 #define FETCHRIG_TESTS_CERT_FIXTURE_H
 
+#include <sys/resource.h>
+
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -42,6 +44,19 @@ class cert_test : public leak_free {
   temp_dir directory_;
   library library_;
   log_capture log_;
+};
+
+// While it lives no file grows beyond ten bytes, as on a disk that is nearly full.
+class full_disk {
+ public:
+  full_disk();
+  ~full_disk();
+  full_disk(const full_disk&) = delete;
+  full_disk& operator=(const full_disk&) = delete;
+
+ private:
+  rlimit before_;
+  void (*signal_before_)(int);
 };
 
 // What the openssl tool prints for these arguments, without the last line feed; the test fails when it fails.

@@ -1,4 +1,6 @@
 // Client certificates: what is issued, which files are written, and what each failure leaves alone.
+#include <sys/stat.h>
+
 #include "include/fetchrig_openssl.h"
 #include "tests/support/cert_fixture.h"
 
@@ -88,6 +90,12 @@ TEST_F(ClientCert, WhatIsNoPlainFileStays) {
   EXPECT_EQ(generate("/CN=a"), 0);
   EXPECT_TRUE(fs::is_character_file("/dev/null"));
 
+  key_ = path("pipe");
+  ASSERT_EQ(mkfifo(key_.c_str(), 0600), 0);
+  EXPECT_EQ(generate("/CN=a"), 0);
+  EXPECT_TRUE(was_logged("Can't write " + key_)) << "nobody reads the pipe";
+  EXPECT_TRUE(fs::is_fifo(key_));
+
   key_ = path("key.pem");
   cert_ = path("empty directory");
   fs::create_directory(cert_);
@@ -120,6 +128,12 @@ TEST_F(ClientCert, FailuresLeaveTheFilesAlone) {
   };
   // clang-format on
   write("client.pem", "what was there");
+  {
+    const full_disk disk;
+    EXPECT_EQ(generate("/CN=a"), 0);
+  }
+  EXPECT_TRUE(was_logged("3 Can't write " + cert_)) << log();
+  EXPECT_EQ(read("key.pem") + read("client.pem"), "(absent)what was there");
   for (const auto& row : rows) {
     SCOPED_TRACE(testing::Message() << "row " << &row - rows);
     ca_cert_ = row.ca_cert;

@@ -87,6 +87,50 @@ TEST_F(DeviceCert, RefusalsLeaveTheInstalledOne) {
   }
 }
 
+TEST_F(DeviceCert, FullDiskKeepsTheInstalledOne) {
+  write(custom, old_.both);
+  const std::string target = write("config/server/link's target.pem", old_.cert),
+                    link = path("config/server/x.pem");
+  fs::create_symlink("link's target.pem", link);
+  const std::string file = write("new.pem", pair_.both);
+  for (const std::string& device : {custom_, link}) {
+    dl_set_option(DL_OPT_DEVICE_CERT_FILE, device.c_str());
+    const std::string before = read_file(device);
+    const full_disk disk;
+    EXPECT_EQ(whole(file.c_str()), 0);
+    EXPECT_EQ(part(file.c_str()), -1);
+    EXPECT_TRUE(was_logged("3 Can't write " + device)) << log();
+    forget_log();
+    EXPECT_EQ(read_file(device), before);
+  }
+  EXPECT_EQ(std::distance(fs::directory_iterator(path("config/server")), {}), 3) << "and nothing beside it";
+}
+
+TEST_F(DeviceCert, LinksDevicesAndModesStayAsTheAdministratorSetThem) {
+  const std::string target = write("elsewhere/own.pem", old_.both), link = path("config/server/x.pem");
+  fs::create_directories(path("config/server"));
+  fs::create_symlink("../../elsewhere/own.pem", link);
+  fs::create_symlink("/dev/null", path("config/server/null"));
+  for (const auto& by : {whole, part}) {
+    for (const unsigned mode : {0600u, 0640u, 0644u, 0666u}) {
+      fs::permissions(target, fs::perms(mode));
+      install(by == whole ? pair_.both : pair_.key, by, link);
+      EXPECT_EQ(read_file(target), pair_.both);
+      EXPECT_EQ(mode_of(target), mode == 0640 ? mode : 0600) << "what all could read, the owner alone can";
+    }
+    install(pair_.both, by, path("config/server/null"));
+    EXPECT_TRUE(fs::is_character_file("/dev/null"));
+    fs::remove(target);
+    install(pair_.both, by, link);
+    EXPECT_EQ(read_file(target), pair_.both) << "a link to nothing yet";
+  }
+  EXPECT_TRUE(fs::is_symlink(link));
+  fs::permissions(path("config/server"), fs::perms(01777));
+  if (lchown(link.c_str(), 65534, 65534) != 0) return;  // for root: a stranger's link in a folder for all
+  install(old_.both, part, link, -1, "Can't write ");
+  EXPECT_EQ(read_file(target), pair_.both);
+}
+
 TEST_F(DeviceCert, UnusablePathsAndSources) {
   write("config/server", "a file where the directory should be");
   install(pair_.both, whole, "", -7, "Wrong server ca path\n");
@@ -129,6 +173,19 @@ TEST_F(DeviceCert, PartsAreCompletedFromTheCurrentFile) {
     EXPECT_EQ(was_logged("device certificate and private key do not belong together\n"), !row.belong);
     EXPECT_EQ(mode_of(custom_), is_new ? 0600u : 0640u);
   }
+  const std::string locked_der = path("locked.der");
+  openssl("pkcs8 -topk8 -outform DER -passout pass:x -in " + write("key", old_.key) + " -out " + locked_der);
+  const std::string giant = old_.both + std::string(16 << 20, ' '),
+                    damaged = old_.cert + old_.key.substr(0, 90);
+  for (const std::string& present : {old_.cert + foreign_key_, read_file(locked_der), giant, damaged}) {
+    SCOPED_TRACE(present.substr(0, 30));
+    write(custom, present);
+    install(pair_.cert, part, custom_, -1);
+    EXPECT_EQ(read(custom) == present, true) << "a key that cannot be opened now is not lost";
+    EXPECT_TRUE(was_logged("the private key of the present") || was_logged("Bio_new_file dev cert err\n"))
+        << log();
+  }
+  write(custom, pair_.both);
   for (const std::string& nothing : {pair_.cert.substr(0, 300), cert_der_.substr(0, 100), foreign_key_}) {
     install(nothing, part, custom_, -1, "load dev cert err\n");
     EXPECT_EQ(read(custom), pair_.both);

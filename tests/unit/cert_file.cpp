@@ -4,9 +4,9 @@
 
 #include <fcntl.h>
 #include <openssl/err.h>
-#include <signal.h>
-#include <sys/resource.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include "cert/passphrase.h"
 #include "cert/shell.h"
@@ -69,14 +69,10 @@ TEST_F(cert_file, DerThatCannotBeReplacedStays) {
   EXPECT_TRUE(was_logged("3 open file err\n")) << log();
   fs::remove(scratch);
 
-  rlimit limit;
-  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
-  const rlimit small{10, limit.rlim_max};
-  const auto before = signal(SIGXFSZ, SIG_IGN);
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
-  EXPECT_EQ(ca_file_hash(der_file_.c_str()), 0u);
-  setrlimit(RLIMIT_FSIZE, &limit);
-  signal(SIGXFSZ, before);
+  {
+    const full_disk disk;
+    EXPECT_EQ(ca_file_hash(der_file_.c_str()), 0u);
+  }
   EXPECT_TRUE(was_logged("3 write scratch file errno " + std::to_string(EFBIG))) << log();
   EXPECT_FALSE(fs::exists(scratch));
 
@@ -86,6 +82,49 @@ TEST_F(cert_file, DerThatCannotBeReplacedStays) {
   EXPECT_TRUE(was_logged("3 rename errno " + std::to_string(EXDEV))) << log();
   fs::remove(scratch);
   EXPECT_EQ(read("ca.der"), der_);
+}
+
+// As with a /tmp in memory: the scratch file cannot be renamed across file systems.
+TEST_F(cert_file, DerOnAnotherFileSystemIsReplaced) {
+  struct stat here, there;
+  std::string file = "/dev/shm/fetchrig-test.XXXXXX";
+  const unique_fd made(mkostemp(file.data(), O_CLOEXEC));
+  if (!made || stat("/tmp", &here) != 0 || fstat(made.get(), &there) != 0 || here.st_dev == there.st_dev)
+    GTEST_SKIP() << "SKIPPED: no file system beside that of /tmp";
+  write_file(file, der_);
+  EXPECT_NE(ca_file_hash(file.c_str()), 0u) << log();
+  EXPECT_EQ(read_file(file), pem_);
+  EXPECT_EQ(fs::status(file).permissions(), fs::perms(0600));
+  EXPECT_FALSE(fs::exists(scratch));
+  fs::remove(file);
+}
+
+TEST_F(cert_file, ProcessesThatConvertAtOnceGetTheirOwnCertificates) {
+  constexpr int processes = 3, rounds = 100;
+  const auto convert = [this](int number) {
+    const identity own = make_identity(std::to_string(number));
+    const std::string file = path(std::to_string(number)), pem = pem_of(own);
+    for (int round = 0; round < rounds; ++round) {
+      write_file(file, der_of(own));
+      if (ca_file_hash(file.c_str()) == 0 || read_file(file) != pem) return 1;
+    }
+    return 0;
+  };
+  std::vector<pid_t> children;
+  for (int number = 0; number < processes; ++number) {
+    children.push_back(fork());
+    if (children.back() == 0) _exit(convert(number));
+  }
+  for (const pid_t child : children) {
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+  }
+  // A lock that never ends is no way to stop others.
+  const unique_fd folder(open("/tmp", O_RDONLY | O_DIRECTORY));
+  ASSERT_EQ(flock(folder.get(), LOCK_EX), 0);
+  EXPECT_NE(ca_file_hash(der_file_.c_str()), 0u);
+  EXPECT_EQ(read_file(der_file_), pem_);
 }
 
 TEST_F(cert_file, FilesWithoutACertificateHaveNoHash) {
