@@ -413,8 +413,8 @@ FETCHRIG_API const char *dl_http_find_header_by_name(const dl_http_session *sess
 
 /* Sends `local_path` as the body of a PUT, or as a one-part multipart/form-data POST whose boundary stands in the
  * request's headers. Success is a status below 400; the session is closed before the call returns, `session` is left
- * null. Codes as dl_http_open(); what is no regular file, cannot be read to its end or has 2 GiB and more fails with -4,
- * and nothing is sent. */
+ * null. Codes as dl_http_open(); what is no regular file, cannot be read to its end, or has 2 GiB and more, fails with
+ * -4, and nothing is sent. */
 FETCHRIG_API int dl_http_post_file(dl_http_session **session, const dl_http_request *request, const char *local_path,
                                    char *redirect, dl_result *result);
 
