@@ -229,7 +229,7 @@ tls_options https_options() {
   return options;
 }
 
-ftp_options ftp_settings() {
+net_options net_settings() {
   const config_lock lock;
   return {g_dl_cfg.max_file_size, g_dl_cfg.net_timeout, g_dl_cfg.ipv6_enable};
 }

@@ -23,8 +23,8 @@ struct tls_options {
   int verify_host;
 };
 
-// The settings that an FTP transfer begins with.
-struct ftp_options {
+// The settings that an FTP or TFTP transfer begins with.
+struct net_options {
   uint32_t max_file_size;
   int net_timeout_s;
   int ipv6;
@@ -40,7 +40,7 @@ struct ftp_options {
 [[nodiscard]] uint32_t auth_retry_limit();     // option 15
 [[nodiscard]] int ssl_method();                // option 3
 [[nodiscard]] tls_options https_options();     // options 12, 11, 3, 4, 10
-[[nodiscard]] ftp_options ftp_settings();      // options 6, 7, 8, as of one moment
+[[nodiscard]] net_options net_settings();      // options 6, 7, 8, as of one moment
 [[nodiscard]] option_text user_agent();        // option 0
 [[nodiscard]] option_text trust_ca_dir();      // option 1
 [[nodiscard]] option_text device_cert_file();  // option 2

@@ -60,7 +60,7 @@ int open_download(const ftp_outcome& out, const ftp_login_data& login, const cha
   if (!ftp_check_open(out, login, path)) return -1;
   ftp_reply_bytes bytes;
   ftp_reply reply(bytes);
-  if (ftp_session_open(out, login, ftp_settings(), reply) < 0) return -1;
+  if (ftp_session_open(out, login, net_settings(), reply) < 0) return -1;
   const std::string_view name = ftp_wire_name(path);
   if (const int rc = ask_size(**out.handle, name, reply); rc < 0) return ftp_fail(out, reply, rc);
   if (const int rc = request_file(**out.handle, name, reply); rc < 0) return ftp_fail(out, reply, rc);

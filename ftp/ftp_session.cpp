@@ -94,7 +94,7 @@ int failed_step(const char* message, int code) {
 }
 
 // The opening steps on a fresh session. Returns 0 or a negative code.
-int open_connections(dl_ftp_session& session, const ftp_login_data& data, const ftp_options& options,
+int open_connections(dl_ftp_session& session, const ftp_login_data& data, const net_options& options,
                      ftp_reply& reply) {
   const uint32_t port = data.port ? data.port : default_port;
   copy_text(session.host, data.host);
@@ -123,7 +123,7 @@ bool ftp_check_open(const ftp_outcome& out, const ftp_login_data& login, const c
   return false;
 }
 
-int ftp_session_open(const ftp_outcome& out, const ftp_login_data& login, const ftp_options& options,
+int ftp_session_open(const ftp_outcome& out, const ftp_login_data& login, const net_options& options,
                      ftp_reply& reply) {
   clear_result(*out.result);
   auto allocated = zeroed_record<own_session>();

@@ -42,7 +42,7 @@ using unique_ftp = std::unique_ptr<dl_ftp_session, ftp_closer>;
 // Allocates and publishes a session, connects, logs in and opens the data connection. Returns 0, or -1 after
 // ftp_fail().
 [[nodiscard]] int ftp_session_open(const ftp_outcome& out, const ftp_login_data& login,
-                                   const ftp_options& options, ftp_reply& reply);
+                                   const net_options& options, ftp_reply& reply);
 
 // Fills the result for `code` (for -15 with the text in `reply`), closes the session, empties the handle.
 // Returns -1.

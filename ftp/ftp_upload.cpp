@@ -139,7 +139,7 @@ int open_upload(const ftp_outcome& out, const ftp_login_data& login, const uploa
   if (!ftp_check_open(out, login, local_path ? name : nullptr)) return -1;
   ftp_reply_bytes bytes;
   ftp_reply reply(bytes);
-  const ftp_options options = ftp_settings();
+  const net_options options = net_settings();
   if (ftp_session_open(out, login, options, reply) < 0) return -1;
   upload job{**out.handle, ftp_wire_name(name), request.post_mode, request.limit_mode, reply};
   if (const int rc = start_transfer(job, local_path, options.max_file_size); rc != 0)

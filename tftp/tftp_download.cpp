@@ -129,8 +129,8 @@ int read_checked(dl_tftp_session& session, std::span<char> to, dl_result* result
 
 // Waits for the server's first answer, which the first read takes. A wait that fails is left for the read to
 // report.
-bool answered(const dl_tftp_session& session) {
-  return dl_select(session.sock, wait_readable, std::max(net_timeout_seconds(), min_answer_wait_s)) != 0;
+bool answered(const dl_tftp_session& session, int timeout_s) {
+  return dl_select(session.sock, wait_readable, std::max(timeout_s, min_answer_wait_s)) != 0;
 }
 
 // Reads into the file until the end. Returns 0 or -1 with the result filled.
@@ -163,12 +163,13 @@ int open_download(dl_tftp_session** session, const tftp_target& target, dl_resul
     *session = nullptr;
     return fail(result, DL_ERR_NOT_INITIALISED);
   }
-  if (tftp_start(session, target, 1, result) < 0) return -1;
+  const net_options options = net_settings();
+  if (tftp_start(session, target, 1, options.ipv6, result) < 0) return -1;
   qxfr_log(DL_LOG_TFTP, DL_LOG_INFO, "Send Request Packet\n");
   if (const int code = tftp_send_request(**session, tftp_opcode::rrq, target.remote_name); code < 0) {
     return tftp_abandon(session, result, code);
   }
-  if (!answered(**session)) return tftp_abandon(session, result, DL_ERR_NOT_TFTP);
+  if (!answered(**session, options.net_timeout_s)) return tftp_abandon(session, result, DL_ERR_NOT_TFTP);
   qxfr_log(DL_LOG_TFTP, DL_LOG_NOTICE, "tftp open success\n");
   return 0;
 }

@@ -105,7 +105,8 @@ int tftp_check_open(dl_tftp_session** handle, const tftp_target& target, dl_resu
   return fail(result, DL_ERR_PARAMETER);
 }
 
-int tftp_start(dl_tftp_session** handle, const tftp_target& target, uint16_t first_block, dl_result* result) {
+int tftp_start(dl_tftp_session** handle, const tftp_target& target, uint16_t first_block, int ipv6,
+               dl_result* result) {
   auto session = zeroed_record<dl_tftp_session>();
   if (!session) {
     *handle = nullptr;
@@ -119,7 +120,7 @@ int tftp_start(dl_tftp_session** handle, const tftp_target& target, uint16_t fir
   *handle = session.release();
   qxfr_log(DL_LOG_TFTP, DL_LOG_NOTICE, "tftp open begin, host: %s, port:%d, remote_name:%s\n",
            printable(target.host).c_str(), port, printable(target.remote_name).c_str());
-  if (const int code = tftp_setup_socket(**handle, target.host, port, ipv6_enabled()); code < 0) {
+  if (const int code = tftp_setup_socket(**handle, target.host, port, ipv6); code < 0) {
     return tftp_abandon(handle, result, code);
   }
   return 0;

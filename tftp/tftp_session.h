@@ -35,10 +35,10 @@ struct tftp_target {
 // as there is a place for it.
 [[nodiscard]] int tftp_check_open(dl_tftp_session** handle, const tftp_target& target, dl_result* result);
 
-// Makes a session whose first block is `first_block`, publishes it in `handle` and sets up its socket.
-// Returns 0, or -1 with `result` filled and no session left.
+// Makes a session whose first block is `first_block`, publishes it in `handle` and sets up its socket, for
+// IPv6 as well when `ipv6` is not 0. Returns 0, or -1 with `result` filled and no session left.
 [[nodiscard]] int tftp_start(dl_tftp_session** handle, const tftp_target& target, uint16_t first_block,
-                             dl_result* result);
+                             int ipv6, dl_result* result);
 
 // Closes the session of a failed open, stores none, fills `result` and returns -1.
 int tftp_abandon(dl_tftp_session** handle, dl_result* result, int code);

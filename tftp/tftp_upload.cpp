@@ -28,8 +28,7 @@ struct data_packet {
 };
 
 // Sends the write request until the server accepts it. Returns 0 or a negative code; an OACK sets the sizes.
-int request_accepted(dl_tftp_session& session, const char* remote_name, dl_result* result) {
-  const int timeout_s = net_timeout_seconds();
+int request_accepted(dl_tftp_session& session, const char* remote_name, int timeout_s, dl_result* result) {
   for (int repeats = 0; repeats <= max_repeats; ++repeats) {
     if (const int code = tftp_send_request(session, tftp_opcode::wrq, remote_name); code < 0) return code;
     tftp_packet_buffer buffer;
@@ -84,8 +83,8 @@ bool read_block(dl_tftp_session& session, FILE* file, const char* local_path, da
 }
 
 // Sends the rest of the file. Returns the bytes sent or -1 with the result filled.
-int send_blocks(dl_tftp_session& session, FILE* file, const char* local_path, dl_result* result) {
-  const int timeout_s = net_timeout_seconds();
+int send_blocks(dl_tftp_session& session, FILE* file, const char* local_path, int timeout_s,
+                dl_result* result) {
   data_packet packet;
   int total = 0;
   while (!session.done) {
@@ -103,7 +102,8 @@ int send_blocks(dl_tftp_session& session, FILE* file, const char* local_path, dl
 }
 
 int send_file(dl_tftp_session& session, const char* local_path, dl_result* result) {
-  const uint32_t limit = max_file_size();
+  const net_options options = net_settings();
+  const uint32_t limit = options.max_file_size;
   const int64_t size = dl_get_file_size(local_path);
   if (size != -1 && size > static_cast<int64_t>(limit)) {
     qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "File %s size larger than maxsize %ld\n",
@@ -121,16 +121,16 @@ int send_file(dl_tftp_session& session, const char* local_path, dl_result* resul
     qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "File %s has 2 GiB or more\n", printable(local_path).c_str());
     return fail(result, DL_ERR_READ);
   }
-  return send_blocks(session, file.get(), local_path, result);
+  return send_blocks(session, file.get(), local_path, options.net_timeout_s, result);
 }
 
 int open_upload(dl_tftp_session** session, const tftp_target& target, dl_result* result) {
   if (tftp_check_open(session, target, result) < 0) return -1;
-  if (tftp_start(session, target, 0, result) < 0) return -1;
+  const net_options options = net_settings();
+  if (tftp_start(session, target, 0, options.ipv6, result) < 0) return -1;
   qxfr_log(DL_LOG_TFTP, DL_LOG_INFO, "Send Request Packet\n");
-  if (const int code = request_accepted(**session, target.remote_name, result); code < 0) {
-    return tftp_abandon(session, result, code);
-  }
+  const int code = request_accepted(**session, target.remote_name, options.net_timeout_s, result);
+  if (code < 0) return tftp_abandon(session, result, code);
   (*session)->block = 1;
   qxfr_log(DL_LOG_TFTP, DL_LOG_NOTICE, "tftp open success\n");
   return 0;
