@@ -1,4 +1,5 @@
-// The shared library exports exactly the symbols that cmake/fetchrig.map lists.
+// The shared library exports exactly the symbols that cmake/fetchrig.map lists, and calls its own functions
+// even when the program has others by these names.
 #include <gtest/gtest.h>
 #include <stdio.h>
 
@@ -7,6 +8,33 @@
 #include <set>
 #include <sstream>
 #include <string>
+
+#include "include/fetchrig_openssl.h"
+#include "tests/support/cert_fixture.h"
+
+namespace {
+
+int taken_over = 0;
+
+}  // namespace
+
+// What an application may well have. Each would let everything through or leave the library's work undone.
+int cb(int, X509_STORE_CTX*) {
+  return ++taken_over;
+}
+int password_cb(char*, int, int, void*) {
+  return ++taken_over * 0;
+}
+void str2lower(char*, int, char) {
+  ++taken_over;
+}
+X509_NAME* do_subject(const char*, int) {
+  ++taken_over;
+  return nullptr;
+}
+int make_REQ(X509_REQ*, EVP_PKEY*, const char*, int, int) {
+  return ++taken_over * 0;
+}
 
 namespace {
 
@@ -61,6 +89,32 @@ TEST(exports, are_the_listed_symbols) {
   ASSERT_GT(listed.size(), 100U);
   EXPECT_EQ(missing_from(listed, exported), "") << "listed but not exported";
   EXPECT_EQ(missing_from(exported, listed), "") << "exported but not listed";
+}
+
+using namespace test;
+using own_calls = cert_test;
+
+TEST_F(own_calls, are_not_taken_over_by_functions_of_the_program) {
+  const identity root = make_identity("Root", new_rsa_key(1024), {.extensions = ca_extensions});
+  const identity old = make_identity("Old", new_ec_key(), {.valid_until_s = -60});
+  const std::string ca = write("ca.pem", pem_of(root)), ca_key = write("ca.key", pem_of(root.key.get()));
+  EXPECT_EQ(dl_generate_client_cert(ca.c_str(), ca_key.c_str(), path("key").c_str(), path("cert").c_str(),
+                                    "/CN=phone", 512),
+            0)
+      << log();
+  dl_result result = {};
+  const std::string expired = write("expired.pem", pem_of(old) + pem_of(old.key.get(), "secret"));
+  EXPECT_EQ(dl_cert_verify(expired.c_str(), nullptr, ca.c_str(), 0, &result), -1);
+  EXPECT_EQ(result.code, DL_VERIFY_EXPIRED);
+  dl_ca_info_ex info = {};
+  set_option(DL_OPT_KEY_PASSPHRASE, "secret");
+  EXPECT_EQ(dl_get_ca_info_ex(expired.c_str(), &info, 1, &result), 0);
+  EXPECT_EQ(info.priv_bits, 256) << "the key opens with option 16";
+  char lines[] = "etag: 1\0";
+  dl_http_session session = {};
+  session.headers = lines;
+  EXPECT_STREQ(dl_http_find_header_by_name(&session, "ETag"), lines);
+  EXPECT_EQ(taken_over, 0);
 }
 
 }  // namespace
