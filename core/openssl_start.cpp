@@ -1,9 +1,9 @@
-// openssl_start.cpp: OpenSSL start-up. OpenSSL 1.1 and later lock by themselves: the callback registrations
-// below are empty macros there, and the table documents what older releases were promised.
+// openssl_start.cpp: OpenSSL start-up. OpenSSL 1.1 and later initialise themselves and lock by themselves:
+// the callback registrations below are empty macros there, and the table documents what older releases were
+// promised.
 #include "core/openssl_start.h"
 
 #include <openssl/crypto.h>
-#include <openssl/ssl.h>
 #include <pthread.h>
 #include <stdint.h>
 
@@ -65,13 +65,21 @@ __attribute__((destructor)) void on_unload() {
   release_table();
 }
 
+// Algorithms, texts of errors and the system's configuration are loaded by the first call that needs one of
+// them, SSL_CTX_new() included, once for all threads; asking for them here would cost each plain transfer a
+// quarter of its instructions. OPENSSL_INIT_NO_LOAD_CONFIG must not be passed: that counts as loaded, and the
+// system's policy would never hold. What cannot wait is OpenSSL's place among the exit handlers: those that
+// the application registers from now on run before it, with sessions that still work. The one flag names work
+// that OpenSSL 3 no longer has.
+void prepare_exit() {
+  OPENSSL_init_crypto(OPENSSL_INIT_ATFORK, nullptr);
+}
+
 }  // namespace
 
 void openssl_start() {
   qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "dl_ssl_init\n");
-  SSL_library_init();
-  SSL_load_error_strings();
-  SSL_library_init();
+  prepare_exit();
   qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "create ssl lock\n");
   create_table();
   CRYPTO_set_id_callback(dl_ssl_id_cb);

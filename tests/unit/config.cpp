@@ -2,11 +2,15 @@
 #include "core/config.h"
 
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
 
 #include <thread>
 
+#include "include/fetchrig_openssl.h"
 #include "log/syslog_socket.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -60,6 +64,29 @@ TEST_F(config, the_first_option_initialises_and_the_end_clears_all) {
     EXPECT_EQ(std::string(bytes, sizeof g_dl_cfg).find("secret"), std::string::npos);
     dl_exit();
   }
+}
+
+// OpenSSL reads its configuration when it is first used. A peer that has nothing to say ends the handshake;
+// what was offered to it is left to be read.
+TEST_F(config, start_up_leaves_the_systems_tls_policy_in_force) {
+  const test::temp_dir place;
+  test::write_file(
+      place.file("openssl.cnf"),
+      "openssl_conf = a\n[a]\nssl_conf = b\n[b]\nsystem_default = c\n[c]\nMinProtocol = TLSv1.3\n");
+  setenv("OPENSSL_CONF", place.file("openssl.cnf").c_str(), 1);
+  dl_config_init();
+  int ends[2] = {-1, -1};
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+  shutdown(ends[1], SHUT_WR);
+  SSL* ssl = nullptr;
+  SSL_CTX* ctx = nullptr;
+  EXPECT_EQ(dl_do_SSL_connect(ends[0], "", place.path().c_str(), 3, 0, 0, "host", &ssl, &ctx),
+            DL_ERR_CONNECT);
+  char hello[1024] = {};
+  const ssize_t length = recv(ends[1], hello, sizeof hello, 0);
+  const std::string only_tls13("\0\x2b\0\x03\x02\x03\x04", 7);
+  EXPECT_NE(std::string(hello, hello + std::max<ssize_t>(length, 0)).find(only_tls13), std::string::npos);
+  for (const int end : ends) close(end);
 }
 
 TEST_F(config, numbers_keep_their_ranges_and_unknown_options_are_refused) {
