@@ -77,12 +77,21 @@ bool use_certificate(SSL_CTX* ctx, BIO* bio) {
   return certificate && SSL_CTX_use_certificate(ctx, certificate.get()) == 1;
 }
 
+// Whether OpenSSL's last call failed for the security level, and for nothing else.
+bool too_weak_for_level() {
+  const unsigned long error = ERR_peek_last_error();
+  if (ERR_GET_LIB(error) != ERR_LIB_SSL) return false;
+  const int reason = ERR_GET_REASON(error);
+  return reason == SSL_R_CA_MD_TOO_WEAK || reason == SSL_R_EE_KEY_TOO_SMALL ||
+         reason == SSL_R_CA_KEY_TOO_SMALL;
+}
+
 // A certificate with an old signature or a short key does not load at the usual security level; the level of
 // this one context is lowered for it.
 bool load_certificate(SSL_CTX* ctx, const small_file& file) {
   ERR_clear_error();
   if (use_certificate(ctx, file.stream().get())) return true;
-  if (SSL_CTX_get_security_level(ctx) == 0) return false;
+  if (SSL_CTX_get_security_level(ctx) == 0 || !too_weak_for_level()) return false;
   const int level = SSL_CTX_get_security_level(ctx);
   SSL_CTX_set_security_level(ctx, 0);
   if (!use_certificate(ctx, file.stream().get())) {
@@ -149,6 +158,9 @@ int hand_shake(int sock, SSL_CTX* ctx, const char* host, unique_ssl& ssl) {
   BIO* bio = ssl ? new_tls_bio(sock, tls_wait_limit_seconds()) : nullptr;
   if (!bio) return refuse("Create ssl error\n");
   SSL_set_bio(ssl.get(), bio, bio);
+  // OpenSSL starts with "verified" and stays there when it cannot even begin the check; here only a check
+  // that ran may say so.
+  SSL_set_verify_result(ssl.get(), X509_V_ERR_UNSPECIFIED);
   name_server(ssl.get(), host);
   start_tls_operation(ssl.get());
   ERR_clear_error();
@@ -168,13 +180,13 @@ int distrust(const char* reason) {
 }
 
 int check_server(SSL* ssl, const char* host, bool check_host) {
+  const unique_x509 certificate(SSL_get1_peer_certificate(ssl));
+  if (!certificate) return distrust("get peer error\n");
   const long verdict = SSL_get_verify_result(ssl);
   if (verdict != X509_V_OK) {
     qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Certificate doesn't verify and error is %ld\n", verdict);
     return distrust(nullptr);
   }
-  const unique_x509 certificate(SSL_get1_peer_certificate(ssl));
-  if (!certificate) return distrust("get peer error\n");
   if (!check_host || ssl_check_host_name(certificate.get(), host) == 0) return 0;
   return distrust("Common name and subject alt name doesn't match host name\n");
 }

@@ -20,7 +20,8 @@ constexpr int short_count = -1;  // instead of an errno: one byte is moved
 struct fault_plan {
   target what = target::none;
   int error = ENOMEM;
-  bool lasting = false;  // all further calls fail as well
+  bool lasting = false;     // all further calls fail as well
+  bool after_send = false;  // counts from the first send on
   long calls_left = 0;
   bool happened = false;
 };
@@ -30,7 +31,7 @@ thread_local constinit const char* secret = nullptr;
 thread_local constinit int num_leaked = 0;
 
 bool strikes(target what) {
-  if (plan.what != what) return false;
+  if (plan.what != what || plan.after_send) return false;
   --plan.calls_left;
   if (plan.calls_left > 0 || (plan.calls_left < 0 && !plan.lasting)) return false;
   plan.happened = true;
@@ -77,6 +78,7 @@ REPLACED void* realloc(void* old, size_t size) noexcept {
 
 REPLACED ssize_t send(int sock, const void* from, size_t count, int flags) {
   static const auto real = next<decltype(send)>("send");
+  plan.after_send = false;
   return faulty(target::send, count, [&](size_t size) { return real(sock, from, size, flags); });
 }
 REPLACED ssize_t recv(int sock, void* to, size_t count, int flags) {
@@ -296,6 +298,30 @@ TEST_F(faults, memory_verifies_no_foreign_certificate) {
     EXPECT_EQ(rc, -1) << n;
     EXPECT_FALSE(happened) << n;
     EXPECT_LT(most_written, 10000u);
+  }
+}
+
+// A check that could not run has not answered. Each server lacks one thing; with the stranger's, nothing runs
+// behind the check that could refuse it again, so every allocation of the handshake fails there in turn.
+TEST_F(faults, memory_makes_no_server_trusted) {
+  const test_ca stranger{place_, "stranger"};
+  set_option(DL_OPT_VERIFY_HOST, 1);
+  const std::pair<cert_files, long> untrusted[] = {
+      {stranger.issue("foreign"), 1},
+      {ca_.issue("expired", {.valid_from_s = -7200, .valid_until_s = -3600}), 16},
+      {ca_.issue("elsewhere", {"other.test", ""}), 16}};
+  for (const auto& [files, stride] : untrusted) {
+    const tls_settings tls{.cert_file = files.cert, .key_file = files.key};
+    tcp_peer server({sized_answer_}, {.tls = tls, .repeat_last = true});
+    const std::string url = server.url("https", "/a");
+    for (long n = stride, happened = 1; happened && !HasFailure(); n += stride) {
+      dl_result result = {};
+      ::plan = {.what = target::memory, .after_send = true, .calls_left = n};
+      EXPECT_EQ(download(url.c_str(), &result), -1) << files.cert << " " << n;
+      happened = std::exchange(::plan, {}).happened;
+      EXPECT_TRUE(happened || n > 100 * stride);
+    }
+    server.problems();
   }
 }
 
