@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -26,12 +27,6 @@ struct address_list_deleter {
   void operator()(addrinfo* list) const { ::freeaddrinfo(list); }
 };
 using address_list = std::unique_ptr<addrinfo, address_list_deleter>;
-
-int64_t now_ms() {
-  timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
 
 // An IPv4 or IPv6 socket address with the port filled in.
 struct socket_address {
@@ -70,31 +65,40 @@ struct connect_outcome {
   bool connected = false;
 };
 
-connect_outcome connect_within(int sock, const socket_address& address, int seconds) {
+connect_outcome start_connect(int sock, const socket_address& address) {
   connect_outcome outcome;
-  int non_blocking = 1;
-  ioctl(sock, FIONBIO, &non_blocking);
   outcome.result = ::connect(sock, address.get(), address.length);
   outcome.error = errno;
   outcome.connected = outcome.result == 0;
-  if (!outcome.connected && (outcome.error == EINPROGRESS || outcome.error == EALREADY)) {
-    outcome.result = dl_select(sock, wait_writable, seconds);
-    outcome.error = errno;
-    socklen_t length = sizeof outcome.pending;
-    if (outcome.result > 0 && getsockopt(sock, SOL_SOCKET, SO_ERROR, &outcome.pending, &length) == 0) {
-      outcome.connected = outcome.pending == 0;
-    }
+  return outcome;
+}
+
+// Waits for the connection that is being made.
+void await_connection(int sock, int seconds, connect_outcome& outcome) {
+  outcome.result = dl_select(sock, wait_writable, seconds);
+  outcome.error = errno;
+  socklen_t length = sizeof outcome.pending;
+  if (outcome.result > 0 && getsockopt(sock, SOL_SOCKET, SO_ERROR, &outcome.pending, &length) == 0) {
+    outcome.connected = outcome.pending == 0;
   }
+}
+
+connect_outcome connect_within(int sock, const socket_address& address, int seconds) {
+  int non_blocking = 1;
+  ioctl(sock, FIONBIO, &non_blocking);
+  connect_outcome outcome = start_connect(sock, address);
+  const bool under_way = outcome.error == EINPROGRESS || outcome.error == EALREADY;
+  if (!outcome.connected && under_way) await_connection(sock, seconds, outcome);
   non_blocking = 0;
   ioctl(sock, FIONBIO, &non_blocking);
   return outcome;
 }
 
+// A signal ends the call but not the connection on its way, which the system itself gives up in time;
+// connecting again would fail with EALREADY.
 connect_outcome connect_blocking(int sock, const socket_address& address) {
-  connect_outcome outcome;
-  outcome.result = ::connect(sock, address.get(), address.length);
-  outcome.error = errno;
-  outcome.connected = outcome.result == 0;
+  connect_outcome outcome = start_connect(sock, address);
+  if (!outcome.connected && outcome.error == EINTR) await_connection(sock, INT_MAX, outcome);
   return outcome;
 }
 
@@ -157,15 +161,26 @@ int connect_first(const addrinfo& list, int port, int ipv6, int seconds) {
 }
 
 // poll() until ready or the time is over; an interrupted wait goes on with the time that is left.
-int poll_within(pollfd& entry, int seconds) {
-  const int64_t end = now_ms() + int64_t{seconds} * 1000;
-  for (int64_t left = int64_t{seconds} * 1000;; left = std::max<int64_t>(0, end - now_ms())) {
-    const int ready = ::poll(&entry, 1, static_cast<int>(std::min<int64_t>(left, INT32_MAX)));
+int poll_within(pollfd& entry, int64_t limit_ms) {
+  const int64_t end = now_ms() + limit_ms;
+  for (int64_t left = limit_ms;; left = std::max<int64_t>(0, end - now_ms())) {
+    const int ready = ::poll(&entry, 1, static_cast<int>(std::min<int64_t>(left, INT_MAX)));
     if (ready >= 0 || errno != EINTR) return ready;
   }
 }
 
 }  // namespace
+
+int64_t now_ms() {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+int wait_for(int sock, short events, int64_t limit_ms) {
+  pollfd entry = {sock, events, 0};
+  return poll_within(entry, limit_ms);
+}
 
 int dl_send_all(int sock, const char* buffer, int length) {
   while (length > 0) {
@@ -194,7 +209,7 @@ int dl_select(int sock, int mode, int seconds) {
   if (mode & wait_readable) entry.events |= POLLIN;
   if (mode & wait_writable) entry.events |= POLLOUT;
   if (!entry.events) entry.fd = -1;
-  const int ready = guarded([&] { return poll_within(entry, seconds); }, [] { return -1; });
+  const int ready = guarded([&] { return poll_within(entry, int64_t{seconds} * 1000); }, [] { return -1; });
   if (ready <= 0) return ready;
   if (entry.revents & POLLNVAL) {
     errno = EBADF;

@@ -4,7 +4,7 @@
 #ifndef FETCHRIG_NET_CONNECT_H
 #define FETCHRIG_NET_CONNECT_H
 
-#include <cstddef>
+#include <stdint.h>
 
 #include "include/fetchrig_openssl.h"
 
@@ -13,6 +13,13 @@ namespace fetchrig {
 // Bits of dl_select()'s mode.
 inline constexpr int wait_readable = 1;
 inline constexpr int wait_writable = 2;
+
+// The clock of all waits.
+[[nodiscard]] int64_t now_ms();
+
+// Waits for `events` of poll(), at most `limit_ms`: positive when ready, 0 after the time, negative with
+// errno. An interrupted wait goes on.
+[[nodiscard]] int wait_for(int sock, short events, int64_t limit_ms);
 
 // Sends all bytes. Returns 0 (at once when `length` is below 1) or -4. Never raises SIGPIPE; a send that
 // makes no progress for the socket's send time-out fails.

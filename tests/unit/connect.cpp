@@ -6,9 +6,13 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/time.h>
+
+#include <atomic>
+#include <stop_token>
 
 #include "core/owners.h"
 #include "tests/support/descriptors.h"
@@ -82,14 +86,19 @@ TEST_F(connecting, refused) {
   EXPECT_NE(errors[1].find(refused), std::string::npos) << "as errno or, behind a wait, as SO_ERROR";
 }
 
-// A server whose queue of waiting connections is full answers nothing.
-TEST_F(connecting, no_answer_ends_with_the_time_out) {
-  local_port server(true, 0);
-  std::vector<unique_fd> fill;
-  for (int i = 0; i < 3; ++i) {
-    fill.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
-    connect(fill.back().get(), server.get(), server.length);
+// A server whose queue of waiting connections is full answers nothing until it takes one.
+struct full_port : local_port {
+  full_port() : local_port(true, 0) {
+    for (unique_fd& one : fill) {
+      one.reset(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+      connect(one.get(), get(), length);
+    }
   }
+  unique_fd fill[3];
+};
+
+TEST_F(connecting, no_answer_ends_with_the_time_out) {
+  full_port server;
   const auto begin = clock::now();
   EXPECT_EQ(dl_connect("127.0.0.1", server.port(), 0, 1), DL_ERR_CONNECT);
   EXPECT_GE(seconds(clock::now() - begin).count(), 0.9);
@@ -126,24 +135,48 @@ TEST_F(connecting, waits_tell_readiness_above_descriptor_1023_too) {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-volatile sig_atomic_t signals_taken = 0;
+std::atomic<int> signals_taken{0};
 void take_signal(int) {
-  signals_taken = signals_taken + 1;
+  ++signals_taken;
 }
 
-TEST_F(connecting, signals_neither_end_nor_prolong_a_wait) {
-  struct sigaction action = {}, before = {};
-  action.sa_handler = take_signal;  // without SA_RESTART
-  ASSERT_EQ(sigaction(SIGALRM, &action, &before), 0);
+// Signals every 20 ms, without SA_RESTART.
+struct many_signals {
+  many_signals() {
+    struct sigaction action = {};
+    action.sa_handler = take_signal;
+    EXPECT_EQ(sigaction(SIGALRM, &action, &before), 0);
+    EXPECT_EQ(setitimer(ITIMER_REAL, &often, nullptr), 0);
+  }
+  ~many_signals() {
+    setitimer(ITIMER_REAL, &never, nullptr);
+    sigaction(SIGALRM, &before, nullptr);
+    EXPECT_GT(signals_taken.exchange(0), 1);
+  }
   const itimerval often = {{0, 20000}, {0, 20000}}, never = {};
-  ASSERT_EQ(setitimer(ITIMER_REAL, &often, nullptr), 0);
+  struct sigaction before = {};
+};
+
+TEST_F(connecting, signals_neither_end_nor_prolong_a_wait) {
+  const many_signals signals;
   const auto begin = clock::now();
   EXPECT_EQ(dl_select(near.get(), wait_readable, 1), 0);
   const double waited = seconds(clock::now() - begin).count();
-  setitimer(ITIMER_REAL, &never, nullptr);
-  sigaction(SIGALRM, &before, nullptr);
-  EXPECT_GT(signals_taken, 1);
   EXPECT_TRUE(waited >= 0.99 && waited < 5) << waited;
+}
+
+TEST_F(connecting, a_signal_does_not_end_a_connect_without_a_time_out) {
+  full_port server;
+  const many_signals signals;
+  const std::jthread later([&](const std::stop_token& over) {
+    while (signals_taken < 3) std::this_thread::yield();
+    for (unique_fd& one : server.fill) one.reset();
+    while (!over.stop_requested()) {
+      if (wait_for(server.sock.get(), POLLIN, 20) > 0) unique_fd(accept(server.sock.get(), nullptr, nullptr));
+    }
+  });
+  const unique_fd sock(dl_connect("127.0.0.1", server.port(), 0, 0));
+  EXPECT_GT(sock.get(), 2) << log.all();
 }
 
 // SIGPIPE would end the test.
