@@ -151,8 +151,11 @@ FETCHRIG_API void dl_exit(void);
 /* The library's version, "5.3.0.4"; a constant. Any thread. */
 FETCHRIG_API const char *dl_get_version(void);
 
-/* Limits the TLS handshake and every TLS read and write to `seconds`; 0, the default, sets no limit. A limit that is
- * passed fails like a broken connection. Holds for connections made afterwards. Any thread. */
+/* Ends TLS waits after `seconds` without progress, that is, when no byte has moved on the connection for so long: in
+ * the handshake, in every TLS read, in every TLS write. So a large body may take as long as it needs. Against a peer that
+ * trickles bytes, a handshake, a read, or one record of a write (16 KiB) takes at most ten times `seconds` altogether.
+ * 0, the default, sets no limit. A limit that is passed fails like a broken connection. Holds for connections made
+ * afterwards. Any thread. */
 FETCHRIG_API void dl_set_tls_wait_limit(uint32_t seconds);
 
 /* ---------------------------------------------------------------- log */

@@ -31,7 +31,11 @@ FETCHRIG_API int dl_connect(const char *host, int port, int ipv6, int seconds);
 /* Makes a TLS client session over the connected `sock`. `cert_file` (may be empty) holds client certificate and key,
  * `ca_dir` the trusted CAs in a hashed directory, `method` is option 3, the switches options 4 and 10, `host` the name
  * or address that was dialled. Returns 0 with both objects stored, to be released with SSL_free() and SSL_CTX_free(),
- * or -3 with nothing stored. `sock` stays the caller's. */
+ * or -3 with nothing stored. `sock` stays the caller's.
+ * The session may be used like one over OpenSSL's socket BIO: SSL_get_fd() gives `sock`, nothing is read ahead, and
+ * once `sock` is non-blocking a call that would wait ends with SSL_ERROR_WANT_READ or SSL_ERROR_WANT_WRITE. On a
+ * blocking socket dl_set_tls_wait_limit() holds for each wait; one that passes ends the call with SSL_ERROR_SYSCALL
+ * and errno ETIMEDOUT. No call raises SIGPIPE. */
 FETCHRIG_API int dl_do_SSL_connect(int sock, const char *cert_file, const char *ca_dir, int method, int verify_peer,
                                    int verify_host, const char *host, SSL **ssl, SSL_CTX **ctx);
 

@@ -26,7 +26,6 @@ namespace fetchrig {
 namespace {
 
 constexpr int max_chain_depth = 10;
-constexpr std::size_t read_buffer_bytes = 32768;
 
 int refuse(const char* message) {
   qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "%s", message);
@@ -57,9 +56,6 @@ int make_context(int method, unique_ssl_ctx& ctx) {
   // A connection that ends without TLS's farewell has ended: every read behind it says so, like on a plain
   // one.
   SSL_CTX_set_options(ctx.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
-  // A whole record per receive instead of its header first.
-  SSL_CTX_set_read_ahead(ctx.get(), 1);
-  SSL_CTX_set_default_read_buffer_len(ctx.get(), read_buffer_bytes);
   return 0;
 }
 

@@ -2,74 +2,104 @@
 #include "net/tls_bio.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <stdint.h>
 #include <sys/socket.h>
-#include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <new>
 
+#include "net/connect.h"
+
 namespace fetchrig {
 namespace {
 
+// One operation may take this many limits altogether, however steadily bytes trickle.
+constexpr int max_limits_per_operation = 10;
+
 struct tls_socket {
   int sock;
-  unsigned limit_s;
-  int64_t deadline_ms;  // of the operation at work, 0 between operations; used with a limit alone
+  unsigned limit_s;  // of a wait; 0: none
+  int64_t end_ms;    // of the operation at work, 0 between operations; used with a limit alone
 };
-
-int64_t now_ms() {
-  timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
 
 tls_socket* data_of(BIO* bio) {
   return static_cast<tls_socket*>(BIO_get_data(bio));
 }
 
-// False, with errno ETIMEDOUT, when the operation's time is over before the socket is ready.
+bool would_block() {
+  return errno == EAGAIN || errno == EWOULDBLOCK;
+}
+
+bool is_blocking(int sock) {
+  const int flags = fcntl(sock, F_GETFL);
+  return flags >= 0 && (flags & O_NONBLOCK) == 0;
+}
+
+// What a wait may take: the limit, and no longer than the operation at work.
+int64_t wait_left_ms(const tls_socket& data) {
+  const int64_t limit_ms = int64_t{data.limit_s} * 1000;
+  return data.end_ms > 0 ? std::min(limit_ms, data.end_ms - now_ms()) : limit_ms;
+}
+
+// False with errno; the end of the time is an error like any other.
 bool wait_ready(const tls_socket& data, short events) {
-  if (data.limit_s == 0) return true;
-  const int64_t deadline_ms =
-      data.deadline_ms > 0 ? data.deadline_ms : now_ms() + int64_t{data.limit_s} * 1000;
+  const int ready = wait_for(data.sock, events, std::max<int64_t>(0, wait_left_ms(data)));
+  if (ready == 0) errno = ETIMEDOUT;
+  return ready > 0;
+}
+
+// Calls `transfer` with the flags for recv() or send() until it moves bytes or fails. Without a limit a
+// blocking socket waits by itself; with one it is tried, then waited for. On a socket that its owner made
+// non-blocking nothing waits.
+template <typename Transfer>
+int move_bytes(const tls_socket& data, short events, Transfer transfer) {
   for (;;) {
-    const int64_t left = deadline_ms - now_ms();
-    pollfd entry = {data.sock, events, 0};
-    const int ready = left > 0 ? ::poll(&entry, 1, static_cast<int>(std::min<int64_t>(left, INT32_MAX))) : 0;
-    if (ready > 0) return true;
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready == 0) errno = ETIMEDOUT;
-    return false;
+    if (data.limit_s > 0 && wait_left_ms(data) <= 0) {
+      errno = ETIMEDOUT;
+      return -1;
+    }
+    const ssize_t count = transfer(data.limit_s > 0 ? MSG_DONTWAIT : 0);
+    if (count >= 0) return static_cast<int>(count);
+    if (errno == EINTR) continue;
+    const bool waits = data.limit_s > 0 && would_block() && is_blocking(data.sock);
+    if (!waits || !wait_ready(data, events)) return -1;
   }
 }
 
 int bio_read(BIO* bio, char* to, int size) {
-  const tls_socket& data = *data_of(bio);
   BIO_clear_retry_flags(bio);
-  if (size <= 0 || !wait_ready(data, POLLIN)) return -1;
-  ssize_t count = 0;
-  do {
-    count = ::recv(data.sock, to, static_cast<std::size_t>(size), 0);
-  } while (count < 0 && errno == EINTR);
+  if (size <= 0) return -1;
+  const int count = move_bytes(*data_of(bio), POLLIN, [&](int flags) {
+    return ::recv(data_of(bio)->sock, to, static_cast<std::size_t>(size), flags);
+  });
   if (count == 0) BIO_set_flags(bio, BIO_FLAGS_IN_EOF);
-  return static_cast<int>(count);
+  if (count < 0 && would_block()) BIO_set_retry_read(bio);
+  return count;
 }
 
 int bio_write(BIO* bio, const char* from, int size) {
-  const tls_socket& data = *data_of(bio);
   BIO_clear_retry_flags(bio);
-  if (size <= 0 || !wait_ready(data, POLLOUT)) return -1;
-  ssize_t count = 0;
-  do {
-    count = ::send(data.sock, from, static_cast<std::size_t>(size), MSG_NOSIGNAL);
-  } while (count < 0 && errno == EINTR);
-  return static_cast<int>(count);
+  if (size <= 0) return -1;
+  const int count = move_bytes(*data_of(bio), POLLOUT, [&](int flags) {
+    return ::send(data_of(bio)->sock, from, static_cast<std::size_t>(size), flags | MSG_NOSIGNAL);
+  });
+  if (count < 0 && would_block()) BIO_set_retry_write(bio);
+  return count;
 }
 
-long bio_control(BIO* bio, int command, long, void*) {
+long bio_control(BIO* bio, int command, long number, void* place) {
   switch (command) {
+    case BIO_C_GET_FD:
+      if (place) *static_cast<int*>(place) = data_of(bio)->sock;
+      return data_of(bio)->sock;
+    case BIO_CTRL_GET_CLOSE:
+      return BIO_get_shutdown(bio);
+    case BIO_CTRL_SET_CLOSE:
+      BIO_set_shutdown(bio, static_cast<int>(number));
+      return 1;
     case BIO_CTRL_FLUSH:
     case BIO_CTRL_DUP:
       return 1;
@@ -81,14 +111,15 @@ long bio_control(BIO* bio, int command, long, void*) {
 }
 
 int bio_destroy(BIO* bio) {
+  if (data_of(bio) && BIO_get_shutdown(bio)) ::close(data_of(bio)->sock);
   delete data_of(bio);
   BIO_set_data(bio, nullptr);
   return 1;
 }
 
-// Marks BIOs as ours.
+// Marks BIOs as ours, and as over a descriptor that SSL_get_fd() finds.
 int bio_type() {
-  static const int type = BIO_get_new_index() | BIO_TYPE_SOURCE_SINK;
+  static const int type = BIO_get_new_index() | BIO_TYPE_SOURCE_SINK | BIO_TYPE_DESCRIPTOR;
   return type;
 }
 
@@ -126,17 +157,19 @@ BIO* new_tls_bio(int sock, unsigned limit_s) {
     return nullptr;
   }
   BIO_set_data(bio, data);
+  BIO_set_shutdown(bio, BIO_NOCLOSE);
   BIO_set_init(bio, 1);
   return bio;
 }
 
 void start_tls_operation(SSL* ssl) {
   tls_socket* data = socket_of(ssl);
-  if (data && data->limit_s > 0) data->deadline_ms = now_ms() + int64_t{data->limit_s} * 1000;
+  if (data && data->limit_s > 0)
+    data->end_ms = now_ms() + int64_t{data->limit_s} * 1000 * max_limits_per_operation;
 }
 
 void end_tls_operation(SSL* ssl) {
-  if (tls_socket* data = socket_of(ssl)) data->deadline_ms = 0;
+  if (tls_socket* data = socket_of(ssl)) data->end_ms = 0;
 }
 
 }  // namespace fetchrig

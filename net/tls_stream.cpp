@@ -57,9 +57,11 @@ io_result tls_stream::peek(std::span<char> to, int) {
   return as_result(run(ssl_, [&] { return SSL_peek(ssl_, to.data(), bounded(to.size())); }));
 }
 
+// A record at a time, as OpenSSL sends it anyway, so that each is an operation with a time of its own.
 int tls_stream::write_all(std::span<const char> from) {
   while (!from.empty()) {
-    const int sent = run(ssl_, [&] { return SSL_write(ssl_, from.data(), bounded(from.size())); });
+    const auto record = from.first(std::min<std::size_t>(from.size(), SSL3_RT_MAX_PLAIN_LENGTH));
+    const int sent = run(ssl_, [&] { return SSL_write(ssl_, record.data(), bounded(record.size())); });
     if (sent <= 0) {
       log_reason("TLS write");
       return -1;

@@ -76,17 +76,6 @@ TEST_F(stream_test, a_read_ahead_keeps_order_and_its_bound) {
   EXPECT_EQ(next.read(buffer, 1).count, 0);
 }
 
-TEST_F(stream_test, held_bytes_outlive_the_end_of_the_stream) {
-  read_ahead ahead;
-  tcp_stream stream(near.get(), &ahead);
-  peer_sends("abc");
-  far.reset();
-  EXPECT_EQ(text_of(buffer, stream.read({buffer.data(), 1}, 1)), "a");
-  EXPECT_EQ(text_of(buffer, stream.peek(buffer, 1)), "bc");
-  EXPECT_EQ(text_of(buffer, stream.read(buffer, 1)), "bc");
-  EXPECT_EQ(stream.read(buffer, 1).count, 0);
-}
-
 TEST_F(stream_test, nothing_in_time_is_a_failed_wait) {
   read_ahead ahead;
   tcp_stream bare(near.get());

@@ -1,6 +1,10 @@
 // tls.cpp, tls_host.cpp, tls_bio.cpp and tls_stream.cpp: which certificates name which hosts, and connections
 // to TLS servers in this process.
+#include <fcntl.h>
 #include <openssl/x509v3.h>
+
+#include <chrono>
+#include <future>
 
 #include "core/openssl_owners.h"
 #include "core/owners.h"
@@ -260,23 +264,52 @@ TEST_F(tls, a_silent_server_is_given_up_after_the_limit) {
   EXPECT_EQ(std::pair(nothing.count, nothing.error), std::pair(std::ptrdiff_t{-1}, ETIMEDOUT));
 }
 
-TEST_F(tls, peeking_leaves_the_bytes) {
-  tcp_peer server({{send("ab"), send("cdef")}}, {.mode = delivery::byte_by_byte, .tls = serving(pki().good)});
+TEST_F(tls, a_steady_upload_may_take_longer_than_the_limit) {
+  dl_set_tls_wait_limit(1);
+  constexpr std::size_t piece = 65536;
+  connection_script slow;
+  for (int i = 0; i < 12; ++i) {
+    slow.push_back(call([] { std::this_thread::sleep_for(std::chrono::milliseconds(150)); }));
+    slow.push_back(expect_length(piece));
+  }
+  slow.push_back(send("x"));
+  tcp_peer server({slow}, {.tls = serving(pki().good)});
   const client connection(server);
   ASSERT_TRUE(connection.ssl);
-  tls_stream stream = connection.bytes();
-  std::string all;
-  char seen = 0, buffer[8] = {};
-  EXPECT_EQ(stream.peek({buffer, 0}, 5).count, 0);
-  while (stream.peek({&seen, 1}, 5).count == 1) {
-    const auto count = stream.read(buffer, 5).count;
-    ASSERT_GT(count, 0);
-    EXPECT_EQ(buffer[0], seen);
-    all.append(buffer, static_cast<size_t>(count));
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(connection.bytes().write_all(std::string(12 * piece, 'c')), 0);
+  char answer = 0;
+  EXPECT_EQ(connection.bytes().read({&answer, 1}, 5).count, 1);
+  EXPECT_GT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+}
+
+// An application polls the descriptor of its session and reads and writes by itself.
+TEST_F(tls, a_session_behaves_like_one_over_a_socket_bio) {
+  for (const unsigned limit_s : {0U, 60U}) {
+    dl_set_tls_wait_limit(limit_s);
+    std::promise<void> read_on;
+    tcp_peer server({{call([&] { read_on.get_future().wait(); }), send("x"), stall()}},
+                    {.tls = serving(pki().good, TLS1_2_VERSION)});
+    const client connection(server);
+    SSL* ssl = connection.ssl.get();
+    ASSERT_TRUE(ssl);
+    EXPECT_EQ(SSL_get_fd(ssl), connection.sock.get());
+    EXPECT_EQ(BIO_get_close(SSL_get_wbio(ssl)), BIO_NOCLOSE);
+    EXPECT_EQ(SSL_get_read_ahead(ssl), 0);
+    const int sock = connection.sock.get();
+    fcntl(sock, F_SETFL, O_NONBLOCK);
+    char byte = 0;
+    EXPECT_EQ(SSL_get_error(ssl, SSL_read(ssl, &byte, 1)), SSL_ERROR_WANT_READ);
+    const std::string content(16384, 'c');
+    int written = 0;
+    while ((written = SSL_write(ssl, content.data(), 16384)) > 0) continue;
+    EXPECT_EQ(SSL_get_error(ssl, written), SSL_ERROR_WANT_WRITE);
+    read_on.set_value();
+    EXPECT_GT(dl_select(sock, 2, 5), 0);
+    EXPECT_EQ(SSL_write(ssl, content.data(), 16384), 16384) << "goes on where it stopped";
+    EXPECT_GT(dl_select(sock, 1, 5), 0);
+    EXPECT_EQ(SSL_read(ssl, &byte, 1), 1);
   }
-  EXPECT_EQ(all, "abcdef");
-  EXPECT_EQ(stream.peek({&seen, 1}, 5).count, 0) << "the end";
-  EXPECT_EQ(stream.read(buffer, 5).count, 0);
 }
 
 // SIGPIPE would end the test.
