@@ -3,9 +3,6 @@
 // own. Prints the best CPU time of each and their ratio, and the growth of the process over the downloads;
 // fails above 1.3 for HTTP and 1.15 for HTTPS. Argument: MiB to move (default 512).
 #include <fcntl.h>
-#include <openssl/evp.h>
-#include <openssl/ssl.h>
-#include <openssl/x509.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -20,6 +17,7 @@
 #include <vector>
 
 #include "bench/bench_support.h"
+#include "bench/tls_server.h"
 #include "include/fetchrig.h"
 
 using namespace bench;
@@ -34,37 +32,6 @@ long peak_kib() {
   getrusage(RUSAGE_SELF, &usage);
   return usage.ru_maxrss;
 }
-
-// A self-signed certificate for the server process.
-void use_new_certificate(SSL_CTX* ctx) {
-  EVP_PKEY* key = EVP_RSA_gen(2048);
-  X509* certificate = X509_new();
-  if (!key || !certificate) die("certificate");
-  X509_gmtime_adj(X509_getm_notBefore(certificate), 0);
-  X509_gmtime_adj(X509_getm_notAfter(certificate), 3600);
-  X509_set_pubkey(certificate, key);
-  X509_sign(certificate, key, EVP_sha256());
-  SSL_CTX_use_certificate(ctx, certificate);
-  SSL_CTX_use_PrivateKey(ctx, key);
-  X509_free(certificate);
-  EVP_PKEY_free(key);
-}
-
-// Either kind of connection, as the server and the bare loop use it.
-struct connection {
-  int sock;
-  SSL* ssl;
-  ssize_t read(char* to, std::size_t size) const {
-    return ssl ? SSL_read(ssl, to, static_cast<int>(size)) : recv(sock, to, size, 0);
-  }
-  ssize_t write(const char* from, std::size_t size) const {
-    return ssl ? SSL_write(ssl, from, static_cast<int>(size)) : send(sock, from, size, MSG_NOSIGNAL);
-  }
-  void close() const {
-    SSL_free(ssl);
-    ::close(sock);
-  }
-};
 
 void serve_one(const connection& peer, std::size_t file_bytes) {
   std::vector<char> block(block_bytes, 'x');
@@ -88,13 +55,10 @@ pid_t start_server(bool tls, std::size_t file_bytes, uint16_t& port) {
     return pid;
   }
   signal(SIGPIPE, SIG_IGN);
-  SSL_CTX* ctx = tls ? SSL_CTX_new(TLS_server_method()) : nullptr;
-  if (tls) use_new_certificate(ctx);
+  SSL_CTX* ctx = tls ? new_server_context() : nullptr;
   for (;;) {
-    const int client = accept(sock, nullptr, nullptr);
-    connection peer = {client, tls ? SSL_new(ctx) : nullptr};
-    if (tls) SSL_set_fd(peer.ssl, client);
-    if (!tls || SSL_accept(peer.ssl) == 1) serve_one(peer, file_bytes);
+    const connection peer = accept_from(sock, ctx);
+    serve_one(peer, file_bytes);
     peer.close();
   }
 }

@@ -102,6 +102,10 @@ connect_outcome connect_blocking(int sock, const socket_address& address) {
   return outcome;
 }
 
+// No more waits unsent in the system's buffer. All that waits there is still to cross the link when the last
+// byte of an upload has been written, and the peer's answer is waited for only as long as any other.
+constexpr int max_unsent_bytes = 16384;
+
 // Notices a vanished peer, sends small requests at once, and lets a send that makes no progress fail.
 void set_connection_options(int sock, int seconds) {
   const int on = 1;
@@ -113,6 +117,7 @@ void set_connection_options(int sock, int seconds) {
   setsockopt(sock, IPPROTO_TCP, TCP_KEEPINTVL, &interval_s, sizeof interval_s);
   setsockopt(sock, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
   setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  setsockopt(sock, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &max_unsent_bytes, sizeof max_unsent_bytes);
   timeval limit = {};
   limit.tv_sec = seconds;
   setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);

@@ -66,12 +66,13 @@ TEST_F(connecting, a_listening_port) {
     ASSERT_GT(sock.get(), 2);
     EXPECT_EQ(fcntl(sock.get(), F_GETFL) & O_NONBLOCK, 0) << "blocking again";
     EXPECT_TRUE(fcntl(sock.get(), F_GETFD) & FD_CLOEXEC);
-    for (const auto& [level, option] :
-         {std::pair<int, int>{SOL_SOCKET, SO_KEEPALIVE}, {IPPROTO_TCP, TCP_NODELAY}}) {
+    for (const auto& [level, option, wanted] : {std::tuple<int, int, int>{SOL_SOCKET, SO_KEEPALIVE, 1},
+                                                {IPPROTO_TCP, TCP_NODELAY, 1},
+                                                {IPPROTO_TCP, TCP_NOTSENT_LOWAT, 16384}}) {
       int value = 0;
       socklen_t length = sizeof value;
       EXPECT_EQ(getsockopt(sock.get(), level, option, &value, &length), 0);
-      EXPECT_EQ(value, 1) << option;
+      EXPECT_EQ(value, wanted) << option;
     }
   }
 }
