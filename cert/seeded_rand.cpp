@@ -4,11 +4,13 @@
 #include <openssl/crypto.h>
 #include <openssl/md5.h>
 #include <openssl/rand.h>
+#include <pthread.h>
 #include <stddef.h>
 #include <stdlib.h>
 
 #include <algorithm>
 #include <atomic>
+#include <new>
 #include <span>
 
 namespace fetchrig {
@@ -122,6 +124,19 @@ int method_status() {
 constexpr RAND_METHOD forwarding_method = {method_seed, method_bytes, nullptr,
                                            method_add,  method_bytes, method_status};
 
+// A child forked while another thread generated a key finds our method in place, but not that thread, nor the
+// one that would give the lock back.
+const RAND_METHOD* current_method() {
+  const RAND_METHOD* const method = RAND_get_rand_method();
+  return method == &forwarding_method ? &method_of_others() : method;
+}
+void after_fork_in_child() {
+  new (&generation_lock) std::mutex;
+}
+__attribute__((constructor)) void on_load() {
+  pthread_atfork(nullptr, nullptr, after_fork_in_child);
+}
+
 }  // namespace
 
 keygen_state initial_keygen_state(std::string_view common_name, std::string_view key_seed) {
@@ -154,7 +169,7 @@ int seeded_rand_bytes(unsigned char* buffer, int count) {
 // OpenSSL guards the pointer to its method with a lock of its own; all that other threads can see of the swap
 // is which of two constant tables they get, and both serve them from the same source.
 seeded_rand_scope::seeded_rand_scope(const keygen_state& start)
-    : lock_(generation_lock), before_(RAND_get_rand_method()), installed_(false) {
+    : lock_(generation_lock), before_(current_method()), installed_(false) {
   keygen_rand_state = start;
   other_threads_method.store(before_ ? before_ : RAND_OpenSSL(), std::memory_order_release);
   installed_ = RAND_set_rand_method(&forwarding_method) == 1;

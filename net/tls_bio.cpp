@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <new>
 
 #include "net/connect.h"
@@ -90,8 +91,25 @@ int bio_write(BIO* bio, const char* from, int size) {
   return count;
 }
 
+// A control command of our own, by which our BIOs are known. Only those of this copy of the library answer.
+constexpr int ask_for_socket = 0x66726967;
+const char this_copy = 0;
+struct socket_question {
+  const char* asked_by = &this_copy;
+  tls_socket* answer = nullptr;
+};
+
+long answer(BIO* bio, void* asked) {
+  auto* question = static_cast<socket_question*>(asked);
+  if (!question || question->asked_by != &this_copy) return 0;
+  question->answer = data_of(bio);
+  return 1;
+}
+
 long bio_control(BIO* bio, int command, long number, void* place) {
   switch (command) {
+    case ask_for_socket:
+      return answer(bio, place);
     case BIO_C_GET_FD:
       if (place) *static_cast<int*>(place) = data_of(bio)->sock;
       return data_of(bio)->sock;
@@ -110,46 +128,72 @@ long bio_control(BIO* bio, int command, long number, void* place) {
   }
 }
 
+// Over a descriptor that SSL_get_fd() finds. Without an index of its own, as OpenSSL never takes one back.
+constexpr int bio_type = BIO_TYPE_SOURCE_SINK | BIO_TYPE_DESCRIPTOR;
+
+// Made at the first connection. Connections refer to it until they are freed, so when the process ends or
+// unloads the library it is freed only if there are none. Who makes a connection counts it before looking for
+// the method.
+std::atomic<BIO_METHOD*> socket_method{nullptr};
+std::atomic<int> num_connections{0};
+
+int bio_create(BIO*) {
+  ++num_connections;
+  return 1;
+}
+
 int bio_destroy(BIO* bio) {
   if (data_of(bio) && BIO_get_shutdown(bio)) ::close(data_of(bio)->sock);
   delete data_of(bio);
   BIO_set_data(bio, nullptr);
+  --num_connections;
   return 1;
 }
 
-// Marks BIOs as ours, and as over a descriptor that SSL_get_fd() finds.
-int bio_type() {
-  static const int type = BIO_get_new_index() | BIO_TYPE_SOURCE_SINK | BIO_TYPE_DESCRIPTOR;
-  return type;
-}
-
 BIO_METHOD* make_method() {
-  BIO_METHOD* method = BIO_meth_new(bio_type(), "fetchrig socket");
+  BIO_METHOD* method = BIO_meth_new(bio_type, "fetchrig socket");
   if (!method) return nullptr;
   BIO_meth_set_read(method, bio_read);
   BIO_meth_set_write(method, bio_write);
   BIO_meth_set_ctrl(method, bio_control);
+  BIO_meth_set_create(method, bio_create);
   BIO_meth_set_destroy(method, bio_destroy);
   return method;
 }
 
-// Made at the first connection and kept for the process, as connections refer to it until they are freed.
-const BIO_METHOD* socket_method() {
-  static const BIO_METHOD* const method = make_method();
-  return method;
+const BIO_METHOD* method_of_connections() {
+  if (const BIO_METHOD* known = socket_method) return known;
+  BIO_METHOD* const made = make_method();
+  BIO_METHOD* known = nullptr;
+  if (socket_method.compare_exchange_strong(known, made)) return made;
+  BIO_meth_free(made);
+  return known;
+}
+
+__attribute__((destructor)) void on_unload() {
+  BIO_METHOD* const method = socket_method.exchange(nullptr);
+  if (num_connections == 0) BIO_meth_free(method);
+}
+
+BIO* new_bio() {
+  ++num_connections;
+  const BIO_METHOD* method = method_of_connections();
+  BIO* bio = method ? BIO_new(method) : nullptr;
+  --num_connections;  // it counts itself
+  return bio;
 }
 
 // Null for a connection over another kind of BIO.
 tls_socket* socket_of(SSL* ssl) {
-  BIO* bio = SSL_get_rbio(ssl);
-  return bio && BIO_method_type(bio) == bio_type() ? data_of(bio) : nullptr;
+  socket_question question;
+  if (BIO* bio = SSL_get_rbio(ssl)) BIO_ctrl(bio, ask_for_socket, 0, &question);
+  return question.answer;
 }
 
 }  // namespace
 
 BIO* new_tls_bio(int sock, unsigned limit_s) {
-  const BIO_METHOD* method = socket_method();
-  BIO* bio = method ? BIO_new(method) : nullptr;
+  BIO* bio = new_bio();
   if (!bio) return nullptr;
   auto* data = new (std::nothrow) tls_socket{sock, limit_s, 0};
   if (!data) {
