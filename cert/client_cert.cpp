@@ -121,9 +121,12 @@ int generate(const char* ca_cert, const char* ca_key, const char* key_path, cons
 }  // namespace fetchrig
 
 int make_REQ(X509_REQ* request, EVP_PKEY* key, const char* text, int /*unused*/, int string_type) {
-  if (X509_REQ_set_version(request, 0) != 1) return -1;
-  if (build_subject(request, text, string_type) != 1) return -1;
-  return X509_REQ_set_pubkey(request, key) == 1 ? 0 : -1;
+  const auto work = [&] {
+    if (X509_REQ_set_version(request, 0) != 1) return -1;
+    if (build_subject(request, text, string_type) != 1) return -1;
+    return X509_REQ_set_pubkey(request, key) == 1 ? 0 : -1;
+  };
+  return fetchrig::guarded(work, [] { return -1; });
 }
 
 int dl_generate_client_cert(const char* ca_cert, const char* ca_key, const char* key_file,

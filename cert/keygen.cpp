@@ -86,21 +86,25 @@ int dl_cert_build_rsa_key(const char* path, int bits, EVP_PKEY** key, int* reuse
   using namespace fetchrig;
   if (!path || !key || !reused) return -1;
   const clean_error_queue after;
-  device_key result;
-  if (build_rsa_key(result, path, bits, nullptr) != 0) return -1;
-  if (result.reused) *reused = 1;
-  *key = result.key.release();
-  return 0;
+  const auto build = [&] {
+    device_key result;
+    if (build_rsa_key(result, path, bits, nullptr) != 0) return -1;
+    if (result.reused) *reused = 1;
+    *key = result.key.release();
+    return 0;
+  };
+  return guarded(build, [] { return -1; });
 }
 
 int dl_cert_write_key(const char* path, int /*unused1*/, EVP_PKEY* key, int /*unused2*/) {
   using namespace fetchrig;
   if (!path || !key) return -1;
   const clean_error_queue after;
-  const unique_bio text = pem_text(nullptr, key);
-  if (!text) return -1;
-  const auto write = [&] {  // a failure is in the log only
-    (void)write_private_file(path, text_of(text.get()), at_link::replace_link);
+  const auto write = [&] {
+    const unique_bio text = pem_text(nullptr, key);
+    if (!text) return -1;
+    (void)write_private_file(path, text_of(text.get()),
+                             at_link::replace_link);  // a failure is in the log only
     return 0;
   };
   return guarded(write, [] { return -1; });

@@ -87,6 +87,9 @@ X509_NAME* do_subject(const char* text, int string_type) {
 }
 
 int build_subject(X509_REQ* request, const char* text, int string_type) {
-  const fetchrig::unique_x509_name name(do_subject(text, string_type));
-  return name && X509_REQ_set_subject_name(request, name.get()) == 1 ? 1 : 0;
+  const auto work = [&] {
+    const fetchrig::unique_x509_name name(do_subject(text, string_type));
+    return name && X509_REQ_set_subject_name(request, name.get()) == 1 ? 1 : 0;
+  };
+  return fetchrig::guarded(work, [] { return 0; });
 }

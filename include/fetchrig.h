@@ -9,6 +9,11 @@
  * the library; after that any thread may call anything. One session or handle belongs to one thread at a time, and
  * certificate operations run one at a time.
  *
+ * No call is a cancellation point: a thread that is cancelled inside one ends at its next cancellation point after the
+ * call has returned (with asynchronous cancellation as it returns, and what the call made for it is lost). The library
+ * works in a child of fork(); sessions stay with the process that goes on using them. It may be unloaded when no call
+ * runs and everything it handed out is closed.
+ *
  * Unless a comment says otherwise: texts are NUL-terminated, passed texts are borrowed for the duration of the call,
  * a transfer call returns 0 (reads: a byte count) or -1 and stores the code and its text in the caller's dl_result. */
 #ifndef FETCHRIG_H
@@ -180,7 +185,8 @@ enum dl_log_level {
 enum dl_log_flags { DL_LOG_TO_SYSLOG = 1, DL_LOG_TO_CONSOLE = 2, DL_LOG_WITH_TIME = 4 };
 
 /* Receives each finished line: `length` characters, not terminated within them. Runs on the logging thread and may be
- * called by several threads at once. The result is ignored. */
+ * called by several threads at once. It must return: it may neither jump out (longjmp, exceptions) nor end its thread.
+ * The result is ignored. */
 typedef int (*dl_log_callback)(const char *line, int32_t length);
 
 /* Selects the outputs (enum dl_log_flags) and the callback (or null), and sets every module's level to 4. Returns 0.

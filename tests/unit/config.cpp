@@ -5,6 +5,8 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <thread>
 
@@ -161,6 +163,31 @@ TEST_F(config, ring_entries_replace_the_slot_they_name) {
   const std::pair<std::string, int> numbers[] = {
       {"rING", 9}, {"old", -1}, {"none", -1}, {"rin", -1}, {std::string(sizeof entry.name, 'N'), 1}};
   for (const auto& [name, number] : numbers) EXPECT_EQ(ring_number_of(name.c_str()), number) << name;
+}
+
+TEST_F(config, a_child_forked_while_a_thread_holds_a_lock_does_not_hang) {
+  const auto use_locks = [] {
+    set(DL_OPT_USER_AGENT, std::string(500, 'a'));
+    dl_http_session own = {};
+    own.magic = DL_HTTP_MAGIC;
+    own.sock = -1;
+    dl_result result;
+    return dl_http_read(&own, result.message, 0, &result);
+  };
+  use_locks();
+  const std::jthread user([&use_locks](const std::stop_token& stop) {
+    while (!stop.stop_requested()) use_locks();
+  });
+  for (int round = 0; round < 100 && !HasFailure(); ++round) {
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(20);
+      _exit(use_locks());
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0) << round;
+  }
 }
 
 // The thread sanitizer watches; the texts are long enough to be seen half written.

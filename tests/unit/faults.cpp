@@ -8,6 +8,7 @@
 #include <algorithm>
 
 #include "include/fetchrig_openssl.h"
+#include "tests/support/fed_socket.h"
 #include "tests/support/http_fixture.h"
 #include "tests/support/pki.h"
 #include "tests/support/wave.h"
@@ -252,6 +253,39 @@ TEST_F(faults, no_memory_is_given_back_with_a_password_in_it) {
     secret = nullptr;
   }
   EXPECT_EQ(0, std::exchange(num_leaked, 0));
+}
+
+// A session that no open call made, and a URL whose login or host cannot be copied.
+TEST_F(faults, memory_for_a_record_of_the_callers_own_and_for_the_parts_of_a_url) {
+  for (long nth = 1; nth <= 3; ++nth) {
+    const fed_socket peer("5\r\nhello\r\n0\r\n\r\n");
+    auto* own = static_cast<dl_http_session*>(calloc(1, sizeof(dl_http_session)));
+    own->magic = DL_HTTP_MAGIC;
+    own->sock = peer.duplicate();
+    own->flags = DL_HTTP_FLAG_CHUNKED;
+    char text[5];
+    dl_result result = {};
+    ::plan = {.what = target::memory, .lasting = true, .calls_left = nth};
+    EXPECT_EQ(dl_http_read(own, text, sizeof text, &result), nth < 3 ? -1 : 5) << "record, bytes";
+    dl_http_close(own);
+    ::plan = {};
+    EXPECT_EQ(result.code, nth < 3 ? DL_ERR_MEMORY : 0);
+  }
+  static int num_told = 0;
+  dl_log_init(0, [](const char* line, int32_t length) {
+    return num_told +=
+           std::string_view(line, static_cast<size_t>(length)).ends_with("_Port Info Parsing Fail!\n");
+  });
+  const std::string part(40, 'p'), url = "ftp://" + part + ":" + part + "@" + part + "/";
+  const dl_request request = {url.c_str(), nullptr, nullptr, nullptr};
+  for (long nth = 2; nth <= 4; ++nth) {  // the first is the handle
+    dl_handle* handle = nullptr;
+    dl_result result = {};
+    ::plan = {.what = target::memory, .lasting = true, .calls_left = nth};
+    EXPECT_EQ(dl_open(&request, &handle, redirect_, &result), -1);
+    ::plan = {};
+    EXPECT_EQ(num_told, nth - 1);
+  }
 }
 
 // What cannot be read for lack of memory is no store entry without a certificate and no key file without key.

@@ -158,6 +158,58 @@ TEST_F(log_facility, a_missing_daemon_is_tried_again_with_each_message) {
   }
 }
 
+TEST_F(log_facility, a_blocked_daemon_costs_one_wait_and_the_lost_lines_are_counted) {
+  fetchrig::syslog_pause_ms = 20;
+  qxfr_log_init("QXFR", DL_LOG_TO_SYSLOG, nullptr);
+  size_t sent = 1, told = 0, got = 0;
+  const auto started = std::chrono::steady_clock::now();
+  for (; sent < 3000; ++sent) qxfr_log(DL_LOG_ANY, DL_LOG_ERROR, "m\n");
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10)) << "for thousands of lines";
+  for (; told == 0 && !HasFailure(); ++sent) {  // the daemon reads again
+    for (const std::string& line : arrived()) {
+      const bool tells = line.find("lines lost, the system log was blocked\n") != std::string::npos;
+      if (tells) told = std::stoul(line.substr(line.find("> ") + 2));
+      got += !tells;
+    }
+    if (told > 0) break;
+    qxfr_log(DL_LOG_ANY, DL_LOG_ERROR, "m\n");
+    ASSERT_LT(sent, 100000000U);
+  }
+  EXPECT_EQ(got + told, sent) << "each line has arrived or was counted";
+  fetchrig::syslog_pause_ms = 5000;
+}
+
+// As a daemon does that closes every descriptor: the number is somebody else's then.
+TEST_F(log_facility, a_descriptor_that_the_application_has_reused_gets_no_lines) {
+  qxfr_log_init("QXFR", DL_LOG_TO_SYSLOG, nullptr);
+  int log_fd = 2;
+  for (sockaddr_un peer = {}; path != peer.sun_path && log_fd < 1000;) {
+    socklen_t length = sizeof peer;
+    if (getpeername(++log_fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0) peer = {};
+  }
+  int pair[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, pair), 0);
+  const unique_fd first(pair[0]), second(pair[1]);
+  ASSERT_EQ(dup2(first.get(), log_fd), log_fd);
+  arrived();
+  qxfr_log(DL_LOG_ANY, DL_LOG_ERROR, "m\n");
+  EXPECT_EQ(arrived().size(), 1U) << "over a new socket";
+  qxfr_log_exit();
+  char got = 0;
+  EXPECT_EQ(recv(second.get(), &got, 1, MSG_DONTWAIT), -1);
+  EXPECT_EQ(close(log_fd), 0) << "it was left open";
+}
+
+TEST_F(log_facility, a_thread_that_is_cancelled_while_it_logs_does_not_silence_the_log) {
+  qxfr_log_init("QXFR", DL_LOG_TO_SYSLOG, nullptr);
+  std::thread([] {
+    pthread_cancel(pthread_self());
+    qxfr_log(DL_LOG_ANY, DL_LOG_ERROR, "m\n");
+  }).join();
+  qxfr_log_init("QXFR", DL_LOG_TO_SYSLOG, nullptr);
+  EXPECT_EQ(arrived().size(), 3U);
+}
+
 // Threads log while the socket is closed, opened and fails underneath them. No line may land in a descriptor
 // that was reused meanwhile: the test keeps opening files, which would receive it.
 TEST_F(log_facility, threads_log_while_the_socket_is_replaced) {
