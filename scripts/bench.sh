@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds the release preset and runs every benchmark; each prints ratios against a bare loop measured in the same run
-# and fails when its bound is passed. Arguments go to each program (MiB to move).
+# Builds the release preset and runs every benchmark; each prints ratios against a bare loop measured in the same run,
+# or the instructions of a start, and fails when its bound is passed. Arguments go to each program (MiB to move).
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 scripts/setup.sh
