@@ -1,6 +1,7 @@
 // get.cpp: "fetchrig get", downloading one file.
 #include <CLI/CLI.hpp>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "commands.h"
@@ -17,13 +18,16 @@ constexpr std::size_t copy_buffer_bytes = 64 * 1024;
 
 struct get_options {
   std::string url;
-  std::string output;
+  std::optional<std::string> output;
   bool xsi = false;
   transfer_options transfer;
 };
 
 std::string output_name(const get_options& options, const location& where) {
-  if (!options.output.empty()) return options.output;
+  if (options.output) {
+    if (options.output->empty()) throw usage_error("-o takes the name of a file, or \"-\"");
+    return *options.output;
+  }
   std::string name = last_part(where.path);
   if (name.empty() || name == "." || name == "..")
     throw usage_error("the URL names no file; say where with -o FILE");
@@ -71,12 +75,13 @@ int run_get(const get_options& options) {
   const std::string name = output_name(options, where);
   check_options(options, where);
   const std::string headers = header_block(options.transfer.headers);
-  configure(options.transfer, where);
+  const auto trusted_cas = configure(options.transfer, where);
   const credentials login(where, options.transfer.user, options.transfer.password);
 
   const auto from = open_source({where, login, options.transfer.proxy, headers, options.xsi});
   output_file file(name);
-  const bool wanted = !options.transfer.quiet;
+  // What is drawn would run into the data on a terminal that shows them.
+  const bool wanted = !options.transfer.quiet && !file.is_terminal();
   std::string summary;
   {
     progress_meter meter(wanted && options.transfer.connection.verbosity == 0, from->announced_bytes());

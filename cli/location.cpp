@@ -52,6 +52,7 @@ location parse_location(std::string_view url) {
   if (has_control_characters(url)) throw usage_error("the URL holds control characters");
   location where;
   const std::size_t prefix_len = take_scheme(url, where.kind);
+  where.has_scheme = prefix_len > 0;
   const std::string_view prefix = url.substr(0, prefix_len);
   std::string_view rest = url.substr(prefix_len);
   if (where.is_http()) rest = rest.substr(0, rest.find('#'));

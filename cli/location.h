@@ -13,6 +13,7 @@ enum class scheme { http, https, ftp, tftp };
 
 struct location {
   scheme kind = scheme::tftp;
+  bool has_scheme = false;
   std::string url;   // without credentials; for HTTP also without the fragment, which is not for the server
   std::string path;  // from the first "/", without query and fragment; "/" when the URL has none
   std::optional<std::string> user;

@@ -3,6 +3,7 @@
 #include <stdio.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <new>
 
 #include "commands.h"
@@ -36,6 +37,40 @@ int wrong_usage(const char* words) {
   tell(words);
   fputs("Run with --help for more information.\n", stderr);
   return exit_usage;
+}
+
+bool is_option(const std::string& word) {
+  return word.size() > 1 && word.front() == '-';
+}
+
+// Of the words that nobody takes the first option, or else the first word, as they were typed.
+std::string first_wrong_word(const std::vector<std::string>& wrong, int argc, char** argv) {
+  const bool has_options = std::any_of(wrong.begin(), wrong.end(), is_option);
+  for (int i = 1; i < argc; ++i) {
+    const bool is_wrong = std::find(wrong.begin(), wrong.end(), argv[i]) != wrong.end();
+    if (is_wrong && is_option(argv[i]) == has_options) return argv[i];
+  }
+  return wrong.front();
+}
+
+// The subcommand that was reached, however deep.
+const CLI::App& reached(const CLI::App& app) {
+  const auto parsed = app.get_subcommands();
+  return parsed.empty() ? app : reached(*parsed.front());
+}
+
+// A word that nobody takes explains an error better than what is missed in its place.
+int wrong_command_line(const CLI::App& app, const CLI::ParseError& error, int argc, char** argv) {
+  const auto wrong = app.remaining(true);
+  if (wrong.empty()) return wrong_usage(error.what());
+  const std::string word = first_wrong_word(wrong, argc, argv);
+  const bool wants_subcommand = !reached(app).get_subcommands({}).empty();
+  const char* kind = is_option(word)    ? "unknown option"
+                     : wants_subcommand ? "unknown subcommand"
+                                        : "unexpected word";
+  // The value of an option may be a secret.
+  const std::string shown = is_option(word) ? word.substr(0, word.find('=')) : word;
+  return wrong_usage((std::string(kind) + " \"" + printable(shown) + "\"").c_str());
 }
 
 int run_action(const action& chosen) {
@@ -75,7 +110,7 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) return flushed(app.exit(error));  // --help, --version
-    return wrong_usage(error.what());
+    return wrong_command_line(app, error, argc, argv);
   }
   return flushed(run_action(chosen));
 }

@@ -9,6 +9,7 @@
 #include <charconv>
 #include <iterator>
 #include <map>
+#include <sstream>
 
 #include "fetchrig.h"
 #include "report.h"
@@ -104,27 +105,67 @@ const char* option_name(std::uint32_t number) {
   return found == std::end(known_options) ? "?" : found->name;
 }
 
+constexpr const char* system_ca_dir = "/etc/ssl/certs";
 constexpr std::uint32_t default_timeout_s = 30;
 // A TFTP server says an error once, after which the wait for data still runs out.
 constexpr std::uint32_t default_tftp_timeout_s = 5;
 
-void set_connection_options(const connection_options& options, std::uint32_t timeout_s) {
+constexpr char list_separator = ':';  // of directories, as OpenSSL takes them
+
+std::vector<std::string> split_directories(const std::string& list) {
+  std::vector<std::string> directories;
+  std::istringstream rest(list);
+  for (std::string directory; std::getline(rest, directory, list_separator);) {
+    if (!directory.empty()) directories.push_back(directory);
+  }
+  return directories;
+}
+
+// Without --ca-dir a --ca-file is all that is trusted.
+std::unique_ptr<ca_bundle> set_trusted_cas(const connection_options& options) {
+  auto bundle = options.ca_file.empty() ? nullptr : std::make_unique<ca_bundle>(options.ca_file);
+  std::string directories = bundle ? bundle->directory() : options.ca_dir.value_or(system_ca_dir);
+  if (bundle && options.ca_dir) directories += list_separator + *options.ca_dir;
+  set_text_option(DL_OPT_HTTPS_CA_DIR, directories);
+  return bundle;
+}
+
+std::unique_ptr<ca_bundle> set_connection_options(const connection_options& options,
+                                                  std::uint32_t timeout_s) {
   const std::uint32_t verify = options.insecure ? 0 : 1;
   start_log(options.verbosity);
-  set_text_option(DL_OPT_HTTPS_CA_DIR, options.ca_dir);
+  auto bundle = set_trusted_cas(options);
   set_text_option(DL_OPT_HTTPS_CERT_FILE, options.client_cert);
   set_number_option(DL_OPT_SSL_METHOD, options.tls_method);
   set_number_option(DL_OPT_VERIFY_PEER, verify);
   set_number_option(DL_OPT_VERIFY_HOST, options.no_verify_host ? 0 : verify);
   set_number_option(DL_OPT_NET_TIMEOUT, timeout_s);
   set_number_option(DL_OPT_IPV6, options.ipv6 ? 1 : 0);
-  dl_set_tls_wait_limit(timeout_s);
   take_key_passphrase();
+  return bundle;
 }
 
 // Raw options come last: they are the ones a person set by hand.
 void set_raw_options(const connection_options& options) {
   for (const std::string& assignment : options.raw_options) set_raw_option(assignment);
+  dl_set_tls_wait_limit(wait_limit_s());
+}
+
+// The message of an option check, empty when all is well.
+std::string check_ca_dir(const std::string& list) {
+  for (const std::string& directory : split_directories(list)) {
+    if (!dl_path_is_directory(directory.c_str())) return printable(directory) + " is not a directory";
+  }
+  return list.empty() ? "a directory is needed" : "";
+}
+
+// A copy of an option, taken under the lock of the options.
+template <typename Copy>
+auto locked(Copy copy) {
+  pthread_mutex_lock(&g_dl_cfg.lock);
+  auto value = copy(g_dl_cfg);
+  pthread_mutex_unlock(&g_dl_cfg.lock);
+  return value;
 }
 
 }  // namespace
@@ -136,8 +177,11 @@ void add_verbosity(CLI::App& app, int& verbosity) {
 void add_connection_options(CLI::App& app, connection_options& options) {
   const std::map<std::string, std::uint32_t> methods = {{"auto", 3}, {"tls1.0", 0}};
   app.add_option("--ca-dir", options.ca_dir,
-                 "Hashed directory of the CAs that HTTPS servers are verified against")
-      ->capture_default_str();
+                 "Hashed directory of the CAs that HTTPS servers are verified against; /etc/ssl/certs")
+      ->check(CLI::Validator(check_ca_dir, "DIR"));
+  app.add_option("--ca-file", options.ca_file,
+                 "PEM file of such CAs; without --ca-dir they alone are trusted")
+      ->check(CLI::ExistingFile);
   app.add_option("--cert", options.client_cert, "PEM file with a client certificate and its private key")
       ->check(CLI::ExistingFile);
   app.add_flag("--insecure", options.insecure, "Verify nothing of an HTTPS server");
@@ -173,17 +217,19 @@ void add_transfer_options(CLI::App& app, transfer_options& options) {
   add_connection_options(app, options.connection);
 }
 
-void configure(const connection_options& options) {
-  set_connection_options(options, options.timeout_s.value_or(default_timeout_s));
+std::unique_ptr<ca_bundle> configure(const connection_options& options) {
+  auto bundle = set_connection_options(options, options.timeout_s.value_or(default_timeout_s));
   set_raw_options(options);
+  return bundle;
 }
 
-void configure(const transfer_options& options, const location& where) {
+std::unique_ptr<ca_bundle> configure(const transfer_options& options, const location& where) {
   if (options.max_size_bytes > UINT32_MAX) throw usage_error("--max-size is at most 4294967295 bytes");
   const std::uint32_t usual_s = where.kind == scheme::tftp ? default_tftp_timeout_s : default_timeout_s;
-  set_connection_options(options.connection, options.connection.timeout_s.value_or(usual_s));
+  auto bundle = set_connection_options(options.connection, options.connection.timeout_s.value_or(usual_s));
   set_number_option(DL_OPT_MAX_FILE_SIZE, static_cast<std::uint32_t>(options.max_size_bytes));
   set_raw_options(options.connection);
+  return bundle;
 }
 
 void set_text_option(std::uint32_t option, const std::string& value) {
@@ -204,10 +250,15 @@ void take_key_passphrase() {
 }
 
 std::uint32_t size_limit_bytes() {
-  pthread_mutex_lock(&g_dl_cfg.lock);
-  const std::uint32_t limit = g_dl_cfg.max_file_size;
-  pthread_mutex_unlock(&g_dl_cfg.lock);
-  return limit;
+  return locked([](const dl_config& config) { return config.max_file_size; });
+}
+
+std::uint32_t wait_limit_s() {
+  return locked([](const dl_config& config) { return config.net_timeout; });
+}
+
+std::vector<std::string> ca_directories() {
+  return split_directories(locked([](const dl_config& config) { return std::string(config.https_ca_dir); }));
 }
 
 std::string header_block(const std::vector<std::string>& headers) {

@@ -5,10 +5,12 @@
 #define FETCHRIG_CLI_OPTIONS_H
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "ca_bundle.h"
 #include "location.h"
 
 namespace CLI {
@@ -19,7 +21,8 @@ namespace fetchrig::cli {
 
 // What everything that may open a connection takes.
 struct connection_options {
-  std::string ca_dir = "/etc/ssl/certs";
+  std::optional<std::string> ca_dir;  // the system's, when neither is given
+  std::string ca_file;
   std::string client_cert;
   bool insecure = false;
   bool no_verify_host = false;
@@ -45,9 +48,10 @@ void add_connection_options(CLI::App& app, connection_options& options);
 void add_transfer_options(CLI::App& app, transfer_options& options);
 void add_verbosity(CLI::App& app, int& verbosity);
 
-// Initialise the library and set its options; a value it refuses throws usage_error.
-void configure(const connection_options& options);
-void configure(const transfer_options& options, const location& where);
+// Initialise the library and set its options; a value it refuses throws usage_error. What they return, or
+// null, is to be kept while connections are made.
+[[nodiscard]] std::unique_ptr<ca_bundle> configure(const connection_options& options);
+[[nodiscard]] std::unique_ptr<ca_bundle> configure(const transfer_options& options, const location& where);
 
 // Sets text option `option` (enum dl_option), refusing what the library would cut.
 void set_text_option(std::uint32_t option, const std::string& value);
@@ -55,8 +59,10 @@ void set_number_option(std::uint32_t option, std::uint32_t value);
 // Takes the pass phrase of private keys from the environment.
 void take_key_passphrase();
 
-// The size limit in force.
+// What is in force: the size limit, the limit of a wait, and the directories of trusted CAs.
 std::uint32_t size_limit_bytes();
+std::uint32_t wait_limit_s();
+std::vector<std::string> ca_directories();
 
 // The header lines for the library, each ended by CRLF; throws usage_error for one that is no header line.
 std::string header_block(const std::vector<std::string>& headers);

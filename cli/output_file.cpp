@@ -3,51 +3,50 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
+#include <charconv>
+#include <optional>
 
 #include "report.h"
 
 namespace fetchrig::cli {
 namespace {
 
-// The partial file for the signal handler: set before the handler can need it, empty when there is none.
-std::array<char, PATH_MAX> partial_path = {};
-volatile sig_atomic_t partial_exists = 0;
-
-extern "C" void remove_partial_and_die(int signal_number) {
-  if (partial_exists) unlink(partial_path.data());
-  signal(signal_number, SIG_DFL);
-  raise(signal_number);
-}
-
-// A signal that the caller had ignored (nohup) stays ignored.
-void watch_signals() {
-  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
-    struct sigaction action = {};
-    if (sigaction(number, nullptr, &action) != 0 || action.sa_handler == SIG_IGN) continue;
-    action.sa_handler = remove_partial_and_die;
-    sigaction(number, &action, nullptr);
+// The descriptor that `path` stands for. Opening such a path anew would forget where in a file the descriptor
+// is, and replacing it would replace the file that a shell has opened.
+std::optional<int> named_descriptor(std::string_view path) {
+  if (path == "-" || path == "/dev/stdout") return STDOUT_FILENO;
+  if (path == "/dev/stderr") return STDERR_FILENO;
+  for (const std::string_view directory : {"/dev/fd/", "/proc/self/fd/"}) {
+    if (!path.starts_with(directory)) continue;
+    const std::string_view digits = path.substr(directory.size());
+    int fd = -1;
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), fd);
+    if (error == std::errc() && end == digits.data() + digits.size() && fd >= 0) return fd;
   }
+  return std::nullopt;
 }
 
-void arm_clean_up(const std::string& path) {
-  if (path.size() >= partial_path.size()) return;
-  memcpy(partial_path.data(), path.c_str(), path.size() + 1);
-  partial_exists = 1;
-}
-
-// The access a newly created file of the user has; mkstemp() makes files for the owner alone.
+// The access a newly created file of the user has; a partial file is for its owner alone.
 mode_t ordinary_mode() {
   const mode_t mask = umask(0);
   umask(mask);
   return 0666 & ~mask;
+}
+
+// Gives the file owner, group and mode of the one it is to replace. What was meant for a group or for the
+// rights of an owner that cannot be kept is withheld.
+void take_access(int fd, const struct stat& existing) {
+  const bool owner_kept = fchown(fd, existing.st_uid, static_cast<gid_t>(-1)) == 0;
+  const bool group_kept = fchown(fd, static_cast<uid_t>(-1), existing.st_gid) == 0;
+  mode_t mode = existing.st_mode & 07777;
+  if (!owner_kept || !group_kept) mode &= 0777;
+  if (!group_kept) mode &= ~static_cast<mode_t>(070) | ((mode & 07) << 3);
+  fchmod(fd, mode);
 }
 
 // The file behind a chain of links, so that the link stays and its target is replaced.
@@ -62,26 +61,32 @@ std::string follow_links(const std::string& path) {
 }  // namespace
 
 output_file::output_file(const std::string& path) : path_(path) {
-  if (path == "-") {
-    fd_ = STDOUT_FILENO;
-    return;
-  }
+  if (path.empty()) throw usage_error("the output file has no name");
   struct stat status;
-  const bool exists = stat(path.c_str(), &status) == 0;
+  const auto fd = named_descriptor(path);
+  const bool exists = !fd && stat(path.c_str(), &status) == 0;
   if (exists && S_ISDIR(status.st_mode)) throw usage_error(printable(path) + " is a directory");
-  if (exists && !S_ISREG(status.st_mode)) {
+  if (fd) {
+    open_descriptor(*fd);
+  } else if (exists && !S_ISREG(status.st_mode)) {
     open_directly();
   } else {
     if (exists) path_ = follow_links(path);
-    open_beside();
+    replace(exists ? &status : nullptr);
   }
 }
 
 output_file::~output_file() {
+  if (in_place_) {
+    empty_on_signal(-1);
+    if (touched_ && ftruncate(fd_, 0) == 0) tell("warning: " + printable(path_) + " is empty now");
+  }
   if (fd_ > STDERR_FILENO) close(fd_);
-  if (partial_.empty()) return;
-  unlink(partial_.c_str());
-  partial_exists = 0;
+}
+
+void output_file::open_descriptor(int fd) {
+  if (fcntl(fd, F_GETFL) < 0) fail("cannot be opened");
+  fd_ = fd;
 }
 
 void output_file::open_directly() {
@@ -89,37 +94,61 @@ void output_file::open_directly() {
   if (fd_ < 0) fail("cannot be opened");
 }
 
-void output_file::open_beside() {
+// Opens a file beside the final name.
+void output_file::replace(const struct stat* existing) {
   const std::size_t slash = path_.rfind('/');
   const std::size_t name = slash == path_.npos ? 0 : slash + 1;
-  std::string pattern = path_.substr(0, name) + "." + path_.substr(name, 200) + ".XXXXXX";
-  watch_signals();
-  fd_ = mkostemp(pattern.data(), O_CLOEXEC);
-  if (fd_ < 0) fail("cannot be created");
-  partial_ = pattern;
-  arm_clean_up(partial_);
-  fchmod(fd_, ordinary_mode());
+  partial_ = new_temporary_file(path_.substr(0, name) + "." + path_.substr(name, 200), fd_);
+  if (!partial_) {
+    const bool directory_refuses = errno == EACCES || errno == EPERM || errno == EROFS;
+    if (existing && directory_refuses) return open_in_place();
+    fail("cannot be created");
+  }
+  if (existing) {
+    take_access(fd_, *existing);
+  } else {
+    fchmod(fd_, ordinary_mode());
+  }
+}
+
+// The old bytes stay until there are new ones.
+void output_file::open_in_place() {
+  fd_ = open(path_.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+  if (fd_ < 0) fail("cannot be written");
+  in_place_ = true;
 }
 
 void output_file::write(std::span<const char> bytes) {
+  if (in_place_ && !touched_) empty_on_signal(fd_);
+  touched_ = touched_ || !bytes.empty();
   while (!bytes.empty()) {
     const ssize_t written = ::write(fd_, bytes.data(), bytes.size());
     if (written < 0 && errno == EINTR) continue;
     if (written < 0) fail("cannot be written");
+    written_bytes_ += static_cast<std::size_t>(written);
     bytes = bytes.subspan(static_cast<std::size_t>(written));
   }
 }
 
 void output_file::commit() {
-  if (fd_ > STDERR_FILENO) {
-    const int closed = close(fd_);
-    fd_ = -1;
-    if (closed != 0) fail("cannot be written");
-  }
-  if (partial_.empty()) return;
-  if (rename(partial_.c_str(), path_.c_str()) != 0) fail("cannot be given its name");
-  partial_.clear();
-  partial_exists = 0;
+  if (in_place_ && ftruncate(fd_, static_cast<off_t>(written_bytes_)) != 0) fail("cannot be written");
+  if (in_place_) empty_on_signal(-1);
+  in_place_ = false;
+  close_checked();
+  if (!partial_) return;
+  if (rename(partial_.get().c_str(), path_.c_str()) != 0) fail("cannot be given its name");
+  partial_.keep();
+}
+
+bool output_file::is_terminal() const {
+  return isatty(fd_) == 1;
+}
+
+void output_file::close_checked() {
+  if (fd_ <= STDERR_FILENO) return;
+  const int closed = close(fd_);
+  fd_ = -1;
+  if (closed != 0) fail("cannot be written");
 }
 
 void output_file::fail(const char* what) const {

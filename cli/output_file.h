@@ -1,17 +1,25 @@
 // output_file.h: where a download goes. A file is written beside its final name and takes that name when it
-// is complete; until then, and after any failure or a signal that ends the command, nothing of it remains.
-// Standard output ("-") and existing devices and pipes are written directly. One file at a time.
+// is complete; until then, and after any failure or a signal that ends the command, nothing of it remains. A
+// file that exists keeps its mode and, as far as the user may give it, its owner. Where its directory takes
+// no new file it is written in place, and a failure that comes after the first byte leaves it empty. Standard
+// output ("-"), descriptors by their path ("/dev/stdout") and existing devices and pipes are written
+// directly. One file at a time.
 #ifndef FETCHRIG_CLI_OUTPUT_FILE_H
 #define FETCHRIG_CLI_OUTPUT_FILE_H
 
+#include <cstdint>
 #include <span>
 #include <string>
+
+#include "temporary_path.h"
+
+struct stat;
 
 namespace fetchrig::cli {
 
 class output_file {
  public:
-  // Throws usage_error when `path` is a directory, failure when nothing can be created there.
+  // Throws usage_error when `path` is empty or a directory, failure when nothing can be created there.
   explicit output_file(const std::string& path);
   output_file(const output_file&) = delete;
   output_file& operator=(const output_file&) = delete;
@@ -21,15 +29,23 @@ class output_file {
   void write(std::span<const char> bytes);
   // Closes the file and gives it its name; throws failure, after which nothing remains.
   void commit();
+  // True when the bytes show on a terminal.
+  bool is_terminal() const;
 
  private:
-  void open_beside();
+  void open_descriptor(int fd);
   void open_directly();
+  void replace(const struct stat* existing);
+  void open_in_place();
+  void close_checked();
   [[noreturn]] void fail(const char* what) const;
 
   std::string path_;
-  std::string partial_;  // the name until commit(); empty when the target is written directly
+  temporary_path partial_;  // the name until commit(); none when the target is written directly
   int fd_ = -1;
+  bool in_place_ = false;
+  bool touched_ = false;  // in place: bytes of the old file may be gone
+  std::uint64_t written_bytes_ = 0;
 };
 
 }  // namespace fetchrig::cli

@@ -9,6 +9,7 @@
 #include <memory>
 #include <random>
 
+#include "cause.h"
 #include "commands.h"
 #include "credentials.h"
 #include "fetchrig.h"
@@ -111,11 +112,16 @@ void put_http(const put_options& options, const location& where, const credentia
   dl_result result = {};
   dl_http_session* session = nullptr;
   if (dl_http_post_file(&session, &request, options.file.c_str(), redirect.data(), &result) != 0) {
-    throw failed_call(url, result);
+    throw failed_transfer(where, login, result);
   }
-  if (!is_http_success(last_http_status())) {
-    result.code = last_http_status();
-    throw failed_call(url, result);
+  if (!is_http_success(dl_http_last_status())) {
+    result.code = dl_http_last_status();
+    throw failed_transfer(where, login, result);
+  }
+  if (answer_was_cut()) {
+    throw failure(DL_ERR_READ, printable(url) +
+                                   ": the server's answer ends inside its header; whether it took the "
+                                   "file is not known");
   }
 }
 
@@ -136,7 +142,7 @@ void put_named(const put_options& options, const location& where, const credenti
   dl_result result = {};
   if (dl_upload(&request, options.file.c_str(), name.c_str(), redirect.data(), &result, nullptr, mode,
                 when_full) != 0) {
-    throw failed_call(where.url, result);
+    throw failed_transfer(where, login, result);
   }
 }
 
@@ -144,7 +150,7 @@ int run_put(const put_options& options) {
   const location where = parse_location(options.url);
   check_options(options, where);
   const std::uint64_t size_bytes = check_file(options.file);
-  configure(options.transfer, where);
+  const auto trusted_cas = configure(options.transfer, where);
   if (size_bytes > size_limit_bytes() && options.when_full == "stop") {
     throw failure(0, printable(options.file) + " is larger than the limit of " +
                          std::to_string(size_limit_bytes()) + " bytes (--max-size)");

@@ -5,9 +5,11 @@
 #include <string.h>
 
 #include <algorithm>
+#include <charconv>
 #include <deque>
-#include <iterator>
 #include <optional>
+
+#include "cause.h"
 
 namespace fetchrig::cli {
 namespace {
@@ -19,7 +21,6 @@ struct recorded_log {
   int shown_level = DL_LOG_WARNING;  // lines up to this level go to standard error
   std::deque<std::string> errors;
   std::vector<std::string> remarks;
-  int http_status = 0;
 };
 
 // Written by the log callback, which runs on the command's only thread.
@@ -44,46 +45,22 @@ std::optional<log_line> parse_log_line(std::string_view line) {
   return log_line{line.substr(0, module_len), level, message};
 }
 
-bool starts_with_digits(std::string_view text, int& number) {
-  number = 0;
-  std::size_t digits = 0;
-  for (; digits < text.size() && digits < 3 && text[digits] >= '0' && text[digits] <= '9'; ++digits) {
-    number = number * 10 + (text[digits] - '0');
-  }
-  return digits > 0;
-}
-
-struct code_words {
-  int code;
-  const char* words;
-};
-
 // What OpenSSL's number for a chain that does not verify means.
 std::string chain_words(std::string_view message) {
   constexpr std::string_view verdict = "Certificate doesn't verify and error is ";
-  constexpr code_words reasons[] = {
-      {9, "not yet valid"},   {10, "expired"},
-      {18, "self-signed"},    {19, "self-signed CA that is not trusted"},
-      {20, "unknown issuer"}, {21, "unknown issuer"},
-  };
+  if (!message.starts_with(verdict)) return "";
   int number = 0;
-  if (!message.starts_with(verdict) || !starts_with_digits(message.substr(verdict.size()), number)) return "";
-  for (const code_words& reason : reasons) {
-    if (reason.code == number) return std::string(" (") + reason.words + ")";
-  }
-  return "";
+  message.remove_prefix(verdict.size());
+  std::from_chars(message.data(), message.data() + message.size(), number);
+  const char* reason = chain_reason(number);
+  return reason ? std::string(" (") + reason + ")" : "";
 }
 
 void record(const log_line& line) {
-  constexpr std::string_view response = "response code: ";
   constexpr std::string_view remark = "verify cb error ";
   if (line.level <= DL_LOG_ERROR) {
     recorded.errors.emplace_back(printable(line.message) + chain_words(line.message));
     if (recorded.errors.size() > max_errors_kept) recorded.errors.pop_front();
-  }
-  if (line.module == "HTTP" && line.message.starts_with(response)) {
-    int status = 0;
-    if (starts_with_digits(line.message.substr(response.size()), status)) recorded.http_status = status;
   }
   if (line.message.starts_with(remark) && recorded.remarks.size() < max_remarks_kept) {
     const std::size_t words = line.message.find("lookup:");
@@ -92,10 +69,11 @@ void record(const log_line& line) {
   }
 }
 
-void show(const log_line& line) {
+void show(const log_line& line, bool tells_cause) {
   const bool chatty = recorded.shown_level > DL_LOG_WARNING;
-  // An error ends up in the failure that is told at the end; it is repeated only among the lines around it.
-  if (line.level > recorded.shown_level || (!chatty && line.level != DL_LOG_WARNING)) return;
+  // An error or a cause ends up in the failure that is told at the end; it is repeated only among the lines
+  // around it.
+  if (line.level > recorded.shown_level || (!chatty && (line.level != DL_LOG_WARNING || tells_cause))) return;
   const std::string text = printable(line.message);
   if (!chatty) {
     tell("warning: " + text);
@@ -111,56 +89,11 @@ int log_callback(const char* text, int32_t length) {
   if (!line || line->module == "DANY") return 0;  // the log module about itself
   try {
     record(*line);
-    show(*line);
+    show(*line, learn_cause(line->message));
   } catch (const std::bad_alloc&) {
     // A line lost for lack of memory must not throw through the library, which is plain C to its callers.
   }
   return 0;
-}
-
-// Words for codes whose library text says less than is known.
-constexpr code_words status_words[] = {
-    {204, "no content"},
-    {300, "multiple choices"},
-    {303, "see other"},
-    {304, "not modified"},
-    {307, "temporary redirect"},
-    {308, "permanent redirect"},
-    {400, "bad request"},
-    {401, "unauthorised"},
-    {403, "forbidden"},
-    {404, "not found"},
-    {405, "method not allowed"},
-    {408, "request time-out"},
-    {409, "conflict"},
-    {411, "length required"},
-    {413, "content too large"},
-    {416, "range not satisfiable"},
-    {429, "too many requests"},
-    {500, "server error"},
-    {501, "not implemented"},
-    {502, "bad gateway"},
-    {503, "service unavailable"},
-    {504, "gateway time-out"},
-    {DL_ERR_REDIRECT_URL, "the redirect's target is no usable URL"},
-    {DL_ERR_FTP_USER, "the FTP server refused the user name"},
-    {DL_ERR_FTP_PASS, "the FTP server refused the password"},
-};
-
-std::string words_for(const dl_result& result) {
-  const auto* known = std::find_if(std::begin(status_words), std::end(status_words),
-                                   [&](const code_words& entry) { return entry.code == result.code; });
-  const bool from_table = known != std::end(status_words);
-  if (result.code >= 100) {
-    std::string words = "the server answered " + std::to_string(result.code);
-    if (from_table && last_http_status() == result.code) words += std::string(" (") + known->words + ")";
-    return words;
-  }
-  if (from_table) return known->words;
-  const std::string_view message(result.message, strnlen(result.message, sizeof result.message));
-  const std::size_t last = message.find_last_not_of(" \r\n");
-  if (last != message.npos) return printable(message.substr(0, last + 1));
-  return "failed";
 }
 
 std::string with_cause(std::string message) {
@@ -175,7 +108,7 @@ void start_log(int verbosity) {
   recorded.shown_level = levels[std::clamp(verbosity, 0, 3)];
   dl_config_init();
   dl_log_init(0, log_callback);
-  // Notices carry the response status, which is wanted whatever is shown.
+  // Notices carry causes of failures, which are wanted whatever is shown.
   dl_set_log_module_level(DL_LOG_ANY,
                           static_cast<uint32_t>(std::max<int>(recorded.shown_level, DL_LOG_NOTICE)));
 }
@@ -183,7 +116,6 @@ void start_log(int verbosity) {
 void forget_log() {
   recorded.errors.clear();
   recorded.remarks.clear();
-  recorded.http_status = 0;
 }
 
 std::string logged_errors() {
@@ -195,17 +127,8 @@ std::string logged_errors() {
   return all;
 }
 
-int last_http_status() {
-  return recorded.http_status;
-}
-
 const std::vector<std::string>& verification_remarks() {
   return recorded.remarks;
-}
-
-failure failed_call(std::string_view subject, const dl_result& result) {
-  if (result.code < 100) return failed_operation(subject, result.code, words_for(result));
-  return failure(result.code, with_cause(printable(subject) + ": " + words_for(result)));
 }
 
 failure failed_operation(std::string_view subject, int code, std::string_view words) {

@@ -42,16 +42,10 @@ void forget_log();
 // The last few error lines, the cause first, joined by "; "; empty when there was none.
 std::string logged_errors();
 
-// The status of the last HTTP response, 0 when there was none.
-int last_http_status();
-
 // The problems that certificate verification met and let pass.
 const std::vector<std::string>& verification_remarks();
 
-// The failure of a library call on `subject`: its words, its code and the logged cause.
-failure failed_call(std::string_view subject, const dl_result& result);
-
-// A failure of an operation whose codes are its own, told in `words`.
+// A failure of an operation on `subject` whose codes are its own, told in `words`, with the logged cause.
 failure failed_operation(std::string_view subject, int code, std::string_view words);
 
 // Writes "fetchrig: " and the line to standard error.

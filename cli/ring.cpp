@@ -71,7 +71,7 @@ int tell_ring(int number, const std::string& file, bool json) {
 }
 
 int run_ring(const ring_options& options) {
-  configure(options.connection);
+  const auto trusted_cas = configure(options.connection);
   set_entries(options.entries);
   std::array<char, PATH_MAX> path = {};
   int32_t number = -1;

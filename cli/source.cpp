@@ -6,6 +6,7 @@
 #include <charconv>
 #include <limits>
 
+#include "cause.h"
 #include "fetchrig.h"
 #include "options.h"
 #include "report.h"
@@ -39,19 +40,23 @@ class http_source : public source {
   explicit http_source(const source_request& request);
   std::size_t read(std::span<char> buffer) override;
   std::optional<std::uint64_t> announced_bytes() const override { return announced_bytes_; }
-  bool ends_unmarked() const override { return !chunked() && !announced_bytes_ && !empty_by_status_; }
+  bool ends_unmarked() const override { return dl_http_body_end(session_.get()) == DL_BODY_UNMARKED; }
 
  private:
+  failure cut_short(const char* how) const {
+    return failure(DL_ERR_READ, printable(where_.url) + ": " + how + " (code -8)");
+  }
   bool chunked() const { return (session_->flags & DL_HTTP_FLAG_CHUNKED) != 0; }
   std::optional<std::uint64_t> find_length() const;
 
-  const std::string subject_;
+  const location& where_;
+  const credentials& login_;
   std::unique_ptr<dl_http_session, http_close> session_;
   std::optional<std::uint64_t> announced_bytes_;
   bool empty_by_status_ = false;
 };
 
-http_source::http_source(const source_request& request) : subject_(request.where.url) {
+http_source::http_source(const source_request& request) : where_(request.where), login_(request.login) {
   dl_http_request http = {};
   http.method = DL_METHOD_GET;
   http.url = request.where.url.c_str();
@@ -66,14 +71,16 @@ http_source::http_source(const source_request& request) : subject_(request.where
   const dl_http_request_ex extended = {&http, 2};
   const int rc = request.xsi_authentication ? dl_http_open_ex(&session, &extended, redirect.data(), &result)
                                             : dl_http_open(&session, &http, redirect.data(), &result);
-  if (rc != 0) throw failed_call(subject_, result);
+  if (rc != 0) throw failed_transfer(where_, login_, result);
   session_.reset(session);
 
-  const int status = last_http_status();
+  const int status = dl_http_get_status(session_.get());
   if (!is_http_success(status)) {
     result.code = status;
-    throw failed_call(subject_, result);
+    throw failed_transfer(where_, login_, result);
   }
+  if (dl_http_body_end(session_.get()) == DL_BODY_HEADER_CUT)
+    throw cut_short("the server's answer ends inside its header");
   empty_by_status_ = status == 204 || status == 205;
   announced_bytes_ = find_length();
 }
@@ -96,9 +103,9 @@ std::size_t http_source::read(std::span<char> buffer) {
   if (empty_by_status_) return 0;
   dl_result result = {};
   const int count = dl_http_read(session_.get(), buffer.data(), library_size(buffer), &result);
-  if (count < 0) throw failed_call(subject_, result);
-  if (count == 0 && chunked() && session_->chunk && session_->chunk->finished == DL_HTTP_CHUNKS_CUT) {
-    throw failed_operation(subject_, DL_ERR_READ, "the connection ended before the last chunk");
+  if (count < 0) throw failed_transfer(where_, login_, result);
+  if (count == 0 && chunked() && dl_http_body_end(session_.get()) == DL_BODY_CUT) {
+    throw cut_short("the connection ended before the last chunk");
   }
   return static_cast<std::size_t>(count);
 }
@@ -110,29 +117,33 @@ class handle_source : public source {
   std::optional<std::uint64_t> announced_bytes() const override { return announced_bytes_; }
 
  private:
-  const std::string subject_;
+  const location& where_;
+  const credentials& login_;
   std::unique_ptr<dl_handle, handle_close> handle_;
   std::optional<std::uint64_t> announced_bytes_;
 };
 
-handle_source::handle_source(const source_request& request) : subject_(request.where.url) {
+handle_source::handle_source(const source_request& request) : where_(request.where), login_(request.login) {
   const dl_request transfer = {request.where.url.c_str(), request.login.user(), request.login.password(),
                                nullptr};
   redirect_buffer redirect = {};
   dl_result result = {};
   dl_handle* handle = nullptr;
-  if (dl_open(&transfer, &handle, redirect.data(), &result) != 0) throw failed_call(subject_, result);
+  if (dl_open(&transfer, &handle, redirect.data(), &result) != 0)
+    throw failed_transfer(where_, login_, result);
   handle_.reset(handle);
   // An FTP session counts down from the size that the server told.
   if (handle_->proto == DL_PROTO_FTP) {
     announced_bytes_ = static_cast<const dl_ftp_session*>(handle_->session)->remaining;
+    if (is_beyond_counting())
+      throw failure(DL_ERR_READ, printable(where_.url) + ": the file has 4 GiB or more (code -8)");
   }
 }
 
 std::size_t handle_source::read(std::span<char> buffer) {
   dl_result result = {};
   const int count = dl_read(handle_.get(), buffer.data(), library_size(buffer), &result);
-  if (count < 0) throw failed_call(subject_, result);
+  if (count < 0) throw failed_transfer(where_, login_, result);
   return static_cast<std::size_t>(count);
 }
 

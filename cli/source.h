@@ -34,7 +34,8 @@ struct source_request {
   bool xsi_authentication;  // BroadWorks XSI instead of Basic and Digest
 };
 
-// Opens the download; throws failure, also for an HTTP status that brings no file.
+// Opens the download; throws failure, also for an HTTP status that brings no file. What the request refers to
+// must outlive the source.
 std::unique_ptr<source> open_source(const source_request& request);
 
 // True for a final HTTP status that means success; redirects that were not followed do not.

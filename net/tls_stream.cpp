@@ -41,6 +41,18 @@ void log_reason(const char* operation) {
   errno = error;
 }
 
+// A peer that refuses sends an alert and closes. A write may fail for the closed connection alone, with the
+// alert still unread; it is there then, so nothing is waited for. Leaves errno alone.
+void log_refusal(SSL* ssl) {
+  const int error = errno;
+  if (ERR_peek_error() == 0 && (error == EPIPE || error == ECONNRESET)) {
+    char unused = 0;
+    SSL_peek(ssl, &unused, 1);
+  }
+  errno = error;
+  log_reason("TLS write");
+}
+
 io_result as_result(int count) {
   if (count < 0) log_reason("TLS read");
   return {count, false, count < 0 ? errno : 0};
@@ -63,7 +75,7 @@ int tls_stream::write_all(std::span<const char> from) {
     const auto record = from.first(std::min<std::size_t>(from.size(), SSL3_RT_MAX_PLAIN_LENGTH));
     const int sent = run(ssl_, [&] { return SSL_write(ssl_, record.data(), bounded(record.size())); });
     if (sent <= 0) {
-      log_reason("TLS write");
+      log_refusal(ssl_);
       return -1;
     }
     from = from.subspan(static_cast<std::size_t>(sent));

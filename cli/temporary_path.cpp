@@ -1,0 +1,172 @@
+// temporary_path.cpp: the list of what is to be removed, and the signal handler that removes it.
+#include "temporary_path.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "report.h"
+
+namespace fetchrig::cli {
+namespace {
+
+constexpr int ending_signals[] = {SIGINT, SIGTERM, SIGHUP, SIGPIPE};
+
+// Changed only while the signals are held, so that the handler finds it whole. Never destroyed: a signal may
+// come while the process ends.
+std::vector<std::string>& doomed() {
+  static auto& list = *new std::vector<std::string>;
+  return list;
+}
+volatile sig_atomic_t fd_to_empty = -1;
+
+extern "C" void clean_up_and_die(int signal_number) {
+  if (fd_to_empty >= 0 && ftruncate(fd_to_empty, 0) != 0) fd_to_empty = -1;
+  for (auto path = doomed().rbegin(); path != doomed().rend(); ++path) {
+    if (unlink(path->c_str()) != 0) rmdir(path->c_str());
+  }
+  signal(signal_number, SIG_DFL);
+  raise(signal_number);
+}
+
+// A signal that the caller had ignored (nohup) stays ignored.
+void watch_signals() {
+  static bool watched = false;
+  if (std::exchange(watched, true)) return;
+  doomed();
+  for (const int number : ending_signals) {
+    struct sigaction action = {};
+    if (sigaction(number, nullptr, &action) != 0 || action.sa_handler == SIG_IGN) continue;
+    action.sa_handler = clean_up_and_die;
+    sigaction(number, &action, nullptr);
+  }
+}
+
+class held_signals {
+ public:
+  held_signals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int number : ending_signals) sigaddset(&signals, number);
+    sigprocmask(SIG_BLOCK, &signals, &before_);
+  }
+  held_signals(const held_signals&) = delete;
+  held_signals& operator=(const held_signals&) = delete;
+  ~held_signals() {
+    const int error = errno;
+    sigprocmask(SIG_SETMASK, &before_, nullptr);
+    errno = error;
+  }
+
+ private:
+  sigset_t before_;
+};
+
+void forget(const std::string& path) {
+  const auto found = std::find(doomed().rbegin(), doomed().rend(), path);
+  if (found != doomed().rend()) doomed().erase(std::next(found).base());
+}
+
+void remove_now(std::string& path) {
+  if (path.empty()) return;
+  const held_signals held;
+  if (unlink(path.c_str()) != 0) rmdir(path.c_str());
+  forget(path);
+  path.clear();
+}
+
+// Calls `make`, which fills in the name's end, and takes charge of what it made.
+template <typename Make>
+temporary_path take_new(std::string pattern, Make make) {
+  watch_signals();
+  const held_signals held;
+  return make(pattern.data()) ? temporary_path(std::move(pattern)) : temporary_path();
+}
+
+// A list of directories is separated by colons, so the name of one must not hold any.
+std::string temporary_place() {
+  const char* place = getenv("TMPDIR");
+  return place && *place && !strchr(place, ':') ? place : "/tmp";
+}
+
+bool write_whole(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t count = ::write(fd, bytes.data(), bytes.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(count));
+  }
+  return true;
+}
+
+}  // namespace
+
+temporary_path::temporary_path(std::string path) : path_(std::move(path)) {
+  watch_signals();
+  const held_signals held;
+  doomed().push_back(path_);
+}
+
+temporary_path::temporary_path(temporary_path&& other) noexcept : path_(std::exchange(other.path_, {})) {}
+
+temporary_path& temporary_path::operator=(temporary_path&& other) noexcept {
+  if (this == &other) return *this;
+  remove_now(path_);
+  path_ = std::exchange(other.path_, {});
+  return *this;
+}
+
+temporary_path::~temporary_path() {
+  remove_now(path_);
+}
+
+void temporary_path::keep() {
+  const held_signals held;
+  forget(path_);
+  path_.clear();
+}
+
+temporary_path new_temporary_file(const std::string& stem, int& fd) {
+  return take_new(stem + ".XXXXXX", [&](char* pattern) {
+    fd = mkostemp(pattern, O_CLOEXEC);
+    return fd >= 0;
+  });
+}
+
+private_directory::private_directory()
+    : directory_(take_new(temporary_place() + "/fetchrig.XXXXXX",
+                          [](char* pattern) { return mkdtemp(pattern) != nullptr; })) {
+  if (!directory_) throw failure(0, printable(temporary_place()) + ": " + strerror(errno));
+}
+
+void private_directory::write(std::string_view name, std::string_view content) {
+  const std::string path = directory_.get() + "/" + std::string(name);
+  files_.emplace_back(path);
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  const bool written = fd >= 0 && write_whole(fd, content);
+  const int error = errno;
+  if (fd >= 0 && close(fd) == 0 && written) return;
+  throw failure(0, printable(path) + " cannot be written: " + strerror(error));
+}
+
+void private_directory::rename(std::string_view from, std::string_view to) {
+  const std::string old_path = directory_.get() + "/" + std::string(from);
+  const std::string path = directory_.get() + "/" + std::string(to);
+  files_.emplace_back(path);
+  if (::rename(old_path.c_str(), path.c_str()) != 0) {
+    throw failure(0, printable(path) + " cannot be written: " + strerror(errno));
+  }
+}
+
+void empty_on_signal(int fd) {
+  watch_signals();
+  fd_to_empty = fd;
+}
+
+}  // namespace fetchrig::cli
