@@ -22,8 +22,9 @@ TEST_F(cli_words, usage_errors) {
   const std::string name_of_126(126, 'n');
   // clang-format off
   const struct { std::vector<std::string> arguments; const char* complaint; } rows[] = {
-      {{}, "subcommand"}, {{"get"}, "URL is required"},
-      {{"get", "--wrong", url}, "--wrong"},
+      {{}, "subcommand"}, {{"get"}, "URL is required"}, {{"gett", "--wrong=5", url}, "unknown option \"--wrong\"\n"},
+      {{"gett", url}, "unknown subcommand \"gett\"\n"}, {{"cert", "lst", url}, "unknown subcommand \"lst\"\n"},
+      {{"get", url, "b", "c"}, "unexpected word \"b\"\n"}, {{"get", "-o", "", url}, "name of a file"},
       {{"get", "gopher://127.0.0.1/a"}, "only http, https, ftp and tftp"}, {{"get", "http:///a"}, "no host"},
       {{"get", "ftp://:secret@127.0.0.1/a"}, "no user name"},
       {{"get", "http://127.0.0.1/a\r\nX: y"}, "control characters"},
@@ -33,7 +34,8 @@ TEST_F(cli_words, usage_errors) {
       {{"get", "--header", "A: b", "ftp://127.0.0.1/a"}, "--header"},
       {{"get", "--auth", "ntlm", url}, "--auth"}, {{"get", "--proxy", url, "https://127.0.0.1/a"}, "--proxy"},
       {{"get", "--cert", "missing.pem", url}, "missing.pem"},
-      {{"get", "--ca-dir", std::string(512, 'd'), url}, "too long"},
+      {{"get", "--option", "user-agent=" + std::string(512, 'd'), url}, "too long"},
+      {{"get", "--ca-dir", "missing", url}, "missing is not a directory"},
       {{"get", "--option", "colour=red", url}, "colour"},
       {{"get", "--option", "net-timeout=61", url}, "net-timeout"},
       {{"ring", "x", "--entry", name_of_126 + "=1"}, "--entry"},
@@ -138,6 +140,9 @@ TEST_F(cli_words, progress_on_a_terminal) {
   const terminal_run quiet = on_terminal({"get", "-q", "-o", path("a"), server.url("http", "/a")});
   EXPECT_EQ(0, quiet.status);
   EXPECT_EQ("", quiet.screen);
+  const terminal_run data = on_terminal({"get", "-o", "-", server.url("http", "/a")});
+  EXPECT_EQ(0, data.status);
+  EXPECT_FALSE(holds(data.screen, " MiB"));
 }
 
 TEST_F(cli_words, a_password_is_asked_for_without_echo) {
