@@ -3,6 +3,7 @@
 
 #include <errno.h>
 #include <openssl/bn.h>
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
@@ -63,6 +64,8 @@ unique_pkey generate_key(int bits, const keygen_state* start) {
 }  // namespace
 
 int build_rsa_key(device_key& result, const char* path, int bits, const keygen_state* start) {
+  // An application may have called OPENSSL_cleanup(): the random method cannot be replaced any more.
+  if (OPENSSL_init_crypto(0, nullptr) != 1) return -1;
   switch (read_key_file(result.key, path)) {
     case key_file::with_key:
       result.reused = true;

@@ -2,6 +2,8 @@
 #include <openssl/rand.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -142,6 +144,23 @@ TEST_F(Keygen, KeysEqualTheReferenceWhateverOtherThreadsDo) {
   EXPECT_EQ(RAND_get_rand_method(), &bytes_alone);
   EXPECT_FALSE(keygen_rand_state.seeded) << "the state is wiped";
   RAND_set_rand_method(before);
+}
+
+TEST_F(Keygen, FailsAfterTheApplicationHasCleanedUpOpenssl) {
+  const keygen_state start = initial_keygen_state("name", "seed");
+  const auto build = [&] {
+    device_key result;
+    return build_rsa_key(result, path("absent").c_str(), 512, &start);
+  };
+  const pid_t child = fork();
+  if (child == 0) {
+    const int before = build();
+    OPENSSL_cleanup();
+    _exit(before == 0 && build() == -1 ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
 }
 
 TEST_F(Keygen, ExportedFormMakesRandomKeysOrTakesTheFiles) {
