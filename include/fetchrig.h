@@ -15,7 +15,11 @@
  * runs and everything it handed out is closed.
  *
  * Unless a comment says otherwise: texts are NUL-terminated, passed texts are borrowed for the duration of the call,
- * a transfer call returns 0 (reads: a byte count) or -1 and stores the code and its text in the caller's dl_result. */
+ * a transfer call returns 0 (reads: a byte count) or -1 and stores the code and its text in the caller's dl_result.
+ *
+ * OpenSSL keeps an error queue for each thread. HTTPS transfers and certificate operations empty it, entries of the
+ * application's included, so read yours before you call. Certificate operations and the closing of an HTTPS session
+ * leave it empty; after a TLS connection that failed it may hold OpenSSL's reasons. Other calls do not touch it. */
 #ifndef FETCHRIG_H
 #define FETCHRIG_H
 
@@ -519,6 +523,12 @@ FETCHRIG_API int dl_tftp_send_file(const char *host, uint32_t port, const char *
 
 /* ---------------------------------------------------------------- certificates (RFC 5280) */
 
+/* Certificates and keys are read from regular files of at most 16 MiB; anything else is treated like a file that cannot
+ * be read. Files that receive a private key are written beside their place, synced and renamed, so that a failure keeps
+ * the old file; devices and pipes are written to. Their mode is 0600, or the old file's where that was this user's own
+ * and closed to others. Commands of the store (mkdir, ln, rm) run in the shell and read nothing of the standard input;
+ * one that fails is logged at error level of DL_LOG_CMN, the call's result stays. */
+
 /* One certificate, short form. Texts are terminated and cut to 63 characters. */
 typedef struct dl_ca_info {
   char cn[64];        /* subject common name */
@@ -583,22 +593,28 @@ FETCHRIG_API int dl_get_ca_info(const char *path, dl_ca_info *info);
 /* The long form; `flags` bit 0 also reads the private key that follows the certificate. A DER file is rewritten as
  * PEM. Returns 0, or -1 with code 1 (argument, not readable) or 2 (set-up) in `result`. */
 FETCHRIG_API int dl_get_ca_info_ex(const char *path, dl_ca_info_ex *info, uint32_t flags, dl_result *result);
-/* Lists the trusted-CA store (option 1), at most 10 entries, removing entries that hold no certificate. Returns 0,
- * -1 (null) or -2 (the directory cannot be opened). */
+/* Lists the trusted-CA store (option 1), at most 10 entries. Every name with ".0" in it counts as an entry; one that
+ * leads nowhere, or was read to its end and holds no certificate, is removed, which is logged at notice level. Returns
+ * 0, -1 (null) or -2 (the directory cannot be opened). */
 FETCHRIG_API int dl_get_trust_ca_info(dl_trust_ca_list *list);
 /* The long form. Returns 0, or -1 with code 1 (`list` is null) or 2 (the directory cannot be opened) in `result`. After
  * 0 the code is the last looked-at entry's: 0, or 1 when that was no certificate. No text is stored. */
 FETCHRIG_API int dl_get_trust_ca_info_ex(dl_trust_ca_list_ex *list, dl_result *result);
 /* Describes the device certificate (option 2). Returns 0, -1, -2, or -3 when its private key does not belong to it. */
 FETCHRIG_API int dl_get_ser_ca_info(dl_ca_info *info);
-/* Installs a CA certificate into the store. Returns 0, -1, -2 (already installed) or -3 (among the factory CAs). */
+/* Installs a CA certificate into the store. Returns 0, -1 (also for a store whose path is too long for dl_del_ca()), -2
+ * (already installed) or -3 (among the factory CAs). 0 does not tell that copying and linking worked: see the log. */
 FETCHRIG_API int dl_install_ca(const char *path);
-/* Removes the certificate at `path` and its store entries. Returns 0. */
+/* Removes the certificate at `path` and its store entries. Returns 0, also when a removal failed: see the log. */
 FETCHRIG_API int dl_del_ca(const char *path);
 /* Installs a PEM file with certificate and private key as the device certificate (option 2). Returns 0 or -2 to -8:
- * no key, no certificate, mismatch, set-up, directory, path or method or already installed, factory certificate. */
+ * no key, no certificate, mismatch, set-up, directory, path or method or already installed, factory certificate.
+ * When the file cannot be written the result is 0 too, with an error in the log and the old file untouched. Where the
+ * option names a link, its target is replaced. */
 FETCHRIG_API int dl_install_ser_ca(const char *path);
-/* Installs a certificate or key alone, completed from the current device certificate. Returns 0 or -1. */
+/* Installs a certificate or key alone, completed from the current device certificate. Returns 0, or -1 with nothing
+ * changed: also when the current file cannot be read, or holds a private key that would be lost because option 16 does
+ * not open it. */
 FETCHRIG_API int dl_install_ser_ca_separate(const char *path);
 /* Deletes the device certificate file. Returns 0. */
 FETCHRIG_API int dl_del_ser_ca(void);

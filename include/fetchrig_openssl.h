@@ -1,7 +1,10 @@
 /* fetchrig_openssl.h: exported calls that take OpenSSL or socket types, HTTP authentication, and small helpers.
  *
  * For programs that build on libfetchrig's parts; most applications need fetchrig.h alone. Plain C99; needs OpenSSL's
- * headers. The helpers behave like the standard function each comment names. Any thread. */
+ * headers. The helpers behave like the standard function each comment names. Any thread.
+ *
+ * The thread's OpenSSL error queue: dl_cert_build_rsa_key() and dl_cert_write_key() leave it empty; the other calls on
+ * TLS, keys, requests and names may empty it and may leave OpenSSL's reasons in it when they fail. */
 #ifndef FETCHRIG_OPENSSL_H
 #define FETCHRIG_OPENSSL_H
 
@@ -98,9 +101,11 @@ FETCHRIG_API void get_all_qop_content(const char *parameters, size_t name_len, c
 /* ---------------------------------------------------------------- keys and requests */
 
 /* Loads the RSA key from `path` (sets `reused` to 1) or generates one of `bits` bits. The caller owns `key`. Returns 0
- * or -1; an existing file that cannot be opened is never replaced. */
+ * or -1; an existing file that cannot be opened is never replaced, one without a readable key is removed. Fails after
+ * OPENSSL_cleanup(). */
 FETCHRIG_API int dl_cert_build_rsa_key(const char *path, int bits, EVP_PKEY **key, int *reused);
-/* Writes the key to `path`, mode 0600, in PEM without encryption. The integers are ignored. Returns 0 or -1. */
+/* Writes the key to `path` in PEM without encryption, as described at the certificates in fetchrig.h; a link there is
+ * replaced. The integers are ignored. Returns 0, also when the file cannot be written (see the log), or -1. */
 FETCHRIG_API int dl_cert_write_key(const char *path, int unused1, EVP_PKEY *key, int unused2);
 /* Parses "/type=value/type=value" into a new name, the caller's; null when malformed. `string_type` is MBSTRING_ASC
  * and the like. */
