@@ -142,8 +142,9 @@ typedef struct dl_config {
 
 FETCHRIG_API extern dl_config g_dl_cfg;
 
-/* Initialises the library: defaults, log to the system log under "QXFR" (dl_log_init() with flags 1), OpenSSL.
- * Harmless when already initialised. The result carries no status. Call it before other threads use the library. */
+/* Initialises the library: defaults, log to the system log under "QXFR" (dl_log_init() with flags 1), OpenSSL, which
+ * reads its own configuration when TLS or certificates first need it. Harmless when already initialised. The result
+ * carries no status. Call it before other threads use the library. */
 FETCHRIG_API int dl_config_init(void);
 
 /* Sets option `option` from `value` (see enum dl_option), initialising the library first when needed. Returns 0, or
