@@ -1,5 +1,6 @@
 // cert.cpp: "fetchrig cert", the head of the certificate subcommands and their common options.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <filesystem>
 #include <system_error>
 
@@ -23,6 +24,14 @@ const std::string& cert_options::device_cert_file() const {
   return device_cert;
 }
 
+std::string cert_options::device_cert_path() const {
+  const auto slashes = std::count(device_cert.begin(), device_cert.end(), '/');
+  if (device_cert.empty() || device_cert.front() == '/' || slashes > 1) return device_cert;
+  if (slashes == 1) return "./" + device_cert;
+  std::error_code error;
+  return std::filesystem::absolute(device_cert, error).string();
+}
+
 void add_json_option(CLI::App& app, cert_options& options) {
   app.add_flag("--json", options.json, "Answer in JSON");
   add_verbosity(app, options.verbosity);
@@ -35,7 +44,9 @@ void add_store_option(CLI::App& app, cert_options& options) {
 }
 
 void add_device_option(CLI::App& app, cert_options& options) {
-  app.add_option("--device-cert", options.device_cert, "The device certificate file")
+  app.add_option("--device-cert", options.device_cert,
+                 "The device certificate file, such as certs/server/WebServer.pem; "
+                 "install-part wants \"server\" in its path")
       ->envname("FETCHRIG_DEVICE_CERT")
       ->type_name("FILE");
 }
@@ -44,7 +55,7 @@ void configure(const cert_options& options) {
   start_log(options.verbosity);
   set_number_option(DL_OPT_SSL_METHOD, 3);
   if (!options.store.empty()) set_text_option(DL_OPT_TRUST_CA_DIR, options.store_dir());
-  if (!options.device_cert.empty()) set_text_option(DL_OPT_DEVICE_CERT_FILE, options.device_cert);
+  if (!options.device_cert.empty()) set_text_option(DL_OPT_DEVICE_CERT_FILE, options.device_cert_path());
   take_key_passphrase();
 }
 

@@ -7,6 +7,7 @@
 #include "cert_answer.h"
 #include "cert_options.h"
 #include "fetchrig.h"
+#include "pem.h"
 #include "report.h"
 
 namespace fetchrig::cli {
@@ -24,7 +25,7 @@ std::string install_words(int code) {
       "the private key does not belong to the certificate",
       "the file cannot be loaded",
       "the directory of the device certificate cannot be opened or created",
-      "it is installed already, or the device certificate's path lies less than two directories deep",
+      "it is installed already, or the path of the device certificate is less than two directories deep",
       "it is the factory certificate",
   };
   const int index = -code - 2;
@@ -45,12 +46,29 @@ std::string pair_remark() {
   }
 }
 
+// The library says that it installed a file also when the copy went wrong.
+bool same_content(const std::string& file, const std::string& other) {
+  return read_small_file(file).bytes() == read_small_file(other).bytes();
+}
+
+// A part goes into the directory whose path ends with the first "server" in the device certificate's.
+std::string part_words(const cert_options& options) {
+  constexpr std::string_view mark = "server";
+  const std::string path = options.device_cert_path();
+  const std::size_t at = path.find(mark);
+  if (at == path.npos) return "cannot be installed: the path of the device certificate must hold \"server\"";
+  if (logged_errors().find("serverdir") == std::string::npos) return "cannot be installed";
+  return "cannot be installed: the path of the device certificate up to its first \"server\", " +
+         printable(path.substr(0, at + mark.size())) + ", must be a directory";
+}
+
 answer install(const device_options& options) {
   const std::string& device_cert = options.common.device_cert_file();
   const int rc = dl_install_ser_ca(options.file.c_str());
   if (rc != 0) throw failed_operation(options.file, rc, install_words(rc));
-  const std::string remark = pair_remark();
-  if (!remark.empty()) throw failed_operation(device_cert, 0, "could not be written");
+  if (!same_content(options.file, device_cert)) {
+    throw failed_operation(device_cert, 0, "could not be written, nothing was installed");
+  }
   answer told;
   told.json = {{"installed", device_cert}};
   told.text = "installed " + printable(device_cert) + "\n";
@@ -60,7 +78,7 @@ answer install(const device_options& options) {
 answer install_part(const device_options& options) {
   const std::string& device_cert = options.common.device_cert_file();
   const int rc = dl_install_ser_ca_separate(options.file.c_str());
-  if (rc != 0) throw failed_operation(options.file, rc, "cannot be installed");
+  if (rc != 0) throw failed_operation(options.file, rc, part_words(options.common));
   if (access(device_cert.c_str(), F_OK) != 0) throw failed_operation(device_cert, 0, "could not be written");
   const std::string remark = pair_remark();
   answer told;

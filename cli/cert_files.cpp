@@ -1,15 +1,18 @@
 // cert_files.cpp: "fetchrig cert info" and "verify", which work on single certificate files.
+#include <errno.h>
 #include <stdio.h>
-#include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <memory>
+#include <sstream>
+#include <vector>
 
 #include "cert_answer.h"
 #include "cert_options.h"
 #include "fetchrig.h"
-#include "options.h"
+#include "pem.h"
 #include "report.h"
 #include "scratch_copy.h"
 #include "silenced_stream.h"
@@ -41,7 +44,21 @@ struct verify_options {
   std::string ca_dir;
   std::string ca_file;
   bool with_key = false;
+  bool strict = false;
 };
+
+// OpenSSL takes a CA directory that is missing for an empty one, and tells of a missing CA file no more than
+// that it cannot be loaded.
+void check_readable(const std::string& path) {
+  if (access(path.c_str(), R_OK) == 0) return;
+  throw failure(DL_VERIFY_SETUP, printable(path) + ": " + strerror(errno));
+}
+
+void check_places(const verify_options& options) {
+  if (!options.ca_file.empty()) check_readable(options.ca_file);
+  std::istringstream directories(options.ca_dir);  // a list, as OpenSSL takes it
+  for (std::string directory; std::getline(directories, directory, ':');) check_readable(directory);
+}
 
 std::string verification_words(const dl_result& result) {
   constexpr const char* words[] = {
@@ -68,7 +85,27 @@ std::string verification_words(const dl_result& result) {
   return text;
 }
 
+nlohmann::ordered_json verification_json(const verify_options& options, bool verified) {
+  const std::vector<std::string>& let_pass = verification_remarks();
+  return {{"file", options.file},
+          {"verified", verified},
+          {"trusted", verified && let_pass.empty()},
+          {"remarks", let_pass}};
+}
+
+answer refusal(const verify_options& options, const failure& why) {
+  answer told;
+  told.json = verification_json(options, false);
+  told.json["code"] = why.code();
+  told.json["message"] = why.what();
+  told.status = exit_failed;
+  tell(why.what());
+  return told;
+}
+
 answer verify(const verify_options& options) {
+  check_places(options);
+  read_small_file(options.file);  // what is missing or no file at all is told as that
   dl_result result = {};
   int rc = 0;
   {
@@ -79,11 +116,17 @@ answer verify(const verify_options& options) {
                         options.ca_file.empty() ? nullptr : options.ca_file.c_str(), options.with_key ? 1 : 0,
                         &result);
   }
-  if (rc != 0) throw failed_operation(options.file, result.code, verification_words(result));
+  if (rc != 0) {
+    return refusal(options, failed_operation(options.file, result.code, verification_words(result)));
+  }
+  const std::vector<std::string>& let_pass = verification_remarks();
+  if (options.strict && !let_pass.empty()) {
+    return refusal(options, failure(0, printable(options.file) + ": not trusted: " + let_pass.front()));
+  }
   answer told;
-  told.json = {{"file", options.file}, {"verified", true}, {"remarks", verification_remarks()}};
+  told.json = verification_json(options, true);
   told.text = printable(options.file) + ": verified\n";
-  for (const std::string& remark : verification_remarks()) told.text += "  let pass: " + remark + "\n";
+  for (const std::string& remark : let_pass) told.text += "  let pass: " + remark + "\n";
   return told;
 }
 
@@ -108,6 +151,8 @@ void add_verify(CLI::App& cert, action& chosen) {
   app->add_option("--ca-dir", options->ca_dir, "Hashed directory of trusted CAs; else the system's");
   app->add_option("--ca-file", options->ca_file, "PEM file of trusted CAs; else the system's");
   app->add_flag("--with-key", options->with_key, "Require the matching private key in the file");
+  app->add_flag("--strict", options->strict,
+                "Fail what is only let pass, such as a stranger's own signature");
   add_json_option(*app, options->common);
   app->callback([options, &chosen] {
     chosen = [options] {

@@ -19,6 +19,8 @@ struct cert_options {
   std::string store_dir() const;
   // Throws usage_error when none was named.
   const std::string& device_cert_file() const;
+  // The same file by a path of two directories at least: the library takes both from the path's text.
+  std::string device_cert_path() const;
 };
 
 void add_json_option(CLI::App& app, cert_options& options);

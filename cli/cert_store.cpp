@@ -1,11 +1,15 @@
 // cert_store.cpp: "fetchrig cert list", "install" and "remove", which work on the trusted-CA store.
+#include <errno.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "cert_answer.h"
 #include "cert_options.h"
@@ -20,6 +24,7 @@ namespace {
 struct store_options {
   cert_options common;
   std::string target;  // a file, or the hash of an installed certificate
+  bool prune = false;
 };
 
 // True for a name in a directory, also that of a link that leads nowhere.
@@ -28,28 +33,109 @@ bool name_exists(const std::string& path) {
   return lstat(path.c_str(), &status) == 0;
 }
 
+// What a listing looks at, and removes when it is no certificate: every name with ".0" in it.
+std::vector<std::string> listed_names(const std::string& store) {
+  std::vector<std::string> names;
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry(store, error), end; entry != end; entry.increment(error)) {
+    const std::string name = entry->path().filename().string();
+    if (name.find(".0") != name.npos) names.push_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// Eight hexadecimal digits, a dot, a number.
+bool is_entry_name(std::string_view name) {
+  const std::size_t dot = name.find_first_not_of("0123456789abcdefABCDEF");
+  return dot == 8 && name[dot] == '.' && name.size() > dot + 1 &&
+         name.find_first_not_of("0123456789", dot + 1) == name.npos;
+}
+
+std::string joined(const std::vector<std::string>& names) {
+  std::string all;
+  for (const std::string& name : names) all += (all.empty() ? "" : ", ") + printable(name);
+  return all;
+}
+
+bool holds_no_certificate(const std::string& path) {
+  struct stat status;
+  if (stat(path.c_str(), &status) != 0) return errno == ENOENT || errno == ELOOP;  // a link to nothing
+  if (!S_ISREG(status.st_mode)) return false;
+  dl_ca_info record = {};
+  return dl_get_ca_info(path.c_str(), &record) != 0;
+}
+
+// A directory with other files in it is listed only by somebody who said that they may go.
+void refuse_foreign(const std::string& store, const std::vector<std::string>& names) {
+  std::vector<std::string> foreign, doomed;
+  std::remove_copy_if(names.begin(), names.end(), std::back_inserter(foreign), is_entry_name);
+  if (foreign.empty()) return;
+  std::copy_if(names.begin(), names.end(), std::back_inserter(doomed),
+               [&](const std::string& name) { return holds_no_certificate(store + name); });
+  forget_log();
+  std::string words = "holds names that are no entries of a store: " + joined(foreign);
+  if (!doomed.empty()) words += "; --prune lists it all the same, which removes " + joined(doomed);
+  throw failed_operation(store, 0, words);
+}
+
 answer list(const store_options& options) {
   const std::string store = options.common.store_dir();
+  std::vector<std::string> removed = listed_names(store);
+  if (!options.prune) refuse_foreign(store, removed);
   const auto found = std::make_unique<dl_trust_ca_list_ex>();
   dl_result result = {};
   if (dl_get_trust_ca_info_ex(found.get(), &result) != 0) {
     throw failed_operation(store, result.code, "the store cannot be opened");
   }
+  std::erase_if(removed, [&](const std::string& name) { return name_exists(store + name); });
   const std::span<const dl_ca_info_ex> certificates(found->entries, found->count);
   const bool cut = logged_errors().find("number of ca file") != std::string::npos;
   answer told;
   told.json = {{"store", store}, {"certificates", nlohmann::ordered_json::array()}, {"more", cut}};
+  told.json["removed"] = removed;
   for (const dl_ca_info_ex& info : certificates) {
     told.json["certificates"].push_back(describe_certificate(info, false).json);
   }
   told.text = certificates.empty() ? "no certificates\n" : certificate_table(certificates);
   if (cut) told.text += "The store holds more; only the first 10 are listed.\n";
+  for (const std::string& name : removed) {
+    told.text += "removed " + printable(name) + ", which held no certificate\n";
+  }
   return told;
+}
+
+// Every name that an installed CA has.
+std::vector<std::string> names_of(const std::string& store, const std::string& hash) {
+  return {store + hash + ".0", store + "ca/" + hash + ".0", store + hash, store + "ca/" + hash};
+}
+
+// The library does not tell when copying or linking went wrong, so the store is asked. A CA that was
+// installed in part is taken out again: what has a name that was free before.
+void check_installed(const std::string& target, std::uint32_t hash, const std::vector<std::string>& names,
+                     const std::vector<std::string>& free_names) {
+  const auto is_missing = [hash](const std::string& entry) {
+    dl_ca_info record = {};
+    return dl_get_ca_info(entry.c_str(), &record) != 0 || record.hash != hash;
+  };
+  const std::string cause = logged_errors();
+  if (!is_missing(names[0]) && !is_missing(names[1])) return;
+  for (const std::string& name : free_names) unlink(name.c_str());
+  throw failure(0, printable(target) + ": the store could not be written, nothing was installed" +
+                       (cause.empty() ? "" : ": " + cause));
 }
 
 answer install(const store_options& options) {
   const std::string store = options.common.store_dir();
   const scratch_copy file(options.target);
+  dl_ca_info record = {};
+  if (dl_get_ca_info(file.path(), &record) != 0) {
+    throw failed_operation(options.target, -1, "no certificate can be read");
+  }
+  const std::string hash = hash_name(record.hash);
+  const std::vector<std::string> names = names_of(store, hash);
+  std::vector<std::string> free_names;
+  std::remove_copy_if(names.begin(), names.end(), std::back_inserter(free_names), name_exists);
   int rc = 0;
   {
     const silenced_stream shell(stderr, options.common.verbosity == 0);
@@ -58,17 +144,10 @@ answer install(const store_options& options) {
   if (rc == -2) throw failed_operation(options.target, rc, "a CA of this name is installed already");
   if (rc == -3) throw failed_operation(options.target, rc, "a CA of this name is among the factory CAs");
   if (rc != 0) throw failed_operation(options.target, rc, "cannot be installed");
-
-  // The library does not tell when copying or linking went wrong, so the store is asked.
-  dl_ca_info record = {};
-  dl_ca_info installed = {};
-  dl_get_ca_info(file.path(), &record);
-  const std::string entry = store + hash_name(record.hash) + ".0";
-  if (dl_get_ca_info(entry.c_str(), &installed) != 0) {
-    throw failed_operation(options.target, 0, "the store could not be written");
-  }
+  check_installed(options.target, record.hash, names, free_names);
+  const std::string& entry = names.front();
   answer told;
-  told.json = {{"hash", hash_name(record.hash)}, {"subject", record.cn}, {"entry", entry}};
+  told.json = {{"hash", hash}, {"subject", record.cn}, {"entry", entry}};
   told.text = "installed " + printable(record.cn) + " as " + printable(entry) + "\n";
   return told;
 }
@@ -88,33 +167,48 @@ bool lies_in(const std::string& path, const std::string& store) {
   return std::filesystem::equivalent(folder, store, error);
 }
 
-// The store's entry for what was typed. The library removes the very path it is given, so a certificate file
-// outside the store only tells the hash and is itself left alone.
-std::string entry_to_remove(const store_options& options, const std::string& store) {
+// A certificate file outside the store only tells the hash and is itself left alone: the library removes the
+// very path that it is given.
+std::string hash_of_file(const std::string& path) {
+  const scratch_copy file(path);
+  dl_ca_info record = {};
+  if (dl_get_ca_info(file.path(), &record) != 0)
+    throw failed_operation(path, -2, "no certificate can be read");
+  return hash_name(record.hash);
+}
+
+// The names in the store that are to go for what was typed; those that are not there are left out.
+std::vector<std::string> names_to_remove(const store_options& options, const std::string& store) {
   const std::string& target = options.target;
-  if (name_exists(target)) {
-    if (lies_in(target, store)) return target;
-    const scratch_copy file(target);
+  std::vector<std::string> names;
+  if (name_exists(target) && lies_in(target, store)) {
+    names.push_back(target);
     dl_ca_info record = {};
-    if (dl_get_ca_info(file.path(), &record) != 0)
-      throw failed_operation(target, -2, "no certificate can be read");
-    return store + hash_name(record.hash) + ".0";
+    if (dl_get_ca_info(target.c_str(), &record) != 0) return names;
+    std::ranges::copy(names_of(store, hash_name(record.hash)), std::back_inserter(names));
+  } else {
+    const auto hash = name_exists(target) ? hash_of_file(target) : as_hash(target);
+    if (!hash) throw failure(0, printable(target) + ": no such file, and not the hash of a certificate");
+    names = names_of(store, *hash);
   }
-  const auto hash = as_hash(target);
-  if (!hash) throw failure(0, printable(target) + ": no such file, and not the hash of a certificate");
-  return store + *hash + ".0";
+  std::erase_if(names, [](const std::string& name) { return !name_exists(name); });
+  return names;
 }
 
 answer remove_entry(const store_options& options) {
   const std::string store = options.common.store_dir();
-  const std::string entry = entry_to_remove(options, store);
-  if (!name_exists(entry)) throw failure(0, printable(options.target) + " is not in the store");
-  {
-    // The library removes every name that the entry may have; the shell complains about those it has not.
+  std::vector<std::string> names = names_to_remove(options, store);
+  if (names.empty()) throw failure(0, printable(options.target) + " is not in the store");
+  const std::string entry = names.front();
+  forget_log();
+  for (const std::string& name : names) {
+    // One call removes all names of a CA; the others are there for what an earlier removal left.
     const silenced_stream shell(stderr, options.common.verbosity == 0);
-    dl_del_ca(entry.c_str());
+    if (name_exists(name)) dl_del_ca(name.c_str());
   }
-  if (name_exists(entry)) throw failed_operation(entry, 0, "could not be removed");
+  std::erase_if(names, [](const std::string& name) { return !name_exists(name); });
+  if (!names.empty())
+    throw failed_operation(joined(names), 0, "could not be removed, the CA may still be trusted");
   answer told;
   told.json = {{"removed", entry}};
   told.text = "removed " + printable(entry) + "\n";
@@ -130,7 +224,8 @@ struct store_command {
   store_operation run;
 };
 constexpr store_command store_commands[] = {
-    {"list", "List the trusted-CA store; entries that hold no certificate are removed", nullptr, list},
+    {"list", "List the trusted-CA store; entries that hold no certificate are removed and named", nullptr,
+     list},
     {"install", "Install a CA certificate into the store", "FILE", install},
     {"remove", "Remove a CA from the store; a FILE outside the store stays", "FILE-or-HASH", remove_entry},
 };
@@ -142,6 +237,11 @@ void add_cert_store(CLI::App& cert, action& chosen) {
     const auto options = std::make_shared<store_options>();
     CLI::App* app = cert.add_subcommand(command.name, command.help);
     if (command.target) app->add_option(command.target, options->target)->required();
+    if (command.run == list) {
+      app->add_flag("--prune", options->prune,
+                    "Also in a directory with other names: remove what has \".0\" in its name and is no "
+                    "certificate");
+    }
     add_store_option(*app, options->common);
     add_json_option(*app, options->common);
     app->callback([options, run = command.run, &chosen] {

@@ -65,9 +65,14 @@ TEST_F(cli_cert, info_and_verify) {
          {{"verify", good.cert, "--ca-file", root_, "--with-key"}, "code", 9},
          {{"verify", good.cert}, "code", 6},
          {{"verify", good.cert, "--ca-file", "missing"}, "code", 2},
-         {{"verify", root_}, "remarks", {"self-signed certificate"}}});
+         {{"verify", "missing"}, "message", "missing: No such file or directory"},
+         {{"verify", good.cert, "--ca-dir", ca_.hashed_dir() + ":missing"}, "code", 2},
+         {{"verify", root_}, "remarks", {"self-signed certificate"}},
+         {{"verify", root_}, "trusted", false}, {{"verify", root_, "--strict"}, "ok", false},
+         {{"verify", root_, "--strict", "--ca-file", root_}, "trusted", true}});
   // clang-format on
   EXPECT_EQ(der_bytes_, read_file(der_)) << "describing it must not rewrite it";
+  expect_failed(fetchrig({"cert", "info", der_}, {"TMPDIR=missing"}), 1, {"missing: No such file"});
   const std::string text = tell({"info", good.cert}).output;
   EXPECT_TRUE(holds(text, "issuer:       root\n")) << text;
   EXPECT_FALSE(holds(text, "\x1b")) << text;
@@ -167,6 +172,35 @@ TEST_F(cli_cert, store) {
   check({{{"remove", "no-such-thing"}, "ok", false}, {{"list", "--store", "missing"}, "ok", false}});
 }
 
+TEST_F(cli_cert, a_listing_removes_foreign_files_only_when_told_and_names_them) {
+  ask({"install", root_});
+  write_file(path("store/lib.so.0"), "program");
+  EXPECT_EQ(0, symlink("nothing", path("store/01234567.0").c_str()));
+  expect_failed(tell({"list"}), 1, {": lib.so.0; --prune", "removes 01234567.0, lib.so.0"});
+  EXPECT_EQ("program", read_file(path("store/lib.so.0")));
+  check({{{"list", "--prune"}, "removed", {"01234567.0", "lib.so.0"}}, {{"list"}, "removed", json::array()}});
+  EXPECT_EQ(hash_, ask({"list"})["certificates"][0]["hash"]);
+}
+
+TEST_F(cli_cert, a_store_command_that_fails_leaves_no_half_and_never_reads_our_input) {
+  const auto with_failing = [&](const std::string& program, const std::string& operation) {
+    const std::string script = place_.make_dir("work/" + program) + "/" + program;
+    write_file(script, "#!/bin/sh\ncat >>seen\nexit 1\n");
+    EXPECT_EQ(0, chmod(script.c_str(), 0755));
+    return run({"env", "PATH=" + path(program) + ":" + getenv("PATH"), fetchrig_binary, "cert", operation,
+                root_, "--store", "store"},
+               {.input = "typed", .directory = work_});
+  };
+  expect_failed(with_failing("ln", "install"), 1, {"nothing was installed"});
+  EXPECT_EQ((std::vector<std::string>{"ca", "phoneca"}), names_in(path("store")));
+  check({{{"install", root_}, "ok", true}});
+  expect_failed(with_failing("rm", "remove"), 1, {"could not be removed", hash_ + ".0"});
+  EXPECT_EQ("", read_file(path("seen")));
+  unlink(path("store/" + hash_ + ".0").c_str());
+  check({{{"remove", hash_}, "ok", true}});
+  EXPECT_TRUE(names_in(path("store/ca")).empty());
+}
+
 TEST_F(cli_cert, device_certificate) {
   const cert_files pair = ca_.issue("pair", {.common_name = "phone"}), other = ca_.issue("other");
   // clang-format off
@@ -181,8 +215,13 @@ TEST_F(cli_cert, device_certificate) {
          {{"device", "install-part", "/dev/null"}, "code", -1},
          {{"device", "remove"}, "ok", true},
          {{"device", "remove"}, "ok", false},
-         {{"device", "show"}, "ok", false}});
+         {{"device", "show"}, "ok", false},
+         {{"device", "install", pair.both, "--device-cert", "W.pem"}, "installed", "W.pem"},
+         {{"device", "install", pair.both, "--device-cert", "d/W.pem"}, "installed", "d/W.pem"},
+         {{"device", "install", pair.both, "--device-cert", "/dev/full"}, "ok", false}});
   // clang-format on
+  expect_failed(tell({"device", "install-part", pair.key, "--device-cert", "W.pem"}), 1,
+                {"must hold \"server\""});
 }
 
 }  // namespace
