@@ -23,14 +23,15 @@ inline bool is_log_socket(int fd) {
 }
 
 // The process's open descriptors and what each stands for.
-inline std::map<int, std::string> open_descriptors() {
+enum class log_sockets { left_out, counted };
+inline std::map<int, std::string> open_descriptors(log_sockets how = log_sockets::left_out) {
   std::map<int, std::string> found;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
     std::error_code gone;
     const std::string target = std::filesystem::read_symlink(entry, gone);
     const int fd = std::stoi(entry.path().filename());
     const bool own = target.starts_with("/proc/");  // the listing's
-    if (!gone && !own && !is_log_socket(fd)) found[fd] = target;
+    if (!gone && !own && (how == log_sockets::counted || !is_log_socket(fd))) found[fd] = target;
   }
   return found;
 }
