@@ -34,12 +34,6 @@ step expect_length(std::size_t amount) {
 step send(std::string bytes) {
   return {action::send, std::move(bytes)};
 }
-step send_bytewise(std::string bytes) {
-  return {action::bytewise, std::move(bytes), 1};
-}
-step send_pieces(std::string bytes, std::size_t piece_len) {
-  return {action::bytewise, std::move(bytes), piece_len};
-}
 step stall() {
   return {action::stall};
 }
@@ -192,7 +186,7 @@ class player {
   bool read_more();
   std::string take(const step& wanted);
   std::string run(const step& now);
-  bool send_in_pieces(std::string_view bytes, std::size_t piece_len);
+  bool send_bytewise(std::string_view bytes);
 };
 
 bool player::read_more() {
@@ -221,9 +215,9 @@ std::string player::take(const step& wanted) {
   return "expected " + what + ", got " + shown(received.substr(taken_));
 }
 
-bool player::send_in_pieces(std::string_view bytes, std::size_t piece_len) {
-  for (; !bytes.empty(); bytes.remove_prefix(std::min(piece_len, bytes.size()))) {
-    if (!link_.write_all(bytes.substr(0, piece_len))) return false;
+bool player::send_bytewise(std::string_view bytes) {
+  for (; !bytes.empty(); bytes.remove_prefix(1)) {
+    if (!link_.write_all(bytes.substr(0, 1))) return false;
   }
   return true;
 }
@@ -238,12 +232,9 @@ std::string player::run(const step& now) {
       return take(now);
     case action::send:
       if (mode_ == delivery::byte_by_byte)
-        closed_ = !send_in_pieces(now.bytes, 1);
+        closed_ = !send_bytewise(now.bytes);
       else
         closed_ = !link_.write_all(now.bytes);
-      return {};
-    case action::bytewise:
-      closed_ = !send_in_pieces(now.bytes, now.amount);
       return {};
     case action::stall:
       while (read_more()) {

@@ -20,7 +20,7 @@
 
 namespace test {
 
-enum class action { expect, expect_until, expect_length, send, bytewise, stall, hang_up, reset, call };
+enum class action { expect, expect_until, expect_length, send, stall, hang_up, reset, call };
 
 // One thing a peer does on a connection. "@PORT@" in its bytes stands for the peer's own port. A script that
 // ends closes the connection in good order: it ends our direction and reads on until the client closes, too.
@@ -36,12 +36,10 @@ step expect(std::string bytes);             // exactly these bytes come next
 step expect_until(std::string terminator);  // bytes come up to and with the terminator
 step expect_length(std::size_t amount);     // so many bytes come
 step send(std::string bytes);               // as the peer's delivery says
-step send_bytewise(std::string bytes);      // one byte a segment, whatever the delivery
-step send_pieces(std::string bytes, std::size_t piece_len);
-step stall();                           // waits, silent, until the client closes
-step hang_up();                         // closes at once, without TLS's farewell
-step reset();                           // closes with RST
-step call(std::function<void()> hook);  // runs in the connection's thread
+step stall();                               // waits, silent, until the client closes
+step hang_up();                             // closes at once, without TLS's farewell
+step reset();                               // closes with RST
+step call(std::function<void()> hook);      // runs in the connection's thread
 
 // How `send` steps arrive. glued: what consecutive steps send goes out as one.
 enum class delivery { whole, byte_by_byte, glued };

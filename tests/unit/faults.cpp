@@ -21,8 +21,7 @@ constexpr int short_count = -1;  // instead of an errno: one byte is moved
 struct fault_plan {
   target what = target::none;
   int error = ENOMEM;
-  bool lasting = false;     // all further calls fail as well
-  bool after_send = false;  // counts from the first send on
+  bool lasting = false;  // all further calls fail as well
   long calls_left = 0;
   bool happened = false;
 };
@@ -32,7 +31,7 @@ thread_local constinit const char* secret = nullptr;
 thread_local constinit int num_leaked = 0;
 
 bool strikes(target what) {
-  if (plan.what != what || plan.after_send) return false;
+  if (plan.what != what) return false;
   --plan.calls_left;
   if (plan.calls_left > 0 || (plan.calls_left < 0 && !plan.lasting)) return false;
   plan.happened = true;
@@ -79,7 +78,6 @@ REPLACED void* realloc(void* old, size_t size) noexcept {
 
 REPLACED ssize_t send(int sock, const void* from, size_t count, int flags) {
   static const auto real = next<decltype(send)>("send");
-  plan.after_send = false;
   return faulty(target::send, count, [&](size_t size) { return real(sock, from, size, flags); });
 }
 REPLACED ssize_t recv(int sock, void* to, size_t count, int flags) {
@@ -350,7 +348,7 @@ TEST_F(faults, memory_makes_no_server_trusted) {
     const std::string url = server.url("https", "/a");
     for (long n = stride, happened = 1; happened && !HasFailure(); n += stride) {
       dl_result result = {};
-      ::plan = {.what = target::memory, .after_send = true, .calls_left = n};
+      ::plan = {.what = target::memory, .calls_left = n};
       EXPECT_EQ(download(url.c_str(), &result), -1) << files.cert << " " << n;
       happened = std::exchange(::plan, {}).happened;
       EXPECT_TRUE(happened || n > 100 * stride);

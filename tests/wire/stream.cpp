@@ -90,13 +90,6 @@ TEST_F(stream_test, nothing_in_time_is_a_failed_wait) {
   }
 }
 
-TEST_F(stream_test, a_dead_socket_is_a_failure_with_its_errno) {
-  tcp_stream stream(-1);
-  EXPECT_LT(stream.read(buffer, 0).count, 0);
-  EXPECT_EQ(stream.read(buffer, 0).error, EBADF);
-  EXPECT_EQ(stream.write_all({"x", 1}), -1);
-}
-
 // Pieces of every size around those of the read-ahead, read in pieces of other sizes, give the bytes that
 // were sent.
 TEST_F(stream_test, large_contents_arrive_whole) {

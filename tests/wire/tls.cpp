@@ -239,16 +239,6 @@ TEST_F(tls, names_are_announced_and_addresses_are_not) {
   }
 }
 
-TEST_F(tls, servers_that_speak_no_tls) {
-  for (const connection_script& script :
-       {connection_script{send("HTTP/1.1 400 No\r\n\r\n"), stall()}, {hang_up()}, {reset()}}) {
-    log_.clear();
-    tcp_peer server({script});
-    EXPECT_FALSE(client(server).ssl);
-    EXPECT_EQ(log_.messages(DL_LOG_ERROR), not_connected) << log_.all();
-  }
-}
-
 // The limit is in whole seconds, so these wait for one.
 TEST_F(tls, a_silent_server_is_given_up_after_the_limit) {
   dl_set_tls_wait_limit(1);
