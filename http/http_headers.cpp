@@ -40,6 +40,11 @@ std::optional<uint32_t> parse_content_length(std::string_view line) {
   return static_cast<uint32_t>(*length);
 }
 
+bool announces_number(std::string_view line) {
+  const auto value = skip_white_space(line.substr(line.find(':') + 1));
+  return !value.empty() && is_digit(value.front());
+}
+
 const char* header_value(const char* line, std::size_t name_len) {
   const std::size_t begin = name_len + 2;
   return strlen(line) < begin ? "" : line + begin;

@@ -8,6 +8,7 @@
 #include <array>
 
 #include "core/boundary.h"
+#include "core/config.h"
 #include "core/owners.h"
 #include "core/result.h"
 #include "core/text.h"
@@ -244,6 +245,16 @@ std::span<char> cut_to_remaining(const http_channel& channel, std::span<char> to
   return to.first(std::min<std::size_t>(to.size(), channel.session.remaining));
 }
 
+// Whether a read meets, instead of the end, the place where option 6 cut a body of 4 GiB or more.
+bool is_cut_off(const http_channel& channel, std::span<char> to) {
+  return !to.empty() && channel.session.remaining == 0 && channel.own && channel.own->response.is_too_long;
+}
+
+int too_long(dl_result& result) {
+  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "exceed max size\n");
+  return fail_exceeded(&result, max_file_size());
+}
+
 }  // namespace
 
 uint64_t parse_chunk_size(std::string_view line) {
@@ -259,6 +270,7 @@ uint64_t parse_chunk_size(std::string_view line) {
 
 int http_read_full(http_channel& channel, std::span<char> to, dl_result& result) {
   if (channel.is_chunked()) return read_chunked(channel, to, to.size(), result);
+  if (is_cut_off(channel, to)) return too_long(result);
   to = cut_to_remaining(channel, to);
   std::size_t placed = 0;
   while (placed < to.size()) {
@@ -273,6 +285,7 @@ int http_read_full(http_channel& channel, std::span<char> to, dl_result& result)
 
 int http_read_some(http_channel& channel, std::span<char> to, dl_result& result) {
   if (channel.is_chunked()) return read_chunked(channel, to, 1, result);
+  if (is_cut_off(channel, to)) return too_long(result);
   to = cut_to_remaining(channel, to);
   if (to.empty()) return 0;
   const int count = http_recv(channel, to);

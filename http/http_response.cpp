@@ -48,7 +48,7 @@ class response_loop {
  private:
   int read_response();
   int read_headers(bool& cut);
-  bool note_body();
+  void note_body(http_response_facts& facts);
   step_outcome dispatch(int status);
 
   step_outcome follow_redirect();
@@ -101,7 +101,7 @@ int response_loop::read_response() {
   http_response_facts facts{.known = true, .status = *status};
   if (const int rc = read_headers(facts.header_cut); rc < 0) return rc;
   if (facts.header_cut) qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "the header block ends early\n");
-  facts.has_length = note_body();
+  note_body(facts);
   if (channel_.own) channel_.own->response = facts;
   return *status;
 }
@@ -125,12 +125,15 @@ int response_loop::read_headers(bool& cut) {
   return 0;
 }
 
-// How the body is to be read: by length or in chunks. Returns whether a length was announced.
-bool response_loop::note_body() {
+// How the body is to be read: by length or in chunks. A length beyond 32 bits counts as absent.
+void response_loop::note_body(http_response_facts& facts) {
   dl_http_session& session = channel_.session;
   const char* line = header("content-length");
   const auto length = line ? parse_content_length(line) : std::nullopt;
   session.remaining = length.value_or(max_file_size());
+  facts.has_length = length.has_value();
+  facts.is_too_long = line && !length && announces_number(line);
+  if (facts.is_too_long) qxfr_log(DL_LOG_HTTP, DL_LOG_WARNING, "Content-Length of 4 GiB or more\n");
   if (length) {
     qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "Content-Length: %d\n", static_cast<int>(session.remaining));
   }
@@ -139,7 +142,6 @@ bool response_loop::note_body() {
     qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "Chunked Encoding\n");
     session.flags |= DL_HTTP_FLAG_CHUNKED;
   }
-  return length.has_value();
 }
 
 step_outcome response_loop::dispatch(int status) {

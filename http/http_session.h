@@ -17,6 +17,7 @@ struct http_response_facts {
   int status = 0;
   bool header_cut = false;    // the stream ended inside the status line or the header block
   bool has_length = false;    // the body's length was announced
+  bool is_too_long = false;   // it was, with 4 GiB or more: option 6 cuts the body
   bool stream_ended = false;  // a read met the end of the connection
   bool has_trailer = false;   // lines that nobody reads follow the last chunk
 };

@@ -77,6 +77,7 @@ TEST_F(http_download, what_is_in_the_file_then) {
     std::string left;
   } cases[] = {
       {"no length: cut", "HTTP/1.1 200 OK\r\n\r\n" + content, 0, content.substr(0, 700)},
+      {"4 GiB", "HTTP/1.1 200 OK\r\nContent-Length: 4294967296\r\n\r\n" + content, DL_ERR_READ, gone},
       {"shorter than its length", "HTTP/1.1 200 OK\r\nContent-Length: 600\r\n\r\nshort", 0, "short"},
       {"no 200", response("303 See", "body of it"), 0, "body of it"},
       {"refused before it is touched", response("404 Not Found", "no"), 404, std::string(5000, 'k')},
