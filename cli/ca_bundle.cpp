@@ -1,43 +1,18 @@
 // ca_bundle.cpp: taking a PEM file of CAs apart, one certificate a file, each named after its subject's hash.
 #include "ca_bundle.h"
 
-#include <errno.h>
 #include <stdio.h>
-#include <string.h>
-#include <sys/stat.h>
 
 #include <map>
-#include <memory>
 
 #include "fetchrig.h"
+#include "pem.h"
 #include "report.h"
 
 namespace fetchrig::cli {
 namespace {
 
-constexpr std::size_t max_bundle_bytes = 16 * 1024 * 1024;
 constexpr std::string_view part_name = "part.pem";
-
-struct file_close {
-  void operator()(FILE* file) const { fclose(file); }
-};
-
-std::string read_bundle(const std::string& path) {
-  const auto complain = [&](const std::string& why) { return failure(0, printable(path) + " " + why); };
-  struct stat status;
-  if (stat(path.c_str(), &status) != 0) throw complain(std::string("cannot be read: ") + strerror(errno));
-  if (!S_ISREG(status.st_mode)) throw complain("is not a regular file");
-  const std::unique_ptr<FILE, file_close> file(fopen(path.c_str(), "rbe"));
-  if (!file) throw complain(std::string("cannot be read: ") + strerror(errno));
-  std::string content;
-  char buffer[16384];
-  while (const std::size_t count = fread(buffer, 1, sizeof buffer, file.get())) {
-    content.append(buffer, count);
-    if (content.size() > max_bundle_bytes) throw complain("is too large for certificates");
-  }
-  if (ferror(file.get())) throw complain("cannot be read");
-  return content;
-}
 
 // Takes the next certificate off the front of `rest`, with the lines around it.
 std::optional<std::string_view> next_certificate(std::string_view& rest) {
@@ -54,8 +29,8 @@ std::optional<std::string_view> next_certificate(std::string_view& rest) {
 }  // namespace
 
 ca_bundle::ca_bundle(const std::string& pem_file) {
-  const std::string content = read_bundle(pem_file);
-  std::string_view rest = content;
+  const secret_text content = read_small_file(pem_file);
+  std::string_view rest = content.bytes();
   std::map<std::uint32_t, int> numbers;  // of the CAs with one hash
   while (const auto certificate = next_certificate(rest)) {
     const auto hash = add(*certificate);

@@ -387,6 +387,10 @@ bool answer_was_cut() {
   return learnt.answer_cut;
 }
 
+const std::string& connection_trouble() {
+  return learnt.talking;
+}
+
 failure failed_transfer(const location& where, const credentials& login, const dl_result& result) {
   std::string message = printable(where.url) + ": ";
   const std::string cause = known_cause(where, login, result);

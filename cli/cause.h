@@ -24,6 +24,10 @@ bool is_beyond_counting();
 // True when the last HTTP answer ended inside its header, which is known of a closed session in no other way.
 bool answer_was_cut();
 
+// What the log told of trouble on the connection, empty when nothing. An alert that ends TLS in mid-body
+// reads like the body's end.
+const std::string& connection_trouble();
+
 // The failure of a library call that moves `where`.
 failure failed_transfer(const location& where, const credentials& login, const dl_result& result);
 

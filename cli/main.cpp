@@ -30,6 +30,7 @@ Environment:
   FETCHRIG_KEY_SEED        seed of "cert generate"
   FETCHRIG_STORE           directory of the trusted-CA store
   FETCHRIG_DEVICE_CERT     device certificate file
+  TMPDIR                   directory of temporary files; /tmp
 
 Exit status: 0 done, 1 failed, 2 wrong usage.)";
 

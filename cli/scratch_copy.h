@@ -1,13 +1,15 @@
 // scratch_copy.h: reading a certificate file without changing it. The library turns DER files into PEM in
 // place, through one scratch file that all processes share: a DER file is therefore handed over as a PEM copy
 // in a private directory under TMPDIR (or /tmp). A PEM file, which may hold a private key, is used where it
-// lies. One thread.
+// lies. The copy goes with the record, or when a signal ends the command. One thread.
 #ifndef FETCHRIG_CLI_SCRATCH_COPY_H
 #define FETCHRIG_CLI_SCRATCH_COPY_H
 
+#include <optional>
 #include <string>
 
 #include "pem.h"
+#include "temporary_path.h"
 
 namespace fetchrig::cli {
 
@@ -19,7 +21,6 @@ class scratch_copy {
   explicit scratch_copy(const secret_text& text);
   scratch_copy(const scratch_copy&) = delete;
   scratch_copy& operator=(const scratch_copy&) = delete;
-  ~scratch_copy();
 
   // The file that the library may take; lives as long as the record.
   const char* path() const { return path_.c_str(); }
@@ -27,7 +28,7 @@ class scratch_copy {
  private:
   void write(const std::string& text);
 
-  std::string directory_;  // empty: the file itself is used
+  std::optional<private_directory> directory_;  // none: the file itself is used
   std::string path_;
 };
 

@@ -43,7 +43,8 @@ class http_source : public source {
   bool ends_unmarked() const override { return dl_http_body_end(session_.get()) == DL_BODY_UNMARKED; }
 
  private:
-  failure cut_short(const char* how) const {
+  void check_end() const;
+  failure cut_short(const std::string& how) const {
     return failure(DL_ERR_READ, printable(where_.url) + ": " + how + " (code -8)");
   }
   bool chunked() const { return (session_->flags & DL_HTTP_FLAG_CHUNKED) != 0; }
@@ -104,10 +105,15 @@ std::size_t http_source::read(std::span<char> buffer) {
   dl_result result = {};
   const int count = dl_http_read(session_.get(), buffer.data(), library_size(buffer), &result);
   if (count < 0) throw failed_transfer(where_, login_, result);
-  if (count == 0 && chunked() && dl_http_body_end(session_.get()) == DL_BODY_CUT) {
-    throw cut_short("the connection ended before the last chunk");
-  }
+  if (count == 0) check_end();
   return static_cast<std::size_t>(count);
+}
+
+// A length that was announced is held against what came by the reader.
+void http_source::check_end() const {
+  const int end = dl_http_body_end(session_.get());
+  if (end != DL_BODY_WHOLE && !connection_trouble().empty()) throw cut_short(connection_trouble());
+  if (end == DL_BODY_CUT && chunked()) throw cut_short("the connection ended before the last chunk");
 }
 
 class handle_source : public source {

@@ -53,8 +53,9 @@ void log_refusal(SSL* ssl) {
   log_reason("TLS write");
 }
 
+// An alert that ends the session reads like the end of the stream, with a reason.
 io_result as_result(int count) {
-  if (count < 0) log_reason("TLS read");
+  if (count <= 0) log_reason("TLS read");
   return {count, false, count < 0 ? errno : 0};
 }
 

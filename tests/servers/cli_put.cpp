@@ -110,8 +110,6 @@ TEST_F(cli_put, refusals) {
   REQUIRE_SERVER(web);
   pyftpd_server ftp;
   REQUIRE_SERVER(ftp);
-  tftp_server tftp(tftp_program::atftpd);
-  REQUIRE_SERVER(tftp);
   const std::string target = web.url("/upload/x");
   // clang-format off
   const struct { const char* name; std::vector<std::string> arguments; int status; std::vector<std::string> complaint; } rows[] = {
@@ -121,7 +119,6 @@ TEST_F(cli_put, refusals) {
       {"refused by http", {"up file.bin", web.url("/a.bin")}, 1, {"the server answered 405"}},
       {"wrong login", {"--user", "x", "--password", "y", "up file.bin", web.url("/closed/y")}, 1, {"login refused"}},
       {"refused by ftp", {"up file.bin", ftp.url("/no/such/dir")}, 1, {"the server answered 55"}},
-      {"refused by tftp", {"up file.bin", tftp.url("/no/such/dir")}, 1, {tftp.url("/no/such/dir")}},
       {"append over http", {"--append", "up file.bin", target}, 2, {"--append"}},
       {"header over ftp", {"--header", "A: b", "up file.bin", ftp.url("/x")}, 2, {"--header"}},
       {"form without a boundary", {"--method", "post", "--header", "Content-Type: text/plain", "up file.bin", target}, 2, {"boundary="}},
