@@ -7,11 +7,10 @@
 
 #include <algorithm>
 #include <charconv>
-#include <filesystem>
 #include <iterator>
 #include <optional>
-#include <system_error>
 
+#include "hashed_directory.h"
 #include "options.h"
 #include "source.h"
 
@@ -52,26 +51,10 @@ bool is_time_out(int error) {
   return error == 0 || error == ETIMEDOUT || error == EAGAIN || error == EINPROGRESS;
 }
 
-bool is_hashed_name(const std::string& name) {
-  constexpr std::size_t hash_len = 8;
-  return name.size() > hash_len + 1 && name[hash_len] == '.' &&
-         name.find_first_not_of("0123456789abcdef") == hash_len;
-}
-
-bool holds_hashed_names(const std::string& directory) {
-  std::error_code error;
-  const std::filesystem::directory_iterator entries(directory, error);
-  return std::any_of(begin(entries), end(entries),
-                     [](const auto& entry) { return is_hashed_name(entry.path().filename().string()); });
-}
-
 // What is wrong with the directories of trusted CAs, where that can be seen.
 std::string ca_directory_remark() {
   for (const std::string& directory : ca_directories()) {
-    if (!dl_path_is_directory(directory.c_str())) return "; " + printable(directory) + " is not a directory";
-    if (!holds_hashed_names(directory)) {
-      return "; " + printable(directory) + " is not hashed (\"openssl rehash\" does it)";
-    }
+    if (const std::string fault = hashed_directory_fault(directory); !fault.empty()) return fault;
   }
   return "";
 }

@@ -12,6 +12,7 @@
 #include "cert_answer.h"
 #include "cert_options.h"
 #include "fetchrig.h"
+#include "hashed_directory.h"
 #include "pem.h"
 #include "report.h"
 #include "scratch_copy.h"
@@ -54,10 +55,25 @@ void check_readable(const std::string& path) {
   throw failure(DL_VERIFY_SETUP, printable(path) + ": " + strerror(errno));
 }
 
+// The parts of a list, as OpenSSL takes it.
+std::vector<std::string> directories_in(const std::string& list) {
+  std::vector<std::string> directories;
+  std::istringstream rest(list);
+  for (std::string directory; std::getline(rest, directory, ':');) directories.push_back(directory);
+  return directories;
+}
+
 void check_places(const verify_options& options) {
   if (!options.ca_file.empty()) check_readable(options.ca_file);
-  std::istringstream directories(options.ca_dir);  // a list, as OpenSSL takes it
-  for (std::string directory; std::getline(directories, directory, ':');) check_readable(directory);
+  for (const std::string& directory : directories_in(options.ca_dir)) check_readable(directory);
+}
+
+// Why an issuer may not have been found.
+std::string issuer_remark(const verify_options& options) {
+  for (const std::string& directory : directories_in(options.ca_dir)) {
+    if (const std::string fault = hashed_directory_fault(directory); !fault.empty()) return fault;
+  }
+  return "";
 }
 
 std::string verification_words(const dl_result& result) {
@@ -117,7 +133,9 @@ answer verify(const verify_options& options) {
                         &result);
   }
   if (rc != 0) {
-    return refusal(options, failed_operation(options.file, result.code, verification_words(result)));
+    std::string words = verification_words(result);
+    if (result.code == DL_VERIFY_UNKNOWN_ISSUER) words += issuer_remark(options);
+    return refusal(options, failed_operation(options.file, result.code, words));
   }
   const std::vector<std::string>& let_pass = verification_remarks();
   if (options.strict && !let_pass.empty()) {

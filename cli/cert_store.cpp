@@ -14,6 +14,7 @@
 #include "cert_answer.h"
 #include "cert_options.h"
 #include "fetchrig.h"
+#include "hashed_directory.h"
 #include "report.h"
 #include "scratch_copy.h"
 #include "silenced_stream.h"
@@ -27,10 +28,11 @@ struct store_options {
   bool prune = false;
 };
 
-// True for a name in a directory, also that of a link that leads nowhere.
+// True for a name in a directory, also that of a link that leads nowhere, and for one in a directory that
+// tells nothing.
 bool name_exists(const std::string& path) {
   struct stat status;
-  return lstat(path.c_str(), &status) == 0;
+  return lstat(path.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
 }
 
 // What a listing looks at, and removes when it is no certificate: every name with ".0" in it.
@@ -43,13 +45,6 @@ std::vector<std::string> listed_names(const std::string& store) {
   }
   std::sort(names.begin(), names.end());
   return names;
-}
-
-// Eight hexadecimal digits, a dot, a number.
-bool is_entry_name(std::string_view name) {
-  const std::size_t dot = name.find_first_not_of("0123456789abcdefABCDEF");
-  return dot == 8 && name[dot] == '.' && name.size() > dot + 1 &&
-         name.find_first_not_of("0123456789", dot + 1) == name.npos;
 }
 
 std::string joined(const std::vector<std::string>& names) {
@@ -69,7 +64,7 @@ bool holds_no_certificate(const std::string& path) {
 // A directory with other files in it is listed only by somebody who said that they may go.
 void refuse_foreign(const std::string& store, const std::vector<std::string>& names) {
   std::vector<std::string> foreign, doomed;
-  std::remove_copy_if(names.begin(), names.end(), std::back_inserter(foreign), is_entry_name);
+  std::remove_copy_if(names.begin(), names.end(), std::back_inserter(foreign), is_hashed_name);
   if (foreign.empty()) return;
   std::copy_if(names.begin(), names.end(), std::back_inserter(doomed),
                [&](const std::string& name) { return holds_no_certificate(store + name); });

@@ -2,7 +2,6 @@
 #include "client_key.h"
 
 #include <openssl/rsa.h>
-#include <unistd.h>
 
 #include "report.h"
 
@@ -40,15 +39,11 @@ client_key::client_key(const std::string& path) : path_(path) {
   found_ = true;
 }
 
-client_key::~client_key() {
-  if (made_) unlink(path_.c_str());
-}
-
 void client_key::make_random(int bits) {
   const unique_pkey key(EVP_RSA_gen(static_cast<unsigned>(bits)));
   if (!key) throw failure(-1, "no random RSA key of " + std::to_string(bits) + " bits can be made");
   write_new_file(path_, pem_of(key.get()).bytes());
-  made_ = true;
+  made_ = temporary_path(path_);
 }
 
 bool client_key::belongs_to(const std::string& certificate_path) const {

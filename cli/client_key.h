@@ -8,6 +8,7 @@
 #include <string>
 
 #include "scratch_copy.h"
+#include "temporary_path.h"
 
 namespace fetchrig::cli {
 
@@ -17,24 +18,23 @@ class client_key {
   explicit client_key(const std::string& path);
   client_key(const client_key&) = delete;
   client_key& operator=(const client_key&) = delete;
-  // Takes back a key file that make_random() wrote, unless keep() was called.
-  ~client_key();
 
   bool found() const { return found_; }
-  // Writes a random RSA key to the file, which is not there yet.
+  // Writes a random RSA key to the file, which is not there yet. The file goes again with this owner, or by a
+  // signal that ends the command, unless keep() was called.
   void make_random(int bits);
   // What the library is to read, or to write when nothing was found or made: the file itself, or an
   // unencrypted copy of its key.
   const char* library_path() const { return copy_ ? copy_->path() : path_.c_str(); }
   // Whether the certificate in `path` is for the key in the file.
   bool belongs_to(const std::string& certificate_path) const;
-  void keep() { made_ = false; }
+  void keep() { made_.keep(); }
 
  private:
   std::string path_;
   std::unique_ptr<scratch_copy> copy_;
   bool found_ = false;
-  bool made_ = false;
+  temporary_path made_;
 };
 
 }  // namespace fetchrig::cli

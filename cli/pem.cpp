@@ -18,7 +18,7 @@
 namespace fetchrig::cli {
 namespace {
 
-constexpr std::size_t max_small_file_bytes = 1024 * 1024;
+constexpr std::size_t max_small_file_bytes = 16 * 1024 * 1024;  // as in the library
 
 class descriptor {
  public:

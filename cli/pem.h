@@ -38,7 +38,7 @@ class secret_text {
 };
 
 // The content of a certificate or key file; nothing when there is no such file. Throws failure for one that
-// cannot be read, is no regular file or is larger than 1 MiB.
+// cannot be read, is no regular file or is larger than 16 MiB.
 std::optional<secret_text> find_small_file(const std::string& path);
 // The same, and a missing file is a failure too.
 secret_text read_small_file(const std::string& path);
