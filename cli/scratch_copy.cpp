@@ -4,7 +4,11 @@
 namespace fetchrig::cli {
 scratch_copy::scratch_copy(const std::string& path) : path_(path) {
   const secret_text content = read_small_file(path);
-  if (const unique_x509 certificate = der_certificate(content.bytes())) write(pem_of(certificate.get()));
+  if (const unique_x509 certificate = der_certificate(content.bytes())) {
+    write(pem_of(certificate.get()));
+  } else if (content.bytes().find("BEGIN") == std::string::npos) {
+    write(content.bytes());  // whatever the library makes of it, it makes of a copy
+  }
 }
 
 scratch_copy::scratch_copy(const secret_text& text) {

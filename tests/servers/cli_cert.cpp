@@ -100,11 +100,11 @@ TEST_F(cli_cert, keys_of_generated_certificates_are_random_unless_a_seed_is_give
   EXPECT_EQ(1024, made["private_key"]["bits"]);
   EXPECT_EQ(true, made["key_generated"]);
   EXPECT_EQ(false, generate("a", "a seed")["key_generated"]);
-  EXPECT_EQ(true, generate("b")["key_generated"]);
-  EXPECT_EQ(true, generate("seeded1", "seed")["key_generated"]);
-  EXPECT_EQ(true, generate("seeded2", "seed")["key_generated"]);
+  for (const char* name : {"b", "seed 1", "seed 2"}) {
+    EXPECT_EQ(true, generate(name, *name == 's' ? "seed" : "")["key_generated"]);
+  }
   EXPECT_NE(read_file(path("a.key")), read_file(path("b.key")));
-  EXPECT_EQ(read_file(path("seeded1.key")), read_file(path("seeded2.key")));
+  EXPECT_EQ(read_file(path("seed 1.key")), read_file(path("seed 2.key")));
   write_file(path("locked.key"), locked);
   setenv("FETCHRIG_KEY_PASSPHRASE", "open sesame", 1);
   EXPECT_EQ(false, generate("locked")["key_generated"]);
@@ -112,23 +112,15 @@ TEST_F(cli_cert, keys_of_generated_certificates_are_random_unless_a_seed_is_give
   EXPECT_EQ(modulus_of(key.get()), modulus_of(key_in(read_file(path("locked"))).get()));
   EXPECT_EQ(locked, read_file(path("locked.key")));
 
-  const struct {
-    std::string key_file;
-    const char* seed;
-    std::string ca_key, subject;
-    const char* why;
-  } rows[] = {
-      {locked, "", "ca.key", "/CN=a", "encrypted"},
-      {der_of(key.get()), "s", "ca.key", "/CN=a", "DER"},
-      {"garbage", "", "ca.key", "/CN=a", "no private key"},
-      {"", "s", "ca.key", "/CN=a", "no private key"},
-      {read_file(files.key), "", "ca.key", "/CN=a", "no RSA key"},
-      {"-", "", files.key, "/CN=a", "RSA"},
-      {"-", "", "a.key", "/CN=a", "do not match"},
-      {"-", "", "ca.key", "CN=a", "start with \"/\""},
-      {"-", "", "ca.key", "/CN=\u00e4", "ASCII"},
-      {"-", "s", "ca.key", "/CN=", "/TYPE=VALUE"},
+  // clang-format off
+  const struct { std::string key_file; const char* seed; std::string ca_key, subject; const char* why; } rows[] = {
+      {locked, "", "ca.key", "/CN=a", "encrypted"}, {der_of(key.get()), "s", "ca.key", "/CN=a", "DER"},
+      {"garbage", "", "ca.key", "/CN=a", "no private key"}, {"", "s", "ca.key", "/CN=a", "no private key"},
+      {read_file(files.key), "", "ca.key", "/CN=a", "no RSA key"}, {"-", "", files.key, "/CN=a", "RSA"},
+      {"-", "", "a.key", "/CN=a", "do not match"}, {"-", "", "ca.key", "CN=a", "start with \"/\""},
+      {"-", "", "ca.key", "/CN=\u00e4", "ASCII"}, {"-", "s", "ca.key", "/CN=", "/TYPE=VALUE"},
   };
+  // clang-format on
   for (const auto& row : rows) {
     const std::string file = path("refused.key");
     if (row.key_file != "-") write_file(file, row.key_file);
@@ -162,7 +154,6 @@ TEST_F(cli_cert, store) {
   EXPECT_EQ(read_file(root_), read_file(path("store/ca/" + hash_ + ".0")));
   EXPECT_TRUE(holds(tell({"list"}).output, hash_ + "  root"));
   EXPECT_EQ(hash_, ask({"list"})["certificates"][0]["hash"]);
-  check({{{"verify", ca_.issue("server").cert, "--ca-dir", "store/ca"}, "ok", true}});
   for (const std::string& by : {der_, hash_, entry}) {
     check({{{"remove", by}, "ok", true},
            {{"list"}, "certificates", json::array()},
