@@ -11,6 +11,7 @@
 #include "core/openssl_owners.h"
 #include "core/text.h"
 #include "include/fetchrig.h"
+#include "log/log.h"
 
 namespace fetchrig {
 namespace {
@@ -116,7 +117,7 @@ std::string shown_value(std::string_view rendered) {
 int asn1_time_to_text(const ASN1_TIME* time, std::span<char> text) {
   calendar_time read;
   if (!read_time(time, read)) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Bad time value\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Bad time value\n");
     return -1;
   }
   ::snprintf(text.data(), text.size(), "%s %2u %02u:%02u:%02u %u%s", month_names[read.month - 1], read.day,

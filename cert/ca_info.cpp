@@ -10,6 +10,8 @@
 #include "core/boundary.h"
 #include "core/config.h"
 #include "core/text.h"
+#include "include/fetchrig.h"
+#include "log/log.h"
 
 namespace fetchrig {
 namespace {
@@ -35,7 +37,7 @@ void fill_element(std::span<char, 64> field, const X509_NAME* name, int nid) {
 bool device_key_matches(const char* path) {
   const cert_source source(path);
   if (!source.stream) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error dev cert\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error dev cert\n");
     return false;
   }
   const unique_x509 certificate(load_cert_bio(source.encoding, source.stream.get()));
@@ -48,7 +50,7 @@ int result_of(certificate_read outcome) {
 }
 
 int invalid_parameter() {
-  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Invalid Parameter\n");
+  log_line(DL_LOG_CMN, DL_LOG_ERROR, "Invalid Parameter\n");
   return -1;
 }
 
@@ -57,7 +59,7 @@ int describe_device(dl_ca_info& info) {
   const option_text path = device_cert_file();
   if (const int rc = result_of(describe_ca(path.data(), info)); rc < 0) return rc;
   if (device_key_matches(path.data())) return 0;
-  qxfr_log(DL_LOG_CMN, DL_LOG_WARNING, "private key doesn't match public key\n");
+  log_line(DL_LOG_CMN, DL_LOG_WARNING, "private key doesn't match public key\n");
   return -3;
 }
 
@@ -65,18 +67,18 @@ int describe_device(dl_ca_info& info) {
 
 certificate_read read_certificate(const cert_source& source, unique_x509& certificate) {
   if (source.error == EISDIR) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "path is directory, ret\n");
+    log_line(DL_LOG_CMN, DL_LOG_NOTICE, "path is directory, ret\n");
     return certificate_read::failed;
   }
   if (!source.stream) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error filename\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error filename\n");
     return why_not_opened(source.error);
   }
   ERR_clear_error();
   certificate.reset(load_cert_bio(source.encoding, source.stream.get()));
   if (certificate) return certificate_read::fine;
   const certificate_read outcome = why_not_read(source.file);
-  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "unable to load certificate filename\n");
+  log_line(DL_LOG_CMN, DL_LOG_ERROR, "unable to load certificate filename\n");
   return outcome;
 }
 
@@ -88,7 +90,7 @@ bool fill_ca_info(X509* certificate, dl_ca_info& info) {
   info.hash = static_cast<uint32_t>(X509_subject_name_hash(certificate));
   const X509_NAME* subject = X509_get_subject_name(certificate);
   if (!subject) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "X509_get_issuer_name error\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "X509_get_issuer_name error\n");
     return false;
   }
   fill_element(info.cn, subject, NID_commonName);

@@ -10,7 +10,7 @@
 
 #include "cert/cert_file.h"
 #include "core/openssl_owners.h"
-#include "include/fetchrig.h"
+#include "include/fetchrig_types.h"
 
 namespace fetchrig {
 

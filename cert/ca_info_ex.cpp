@@ -12,6 +12,7 @@
 #include "core/result.h"
 #include "core/text.h"
 #include "include/fetchrig_openssl.h"
+#include "log/log.h"
 
 namespace fetchrig {
 namespace {
@@ -32,13 +33,13 @@ void fill_display_name(std::span<char, 64> field, const X509_NAME* name) {
 bool fill_names(X509* certificate, dl_ca_info_ex& info) {
   const X509_NAME* issuer = X509_get_issuer_name(certificate);
   if (!issuer) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "X509_get_issuer_name error\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "X509_get_issuer_name error\n");
     return false;
   }
   fill_display_name(info.issuer, issuer);
   const X509_NAME* subject = X509_get_subject_name(certificate);
   if (!subject) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "X509_get_subject_name error\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "X509_get_subject_name error\n");
     return false;
   }
   fill_display_name(info.subject, subject);
@@ -56,9 +57,9 @@ void fill_algorithms(X509* certificate, dl_ca_info_ex& info) {
 
 // The key that follows the certificate in the stream, if there is one.
 certificate_read fill_private_key(BIO* bio, dl_ca_info_ex& info) {
-  qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "client cert\n");
+  log_line(DL_LOG_CMN, DL_LOG_INFO, "client cert\n");
   if (OPENSSL_init_ssl(0, nullptr) != 1) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "SSL_library_init error\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "SSL_library_init error\n");
     return certificate_read::setup_failed;
   }
   const unique_pkey key(PEM_read_bio_PrivateKey(bio, nullptr, password_cb, nullptr));
@@ -114,7 +115,7 @@ int dl_get_ca_info_ex(const char* path, dl_ca_info_ex* info, uint32_t flags, dl_
     result->code = guarded([&] { return code_of(describe_ca_ex(path, *info, flags)); }, [] { return 1; });
     return result->code == 0 ? 0 : -1;
   }
-  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Invalid Parameter\n");
+  log_line(DL_LOG_CMN, DL_LOG_ERROR, "Invalid Parameter\n");
   if (result) result->code = 1;
   return -1;
 }

@@ -13,6 +13,8 @@
 #include "core/config.h"
 #include "core/result.h"
 #include "core/text.h"
+#include "include/fetchrig.h"
+#include "log/log.h"
 #include "log/printable.h"
 
 namespace fetchrig {
@@ -29,7 +31,7 @@ bool list_store(List& list, Describe describe) {
   const std::span entries(list.entries);
   for (const std::string& name : store_entry_names(directory.get())) {
     if (list.count == entries.size()) {
-      qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "number of ca file is no less than 10!\n");
+      log_line(DL_LOG_CMN, DL_LOG_ERROR, "number of ca file is no less than 10!\n");
       break;
     }
     auto& entry = entries[list.count];
@@ -42,7 +44,7 @@ bool list_store(List& list, Describe describe) {
     }
     memset(&entry, 0, sizeof entry);
     if (outcome == certificate_read::unusable && ::unlink(path.c_str()) == 0) {
-      qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "removed %s, which holds no certificate\n",
+      log_line(DL_LOG_CMN, DL_LOG_NOTICE, "removed %s, which holds no certificate\n",
                printable(path).c_str());
     }
   }
@@ -71,7 +73,7 @@ int list_store_ex(dl_trust_ca_list_ex& list, dl_result& result) {
 int dl_get_trust_ca_info(dl_trust_ca_list* list) {
   using namespace fetchrig;
   if (!list) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Invalid Parameter\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Invalid Parameter\n");
     return -1;
   }
   memset(list, 0, sizeof *list);
@@ -81,7 +83,7 @@ int dl_get_trust_ca_info(dl_trust_ca_list* list) {
 int dl_get_trust_ca_info_ex(dl_trust_ca_list_ex* list, dl_result* result) {
   using namespace fetchrig;
   if (!list || !result) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Invalid Parameter\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Invalid Parameter\n");
     if (result) result->code = 1;
     return -1;
   }

@@ -19,6 +19,7 @@
 #include "core/boundary.h"
 #include "core/config.h"
 #include "include/fetchrig.h"
+#include "log/log.h"
 
 namespace fetchrig {
 namespace {
@@ -36,7 +37,7 @@ std::string hash_name(uint32_t hash) {
 void ensure_all_ca_directory(const std::string& path) {
   if (open_directory(path)) return;
   if (make_directory(path) != 0) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't create directory all ca certs directory\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Can't create directory all ca certs directory\n");
   }
 }
 
@@ -52,22 +53,22 @@ bool holds_hash(const unique_dir& directory, const std::string& path, uint32_t h
 int refuse_known_ca(const std::string& custom, uint32_t hash) {
   const unique_dir installed = open_or_make_directory(custom);
   if (!installed) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't open custom trust certs directory\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Can't open custom trust certs directory\n");
     return not_installed;
   }
   ensure_all_ca_directory(custom + "ca/");
   if (holds_hash(installed, custom, hash)) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "the ca file file has existed in custom certs directory\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "the ca file file has existed in custom certs directory\n");
     return already_installed;
   }
   const std::string factory_path = custom + "phoneca/";
   const unique_dir factory = open_or_make_directory(factory_path);
   if (!factory) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't open factory prefabrication directory\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Can't open factory prefabrication directory\n");
     return not_installed;
   }
   if (holds_hash(factory, factory_path, hash)) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "the ca file has existed by factory prefabrication\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "the ca file has existed by factory prefabrication\n");
     return is_factory_ca;
   }
   return 0;
@@ -110,7 +111,7 @@ int install(const char* path) {
   const auto link_file = shell_command(command_size, "ln -s", {file, link});
   const auto link_all = shell_command(command_size, "ln -s", {link, custom + "ca/" + hash_name(hash) + ".0"});
   if (!link_file || !link_all || !all_fit(removals_of(custom, hash))) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "path of the trust certs directory is too long\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "path of the trust certs directory is too long\n");
     return not_installed;
   }
   if (const int rc = refuse_known_ca(custom, hash); rc < 0) return rc;
@@ -128,12 +129,12 @@ void remove_ca(const char* path) {
   const removal given = removal_of(path);
   const auto names = removals_of(trust_ca_dir().data(), hash);
   if (!given.command || (hash != 0 && !all_fit(names))) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "path of the ca file is too long\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "path of the ca file is too long\n");
     return;
   }
   run_removal(given);
   if (hash == 0) return;
-  qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "hash:%x\n", static_cast<unsigned>(hash));
+  log_line(DL_LOG_CMN, DL_LOG_INFO, "hash:%x\n", static_cast<unsigned>(hash));
   for (const removal& each : names) run_removal(each);
 }
 

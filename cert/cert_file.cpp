@@ -8,6 +8,7 @@
 #include "cert/passphrase.h"
 #include "core/openssl_owners.h"
 #include "include/fetchrig_openssl.h"
+#include "log/log.h"
 
 namespace fetchrig {
 namespace {
@@ -72,17 +73,17 @@ bool add_ca_certificates(X509_STORE* store, BIO* bio) {
 
 uint32_t ca_file_hash(const char* path) {
   if (path && dl_path_is_directory(path)) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "path is directory, ret\n");
+    log_line(DL_LOG_CMN, DL_LOG_NOTICE, "path is directory, ret\n");
     return 0;
   }
   const cert_source source(path ? path : "");
   if (!source.stream) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error ca_file\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error ca_file\n");
     return 0;
   }
   const unique_x509 certificate(load_cert_bio(source.encoding, source.stream.get()));
   if (!certificate) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "unable to load certificate ca_file\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "unable to load certificate ca_file\n");
     return 0;
   }
   if (source.encoding == encoding_der && !rewrite_as_pem(path, certificate.get())) return 0;

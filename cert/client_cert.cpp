@@ -18,6 +18,7 @@
 #include "core/config.h"
 #include "core/openssl_owners.h"
 #include "include/fetchrig_openssl.h"
+#include "log/log.h"
 
 namespace fetchrig {
 namespace {
@@ -33,7 +34,7 @@ int device_key_for(device_key& result, const char* key_path, std::string_view su
   OPENSSL_cleanse(seed.data(), seed.size());
   const int rc = build_rsa_key(result, key_path, bits, &start);
   OPENSSL_cleanse(&start, sizeof start);
-  if (rc != 0) qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "dl_cert_build_rsa_key() fail\n");
+  if (rc != 0) log_line(DL_LOG_CMN, DL_LOG_ERROR, "dl_cert_build_rsa_key() fail\n");
   return rc;
 }
 
@@ -49,23 +50,23 @@ unique_x509_req signed_request(EVP_PKEY* key, const char* subject) {
 unique_x509 read_root_certificate(const char* path) {
   const cert_source source(path);
   if (!source.stream) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error root ca\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error root ca\n");
     return nullptr;
   }
   unique_x509 certificate(load_cert_bio(source.encoding, source.stream.get()));
-  if (!certificate) qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "unable to load certificate filename\n");
+  if (!certificate) log_line(DL_LOG_CMN, DL_LOG_ERROR, "unable to load certificate filename\n");
   return certificate;
 }
 
 unique_pkey read_root_key(const char* path, const X509* root) {
   const cert_source source(path);
   if (!source.stream) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error filename\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error filename\n");
     return nullptr;
   }
   unique_pkey key(PEM_read_bio_PrivateKey(source.stream.get(), nullptr, no_password_cb, nullptr));
   if (key && X509_check_private_key(root, key.get()) == 1) return key;
-  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "CA certificate and CA private key do not match\n");
+  log_line(DL_LOG_CMN, DL_LOG_ERROR, "CA certificate and CA private key do not match\n");
   return nullptr;
 }
 
@@ -92,7 +93,7 @@ unique_x509 issue(X509_REQ* request, const X509* root, EVP_PKEY* root_key, const
   unique_x509 certificate(X509_new());
   if (!certificate || !fill_certificate(certificate.get(), request, root, subject)) return nullptr;
   if (X509_sign(certificate.get(), root_key, EVP_md5()) > 0) return certificate;
-  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't sign the client certificate\n");
+  log_line(DL_LOG_CMN, DL_LOG_ERROR, "Can't sign the client certificate\n");
   return nullptr;
 }
 
@@ -132,7 +133,7 @@ int make_REQ(X509_REQ* request, EVP_PKEY* key, const char* text, int /*unused*/,
 int dl_generate_client_cert(const char* ca_cert, const char* ca_key, const char* key_file,
                             const char* cert_file, const char* subject, int bits) {
   if (!ca_cert || !ca_key || !key_file || !cert_file || !subject) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Invalid Parameter\n");
+    fetchrig::log_line(DL_LOG_CMN, DL_LOG_ERROR, "Invalid Parameter\n");
     return -1;
   }
   const fetchrig::clean_error_queue after;

@@ -11,6 +11,7 @@
 #include "cert/file_replacement.h"
 #include "cert/private_file.h"
 #include "include/fetchrig.h"
+#include "log/log.h"
 
 namespace fetchrig {
 namespace {
@@ -61,11 +62,11 @@ file_access access_of(const char* path) {
 bool rewrite_through_scratch(const char* path, std::string_view text) {
   unique_fd scratch = create_scratch();
   if (!scratch) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "open file err\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "open file err\n");
     return false;
   }
   if (const int error = fill_new_file(std::move(scratch), text, access_of(path)); error != 0) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "write scratch file errno %d\n", error);
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "write scratch file errno %d\n", error);
     ::unlink(scratch_path);
     return false;
   }
@@ -75,19 +76,19 @@ bool rewrite_through_scratch(const char* path, std::string_view text) {
     ::unlink(scratch_path);
     return true;
   }
-  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "rename errno %d", error);
+  log_line(DL_LOG_CMN, DL_LOG_ERROR, "rename errno %d", error);
   return false;
 }
 
 }  // namespace
 
 bool rewrite_as_pem(const char* path, X509* certificate) {
-  qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "convert to PEM code\n");
+  log_line(DL_LOG_CMN, DL_LOG_INFO, "convert to PEM code\n");
   const unique_bio text = pem_text(certificate, nullptr);
   const scratch_lock lock;
   if (text && lock.owned()) return rewrite_through_scratch(path, text_of(text.get()));
   if (text && replace_file(path, text_of(text.get()), access_of(path)) == 0) return true;
-  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "open file err\n");
+  log_line(DL_LOG_CMN, DL_LOG_ERROR, "open file err\n");
   return false;
 }
 

@@ -20,6 +20,7 @@
 #include "core/config.h"
 #include "core/openssl_owners.h"
 #include "include/fetchrig_openssl.h"
+#include "log/log.h"
 
 namespace fetchrig {
 namespace {
@@ -62,7 +63,7 @@ std::optional<device_paths> paths_from(std::string_view device_file) {
 }
 
 int log_error(int code, const char* text) {
-  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "%s", text);
+  log_line(DL_LOG_CMN, DL_LOG_ERROR, "%s", text);
   return code;
 }
 
@@ -148,7 +149,7 @@ bool complete_from_present(key_pair& pair, const char* path) {
   if (is_special_file(path)) return true;
   const cert_source source(path);
   if (!source.stream) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file dev cert err\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file dev cert err\n");
     return source.error == ENOENT || source.error == ENOTDIR;
   }
   const bool is_empty = source.file.bytes().empty();
@@ -169,14 +170,14 @@ bool make_server_directory(std::string_view device_file) {
   constexpr std::string_view mark = "server";
   const std::size_t at = device_file.find(mark);
   if (at == std::string_view::npos) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "server cert dir err");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "server cert dir err");
     return false;
   }
   const std::string directory(device_file.substr(0, at + mark.size()));
   if (open_directory(directory)) return true;
   if (::mkdir(directory.c_str(), 0775) == 0) give_owner_access(directory, S_IRWXU);
   if (open_directory(directory)) return true;
-  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't open serverdir\n");
+  log_line(DL_LOG_CMN, DL_LOG_ERROR, "Can't open serverdir\n");
   return false;
 }
 
@@ -189,7 +190,7 @@ int install_separate(const char* path) {
   if (!make_server_directory(device_file.data())) return -1;
   // The usual way to replace both is one after the other, so this state is allowed but worth knowing.
   if (pair.certificate && pair.key && X509_check_private_key(pair.certificate.get(), pair.key.get()) != 1) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_WARNING, "device certificate and private key do not belong together\n");
+    log_line(DL_LOG_CMN, DL_LOG_WARNING, "device certificate and private key do not belong together\n");
   }
   const unique_bio text = pem_text(pair.certificate.get(), pair.key.get());
   if (!text) return log_error(-1, "Can't encode the device certificate\n");

@@ -16,6 +16,7 @@
 #include "cert/private_file.h"
 #include "core/boundary.h"
 #include "include/fetchrig_openssl.h"
+#include "log/log.h"
 
 namespace fetchrig {
 namespace {
@@ -73,7 +74,7 @@ int build_rsa_key(device_key& result, const char* path, int bits, const keygen_s
     case key_file::unusable:
       return -1;
     case key_file::without_key:
-      qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "prikey err,create new\n");
+      log_line(DL_LOG_CMN, DL_LOG_ERROR, "prikey err,create new\n");
       remove_plain_file(path);
       break;
     case key_file::absent:

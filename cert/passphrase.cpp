@@ -8,6 +8,7 @@
 #include "core/config.h"
 #include "core/text.h"
 #include "include/fetchrig_openssl.h"
+#include "log/log.h"
 
 namespace fetchrig {
 
@@ -41,6 +42,6 @@ int password_cb(char* buffer, int size, int, void* user_data) {
   const std::span<char> to(buffer, static_cast<std::size_t>(size));
   if (user_data) return copy_given(to, static_cast<const char*>(user_data));
   const int length = copy_configured(to);
-  qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "num is %d, pwd length:%d\n", size, length);
+  log_line(DL_LOG_CMN, DL_LOG_INFO, "num is %d, pwd length:%d\n", size, length);
   return length;
 }

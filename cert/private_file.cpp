@@ -13,6 +13,7 @@
 #include "cert/file_replacement.h"
 #include "core/owners.h"
 #include "include/fetchrig.h"
+#include "log/log.h"
 #include "log/printable.h"
 
 namespace fetchrig {
@@ -106,7 +107,7 @@ void remove_plain_file(const char* path) {
 bool write_private_file(const char* path, std::string_view text, at_link choice) {
   const int error = write_file(path, text, choice);
   if (error == 0) return true;
-  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't write %s, errno %d\n", printable(path).c_str(), error);
+  log_line(DL_LOG_CMN, DL_LOG_ERROR, "Can't write %s, errno %d\n", printable(path).c_str(), error);
   return false;
 }
 

@@ -12,6 +12,7 @@
 
 #include "core/owners.h"
 #include "core/text.h"
+#include "log/log.h"
 #include "log/printable.h"
 
 namespace fetchrig {
@@ -131,12 +132,12 @@ std::optional<std::string> shell_command(std::size_t size, std::string_view prog
 
 int run_shell(const std::optional<std::string>& command, int level) {
   if (!command) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "command is too long, not run\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "command is too long, not run\n");
     return -1;
   }
   const int status = run(*command);
   if (status != 0) {
-    qxfr_log(DL_LOG_CMN, level, "command ended with status %d: %s\n", status, printable(*command).c_str());
+    log_line(DL_LOG_CMN, level, "command ended with status %d: %s\n", status, printable(*command).c_str());
   }
   return status;
 }

@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include "include/fetchrig.h"
+#include "include/fetchrig_types.h"
 
 namespace fetchrig {
 

@@ -7,6 +7,7 @@
 #include "cert/cert_file.h"
 #include "core/openssl_owners.h"
 #include "include/fetchrig_openssl.h"
+#include "log/log.h"
 
 namespace fetchrig {
 namespace {
@@ -39,21 +40,21 @@ bool use_certificate(SSL_CTX* context, BIO* bio) {
 
 tls_file_check load_file(SSL_CTX* context, const small_file& file) {
   if (!add_ca_certificates(SSL_CTX_get_cert_store(context), file.stream().get())) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't open ca file ser_ca_file\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Can't open ca file ser_ca_file\n");
     return tls_file_check::no_ca_file;
   }
   if (!use_certificate(context, file.stream().get())) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't load public key from ser_ca_file\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Can't load public key from ser_ca_file\n");
     return tls_file_check::no_certificate;
   }
   // The context's own key loader refuses a mismatch itself and would hide it behind "no key".
   const unique_pkey key(load_key_bio(encoding_pem, file.stream().get()));
   if (!key) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Can't load private key from ser_ca_file");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Can't load private key from ser_ca_file");
     return tls_file_check::no_key;
   }
   if (X509_check_private_key(SSL_CTX_get0_certificate(context), key.get()) != 1) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Private key does not match the certificate public key\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Private key does not match the certificate public key\n");
     return tls_file_check::key_mismatch;
   }
   return tls_file_check::fine;
@@ -63,12 +64,12 @@ tls_file_check load_file(SSL_CTX* context, const small_file& file) {
 
 tls_file_check check_tls_file(const small_file& file, int method) {
   if (method < method_tls1 || method > method_any) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Wrong method");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Wrong method");
     return tls_file_check::wrong_method;
   }
   const unique_ssl_ctx context = make_context(method);
   if (!context) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "SSL_CTX_new error\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "SSL_CTX_new error\n");
     return tls_file_check::no_context;
   }
   return load_file(context.get(), file);

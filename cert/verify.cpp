@@ -17,6 +17,7 @@
 #include "core/openssl_owners.h"
 #include "core/result.h"
 #include "include/fetchrig_openssl.h"
+#include "log/log.h"
 #include "log/printable.h"
 
 namespace fetchrig {
@@ -57,7 +58,7 @@ struct verdict {
 
 // The advance check: 0, or -1 with the record filled.
 int check_in_advance(const char* path, dl_result* result) {
-  qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "verify advance\n");
+  log_line(DL_LOG_CMN, DL_LOG_INFO, "verify advance\n");
   switch (check_tls_file(small_file(path), ssl_method())) {
     case tls_file_check::fine:
       return 0;
@@ -121,7 +122,7 @@ unique_x509_store make_store(const char* ca_dir, const char* ca_file) {
 
 unique_x509 read_certificate(const char* path) {
   const cert_source source = open_source(path);
-  if (!source.stream) qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error ca_file\n");
+  if (!source.stream) log_line(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error ca_file\n");
   unique_x509 certificate(load_cert_bio(source.encoding, source.stream.get()));
   if (!certificate) print_error_queue();
   return certificate;
@@ -137,7 +138,7 @@ verdict verify(X509_STORE* store, X509* certificate) {
   }
   const int answer = X509_verify_cert(context.get());
   if (answer > 0) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "OK\n");
+    log_line(DL_LOG_CMN, DL_LOG_INFO, "OK\n");
     return {true, X509_V_OK};
   }
   print_error_queue();
@@ -165,7 +166,7 @@ int verify_file(const char* path, const char* ca_dir, const char* ca_file, dl_re
 int check_and_verify(const char* path, const char* ca_dir, const char* ca_file, uint32_t flags,
                      dl_result* result) {
   if (SSL_library_init() != 1) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "SSL_library_init error\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "SSL_library_init error\n");
     return fail_with_text(result, DL_VERIFY_SETUP, "");
   }
   if ((flags & flag_advance_check) && check_in_advance(path, result) != 0) return -1;
@@ -189,10 +190,10 @@ int cb(int ok, X509_STORE_CTX* context) {
   const X509* certificate = X509_STORE_CTX_get_current_cert(context);
   char* subject = certificate ? X509_NAME_oneline(X509_get_subject_name(certificate), nullptr, 0) : nullptr;
   const auto shown = std::string_view(subject ? subject : "").substr(0, max_subject_len);
-  qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "%s\n", printable(shown).c_str());
+  log_line(DL_LOG_CMN, DL_LOG_NOTICE, "%s\n", printable(shown).c_str());
   OPENSSL_free(subject);
   const int error = X509_STORE_CTX_get_error(context);
-  qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "verify cb error %d at %d depth lookup:%s\n", error,
+  log_line(DL_LOG_CMN, DL_LOG_NOTICE, "verify cb error %d at %d depth lookup:%s\n", error,
            X509_STORE_CTX_get_error_depth(context), X509_verify_cert_error_string(error));
   const auto* end = std::end(tolerated_errors);
   return std::find(std::begin(tolerated_errors), end, error) != end ? 1 : 0;
@@ -202,7 +203,7 @@ int dl_cert_verify(const char* path, const char* ca_dir, const char* ca_file, ui
                    dl_result* result) {
   using namespace fetchrig;
   if (!result || !path) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Invalid Parameter\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Invalid Parameter\n");
     return fail_with_text(result, DL_VERIFY_PARAMETER, "");
   }
   const clean_error_queue after;

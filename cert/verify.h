@@ -3,7 +3,7 @@
 #ifndef FETCHRIG_CERT_VERIFY_H
 #define FETCHRIG_CERT_VERIFY_H
 
-#include "include/fetchrig.h"
+#include "include/fetchrig_types.h"
 
 namespace fetchrig {
 

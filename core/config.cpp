@@ -1,5 +1,6 @@
 // config.cpp: the process-wide configuration record and its options, library start-up and tear-down.
 #include "core/config.h"
+#include "include/fetchrig.h"
 
 #include <openssl/crypto.h>
 #include <string.h>
@@ -12,6 +13,7 @@
 #include "core/openssl_start.h"
 #include "core/process_lock.h"
 #include "core/text.h"
+#include "log/log.h"
 
 // Zero at load; written by dl_config_init(), dl_exit() and, under its lock, dl_set_option().
 dl_config g_dl_cfg;
@@ -259,7 +261,7 @@ const char* dl_get_version(void) {
 int dl_config_init(void) {
   guarded([] {
     if (!config_initialised()) initialise();
-    qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "Init config! libfetchrig Ver:%s\n", library_version);
+    log_line(DL_LOG_CMN, DL_LOG_NOTICE, "Init config! libfetchrig Ver:%s\n", library_version);
   });
   return 0;
 }

@@ -5,7 +5,7 @@
 
 #include <array>
 
-#include "include/fetchrig.h"
+#include "include/fetchrig_types.h"
 
 namespace fetchrig {
 

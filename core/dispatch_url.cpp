@@ -7,6 +7,7 @@
 #include "core/boundary.h"
 #include "core/config.h"
 #include "core/text.h"
+#include "log/log.h"
 #include "log/printable.h"
 
 namespace fetchrig {
@@ -40,7 +41,7 @@ int split_scheme(std::string_view url, dl_url_parts& parts, std::string_view& re
   if (parts.proto == proto_unsupported) return log_dispatch_error("Protocol Not Support!\n");
   rest = skip_white_space(at == std::string_view::npos ? url : url.substr(at + scheme_end.size()));
   if (rest.empty()) return log_dispatch_error("URL Invalid!\n");
-  qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "Skip Space Success!\n");
+  log_line(DL_LOG_CMN, DL_LOG_INFO, "Skip Space Success!\n");
   return 0;
 }
 
@@ -112,7 +113,7 @@ int split(std::string_view url, dl_url_parts& parts) {
 }
 
 void log_parts(const char* url, const dl_url_parts& parts) {
-  qxfr_log(DL_LOG_CMN, DL_LOG_INFO,
+  log_line(DL_LOG_CMN, DL_LOG_INFO,
            "url = %s, protl = %d, host = %s, port = %d, path = %s, user = %s, passwd = ******\n",
            printable_url(url).c_str(), static_cast<int>(parts.proto), printable(parts.host.c_str()).c_str(),
            static_cast<int>(parts.port), printable(parts.path.c_str()).c_str(),
@@ -150,7 +151,7 @@ int dl_url_rebuild(const dl_request& request, dl_http_request& http, const dl_ur
     return 0;
   };
   if (const int rc = guarded(work, [] { return log_dispatch_error("Memory Exhualt!\n"); }); rc < 0) return rc;
-  qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "URL After Modify = %s\n", printable(url.c_str()).c_str());
+  log_line(DL_LOG_CMN, DL_LOG_INFO, "URL After Modify = %s\n", printable(url.c_str()).c_str());
   http.url = url.c_str();
   http.user = user_for(request, parts);
   http.password = password_for(request, parts);
@@ -167,16 +168,16 @@ const char* password_for(const dl_request& request, const dl_url_parts& parts) {
 }
 
 void log_entry(const char* function) {
-  qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "Enter Func %s....\n", function);
+  log_line(DL_LOG_CMN, DL_LOG_INFO, "Enter Func %s....\n", function);
 }
 
 int log_dispatch_error(const char* message) {
-  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "%s", message);
+  log_line(DL_LOG_CMN, DL_LOG_ERROR, "%s", message);
   return -1;
 }
 
 void log_ftp_login(const char* user) {
-  qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "FTP Login Info:uername=%s passwd=%s\n", printable(user).c_str(),
+  log_line(DL_LOG_CMN, DL_LOG_INFO, "FTP Login Info:uername=%s passwd=%s\n", printable(user).c_str(),
            "******");
 }
 

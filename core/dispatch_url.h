@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "include/fetchrig.h"
+#include "include/fetchrig_types.h"
 
 namespace fetchrig {
 

@@ -10,6 +10,7 @@
 
 #include "core/result.h"
 #include "core/written_file.h"
+#include "log/log.h"
 #include "log/printable.h"
 
 namespace fetchrig {
@@ -24,7 +25,7 @@ constexpr std::size_t min_room_bytes = 4096;
 void empty_if_named(int fd) {
   struct stat status = {};
   if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink == 0) return;
-  if (ftruncate(fd, 0) != 0) qxfr_log(DL_LOG_CMN, DL_LOG_WARNING, "partial file stays, errno %d\n", errno);
+  if (ftruncate(fd, 0) != 0) log_line(DL_LOG_CMN, DL_LOG_WARNING, "partial file stays, errno %d\n", errno);
 }
 
 }  // namespace
@@ -41,8 +42,8 @@ bool download_file::open(const char* path) {
   fd_.reset(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
   if (fd_) return true;
   const int error = errno;
-  qxfr_log(module_, DL_LOG_ERROR, "Can't open %s\n", printable(path).c_str());
-  qxfr_log(module_, DL_LOG_NOTICE, "open errno %d\n", error);
+  log_line(module_, DL_LOG_ERROR, "Can't open %s\n", printable(path).c_str());
+  log_line(module_, DL_LOG_NOTICE, "open errno %d\n", error);
   return false;
 }
 
@@ -72,7 +73,7 @@ int download_file::judge(uint64_t total, dl_result* result) {
   total_ = total;
   if (total <= limit_) return 0;
   total_ = std::min(total, (uint64_t{limit_} / step_ + 1) * step_);
-  qxfr_log(module_, DL_LOG_ERROR, "exceed max size\n");
+  log_line(module_, DL_LOG_ERROR, "exceed max size\n");
   return fail_exceeded(result, limit_);
 }
 
@@ -90,7 +91,7 @@ int download_file::flush(dl_result* result) {
 }
 
 int download_file::write_failed(dl_result* result, const char* operation) {
-  qxfr_log(module_, DL_LOG_ERROR, "%s error on %s, errno %d\n", operation, printable(path_.c_str()).c_str(),
+  log_line(module_, DL_LOG_ERROR, "%s error on %s, errno %d\n", operation, printable(path_.c_str()).c_str(),
            errno);
   return fail(result, DL_ERR_READ);
 }

@@ -14,7 +14,7 @@
 #include <string>
 
 #include "core/owners.h"
-#include "include/fetchrig.h"
+#include "include/fetchrig_types.h"
 
 namespace fetchrig {
 

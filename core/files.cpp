@@ -14,6 +14,7 @@
 #include "core/owners.h"
 #include "core/text.h"
 #include "include/fetchrig.h"
+#include "log/log.h"
 
 namespace fetchrig {
 namespace {
@@ -21,7 +22,7 @@ namespace {
 constexpr std::size_t copy_block_bytes = 524288;
 
 int log_failure(const char* message) {
-  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "%s", message);
+  log_line(DL_LOG_CMN, DL_LOG_ERROR, "%s", message);
   return -1;
 }
 
@@ -33,7 +34,7 @@ bool is_same_file(FILE* source, const char* target) {
 }
 
 void warn_stopped_short(const char* operation) {
-  qxfr_log(DL_LOG_CMN, DL_LOG_WARNING, "%s stopped short, errno %d\n", operation, errno);
+  log_line(DL_LOG_CMN, DL_LOG_WARNING, "%s stopped short, errno %d\n", operation, errno);
 }
 
 void copy_bytes(FILE* from, FILE* to, std::span<char> block) {
@@ -90,7 +91,7 @@ int isfromdialpad(const char* text) {
 int dl_path_is_directory(const char* path) {
   constexpr mode_t directory_bit = 040000;
   if (!path) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "NULL path!\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "NULL path!\n");
     return 0;
   }
   const auto work = [path] {

@@ -8,6 +8,7 @@
 #include <stdint.h>
 
 #include "include/fetchrig.h"
+#include "log/log.h"
 
 namespace fetchrig {
 namespace {
@@ -78,16 +79,16 @@ void prepare_exit() {
 }  // namespace
 
 void openssl_start() {
-  qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "dl_ssl_init\n");
+  log_line(DL_LOG_CMN, DL_LOG_INFO, "dl_ssl_init\n");
   prepare_exit();
-  qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "create ssl lock\n");
+  log_line(DL_LOG_CMN, DL_LOG_INFO, "create ssl lock\n");
   create_table();
   CRYPTO_set_id_callback(dl_ssl_id_cb);
   CRYPTO_set_locking_callback(dl_ssl_lock_cb);
 }
 
 void openssl_stop() {
-  qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "destroy ssl lock\n");
+  log_line(DL_LOG_CMN, DL_LOG_INFO, "destroy ssl lock\n");
   CRYPTO_set_locking_callback(nullptr);
   for (int i = 0; ssl_locks.locks && i < CRYPTO_num_locks(); ++i) pthread_mutex_destroy(&ssl_locks.locks[i]);
   release_table();

@@ -1,5 +1,6 @@
 // result.cpp: the one table of result codes and their texts.
 #include "core/result.h"
+#include "include/fetchrig.h"
 
 #include <stdio.h>
 #include <string.h>

@@ -3,7 +3,7 @@
 #ifndef FETCHRIG_CORE_RESULT_H
 #define FETCHRIG_CORE_RESULT_H
 
-#include "include/fetchrig.h"
+#include "include/fetchrig_types.h"
 
 namespace fetchrig {
 

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include "include/fetchrig.h"
+#include "log/log.h"
 #include "log/printable.h"
 
 namespace fetchrig {
@@ -17,7 +18,7 @@ bool is_upload_file(int module, const char* path) {
 }
 
 void log_unreadable(int module, const char* path, int error) {
-  qxfr_log(module, DL_LOG_ERROR, "Can't read %s, errno %d\n", printable(path).c_str(), error);
+  log_line(module, DL_LOG_ERROR, "Can't read %s, errno %d\n", printable(path).c_str(), error);
 }
 
 }  // namespace fetchrig

@@ -16,6 +16,7 @@
 #include "core/text.h"
 #include "core/url.h"
 #include "include/fetchrig.h"
+#include "log/log.h"
 
 namespace fetchrig {
 namespace {
@@ -35,7 +36,7 @@ struct url_view {
 };
 
 int reject(const char* message, int code = DL_ERR_URL) {
-  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "%s", message);
+  log_line(DL_LOG_CMN, DL_LOG_ERROR, "%s", message);
   return code;
 }
 

@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include "core/owners.h"
+#include "log/log.h"
 #include "log/printable.h"
 #include "net/connect.h"
 
@@ -55,7 +56,7 @@ int ftp_command(const dl_ftp_session& session, std::string_view word,
   if (!line) return DL_ERR_MEMORY;
   if (const int rc = dl_send_all(session.ctrl_sock, line.data(), line.size()); rc < 0) {
     const std::string_view shown = word == password_word ? masked_password : line.without_end();
-    qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "Error send command %s\r\n\n", printable(shown).c_str());
+    log_line(DL_LOG_FTP, DL_LOG_ERROR, "Error send command %s\r\n\n", printable(shown).c_str());
     return rc;
   }
   return dl_recv_reply(session, reply, expected);

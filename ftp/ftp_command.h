@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "ftp/ftp_reply.h"
-#include "include/fetchrig.h"
+#include "include/fetchrig_types.h"
 
 namespace fetchrig {
 

@@ -15,6 +15,8 @@
 #include "core/result.h"
 #include "ftp/ftp_command.h"
 #include "ftp/ftp_parse.h"
+#include "include/fetchrig.h"
+#include "log/log.h"
 #include "log/printable.h"
 #include "net/connect.h"
 
@@ -42,7 +44,7 @@ void warn_if_elsewhere(const dl_ftp_session& session, const ftp_endpoint& endpoi
   const bool same = peer.ss_family == AF_INET &&
                     memcmp(&ipv4->sin_addr, endpoint.address.data(), endpoint.address.size()) == 0;
   if (same) return;
-  qxfr_log(DL_LOG_FTP, DL_LOG_WARNING, "PASV address %s is not the control connection's\n", address);
+  log_line(DL_LOG_FTP, DL_LOG_WARNING, "PASV address %s is not the control connection's\n", address);
 }
 
 int passive_target(const dl_ftp_session& session, std::string_view text, data_target& target) {
@@ -72,7 +74,7 @@ int request_endpoint(const dl_ftp_session& session, ftp_reply& reply, bool& exte
     if (rc != DL_ERR_FTP_REPLY || reply.line().find(protocol_not_supported) == std::string_view::npos) {
       return rc;
     }
-    qxfr_log(DL_LOG_FTP, DL_LOG_WARNING, "DL_ERRFTP:[%s], Try use PASV\n", printable(reply.line()).c_str());
+    log_line(DL_LOG_FTP, DL_LOG_WARNING, "DL_ERRFTP:[%s], Try use PASV\n", printable(reply.line()).c_str());
     extended = false;
   }
   return ftp_command(session, "PASV", {}, reply, passive);
@@ -85,7 +87,7 @@ int ftp_open_data(dl_ftp_session& session, ftp_reply& reply, int timeout_s) {
   if (const int rc = request_endpoint(session, reply, extended); rc < 0) return rc;
   const auto text = ftp_parenthesised(reply.line());
   if (!text) {
-    qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "Passive mode string format error\n");
+    log_line(DL_LOG_FTP, DL_LOG_ERROR, "Passive mode string format error\n");
     return DL_ERR_FTP_REPLY;
   }
   data_target target;
@@ -116,7 +118,7 @@ int dl_ftp_create_data_conn(dl_ftp_session* session, char* reply, int32_t reply_
   const bool good = session && session->magic == DL_FTP_MAGIC && reply && reply_size > 0 &&
                     strnlen(session->host, sizeof session->host) < sizeof session->host;
   if (!good) {
-    qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "ftp data connection with invalid parameter\n");
+    log_line(DL_LOG_FTP, DL_LOG_ERROR, "ftp data connection with invalid parameter\n");
     return DL_ERR_PARAMETER;
   }
   const auto open = [&] {

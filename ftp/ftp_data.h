@@ -4,7 +4,7 @@
 #define FETCHRIG_FTP_FTP_DATA_H
 
 #include "ftp/ftp_reply.h"
-#include "include/fetchrig.h"
+#include "include/fetchrig_types.h"
 
 namespace fetchrig {
 

@@ -14,6 +14,8 @@
 #include "ftp/ftp_parse.h"
 #include "ftp/ftp_session.h"
 #include "ftp/ftp_wait.h"
+#include "include/fetchrig.h"
+#include "log/log.h"
 #include "log/printable.h"
 #include "net/connect.h"
 
@@ -26,31 +28,31 @@ constexpr int last_good_retr_code = 150;
 constexpr uint32_t file_step = 512;
 
 int ask_size(dl_ftp_session& session, std::string_view name, ftp_reply& reply) {
-  qxfr_log(DL_LOG_FTP, DL_LOG_INFO, "Sending size cmd to get file size\n");
+  log_line(DL_LOG_FTP, DL_LOG_INFO, "Sending size cmd to get file size\n");
   int rc = ftp_command(session, "SIZE", name, reply, {size_known});
   const auto size = rc < 0 ? std::nullopt : ftp_size_answer(reply.line());
   if (rc >= 0 && !size) rc = DL_ERR_FTP_REPLY;
   if (rc < 0) {
-    qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "Get file size error\n");
+    log_line(DL_LOG_FTP, DL_LOG_ERROR, "Get file size error\n");
     return rc;
   }
   if (*size > UINT32_MAX) {
-    qxfr_log(DL_LOG_FTP, DL_LOG_WARNING, "File of 4 GiB or more, its end is out of reach\n");
+    log_line(DL_LOG_FTP, DL_LOG_WARNING, "File of 4 GiB or more, its end is out of reach\n");
     ftp_mark_cut(session);
   }
   session.remaining = static_cast<uint32_t>(std::min<uint64_t>(*size, UINT32_MAX));
-  qxfr_log(DL_LOG_FTP, DL_LOG_INFO, "File size:%d\n", static_cast<int>(session.remaining));
+  log_line(DL_LOG_FTP, DL_LOG_INFO, "File size:%d\n", static_cast<int>(session.remaining));
   return 0;
 }
 
 int request_file(const dl_ftp_session& session, std::string_view name, ftp_reply& reply) {
   const int code = ftp_command(session, "RETR", name, reply);
   if (code > last_good_retr_code) {
-    qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "Server response wrong code : %d\n", code);
+    log_line(DL_LOG_FTP, DL_LOG_ERROR, "Server response wrong code : %d\n", code);
     return DL_ERR_FTP_REPLY;
   }
   if (code < 0) {
-    qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "Send RETR cmd Error\n");
+    log_line(DL_LOG_FTP, DL_LOG_ERROR, "Send RETR cmd Error\n");
     return code;
   }
   return 0;
@@ -64,7 +66,7 @@ int open_download(const ftp_outcome& out, const ftp_login_data& login, const cha
   const std::string_view name = ftp_wire_name(path);
   if (const int rc = ask_size(**out.handle, name, reply); rc < 0) return ftp_fail(out, reply, rc);
   if (const int rc = request_file(**out.handle, name, reply); rc < 0) return ftp_fail(out, reply, rc);
-  qxfr_log(DL_LOG_FTP, DL_LOG_NOTICE, "Open Success\n");
+  log_line(DL_LOG_FTP, DL_LOG_NOTICE, "Open Success\n");
   return 0;
 }
 
@@ -75,12 +77,12 @@ ssize_t receive_some(int sock, std::span<char> to, int timeout_s, dl_result* res
     const ssize_t count = ::recv(sock, to.data(), to.size(), MSG_DONTWAIT);
     if (count > 0) return count;
     if (count == 0) {
-      qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "data connection closed too early\n");
+      log_line(DL_LOG_FTP, DL_LOG_ERROR, "data connection closed too early\n");
       return fail(result, DL_ERR_READ);
     }
     if (errno == EINTR) continue;
     if (errno != EAGAIN && errno != EWOULDBLOCK) {
-      qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "read error! errno %d\n", errno);
+      log_line(DL_LOG_FTP, DL_LOG_ERROR, "read error! errno %d\n", errno);
       return fail(result, DL_ERR_READ);
     }
     if (!ftp_wait(sock, wait_readable, timeout_s)) return fail(result, DL_ERR_READ);
@@ -89,7 +91,7 @@ ssize_t receive_some(int sock, std::span<char> to, int timeout_s, dl_result* res
 
 // The file goes on where the count of what remains has ended: this is no complete copy.
 int fail_cut(dl_result* result) {
-  qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "File of 4 GiB or more cannot be read to its end\n");
+  log_line(DL_LOG_FTP, DL_LOG_ERROR, "File of 4 GiB or more cannot be read to its end\n");
   return fail(result, DL_ERR_READ);
 }
 
@@ -127,7 +129,7 @@ int receive_to_file(const ftp_login_data& login, const char* path, const char* l
   download_file file(DL_LOG_FTP, file_step, max_file_size());
   if (!file.open(local_path ? local_path : base_name(path).data())) return -1;
   if (copy_to_file(*session, file, result) < 0) return -1;
-  qxfr_log(DL_LOG_FTP, DL_LOG_NOTICE, "recv: %d bytes\n", static_cast<int>(file.total()));
+  log_line(DL_LOG_FTP, DL_LOG_NOTICE, "recv: %d bytes\n", static_cast<int>(file.total()));
   return 0;
 }
 
@@ -145,7 +147,7 @@ int dl_ftp_open(dl_ftp_session** session, const char* host, uint32_t port, const
 int dl_ftp_read(dl_ftp_session* session, char* buffer, int32_t size, dl_result* result) {
   using namespace fetchrig;
   if (!buffer || !result || size < 0 || !ftp_usable(session)) {
-    qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "ftp read with invalid parameter\n");
+    log_line(DL_LOG_FTP, DL_LOG_ERROR, "ftp read with invalid parameter\n");
     return fail(result, DL_ERR_PARAMETER);
   }
   if (size > 0 && session->remaining == 0 && ftp_is_cut(*session)) return fail_cut(result);

@@ -10,6 +10,7 @@
 #include "core/text.h"
 #include "ftp/ftp_parse.h"
 #include "ftp/ftp_wait.h"
+#include "log/log.h"
 #include "net/connect.h"
 
 namespace fetchrig {
@@ -82,7 +83,7 @@ int dl_recv_reply(const dl_ftp_session& session, ftp_reply& reply, ftp_expected 
       return expected.code != 0 && *code != expected.code ? expected.mismatch : *code;
     }
   }
-  qxfr_log(DL_LOG_FTP, DL_LOG_NOTICE, "no final reply line\n");
+  log_line(DL_LOG_FTP, DL_LOG_NOTICE, "no final reply line\n");
   return DL_ERR_READ;
 }
 

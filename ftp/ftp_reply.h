@@ -9,7 +9,7 @@
 #include <span>
 #include <string_view>
 
-#include "include/fetchrig.h"
+#include "include/fetchrig_types.h"
 
 namespace fetchrig {
 

@@ -13,6 +13,8 @@
 #include "core/text.h"
 #include "ftp/ftp_command.h"
 #include "ftp/ftp_data.h"
+#include "include/fetchrig.h"
+#include "log/log.h"
 #include "net/connect.h"
 
 namespace fetchrig {
@@ -89,7 +91,7 @@ int login(const dl_ftp_session& session, const char* user, const char* password,
 
 // Logs a failed opening step and passes its code on.
 int failed_step(const char* message, int code) {
-  qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "%s", message);
+  log_line(DL_LOG_FTP, DL_LOG_ERROR, "%s", message);
   return code;
 }
 
@@ -117,7 +119,7 @@ bool ftp_check_open(const ftp_outcome& out, const ftp_login_data& login, const c
                     !has_line_break(or_empty(login.user)) && !has_line_break(or_empty(login.password)) &&
                     !has_line_break(name);
   if (good) return true;
-  qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "Invalid Parameter\n");
+  log_line(DL_LOG_FTP, DL_LOG_ERROR, "Invalid Parameter\n");
   if (out.handle) *out.handle = nullptr;
   fail(out.result, DL_ERR_PARAMETER);
   return false;
@@ -168,7 +170,7 @@ std::string_view ftp_wire_name(std::string_view name) {
 void dl_ftp_close(dl_ftp_session* session) {
   using namespace fetchrig;
   if (!session || session->magic != DL_FTP_MAGIC) {
-    qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "ftp close with invalid parameter\n");
+    log_line(DL_LOG_FTP, DL_LOG_ERROR, "ftp close with invalid parameter\n");
     return;
   }
   guarded([session] {

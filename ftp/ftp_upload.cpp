@@ -21,6 +21,8 @@
 #include "ftp/ftp_parse.h"
 #include "ftp/ftp_session.h"
 #include "ftp/ftp_wait.h"
+#include "include/fetchrig.h"
+#include "log/log.h"
 #include "log/printable.h"
 #include "net/connect.h"
 
@@ -47,7 +49,7 @@ void say_goodbye(const dl_ftp_session& session) {
   ftp_reply_bytes bytes;
   ftp_reply reply(bytes);
   if (ftp_command(session, "QUIT", {}, reply, {goodbye}) < 0) {
-    qxfr_log(DL_LOG_FTP, DL_LOG_DEBUG, "QUIT was not answered with %d\n", goodbye);
+    log_line(DL_LOG_FTP, DL_LOG_DEBUG, "QUIT was not answered with %d\n", goodbye);
   }
 }
 
@@ -64,7 +66,7 @@ struct upload {
 uint32_t ask_remote_size(upload& job) {
   const int code = ftp_command(job.session, "SIZE", job.name, job.reply);
   if (code == not_found) {
-    qxfr_log(DL_LOG_FTP, DL_LOG_INFO, "File not found, use STOR\n");
+    log_line(DL_LOG_FTP, DL_LOG_INFO, "File not found, use STOR\n");
     job.post_mode = post_store;
   }
   const uint64_t size = code == size_known ? ftp_size_answer(job.reply.line()).value_or(0) : 0;
@@ -75,15 +77,15 @@ uint32_t ask_remote_size(upload& job) {
 const char* command_beyond_limit(const upload& job) {
   switch (job.limit_mode) {
     case limit_store:
-      qxfr_log(DL_LOG_FTP, DL_LOG_INFO, "exceed max file size,stor\n");
+      log_line(DL_LOG_FTP, DL_LOG_INFO, "exceed max file size,stor\n");
       return "STOR";
     case limit_stop:
-      qxfr_log(DL_LOG_FTP, DL_LOG_INFO, "exceed max file size,stop\n");
+      log_line(DL_LOG_FTP, DL_LOG_INFO, "exceed max file size,stop\n");
       say_goodbye(job.session);
       job.reply.assign("exceed max file size,stop\n");
       return nullptr;
     default:
-      qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "unknow limit mode\n");
+      log_line(DL_LOG_FTP, DL_LOG_ERROR, "unknow limit mode\n");
       return nullptr;
   }
 }
@@ -92,13 +94,13 @@ const char* command_beyond_limit(const upload& job) {
 const char* command_within_limit(const upload& job) {
   switch (job.post_mode) {
     case post_append:
-      qxfr_log(DL_LOG_FTP, DL_LOG_INFO, "FTP APPE\n");
+      log_line(DL_LOG_FTP, DL_LOG_INFO, "FTP APPE\n");
       return "APPE";
     case post_store:
-      qxfr_log(DL_LOG_FTP, DL_LOG_INFO, "FTP STOR\n");
+      log_line(DL_LOG_FTP, DL_LOG_INFO, "FTP STOR\n");
       return "STOR";
     default:
-      qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "Unknow post mode\n");
+      log_line(DL_LOG_FTP, DL_LOG_ERROR, "Unknow post mode\n");
       return nullptr;
   }
 }
@@ -108,7 +110,7 @@ int start_transfer(upload& job, const char* local_path, uint32_t limit) {
   const uint64_t remote_size = ask_remote_size(job);
   const int32_t local_size = dl_get_file_size(local_path);
   if (local_size == -1) {
-    qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "cannot get local file size\n");
+    log_line(DL_LOG_FTP, DL_LOG_ERROR, "cannot get local file size\n");
     job.reply.assign("cannot get local file size\n");
     return DL_ERR_FTP_REPLY;
   }
@@ -119,7 +121,7 @@ int start_transfer(upload& job, const char* local_path, uint32_t limit) {
 
   const int code = ftp_command(job.session, command, job.name, job.reply);
   if (code == data_connection_open || code == about_to_open_data) return 0;
-  qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "Open data transfer conn err\n");
+  log_line(DL_LOG_FTP, DL_LOG_ERROR, "Open data transfer conn err\n");
   return code != 0 ? code : DL_ERR_FTP_REPLY;
 }
 
@@ -144,7 +146,7 @@ int open_upload(const ftp_outcome& out, const ftp_login_data& login, const uploa
   upload job{**out.handle, ftp_wire_name(name), request.post_mode, request.limit_mode, reply};
   if (const int rc = start_transfer(job, local_path, options.max_file_size); rc != 0)
     return ftp_fail(out, reply, rc);
-  qxfr_log(DL_LOG_FTP, DL_LOG_NOTICE, "Post open success\n");
+  log_line(DL_LOG_FTP, DL_LOG_NOTICE, "Post open success\n");
   return 0;
 }
 
@@ -157,7 +159,7 @@ int send_piece(int sock, std::span<const char> rest, int timeout_s, dl_result* r
     } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
       if (!ftp_wait(sock, wait_writable, timeout_s)) return fail(result, DL_ERR_SEND);
     } else if (errno != EINTR) {
-      qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "read error! errno %d\n", errno);
+      log_line(DL_LOG_FTP, DL_LOG_ERROR, "read error! errno %d\n", errno);
       return fail(result, DL_ERR_SEND);
     }
   }
@@ -174,7 +176,7 @@ ssize_t read_piece(int file, std::span<char> to) {
 
 // A count of bytes has 32 bits with a sign.
 int too_large(dl_result* result) {
-  qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "local file of 2 GiB or more\n");
+  log_line(DL_LOG_FTP, DL_LOG_ERROR, "local file of 2 GiB or more\n");
   return fail(result, DL_ERR_PARAMETER);
 }
 
@@ -209,7 +211,7 @@ int send_file(dl_ftp_session& session, const char* local_path, dl_result* result
   if (local_path && !is_upload_file(DL_LOG_FTP, local_path)) return drop_upload(session, result);
   const unique_fd file(local_path ? ::open(local_path, O_RDONLY | O_CLOEXEC) : -1);
   if (!file) {
-    qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "Can't open %s\n", printable(local_path).c_str());
+    log_line(DL_LOG_FTP, DL_LOG_ERROR, "Can't open %s\n", printable(local_path).c_str());
     return fail(result, DL_ERR_PARAMETER);
   }
   struct stat status = {};
@@ -237,7 +239,7 @@ int send_whole_file(const ftp_login_data& login, const upload_request& request, 
   const unique_ftp session(opened);
   const int count = dl_ftp_send(session.get(), request.local_path, result);
   if (count < 0) return -1;
-  qxfr_log(DL_LOG_FTP, DL_LOG_NOTICE, "send: %d bytes\n", count);
+  log_line(DL_LOG_FTP, DL_LOG_NOTICE, "send: %d bytes\n", count);
   return 0;
 }
 
@@ -257,7 +259,7 @@ int dl_ftp_send_open(dl_ftp_session** session, const char* host, uint32_t port, 
 int dl_ftp_send(dl_ftp_session* session, const char* local_path, dl_result* result) {
   using namespace fetchrig;
   if (!result || !ftp_usable(session)) {
-    qxfr_log(DL_LOG_FTP, DL_LOG_ERROR, "ftp read with invalid parameter\n");
+    log_line(DL_LOG_FTP, DL_LOG_ERROR, "ftp read with invalid parameter\n");
     return fail(result, DL_ERR_PARAMETER);
   }
   return guarded_transfer(result, [&] {

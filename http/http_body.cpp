@@ -12,6 +12,7 @@
 
 #include "core/owners.h"
 #include "core/text.h"
+#include "log/log.h"
 #include "log/printable.h"
 
 namespace fetchrig {
@@ -24,25 +25,25 @@ constexpr std::size_t max_boundary_len = 509;
 constexpr std::size_t max_part_header_len = 1023;
 
 int refuse(const char* message) {
-  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "%s", message);
+  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "%s", message);
   return DL_ERR_PARAMETER;
 }
 
 // A pipe is opened without waiting for its other end.
 unique_fd open_file(const char* path) {
   unique_fd file(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (!file) qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "Can't open %s\n", printable(path).c_str());
+  if (!file) log_line(DL_LOG_HTTP, DL_LOG_ERROR, "Can't open %s\n", printable(path).c_str());
   return file;
 }
 
 int read_failed(int error) {
-  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "read file err\n");
-  qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "read errno %d\n", error);
+  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "read file err\n");
+  log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "read errno %d\n", error);
   return DL_ERR_READ;
 }
 
 int too_large() {
-  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "local file of 2 GiB or more\n");
+  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "local file of 2 GiB or more\n");
   return DL_ERR_MEMORY;
 }
 

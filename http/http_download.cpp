@@ -14,6 +14,7 @@
 #include "http/http_headers.h"
 #include "http/http_read.h"
 #include "include/fetchrig.h"
+#include "log/log.h"
 
 namespace fetchrig {
 namespace {
@@ -46,7 +47,7 @@ int receive_file(dl_http_session& session, const char* path, dl_result& result) 
   if (!file.open(path)) return -1;
   http_channel channel(session);
   const int rc = copy_body(channel, file, result);
-  qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "recv : %d bytes\n", static_cast<int>(file.total()));
+  log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "recv : %d bytes\n", static_cast<int>(file.total()));
   return rc;
 }
 

@@ -12,6 +12,7 @@
 #include "core/config.h"
 #include "core/text.h"
 #include "include/fetchrig_openssl.h"
+#include "log/log.h"
 
 namespace fetchrig {
 namespace {
@@ -48,7 +49,7 @@ int start_tls(http_channel& channel, const char* host) {
 }
 
 int write_failed() {
-  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "write error, errno %d\n", errno);
+  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "write error, errno %d\n", errno);
   return DL_ERR_SEND;
 }
 
@@ -101,15 +102,15 @@ class line_reader {
 // What a failed read met; nothing is known of one that was not made.
 void log_failed_read(const io_result& outcome) {
   if (outcome.wait_failed) {
-    qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "Select error! errno %d\n", outcome.error);
+    log_line(DL_LOG_HTTP, DL_LOG_ERROR, "Select error! errno %d\n", outcome.error);
   } else if (outcome.count < 0) {
-    qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "read failed, errno %d\n", outcome.error);
+    log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "read failed, errno %d\n", outcome.error);
   }
 }
 
 int peek_failed(const io_result& outcome) {
   log_failed_read(outcome);
-  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "Peek error!\n");
+  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "Peek error!\n");
   return DL_ERR_READ;
 }
 
@@ -145,7 +146,7 @@ int http_send_request(http_channel& channel, const http_msg& message) {
   try {
     return send_message(channel, message);
   } catch (const std::exception&) {
-    qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "Out of memory\n");
+    log_line(DL_LOG_HTTP, DL_LOG_ERROR, "Out of memory\n");
     return DL_ERR_MEMORY;
   }
 }
@@ -153,7 +154,7 @@ int http_send_request(http_channel& channel, const http_msg& message) {
 int http_recv(http_channel& channel, std::span<char> to, std::size_t may_read_ahead) {
   if (!to.data()) return -1;
   if (channel.is_tls() && !channel.session.ssl) {
-    qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "context ssl is null\n");
+    log_line(DL_LOG_HTTP, DL_LOG_ERROR, "context ssl is null\n");
     return DL_ERR_READ;
   }
   const int timeout_s = net_timeout_seconds();
@@ -177,7 +178,7 @@ int http_read_line(http_channel& channel, std::size_t initial, std::size_t maxim
     if (taken < 0) return DL_ERR_READ;
     reader.taken(static_cast<std::size_t>(taken));
     if (reader.held() + 1 >= line.size()) {
-      qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "Buffer not enough! buffer len %d\n",
+      log_line(DL_LOG_HTTP, DL_LOG_ERROR, "Buffer not enough! buffer len %d\n",
                static_cast<int>(line.size()));
       return DL_ERR_READ;
     }

@@ -10,6 +10,8 @@
 #include "core/config.h"
 #include "core/text.h"
 #include "http/http_body.h"
+#include "include/fetchrig.h"
+#include "log/log.h"
 #include "log/printable.h"
 
 namespace fetchrig {
@@ -44,7 +46,7 @@ std::string host_value(const dl_url& url) {
 
 int set_user_agent(http_msg& message) {
   const option_text agent = user_agent();
-  qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "User-Agent: %s\n", printable(agent.data()).c_str());
+  log_line(DL_LOG_HTTP, DL_LOG_INFO, "User-Agent: %s\n", printable(agent.data()).c_str());
   return http_set_header(message, "User-Agent", agent.data());
 }
 
@@ -58,7 +60,7 @@ int set_standard_headers(bool tls, http_msg& message, const dl_url& url) {
 
 int set_content_length(http_msg& message) {
   const std::string length = std::to_string(message.body.buffer->size());
-  qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "Content-Length: %s\n", length.c_str());
+  log_line(DL_LOG_HTTP, DL_LOG_INFO, "Content-Length: %s\n", length.c_str());
   return http_set_header(message, "Content-Length", length.c_str());
 }
 
@@ -67,7 +69,7 @@ bool caller_gives_length(const http_msg& message) {
 }
 
 int log_make_error(int code) {
-  if (code < 0) qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "make request error\n");
+  if (code < 0) log_line(DL_LOG_HTTP, DL_LOG_ERROR, "make request error\n");
   return code;
 }
 
@@ -112,7 +114,7 @@ int http_set_request_line(http_msg& message, const dl_url& url) {
   return out_of_memory_guard([&] {
     message.method_text = method_texts[url.method];
     message.request_line.assign(message.method_text).append(" ").append(url.path).append(" HTTP/1.1");
-    qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "Request Line: %s\r\n",
+    log_line(DL_LOG_HTTP, DL_LOG_INFO, "Request Line: %s\r\n",
              printable(message.request_line.c_str()).c_str());
     message.request_line += "\r\n";
     return 0;
@@ -122,7 +124,7 @@ int http_set_request_line(http_msg& message, const dl_url& url) {
 int http_set_host(http_msg& message, const dl_url& url) {
   return out_of_memory_guard([&] {
     const std::string value = host_value(url);
-    qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "Host: %s\n", printable(value.c_str()).c_str());
+    log_line(DL_LOG_HTTP, DL_LOG_INFO, "Host: %s\n", printable(value.c_str()).c_str());
     return http_set_header(message, "Host", value.c_str());
   });
 }

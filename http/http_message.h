@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "core/url.h"
-#include "include/fetchrig.h"
+#include "include/fetchrig_types.h"
 
 namespace fetchrig {
 

@@ -6,6 +6,8 @@
 #include "core/result.h"
 #include "http/http_io.h"
 #include "http/http_response.h"
+#include "include/fetchrig.h"
+#include "log/log.h"
 #include "log/printable.h"
 
 namespace fetchrig {
@@ -15,7 +17,7 @@ constexpr int status_not_modified = 304;
 constexpr int first_error_status = 400;
 
 int log_error(const char* message, int code) {
-  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "%s", message);
+  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "%s", message);
   return code;
 }
 
@@ -55,7 +57,7 @@ int judge_status(const http_plan& plan, int status) {
   if (status < 0) return log_error("handler response error\n", status);
   if (status >= first_error_status) return log_error("Client error\n", status);
   if (plan.refuse_304 && status == status_not_modified) {
-    qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "Client error, same data. code: %d\n", status);
+    log_line(DL_LOG_HTTP, DL_LOG_ERROR, "Client error, same data. code: %d\n", status);
     return status;
   }
   return 0;
@@ -70,17 +72,17 @@ int exchange(const http_plan& plan, http_channel& channel) {
   if (const int rc = connect_first(channel, plan.request, *url); rc < 0) return rc;
   if (http_make_request(channel.is_tls(), *message, plan.request, *url) < 0) return DL_ERR_SEND;
   if (http_send_request(channel, *message) < 0) return DL_ERR_SEND;
-  qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "process response\n");
+  log_line(DL_LOG_HTTP, DL_LOG_INFO, "process response\n");
   const int status =
       http_process_response(channel, url, plan.request.proxy != nullptr, *message, plan.redirect);
-  qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "response process finish!\n");
+  log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "response process finish!\n");
   return judge_status(plan, status);
 }
 
 int open_new_session(const http_plan& plan, unique_http_session& session) {
   clear_result(*plan.result);
   set_last_status(0);
-  qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "URL : %s\n", printable_url(plan.request.url).c_str());
+  log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "URL : %s\n", printable_url(plan.request.url).c_str());
   session = new_http_session();
   if (!session) return log_error("Out of Memory\n", DL_ERR_MEMORY);
   if (!config_initialised()) return log_error("config doesn't init\n", DL_ERR_NOT_INITIALISED);
@@ -106,7 +108,7 @@ int open_for_reading(const http_plan& plan, dl_http_session** place) {
 
 int http_refuse(const char* message, dl_result* result) {
   set_last_status(0);
-  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "%s", message);
+  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "%s", message);
   return fail(result, DL_ERR_PARAMETER);
 }
 

@@ -13,6 +13,8 @@
 #include "core/result.h"
 #include "core/text.h"
 #include "http/http_io.h"
+#include "include/fetchrig.h"
+#include "log/log.h"
 
 namespace fetchrig {
 namespace {
@@ -30,7 +32,7 @@ bool is_hex_digit(char c) {
 }
 
 int log_failure(const char* message, int code, dl_result& result) {
-  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "%s", message);
+  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "%s", message);
   return fail(&result, code);
 }
 
@@ -150,7 +152,7 @@ int chunk_reader::read_size_line(size_line& line, dl_result& result) {
   bool at_end = false;
   const int length = http_read_line(channel_, 128, 256, text, &at_end);
   if (length < 0) {
-    qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "read chunked len error\n");
+    log_line(DL_LOG_HTTP, DL_LOG_ERROR, "read chunked len error\n");
     return log_failure("read chunked error\n", length, result);
   }
   const std::string_view digits = skip_white_space({text.data(), static_cast<std::size_t>(length)});
@@ -165,7 +167,7 @@ int chunk_reader::read_last_line(uint32_t how, dl_result& result) {
   const int length = http_read_line(channel_, 128, 256, line);
   if (channel_.own) channel_.own->response.has_trailer = length > 0;
   if (length >= 0) return 0;
-  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "read last EOL error\n");
+  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "read last EOL error\n");
   return log_failure("read chunked error\n", length, result);
 }
 
@@ -220,7 +222,7 @@ int chunk_reader::fetch(std::size_t held, dl_result& result) {
 
 int open_chunks(chunk_reader& chunks, dl_result& result) {
   if (chunks.open()) return 0;
-  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "Out of memory\n");
+  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "Out of memory\n");
   return log_failure("read chunked error\n", DL_ERR_MEMORY, result);
 }
 
@@ -251,7 +253,7 @@ bool is_cut_off(const http_channel& channel, std::span<char> to) {
 }
 
 int too_long(dl_result& result) {
-  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "exceed max size\n");
+  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "exceed max size\n");
   return fail_exceeded(&result, max_file_size());
 }
 
@@ -317,7 +319,7 @@ int dl_http_read(dl_http_session* session, char* buffer, int32_t size, dl_result
   const bool usable =
       session && buffer && result && size >= 0 && is_http_session(session) && session->sock != 0;
   if (!usable) {
-    qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "http read with invalid parameter\n");
+    log_line(DL_LOG_HTTP, DL_LOG_ERROR, "http read with invalid parameter\n");
     return fail(result, DL_ERR_PARAMETER);
   }
   return guarded_transfer(result, [&] {

@@ -16,6 +16,7 @@
 #include "http/http_headers.h"
 #include "http/http_io.h"
 #include "http/http_read.h"
+#include "log/log.h"
 #include "log/printable.h"
 
 namespace fetchrig {
@@ -28,7 +29,7 @@ using step_outcome = std::optional<int>;
 constexpr step_outcome read_next = std::nullopt;
 
 int log_error(const char* message, int code) {
-  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "%s", message);
+  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "%s", message);
   return code;
 }
 
@@ -88,19 +89,19 @@ int response_loop::read_response() {
   if (length < 0) return length;
   const auto status = parse_status_line({line.data(), static_cast<std::size_t>(length)});
   if (!status) {
-    qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "%s\n",
+    log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "%s\n",
              length == 0 ? "no answer before the end" : "not an HTTP answer");
     return DL_ERR_INVALID_DATA;
   }
   if (*status < 0) {
-    qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "not an HTTP answer\n");
+    log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "not an HTTP answer\n");
     return *status;
   }
-  qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "response code: %d\n", *status);
+  log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "response code: %d\n", *status);
   set_last_status(*status);
   http_response_facts facts{.known = true, .status = *status};
   if (const int rc = read_headers(facts.header_cut); rc < 0) return rc;
-  if (facts.header_cut) qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "the header block ends early\n");
+  if (facts.header_cut) log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "the header block ends early\n");
   note_body(facts);
   if (channel_.own) channel_.own->response = facts;
   return *status;
@@ -133,13 +134,13 @@ void response_loop::note_body(http_response_facts& facts) {
   session.remaining = length.value_or(max_file_size());
   facts.has_length = length.has_value();
   facts.is_too_long = line && !length && announces_number(line);
-  if (facts.is_too_long) qxfr_log(DL_LOG_HTTP, DL_LOG_WARNING, "Content-Length of 4 GiB or more\n");
+  if (facts.is_too_long) log_line(DL_LOG_HTTP, DL_LOG_WARNING, "Content-Length of 4 GiB or more\n");
   if (length) {
-    qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "Content-Length: %d\n", static_cast<int>(session.remaining));
+    log_line(DL_LOG_HTTP, DL_LOG_INFO, "Content-Length: %d\n", static_cast<int>(session.remaining));
   }
   const char* encoding = header("transfer-encoding");
   if (encoding && strcasestr(encoding, "chunked")) {
-    qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "Chunked Encoding\n");
+    log_line(DL_LOG_HTTP, DL_LOG_INFO, "Chunked Encoding\n");
     session.flags |= DL_HTTP_FLAG_CHUNKED;
   }
 }
@@ -174,7 +175,7 @@ step_outcome response_loop::follow_redirect() {
 
 // The target becomes the URL; method and credentials carry over.
 int response_loop::take_target(const char* target) {
-  qxfr_log(DL_LOG_HTTP, DL_LOG_NOTICE, "redirect to new url\n");
+  log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "redirect to new url\n");
   copy_text({redirect_, DL_REDIRECT_SIZE}, target);
   int32_t code = 0;
   unique_url next(dl_url_parse(target, url_->user, url_->password, &code));
@@ -192,7 +193,7 @@ void response_loop::leave_origin(const dl_url& old_url) {
   if (same) return;
   http_remove_header(message_, "Authorization");
   const bool downgrade = old_url.scheme == scheme_https && url_->scheme == scheme_http;
-  qxfr_log(DL_LOG_HTTP, DL_LOG_WARNING, "redirect leaves %s:%u for %s:%u%s\n",
+  log_line(DL_LOG_HTTP, DL_LOG_WARNING, "redirect leaves %s:%u for %s:%u%s\n",
            printable(old_url.host).c_str(), static_cast<unsigned>(old_url.port),
            printable(url_->host).c_str(), static_cast<unsigned>(url_->port),
            downgrade ? ", from https to http" : "");
@@ -240,8 +241,8 @@ step_outcome response_loop::answer_challenge() {
   }
   auth_work answer;
   if (const int rc = build_answer(header_value(line, strlen("www-authenticate")), answer); rc < 0) return rc;
-  qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "http auth type: %d,\n", static_cast<int>(answer.picked));
-  qxfr_log(DL_LOG_HTTP, DL_LOG_INFO, "Reconnect %s:%d\n", printable(url_->host).c_str(),
+  log_line(DL_LOG_HTTP, DL_LOG_INFO, "http auth type: %d,\n", static_cast<int>(answer.picked));
+  log_line(DL_LOG_HTTP, DL_LOG_INFO, "Reconnect %s:%d\n", printable(url_->host).c_str(),
            static_cast<int>(url_->port));
   if (const int rc = renew_connection(); rc < 0) return rc;
   proxied_ = false;
@@ -253,7 +254,7 @@ step_outcome response_loop::answer_challenge() {
 int response_loop::check_attempts() {
   const auto list_length = static_cast<uint32_t>(std::max(0, message_.num_credentials));
   if (attempts_ < (uses_list() ? list_length : retry_limit_)) return 0;
-  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "auth err, req type:%d, 4xx times:%d, limit itmes:%d, wparam:%d\n",
+  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "auth err, req type:%d, 4xx times:%d, limit itmes:%d, wparam:%d\n",
            static_cast<int>(message_.auth_type), static_cast<int>(attempts_),
            static_cast<int>(retry_limit_ + 1), message_.num_credentials);
   return DL_ERR_AUTH;

@@ -6,7 +6,7 @@
 
 #include <memory>
 
-#include "include/fetchrig.h"
+#include "include/fetchrig_types.h"
 #include "net/stream.h"
 
 namespace fetchrig {

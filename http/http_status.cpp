@@ -1,6 +1,7 @@
 // http_status.cpp: what is known of a response beside its body: its status and how the body ended.
 #include "core/boundary.h"
 #include "http/http_session.h"
+#include "include/fetchrig.h"
 
 namespace fetchrig {
 namespace {

@@ -1,10 +1,10 @@
-// log.cpp: every message of the library goes through qxfr_vlog(), which filters by module, builds one line of
+// log.cpp: every message of the library goes through vlog_line(), which filters by module, builds one line of
 // at most 382 characters in a fixed buffer and hands it to the outputs. Takes no lock; the settings are
 // relaxed atomics, so a message logged while a setting changes sees the old or the new value. No call is a
 // point of cancellation, or a thread that is cancelled while it writes would keep its share of the socket.
+#include "log/log.h"
+
 #include <pthread.h>
-#include <stdarg.h>
-#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/time.h>
@@ -16,7 +16,6 @@
 #include <atomic>
 #include <bit>
 
-#include "include/fetchrig.h"
 #include "log/cancel_hold.h"
 #include "log/syslog_socket.h"
 
@@ -175,7 +174,7 @@ std::array<char, 5> name_key(const char* name) {
   return key;
 }
 
-void open_syslog(const char* identity) {
+void log_open_syslog(const char* identity) {
   const char* from = identity ? identity : "slog";
   identity_text text = {' ', ' ', ' ', ' '};
   for (std::size_t i = 0; i < text.size() && from[i] != '\0'; ++i) text[i] = from[i];
@@ -195,31 +194,34 @@ __attribute__((destructor)) void on_unload() {
 }
 
 }  // namespace
-}  // namespace fetchrig
 
-using namespace fetchrig;
-
-int qxfr_vlog(int module, int level, const char* format, va_list arguments) {
+void vlog_line(int module, int level, const char* format, va_list arguments) {
   const auto index = static_cast<uint32_t>(module);
-  if (index >= num_modules || level > get(state.levels[index])) return 0;
-  if (level < 0 || static_cast<std::size_t>(level) >= level_tags.size() || !format) return 0;
+  if (index >= num_modules || level > get(state.levels[index])) return;
+  if (level < 0 || static_cast<std::size_t>(level) >= level_tags.size() || !format) return;
   const cancel_hold hold;
   line_buffer line;
   const std::size_t console_from = start_line(line, index, level);
   line.vformat(format, arguments);
   emit(line, console_from);
-  return 0;
 }
 
-int qxfr_log(int module, int level, const char* format, ...) {
+void log_line(int module, int level, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  const int result = qxfr_vlog(module, level, format, arguments);
+  vlog_line(module, level, format, arguments);
   va_end(arguments);
-  return result;
 }
 
-int qxfr_log_init(const char* identity, uint32_t flags, dl_log_callback callback) {
+int log_and_return(int module, int code, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  vlog_line(module, DL_LOG_ERROR, format, arguments);
+  va_end(arguments);
+  return code;
+}
+
+void log_init(const char* identity, uint32_t flags, dl_log_callback callback) {
   const cancel_hold hold;
   set_all_levels(default_level);
   state.socket.close();
@@ -230,14 +232,13 @@ int qxfr_log_init(const char* identity, uint32_t flags, dl_log_callback callback
   set(state.to_console, to_console);
   set(state.with_time, with_time);
   set(state.callback, callback);
-  if (to_syslog) open_syslog(identity);
-  qxfr_log(DL_LOG_ANY, DL_LOG_EMERG, "%s log :sys=%d,cons=%d,time=%d,E=%d,W=%d,N=%d,I=%d,D=%d\n",
+  if (to_syslog) log_open_syslog(identity);
+  log_line(DL_LOG_ANY, DL_LOG_EMERG, "%s log :sys=%d,cons=%d,time=%d,E=%d,W=%d,N=%d,I=%d,D=%d\n",
            identity ? identity : "slog", to_syslog, to_console, with_time, DL_LOG_ERROR, DL_LOG_WARNING,
            DL_LOG_NOTICE, DL_LOG_INFO, DL_LOG_DEBUG);
-  return 0;
 }
 
-int qxfr_log_exit(void) {
+void log_exit() {
   const cancel_hold hold;
   set_all_levels(default_level);
   state.socket.close();
@@ -245,49 +246,32 @@ int qxfr_log_exit(void) {
   set(state.to_syslog, false);
   set(state.with_time, false);
   set(state.callback, static_cast<dl_log_callback>(nullptr));
-  return 0;
 }
 
-int qxfr_log_set(uint32_t module, int level) {
+int log_set_level(uint32_t module, int level) {
   if (module >= num_modules) return -1;
-  qxfr_log(DL_LOG_ANY, DL_LOG_EMERG, "%s=%d\n", module_names[module], level);
+  log_line(DL_LOG_ANY, DL_LOG_EMERG, "%s=%d\n", module_names[module], level);
   if (module != DL_LOG_ANY) return state.levels[module].exchange(level, std::memory_order_relaxed);
   set_all_levels(level);
   return 0;
 }
 
-int qxfr_log_set2(const char* name, int level) {
+int log_set_level(const char* name, int level) {
   constexpr int no_such_module = -22;
   if (!name) return no_such_module;
   const auto key = name_key(name);
   for (uint32_t module = 0; module < num_modules; ++module) {
-    if (name_key(module_names[module]) == key) return qxfr_log_set(module, level);
+    if (name_key(module_names[module]) == key) return log_set_level(module, level);
   }
   return no_such_module;
 }
 
-int qxfr_log_get(uint32_t module) {
+int log_level(uint32_t module) {
   return module < num_modules ? get(state.levels[module]) : -1;
 }
 
-const char* qxfr_log_name(uint32_t module) {
+const char* log_module_name(uint32_t module) {
   return module < num_modules ? module_names[module] : nullptr;
 }
 
-int dl_log_init(uint32_t flags, dl_log_callback callback) {
-  return qxfr_log_init("QXFR", flags, callback);
-}
-
-int dl_set_log_level(uint32_t verbosity) {
-  constexpr std::array<int, 4> levels = {DL_LOG_DEBUG, DL_LOG_INFO, DL_LOG_WARNING, DL_LOG_ERROR};
-  const int level = verbosity < levels.size() ? levels[verbosity] : int{DL_LOG_NOTICE};
-  for (uint32_t module = 0; module < num_modules; ++module) qxfr_log_set(module, level);
-  return level;
-}
-
-int dl_set_log_module_level(uint32_t module, uint32_t level) {
-  return qxfr_log_set(module, static_cast<int>(level));
-}
-
-void dl_set_log_callback(dl_log_callback) {}
-void dl_set_log_cb_printf(dl_log_callback) {}
+}  // namespace fetchrig

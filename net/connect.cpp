@@ -18,6 +18,7 @@
 
 #include "core/boundary.h"
 #include "core/owners.h"
+#include "log/log.h"
 #include "log/printable.h"
 
 namespace fetchrig {
@@ -136,17 +137,17 @@ unique_fd connect_address(const addrinfo& entry, int port, int seconds) {
   const socket_address address(entry, port);
   unique_fd sock = stream_socket(entry.ai_family);
   if (!sock) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Create Socket Error\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Create Socket Error\n");
     return sock;
   }
   set_connection_options(sock.get(), seconds);
   char text[64] = {};
   inet_ntop(entry.ai_family, address.ip, text, sizeof text);
-  qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "Connecting IP = %s, Port = %d\n", text, port);
+  log_line(DL_LOG_CMN, DL_LOG_INFO, "Connecting IP = %s, Port = %d\n", text, port);
   const connect_outcome outcome =
       seconds == 0 ? connect_blocking(sock.get(), address) : connect_within(sock.get(), address, seconds);
   if (outcome.connected) return sock;
-  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Connect Failed! ret %d, errno %d timeout %d error %d\n", outcome.result,
+  log_line(DL_LOG_CMN, DL_LOG_ERROR, "Connect Failed! ret %d, errno %d timeout %d error %d\n", outcome.result,
            outcome.error, seconds, outcome.pending);
   return unique_fd();
 }
@@ -233,12 +234,12 @@ struct addrinfo* dl_look_up_host(const char* host, int ipv6, int socket_type) {
   const auto look_up = [&] { return host ? getaddrinfo(host, nullptr, &hints, &list) : EAI_NONAME; };
   const int error = guarded(look_up, [] { return EAI_MEMORY; });
   if (error == 0) return list;
-  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "getaddrinfo: %s\n", gai_strerror(error));
+  log_line(DL_LOG_CMN, DL_LOG_ERROR, "getaddrinfo: %s\n", gai_strerror(error));
   return nullptr;
 }
 
 int dl_connect(const char* host, int port, int ipv6, int seconds) {
-  qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "Connecting %s:%d\n", printable(host).c_str(), port);
+  log_line(DL_LOG_CMN, DL_LOG_INFO, "Connecting %s:%d\n", printable(host).c_str(), port);
   const auto work = [&]() -> int {
     const address_list list(dl_look_up_host(host, ipv6, SOCK_STREAM));
     return list ? connect_first(*list, port, ipv6, seconds) : int{DL_ERR_HOST};

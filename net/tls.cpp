@@ -19,6 +19,7 @@
 #include "core/small_file.h"
 #include "core/text.h"
 #include "include/fetchrig_openssl.h"
+#include "log/log.h"
 #include "net/tls_bio.h"
 #include "net/tls_host.h"
 
@@ -28,7 +29,7 @@ namespace {
 constexpr int max_chain_depth = 10;
 
 int refuse(const char* message) {
-  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "%s", message);
+  log_line(DL_LOG_CMN, DL_LOG_ERROR, "%s", message);
   return DL_ERR_CONNECT;
 }
 
@@ -36,7 +37,7 @@ int refuse(const char* message) {
 void log_reason(const char* step) {
   const unsigned long error = ERR_peek_error();
   const char* reason = error ? ERR_reason_error_string(error) : nullptr;
-  qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "%s: %s\n", step, reason ? reason : "no reason given");
+  log_line(DL_LOG_CMN, DL_LOG_NOTICE, "%s: %s\n", step, reason ? reason : "no reason given");
 }
 
 // Pins the one version of method 0; TLS 1.0 hand-shakes at security level 0 only.
@@ -63,7 +64,7 @@ int load_trusted_cas(SSL_CTX* ctx, const char* ca_dir) {
   ERR_clear_error();
   if (SSL_CTX_load_verify_locations(ctx, nullptr, ca_dir) == 1) return 0;
   const char* reason = ERR_reason_error_string(ERR_get_error());
-  qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "loading CA certificate: %s\n", reason ? reason : "");
+  log_line(DL_LOG_CMN, DL_LOG_ERROR, "loading CA certificate: %s\n", reason ? reason : "");
   return DL_ERR_CONNECT;
 }
 
@@ -94,7 +95,7 @@ bool load_certificate(SSL_CTX* ctx, const small_file& file) {
     SSL_CTX_set_security_level(ctx, level);
     return false;
   }
-  qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "client certificate needs security level 0, lowered from %d\n", level);
+  log_line(DL_LOG_CMN, DL_LOG_NOTICE, "client certificate needs security level 0, lowered from %d\n", level);
   return true;
 }
 
@@ -108,12 +109,12 @@ unique_pkey read_key(const small_file& file) {
 
 int load_client_certificate(SSL_CTX* ctx, const char* path) {
   if (access(path, F_OK) != 0) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_INFO, "Https ca serverfile file no exist\n");
+    log_line(DL_LOG_CMN, DL_LOG_INFO, "Https ca serverfile file no exist\n");
     return 0;
   }
   const small_file file(path);
   if (file.error() != 0) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "client certificate: errno %d\n", file.error());
+    log_line(DL_LOG_CMN, DL_LOG_NOTICE, "client certificate: errno %d\n", file.error());
     return refuse("load publick key error\n");
   }
   if (!load_certificate(ctx, file)) {
@@ -128,7 +129,7 @@ int load_client_certificate(SSL_CTX* ctx, const char* path) {
   const X509* certificate = SSL_CTX_get0_certificate(ctx);
   const bool usable =
       X509_check_private_key(certificate, key.get()) == 1 && SSL_CTX_use_PrivateKey(ctx, key.get()) == 1;
-  if (!usable) qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Private key not match\n");
+  if (!usable) log_line(DL_LOG_CMN, DL_LOG_ERROR, "Private key not match\n");
   return 0;
 }
 
@@ -166,12 +167,12 @@ int hand_shake(int sock, SSL_CTX* ctx, const char* host, unique_ssl& ssl) {
   }
   const int error = errno;
   log_reason("TLS handshake");
-  qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "TLS handshake errno %d\n", error);
+  log_line(DL_LOG_CMN, DL_LOG_NOTICE, "TLS handshake errno %d\n", error);
   return refuse("SSL Connect error\n");
 }
 
 int distrust(const char* reason) {
-  if (reason) qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "%s", reason);
+  if (reason) log_line(DL_LOG_CMN, DL_LOG_ERROR, "%s", reason);
   return refuse("trust check error\n");
 }
 
@@ -180,7 +181,7 @@ int check_server(SSL* ssl, const char* host, bool check_host) {
   if (!certificate) return distrust("get peer error\n");
   const long verdict = SSL_get_verify_result(ssl);
   if (verdict != X509_V_OK) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "Certificate doesn't verify and error is %ld\n", verdict);
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Certificate doesn't verify and error is %ld\n", verdict);
     return distrust(nullptr);
   }
   if (!check_host || ssl_check_host_name(certificate.get(), host) == 0) return 0;

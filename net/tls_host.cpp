@@ -13,6 +13,7 @@
 
 #include "core/text.h"
 #include "include/fetchrig.h"
+#include "log/log.h"
 
 namespace fetchrig {
 namespace {
@@ -107,7 +108,7 @@ int ssl_check_host_name(X509* certificate, const char* host_text) {
   if (alternative_name_matches(certificate, host)) return 0;
   const ASN1_STRING* name = common_name(certificate);
   if (!name) {
-    qxfr_log(DL_LOG_CMN, DL_LOG_ERROR, "TLS: unable to get common name from peer certificate.\n");
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "TLS: unable to get common name from peer certificate.\n");
     return -1;
   }
   constexpr std::size_t max_common_name = 255;

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "include/fetchrig.h"
+#include "log/log.h"
 #include "net/stream.h"
 #include "net/tls_bio.h"
 
@@ -37,7 +38,7 @@ int run(SSL* ssl, Call call) {
 void log_reason(const char* operation) {
   const int error = errno;
   const char* reason = ERR_reason_error_string(ERR_peek_error());
-  if (reason) qxfr_log(DL_LOG_CMN, DL_LOG_NOTICE, "%s: %s\n", operation, reason);
+  if (reason) log_line(DL_LOG_CMN, DL_LOG_NOTICE, "%s: %s\n", operation, reason);
   errno = error;
 }
 

@@ -11,6 +11,7 @@
 #include "core/config.h"
 #include "core/text.h"
 #include "include/fetchrig.h"
+#include "log/log.h"
 #include "log/printable.h"
 #include "ringtone/ring_cache.h"
 
@@ -39,12 +40,12 @@ using unique_session = std::unique_ptr<dl_http_session, session_closer>;
 
 // The failure result of every step of a download.
 int fetch_failed(const char* why) {
-  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "%s", why);
+  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "%s", why);
   return -1;
 }
 
 int fetch_failed(const char* why, const std::string& path) {
-  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "%s:%s\n", why, path.c_str());
+  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "%s:%s\n", why, path.c_str());
   return -1;
 }
 
@@ -56,7 +57,7 @@ unique_session open_session(const char* url) {
   dl_result result{};
   dl_http_session* session = nullptr;
   if (dl_http_open(&session, &request, redirect, &result) == 0) return unique_session(session);
-  qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "http open error, code:%d, msg:%s\n", result.code,
+  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "http open error, code:%d, msg:%s\n", result.code,
            printable(result.message).c_str());
   return nullptr;
 }
@@ -158,7 +159,7 @@ int dl_distinctive_ringtone_download(const char* alert, const char* ring_name, i
                                      char* path, uint32_t path_size) {
   using namespace fetchrig;
   if (!path || !ring_number) {
-    qxfr_log(DL_LOG_HTTP, DL_LOG_ERROR, "Invalid Parameter, Try to use default ringtone\n");
+    log_line(DL_LOG_HTTP, DL_LOG_ERROR, "Invalid Parameter, Try to use default ringtone\n");
     return 0;
   }
   *ring_number = -1;

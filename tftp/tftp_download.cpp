@@ -10,6 +10,8 @@
 #include "core/download_file.h"
 #include "core/owners.h"
 #include "core/result.h"
+#include "include/fetchrig.h"
+#include "log/log.h"
 #include "net/connect.h"
 #include "tftp/tftp_session.h"
 
@@ -44,14 +46,14 @@ void deliver_carried(read_call& call) {
 
 int acknowledge(read_call& call, uint16_t block) {
   if (tftp_send_ack(call.session, block) == 0) return 0;
-  qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "Send Ack Error\n");
+  log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Send Ack Error\n");
   return fail(call.result, DL_ERR_SEND);
 }
 
 int take_oack(read_call& call, std::string_view options) {
   --call.budget;
   if (!call.sizes_open) {
-    qxfr_log(DL_LOG_TFTP, DL_LOG_INFO, "recv OACK\n");
+    log_line(DL_LOG_TFTP, DL_LOG_INFO, "recv OACK\n");
   } else if (tftp_take_oack(call.session, options, call.result) < 0) {
     return -1;
   }
@@ -152,25 +154,25 @@ int receive_to_file(const tftp_target& target, const char* local_path, dl_result
   download_file file(DL_LOG_TFTP, tftp_max_blksize, max_file_size());
   if (!file.open(local_path ? local_path : target.remote_name)) return -1;
   if (copy_to_file(session.get(), file, result) < 0) return -1;
-  qxfr_log(DL_LOG_TFTP, DL_LOG_NOTICE, "recv: %d bytes\n", static_cast<int>(file.total()));
+  log_line(DL_LOG_TFTP, DL_LOG_NOTICE, "recv: %d bytes\n", static_cast<int>(file.total()));
   return 0;
 }
 
 int open_download(dl_tftp_session** session, const tftp_target& target, dl_result* result) {
   if (tftp_check_open(session, target, result) < 0) return -1;
   if (!config_initialised()) {
-    qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "config doesn't init\n");
+    log_line(DL_LOG_TFTP, DL_LOG_ERROR, "config doesn't init\n");
     *session = nullptr;
     return fail(result, DL_ERR_NOT_INITIALISED);
   }
   const net_options options = net_settings();
   if (tftp_start(session, target, 1, options.ipv6, result) < 0) return -1;
-  qxfr_log(DL_LOG_TFTP, DL_LOG_INFO, "Send Request Packet\n");
+  log_line(DL_LOG_TFTP, DL_LOG_INFO, "Send Request Packet\n");
   if (const int code = tftp_send_request(**session, tftp_opcode::rrq, target.remote_name); code < 0) {
     return tftp_abandon(session, result, code);
   }
   if (!answered(**session, options.net_timeout_s)) return tftp_abandon(session, result, DL_ERR_NOT_TFTP);
-  qxfr_log(DL_LOG_TFTP, DL_LOG_NOTICE, "tftp open success\n");
+  log_line(DL_LOG_TFTP, DL_LOG_NOTICE, "tftp open success\n");
   return 0;
 }
 
@@ -187,7 +189,7 @@ int dl_tftp_open(dl_tftp_session** session, const char* host, uint32_t port, con
 int dl_tftp_read(dl_tftp_session* session, char* buffer, int32_t size, dl_result* result) {
   using namespace fetchrig;
   if (!buffer || !result || size < 0 || !tftp_usable(session)) {
-    qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "Tftp read with invalid parameter\n");
+    log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Tftp read with invalid parameter\n");
     return fail(result, DL_ERR_PARAMETER);
   }
   return guarded_transfer(result, [&] {

@@ -6,6 +6,7 @@
 #include "core/cursor.h"
 #include "core/text.h"
 #include "include/fetchrig.h"
+#include "log/log.h"
 #include "log/printable.h"
 
 namespace fetchrig {
@@ -94,10 +95,10 @@ int tftp_check_blksize(std::string_view text, int max) {
   if (digits.starts_with('+')) digits.remove_prefix(1);
   const auto size = leading_number(digits, static_cast<uint64_t>(max));
   if (!size || *size < tftp_min_blksize) {
-    qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "bad blocksize '%s'\n", printable(text).c_str());
+    log_line(DL_LOG_TFTP, DL_LOG_ERROR, "bad blocksize '%s'\n", printable(text).c_str());
     return -1;
   }
-  qxfr_log(DL_LOG_TFTP, DL_LOG_INFO, "using blksize %u\n", static_cast<unsigned>(*size));
+  log_line(DL_LOG_TFTP, DL_LOG_INFO, "using blksize %u\n", static_cast<unsigned>(*size));
   return static_cast<int>(*size);
 }
 

@@ -17,6 +17,8 @@
 #include "core/cursor.h"
 #include "core/owners.h"
 #include "core/result.h"
+#include "include/fetchrig.h"
+#include "log/log.h"
 #include "log/printable.h"
 #include "net/connect.h"
 
@@ -100,7 +102,7 @@ int tftp_check_open(dl_tftp_session** handle, const tftp_target& target, dl_resu
     clear_result(*result);
     return 0;
   }
-  qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "tftp open with invalid parmeter\n");
+  log_line(DL_LOG_TFTP, DL_LOG_ERROR, "tftp open with invalid parmeter\n");
   if (handle) *handle = nullptr;
   return fail(result, DL_ERR_PARAMETER);
 }
@@ -118,7 +120,7 @@ int tftp_start(dl_tftp_session** handle, const tftp_target& target, uint16_t fir
   session->blksize = tftp_default_blksize;
   session->recv_size = tftp_default_blksize + tftp_header_len;
   *handle = session.release();
-  qxfr_log(DL_LOG_TFTP, DL_LOG_NOTICE, "tftp open begin, host: %s, port:%d, remote_name:%s\n",
+  log_line(DL_LOG_TFTP, DL_LOG_NOTICE, "tftp open begin, host: %s, port:%d, remote_name:%s\n",
            printable(target.host).c_str(), port, printable(target.remote_name).c_str());
   if (const int code = tftp_setup_socket(**handle, target.host, port, ipv6); code < 0) {
     return tftp_abandon(handle, result, code);
@@ -168,7 +170,7 @@ int tftp_send_request(const dl_tftp_session& session, tftp_opcode opcode, const 
   const std::size_t length = tftp_build_request(opcode, remote_name, packet);
   const ssize_t sent = tftp_send_packet(session, {packet.data(), length});
   if (sent == static_cast<ssize_t>(length)) return 0;
-  qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "Send Error error! errno = %d ret = %d send_size = %d\n", errno,
+  log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Send Error error! errno = %d ret = %d send_size = %d\n", errno,
            static_cast<int>(sent), static_cast<int>(length));
   return DL_ERR_SEND;
 }
@@ -177,7 +179,7 @@ int tftp_send_ack(const dl_tftp_session& session, uint16_t block) {
   std::array<char, tftp_header_len> packet;
   tftp_write_header(packet, tftp_opcode::ack, block);
   if (tftp_send_packet(session, {packet.data(), packet.size()}) == tftp_header_len) return 0;
-  qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "Send %d ack error! errno\n", block);
+  log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Send %d ack error! errno\n", block);
   return -1;
 }
 
@@ -185,20 +187,20 @@ int tftp_send_error(const dl_tftp_session& session, uint16_t code, std::string_v
   tftp_packet_buffer packet;
   const std::size_t length = tftp_build_error(code, message, packet);
   if (tftp_send_packet(session, {packet.data(), length}) == static_cast<ssize_t>(length)) return 0;
-  qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "Send %d err error! errno\n", code);
+  log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Send %d err error! errno\n", code);
   return -1;
 }
 
 int tftp_take_oack(dl_tftp_session& session, std::string_view options, dl_result* result) {
-  qxfr_log(DL_LOG_TFTP, DL_LOG_INFO, "recv OACK\n");
+  log_line(DL_LOG_TFTP, DL_LOG_INFO, "recv OACK\n");
   int size = tftp_default_blksize;
   if (const auto value = tftp_find_blksize(options)) {
     size = tftp_check_blksize(*value, tftp_max_blksize);
   } else {
-    qxfr_log(DL_LOG_TFTP, DL_LOG_INFO, "server only supports blocksize of %d\n", size);
+    log_line(DL_LOG_TFTP, DL_LOG_INFO, "server only supports blocksize of %d\n", size);
   }
   if (size < 0) {
-    qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "err blksize\n");
+    log_line(DL_LOG_TFTP, DL_LOG_ERROR, "err blksize\n");
     tftp_send_error(session, tftp_error_options, "err blksize");
     return fail(result, DL_ERR_READ);
   }
@@ -218,7 +220,7 @@ static void log_server_error(std::string_view datagram) {
   const auto code = in.u16be();
   if (!code || *opcode != static_cast<uint16_t>(tftp_opcode::error)) return;
   const std::string_view message = in.rest().substr(0, in.rest().find('\0'));
-  qxfr_log(DL_LOG_TFTP, DL_LOG_WARNING, "server error %d: %s\n", *code, printable(message).c_str());
+  log_line(DL_LOG_TFTP, DL_LOG_WARNING, "server error %d: %s\n", *code, printable(message).c_str());
 }
 
 ssize_t tftp_receive(dl_tftp_session& session, int timeout_s, tftp_packet_buffer& packet, dl_result* result) {
@@ -229,7 +231,7 @@ ssize_t tftp_receive(dl_tftp_session& session, int timeout_s, tftp_packet_buffer
   do {
     if (const int ready = dl_select(session.sock, wait_readable, timeout_s); ready <= 0) {
       // A time-out sets no errno.
-      qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "Error Select! errno %d\n", ready < 0 ? errno : 0);
+      log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Error Select! errno %d\n", ready < 0 ? errno : 0);
       return fail(result, DL_ERR_READ);
     }
     socklen_t sender_len = sizeof sender;
@@ -237,7 +239,7 @@ ssize_t tftp_receive(dl_tftp_session& session, int timeout_s, tftp_packet_buffer
                         reinterpret_cast<sockaddr*>(&sender), &sender_len);
   } while (length < 0 && (errno == EINTR || errno == EAGAIN));
   if (length < 0) {
-    qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "Recvfrom error! errno %d\n", errno);
+    log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Recvfrom error! errno %d\n", errno);
     return fail(result, DL_ERR_READ);
   }
   // Servers answer from a port of their own for each transfer (RFC 1350, section 4).
@@ -257,15 +259,15 @@ void tftp_drain(int sock) {
       break;
     }
   }
-  qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "tftp syn err\n");
-  qxfr_log(DL_LOG_TFTP, DL_LOG_NOTICE, "discarded %d packets\n", num_discarded);
+  log_line(DL_LOG_TFTP, DL_LOG_ERROR, "tftp syn err\n");
+  log_line(DL_LOG_TFTP, DL_LOG_NOTICE, "discarded %d packets\n", num_discarded);
 }
 
 }  // namespace fetchrig
 
 void dl_tftp_close(dl_tftp_session* session) {
   if (!session || session->magic != DL_TFTP_MAGIC) {
-    qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "tftp close with invalid parameter\n");
+    fetchrig::log_line(DL_LOG_TFTP, DL_LOG_ERROR, "tftp close with invalid parameter\n");
     return;
   }
   // The record is the caller's handle until here, so it is held in the owners for plain memory only now.

@@ -12,6 +12,8 @@
 #include "core/result.h"
 #include "core/text.h"
 #include "core/upload_file.h"
+#include "include/fetchrig.h"
+#include "log/log.h"
 #include "log/printable.h"
 #include "tftp/tftp_session.h"
 
@@ -50,7 +52,7 @@ int deliver_block(dl_tftp_session& session, const data_packet& packet, int timeo
   for (int repeats = 0; repeats <= max_repeats; ++repeats) {
     if (tftp_send_packet(session, {packet.bytes.data(), packet.length}) !=
         static_cast<ssize_t>(packet.length)) {
-      qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "Send DATA Error\n");
+      log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Send DATA Error\n");
       return fail(result, DL_ERR_SEND);
     }
     tftp_packet_buffer buffer;
@@ -91,7 +93,7 @@ int send_blocks(dl_tftp_session& session, FILE* file, const char* local_path, in
     if (!read_block(session, file, local_path, packet)) return fail(result, DL_ERR_READ);
     const int count = static_cast<int>(packet.length) - tftp_header_len;
     if (count > INT_MAX - total) {
-      qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "File %s has 2 GiB or more\n", printable(local_path).c_str());
+      log_line(DL_LOG_TFTP, DL_LOG_ERROR, "File %s has 2 GiB or more\n", printable(local_path).c_str());
       return fail(result, DL_ERR_READ);
     }
     if (deliver_block(session, packet, timeout_s, result) < 0) return -1;
@@ -106,19 +108,19 @@ int send_file(dl_tftp_session& session, const char* local_path, dl_result* resul
   const uint32_t limit = options.max_file_size;
   const int64_t size = dl_get_file_size(local_path);
   if (size != -1 && size > static_cast<int64_t>(limit)) {
-    qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "File %s size larger than maxsize %ld\n",
+    log_line(DL_LOG_TFTP, DL_LOG_ERROR, "File %s size larger than maxsize %ld\n",
              printable(local_path).c_str(), static_cast<long>(limit));
     return fail(result, DL_ERR_READ);
   }
   if (!is_upload_file(DL_LOG_TFTP, local_path)) return fail(result, DL_ERR_READ);
   const unique_file file(::fopen(local_path, "rbe"));
   if (!file) {
-    qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "Can't open %s\n", printable(local_path).c_str());
+    log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Can't open %s\n", printable(local_path).c_str());
     return fail(result, DL_ERR_READ);
   }
   // A file that opens has a size; one without has more bytes than 31 bits count.
   if (size == -1) {
-    qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "File %s has 2 GiB or more\n", printable(local_path).c_str());
+    log_line(DL_LOG_TFTP, DL_LOG_ERROR, "File %s has 2 GiB or more\n", printable(local_path).c_str());
     return fail(result, DL_ERR_READ);
   }
   return send_blocks(session, file.get(), local_path, options.net_timeout_s, result);
@@ -128,11 +130,11 @@ int open_upload(dl_tftp_session** session, const tftp_target& target, dl_result*
   if (tftp_check_open(session, target, result) < 0) return -1;
   const net_options options = net_settings();
   if (tftp_start(session, target, 0, options.ipv6, result) < 0) return -1;
-  qxfr_log(DL_LOG_TFTP, DL_LOG_INFO, "Send Request Packet\n");
+  log_line(DL_LOG_TFTP, DL_LOG_INFO, "Send Request Packet\n");
   const int code = request_accepted(**session, target.remote_name, options.net_timeout_s, result);
   if (code < 0) return tftp_abandon(session, result, code);
   (*session)->block = 1;
-  qxfr_log(DL_LOG_TFTP, DL_LOG_NOTICE, "tftp open success\n");
+  log_line(DL_LOG_TFTP, DL_LOG_NOTICE, "tftp open success\n");
   return 0;
 }
 
@@ -142,7 +144,7 @@ int send_whole_file(const tftp_target& target, const char* local_path, dl_result
   const unique_tftp session(opened);
   const int total = dl_tftp_send(session.get(), local_path, result);
   if (total < 0) return -1;
-  qxfr_log(DL_LOG_TFTP, DL_LOG_NOTICE, "send: %d bytes\n", total);
+  log_line(DL_LOG_TFTP, DL_LOG_NOTICE, "send: %d bytes\n", total);
   return 0;
 }
 
@@ -159,7 +161,7 @@ int dl_tftp_send_open(dl_tftp_session** session, const char* host, uint32_t port
 int dl_tftp_send(dl_tftp_session* session, const char* local_path, dl_result* result) {
   using namespace fetchrig;
   if (!local_path || !result || !tftp_usable(session)) {
-    qxfr_log(DL_LOG_TFTP, DL_LOG_ERROR, "Tftp read with invalid parameter\n");
+    log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Tftp read with invalid parameter\n");
     return fail(result, DL_ERR_PARAMETER);
   }
   return guarded_transfer(result, [&] { return send_file(*session, local_path, result); });
