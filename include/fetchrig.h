@@ -257,11 +257,11 @@ FETCHRIG_API int dl_tftp_read(dl_tftp_session *session, char *buffer, int32_t si
 /* Ends a session of either direction. Null or a dead record is logged and ignored. */
 FETCHRIG_API void dl_tftp_close(dl_tftp_session *session);
 /* Downloads `remote_name` into `local_path` (null: `remote_name`). As dl_download(). */
-FETCHRIG_API int dl_tftp_recv_to_file(const char *host, uint32_t port, const char *remote_name,
-                                      const char *local_path, dl_result *result);
+FETCHRIG_API int dl_tftp_recv_to_file(const char *host, uint32_t port, const char *remote_name, const char *local_path,
+                                      dl_result *result);
 /* Sends a write request and waits until the server accepts it. */
-FETCHRIG_API int dl_tftp_send_open(dl_tftp_session **session, const char *host, uint32_t port,
-                                   const char *remote_name, dl_result *result);
+FETCHRIG_API int dl_tftp_send_open(dl_tftp_session **session, const char *host, uint32_t port, const char *remote_name,
+                                   dl_result *result);
 /* Sends the file block by block. Returns the bytes sent or -1. */
 FETCHRIG_API int dl_tftp_send(dl_tftp_session *session, const char *local_path, dl_result *result);
 /* Open, send and close in one call; `remote_name` null or empty: the local file's name. A directory, device or pipe is

@@ -47,7 +47,7 @@ FETCHRIG_API int dl_do_SSL_connect(int sock, const char *cert_file, const char *
 /* One Digest challenge. Texts are owned by the record and released by Curl_digest_cleanup_one(). */
 typedef struct digest_challenge {
   char *nonce;
-  char *cnonce;    /* made by the Digest builder when null */
+  char *cnonce; /* made by the Digest builder when null */
   char *realm;
   int32_t session; /* 1: MD5-sess */
   int32_t stale;   /* 1: stale=true */

@@ -24,26 +24,26 @@ extern "C" {
 /* Codes in dl_result.code. An HTTP status (100 to 999) or an FTP reply code may stand there too, as received. */
 enum dl_code {
   DL_OK = 0,
-  DL_ERR_HOST = -1,            /* "Wrong host": the name does not resolve; also when a connection breaks while an
+  DL_ERR_HOST = -1,             /* "Wrong host": the name does not resolve; also when a connection breaks while an
                                   HTTP body is read, where the log says which */
-  DL_ERR_SOCKET = -2,          /* "Create Socket Error" */
-  DL_ERR_CONNECT = -3,         /* "Connect Failed": TCP connection or TLS set-up */
-  DL_ERR_SEND = -4,            /* "Send Error" */
-  DL_ERR_INVALID_DATA = -5,    /* "Recv invalid data": malformed answer */
-  DL_ERR_PARAMETER = -6,       /* "Invalid Parameter" */
-  DL_ERR_MEMORY = -7,          /* "Out of memory" */
-  DL_ERR_READ = -8,            /* "Read Error": read failed, timed out, or the size limit was passed */
-  DL_ERR_URL = -9,             /* "Wrong URL" */
-  DL_ERR_PORT = -10,           /* "Wrong port"; raised by no call */
-  DL_ERR_AUTH = -11,           /* "Auth Error" */
-  DL_ERR_REDIRECTS = -12,      /* "Redirect to many times" */
-  DL_ERR_IPV6_DISABLED = -13,  /* "Ipv6 is disable": IPv6 literal while DL_OPT_IPV6 is 0 */
-  DL_ERR_NOT_INITIALISED = -14,/* "Config doesn't init" */
-  DL_ERR_FTP_REPLY = -15,      /* unexpected FTP reply; the message is the server's line */
-  DL_ERR_NOT_TFTP = -16,       /* "Host is not a tftp server" */
-  DL_ERR_REDIRECT_URL = -17,   /* redirect target does not parse; "Unknown Error" */
-  DL_ERR_FTP_USER = -18,       /* FTP USER refused; "Unknown Error" */
-  DL_ERR_FTP_PASS = -19        /* FTP PASS refused; "Unknown Error" */
+  DL_ERR_SOCKET = -2,           /* "Create Socket Error" */
+  DL_ERR_CONNECT = -3,          /* "Connect Failed": TCP connection or TLS set-up */
+  DL_ERR_SEND = -4,             /* "Send Error" */
+  DL_ERR_INVALID_DATA = -5,     /* "Recv invalid data": malformed answer */
+  DL_ERR_PARAMETER = -6,        /* "Invalid Parameter" */
+  DL_ERR_MEMORY = -7,           /* "Out of memory" */
+  DL_ERR_READ = -8,             /* "Read Error": read failed, timed out, or the size limit was passed */
+  DL_ERR_URL = -9,              /* "Wrong URL" */
+  DL_ERR_PORT = -10,            /* "Wrong port"; raised by no call */
+  DL_ERR_AUTH = -11,            /* "Auth Error" */
+  DL_ERR_REDIRECTS = -12,       /* "Redirect to many times" */
+  DL_ERR_IPV6_DISABLED = -13,   /* "Ipv6 is disable": IPv6 literal while DL_OPT_IPV6 is 0 */
+  DL_ERR_NOT_INITIALISED = -14, /* "Config doesn't init" */
+  DL_ERR_FTP_REPLY = -15,       /* unexpected FTP reply; the message is the server's line */
+  DL_ERR_NOT_TFTP = -16,        /* "Host is not a tftp server" */
+  DL_ERR_REDIRECT_URL = -17,    /* redirect target does not parse; "Unknown Error" */
+  DL_ERR_FTP_USER = -18,        /* FTP USER refused; "Unknown Error" */
+  DL_ERR_FTP_PASS = -19         /* FTP PASS refused; "Unknown Error" */
 };
 
 /* The outcome of a call, 260 bytes, the caller's. Zero it before the call: opening calls clear it, reads and sends
@@ -128,8 +128,14 @@ enum dl_log_module {
 };
 
 enum dl_log_level {
-  DL_LOG_EMERG = 0, DL_LOG_ALERT = 1, DL_LOG_CRIT = 2, DL_LOG_ERROR = 3,
-  DL_LOG_WARNING = 4, DL_LOG_NOTICE = 5, DL_LOG_INFO = 6, DL_LOG_DEBUG = 7
+  DL_LOG_EMERG = 0,
+  DL_LOG_ALERT = 1,
+  DL_LOG_CRIT = 2,
+  DL_LOG_ERROR = 3,
+  DL_LOG_WARNING = 4,
+  DL_LOG_NOTICE = 5,
+  DL_LOG_INFO = 6,
+  DL_LOG_DEBUG = 7
 };
 
 /* Flags of dl_log_init(). */
@@ -230,25 +236,25 @@ typedef struct http_chunk_buf {
 /* An HTTP session (also dl_handle.session for DL_PROTO_HTTP and DL_PROTO_HTTPS). Callers treat it as opaque, but for
  * `chunk` as said above. */
 typedef struct dl_http_session {
-  uint32_t magic;          /* DL_HTTP_MAGIC while live */
-  int32_t sock;            /* 0: none */
-  void *ssl;               /* OpenSSL connection, or null */
-  void *ssl_ctx;           /* OpenSSL context, or null */
-  uint32_t flags;          /* DL_HTTP_FLAG_ bits */
-  uint32_t remaining;      /* body bytes still to deliver when not chunked */
-  http_chunk_buf *chunk;   /* from the first chunked read on, else null */
-  char *headers;           /* header lines of a 200 response, each terminated, then an empty one; or null */
-  uint32_t headers_len;    /* bytes of the lines */
+  uint32_t magic;        /* DL_HTTP_MAGIC while live */
+  int32_t sock;          /* 0: none */
+  void *ssl;             /* OpenSSL connection, or null */
+  void *ssl_ctx;         /* OpenSSL context, or null */
+  uint32_t flags;        /* DL_HTTP_FLAG_ bits */
+  uint32_t remaining;    /* body bytes still to deliver when not chunked */
+  http_chunk_buf *chunk; /* from the first chunked read on, else null */
+  char *headers;         /* header lines of a 200 response, each terminated, then an empty one; or null */
+  uint32_t headers_len;  /* bytes of the lines */
 } dl_http_session;
 
 /* How a response body ended. The library reads a body that was cut as a shorter one; who must not take it for the
  * whole asks here once a read call has returned 0. */
 enum dl_body_end {
-  DL_BODY_OPEN = 0,       /* not read to its end yet, or not known: no live session, or a caller's own record */
-  DL_BODY_WHOLE = 1,      /* as long as announced, up to the last chunk, or none by its status (1xx, 204, 304) */
-  DL_BODY_CUT = 2,        /* the connection ended before that, or went on without a chunk size */
-  DL_BODY_UNMARKED = 3,   /* nothing announced: the end of the connection, or option 6, ended it */
-  DL_BODY_HEADER_CUT = 4  /* the response ended inside its header block, so nothing is known of the body */
+  DL_BODY_OPEN = 0,      /* not read to its end yet, or not known: no live session, or a caller's own record */
+  DL_BODY_WHOLE = 1,     /* as long as announced, up to the last chunk, or none by its status (1xx, 204, 304) */
+  DL_BODY_CUT = 2,       /* the connection ended before that, or went on without a chunk size */
+  DL_BODY_UNMARKED = 3,  /* nothing announced: the end of the connection, or option 6, ended it */
+  DL_BODY_HEADER_CUT = 4 /* the response ended inside its header block, so nothing is known of the body */
 };
 
 /* ---------------------------------------------------------------- FTP (RFC 959, RFC 2428) */
@@ -257,7 +263,7 @@ enum dl_body_end {
 
 /* An FTP session; one transfer. Callers treat it as opaque. */
 typedef struct dl_ftp_session {
-  uint32_t magic;     /* DL_FTP_MAGIC while live */
+  uint32_t magic; /* DL_FTP_MAGIC while live */
   int32_t ctrl_sock;
   int32_t data_sock;  /* 0: none */
   uint32_t remaining; /* download: bytes still to deliver */
@@ -270,10 +276,10 @@ typedef struct dl_ftp_session {
 
 /* A TFTP session; one transfer. Callers treat it as opaque. */
 typedef struct dl_tftp_session {
-  uint32_t magic;     /* DL_TFTP_MAGIC while live */
+  uint32_t magic; /* DL_TFTP_MAGIC while live */
   int32_t sock;
-  uint32_t block;     /* 16-bit block number */
-  char *carry;        /* download: received bytes that did not fit the caller's buffer */
+  uint32_t block; /* 16-bit block number */
+  char *carry;    /* download: received bytes that did not fit the caller's buffer */
   int32_t carry_len;
   uint32_t done;      /* the last block has been received or read */
   uint32_t server[7]; /* room for a struct sockaddr_in6: the server and its transfer port */
@@ -299,20 +305,20 @@ typedef struct dl_trust_ca_list {
 
 /* One certificate, long form. */
 typedef struct dl_ca_info_ex {
-  uint8_t version;    /* 3 for X.509 version 3 */
+  uint8_t version; /* 3 for X.509 version 3 */
   char serial[64];
-  char sig_alg[64];   /* OpenSSL long object name */
+  char sig_alg[64]; /* OpenSSL long object name */
   char key_alg[64];
   int32_t key_bits;
-  char priv_alg[64];  /* private key, when one was read */
+  char priv_alg[64]; /* private key, when one was read */
   int32_t priv_bits;
-  char issuer[64];    /* common name, else organisational unit, else organisation */
+  char issuer[64]; /* common name, else organisational unit, else organisation */
   char subject[64];
   uint32_t hash;
   char not_before[64];
   char not_after[64];
-  char path[64];      /* filled by dl_get_trust_ca_info_ex() */
-  uint8_t ext_count;  /* number of extensions */
+  char path[64];     /* filled by dl_get_trust_ca_info_ex() */
+  uint8_t ext_count; /* number of extensions */
 } dl_ca_info_ex;
 
 typedef struct dl_trust_ca_list_ex {
@@ -322,9 +328,18 @@ typedef struct dl_trust_ca_list_ex {
 
 /* Codes of dl_cert_verify() in dl_result.code. */
 enum dl_cert_verify_code {
-  DL_VERIFY_OK = 0, DL_VERIFY_PARAMETER = 1, DL_VERIFY_SETUP = 2, DL_VERIFY_SIGNATURE = 3,
-  DL_VERIFY_NOT_YET_VALID = 4, DL_VERIFY_EXPIRED = 5, DL_VERIFY_UNKNOWN_ISSUER = 6, DL_VERIFY_METHOD = 7,
-  DL_VERIFY_NO_CERTIFICATE = 8, DL_VERIFY_NO_KEY = 9, DL_VERIFY_KEY_MISMATCH = 10, DL_VERIFY_OTHER = 11
+  DL_VERIFY_OK = 0,
+  DL_VERIFY_PARAMETER = 1,
+  DL_VERIFY_SETUP = 2,
+  DL_VERIFY_SIGNATURE = 3,
+  DL_VERIFY_NOT_YET_VALID = 4,
+  DL_VERIFY_EXPIRED = 5,
+  DL_VERIFY_UNKNOWN_ISSUER = 6,
+  DL_VERIFY_METHOD = 7,
+  DL_VERIFY_NO_CERTIFICATE = 8,
+  DL_VERIFY_NO_KEY = 9,
+  DL_VERIFY_KEY_MISMATCH = 10,
+  DL_VERIFY_OTHER = 11
 };
 
 #ifdef __cplusplus

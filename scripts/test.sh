@@ -36,7 +36,7 @@ step() {
 
 check_format() {
   find . \( -name 'build*' -o -name .git \) -prune -o -type f \( -name '*.cpp' -o -name '*.h' -o -name '*.c' \) \
-    -not -path './include/*' -print0 | xargs -0 clang-format --dry-run -Werror
+    -print0 | xargs -0 clang-format --dry-run -Werror
 }
 
 check_arm() {
