@@ -14,7 +14,7 @@
 #include <utility>
 
 #include "fuzz/support/check.h"
-#include "http/http_read.h"
+#include "http/http_response_body.h"
 #include "http/http_response.h"
 
 using namespace fetchrig;

@@ -12,7 +12,7 @@
 #include "core/text.h"
 #include "core/url.h"
 #include "http/http_headers.h"
-#include "http/http_read.h"
+#include "http/http_response_body.h"
 #include "include/fetchrig.h"
 #include "log/log.h"
 

@@ -9,7 +9,7 @@
 
 #include "core/config.h"
 #include "core/text.h"
-#include "http/http_body.h"
+#include "http/http_request_body.h"
 #include "include/fetchrig.h"
 #include "log/log.h"
 #include "log/printable.h"

@@ -4,7 +4,7 @@
 #include "core/boundary.h"
 #include "core/config.h"
 #include "core/result.h"
-#include "http/http_io.h"
+#include "http/http_connection.h"
 #include "http/http_response.h"
 #include "include/fetchrig.h"
 #include "log/log.h"

@@ -13,9 +13,9 @@
 #include "core/owners.h"
 #include "core/text.h"
 #include "http/http_auth.h"
+#include "http/http_connection.h"
 #include "http/http_headers.h"
-#include "http/http_io.h"
-#include "http/http_read.h"
+#include "http/http_response_body.h"
 #include "log/log.h"
 #include "log/printable.h"
 

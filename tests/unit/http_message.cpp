@@ -1,4 +1,4 @@
-// http_message.cpp, http_body.cpp and http_headers.cpp: the bytes of a request with its body, and the
+// http_message.cpp, http_request_body.cpp and http_headers.cpp: the bytes of a request with its body, and the
 // numbers in the head of a response.
 #include "http/http_message.h"
 

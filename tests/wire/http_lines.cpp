@@ -2,7 +2,7 @@
 // without private state (the kernel's own peek) and from a session with its read-ahead.
 #include <gtest/gtest.h>
 
-#include "http/http_io.h"
+#include "http/http_connection.h"
 #include "tests/support/fed_socket.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/options.h"

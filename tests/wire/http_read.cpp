@@ -8,7 +8,7 @@
 #include <semaphore>
 
 #include "core/owners.h"
-#include "http/http_read.h"
+#include "http/http_response_body.h"
 #include "tests/support/fed_socket.h"
 #include "tests/support/http_fixture.h"
 #include "tests/support/pki.h"

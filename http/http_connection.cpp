@@ -1,5 +1,5 @@
-// http_io.cpp: connection, whole sends, reads, and lines read by peeking.
-#include "http/http_io.h"
+// http_connection.cpp: connection, whole sends, reads, and lines read by peeking.
+#include "http/http_connection.h"
 
 #include <errno.h>
 #include <string.h>

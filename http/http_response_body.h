@@ -1,8 +1,8 @@
-// http_read.h: reading a response body, by length or in chunks (RFC 9112 section 7.1), below dl_http_read().
-// Whatever arrives, a session holds at most 64 KiB of a body beyond the buffers that callers bring.
-// One thread at a time per session.
-#ifndef FETCHRIG_HTTP_HTTP_READ_H
-#define FETCHRIG_HTTP_HTTP_READ_H
+// http_response_body.h: reading a response body, by length or in chunks (RFC 9112 section 7.1), below
+// dl_http_read(). Whatever arrives, a session holds at most 64 KiB of a body beyond the buffers that callers
+// bring. One thread at a time per session.
+#ifndef FETCHRIG_HTTP_HTTP_RESPONSE_BODY_H
+#define FETCHRIG_HTTP_HTTP_RESPONSE_BODY_H
 
 #include <span>
 #include <string_view>

@@ -1,7 +1,7 @@
-// http_io.h: moving bytes between an HTTP session and the network, plain or TLS by the session's TLS bit. One
-// thread at a time per session; the time-out (option 7) is read once per call.
-#ifndef FETCHRIG_HTTP_HTTP_IO_H
-#define FETCHRIG_HTTP_HTTP_IO_H
+// http_connection.h: moving bytes between an HTTP session and the network, plain or TLS by the session's TLS
+// bit. One thread at a time per session; the time-out (option 7) is read once per call.
+#ifndef FETCHRIG_HTTP_HTTP_CONNECTION_H
+#define FETCHRIG_HTTP_HTTP_CONNECTION_H
 
 #include <span>
 

@@ -1,5 +1,5 @@
-// http_body.cpp: preparing the body of a request.
-#include "http/http_body.h"
+// http_request_body.cpp: preparing the body of a request.
+#include "http/http_request_body.h"
 
 #include <errno.h>
 #include <fcntl.h>

@@ -1,5 +1,5 @@
-// http_read.cpp: reading a response body.
-#include "http/http_read.h"
+// http_response_body.cpp: reading a response body.
+#include "http/http_response_body.h"
 
 #include <stdlib.h>
 #include <string.h>
@@ -12,7 +12,7 @@
 #include "core/owners.h"
 #include "core/result.h"
 #include "core/text.h"
-#include "http/http_io.h"
+#include "http/http_connection.h"
 #include "include/fetchrig.h"
 #include "log/log.h"
 

@@ -1,7 +1,7 @@
-// http_body.h: the body of a request: a text, a whole file, or a file as a one-part multipart/form-data form
-// (RFC 7578). One thread at a time per message.
-#ifndef FETCHRIG_HTTP_HTTP_BODY_H
-#define FETCHRIG_HTTP_HTTP_BODY_H
+// http_request_body.h: the body of a request: a text, a whole file, or a file as a one-part
+// multipart/form-data form (RFC 7578). One thread at a time per message.
+#ifndef FETCHRIG_HTTP_HTTP_REQUEST_BODY_H
+#define FETCHRIG_HTTP_HTTP_REQUEST_BODY_H
 
 #include "http/http_message.h"
 
