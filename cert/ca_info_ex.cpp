@@ -8,6 +8,7 @@
 #include "cert/ca_info.h"
 #include "cert/cert_file.h"
 #include "cert/error_queue.h"
+#include "cert/passphrase.h"
 #include "core/boundary.h"
 #include "core/result.h"
 #include "core/text.h"
@@ -62,7 +63,7 @@ certificate_read fill_private_key(BIO* bio, dl_ca_info_ex& info) {
     log_line(DL_LOG_CMN, DL_LOG_ERROR, "SSL_library_init error\n");
     return certificate_read::setup_failed;
   }
-  const unique_pkey key(PEM_read_bio_PrivateKey(bio, nullptr, password_cb, nullptr));
+  const unique_pkey key(PEM_read_bio_PrivateKey(bio, nullptr, option_password_cb, nullptr));
   if (!key) return certificate_read::fine;
   object_to_text(OBJ_nid2obj(EVP_PKEY_get_base_id(key.get())), info.priv_alg);
   info.priv_bits = EVP_PKEY_get_bits(key.get());

@@ -52,7 +52,7 @@ X509* load_cert_bio(int encoding, BIO* bio) {
 
 EVP_PKEY* load_key_bio(int encoding, BIO* bio) {
   if (!bio) return nullptr;
-  if (encoding == encoding_pem) return PEM_read_bio_PrivateKey(bio, nullptr, password_cb, nullptr);
+  if (encoding == encoding_pem) return PEM_read_bio_PrivateKey(bio, nullptr, option_password_cb, nullptr);
   if (encoding == encoding_der) return d2i_PrivateKey_bio(bio, nullptr);
   return nullptr;
 }

@@ -36,7 +36,7 @@ struct cert_source {
 [[nodiscard]] int cert_file_format(const char* path);
 // The next certificate of the stream, the caller's; null for another code or when there is none.
 [[nodiscard]] X509* load_cert_bio(int encoding, BIO* bio);
-// The next private key, the caller's, opened with password_cb; null as above.
+// The next private key, the caller's, opened with option 16; null as above.
 [[nodiscard]] EVP_PKEY* load_key_bio(int encoding, BIO* bio);
 // Adds all certificates and revocation lists of the PEM text to the store; false when there is none, or one
 // could not be added.

@@ -1,21 +1,16 @@
 // passphrase.cpp: what OpenSSL's PEM readers get when they ask for a pass phrase.
 #include "cert/passphrase.h"
 
+#include <openssl/crypto.h>
 #include <string.h>
 
 #include <span>
 
 #include "core/config.h"
 #include "core/text.h"
-#include "include/fetchrig_openssl.h"
 #include "log/log.h"
 
 namespace fetchrig {
-
-int no_password_cb(char*, int, int, void*) {
-  return -1;
-}
-
 namespace {
 
 // The caller's pass phrase, as many bytes as fit; OpenSSL counts them, so no terminator is added.
@@ -34,10 +29,8 @@ int copy_configured(std::span<char> to) {
 }
 
 }  // namespace
-}  // namespace fetchrig
 
-int password_cb(char* buffer, int size, int, void* user_data) {
-  using namespace fetchrig;
+int option_password_cb(char* buffer, int size, int, void* user_data) {
   if (!buffer || size < 1) return 0;
   const std::span<char> to(buffer, static_cast<std::size_t>(size));
   if (user_data) return copy_given(to, static_cast<const char*>(user_data));
@@ -45,3 +38,9 @@ int password_cb(char* buffer, int size, int, void* user_data) {
   log_line(DL_LOG_CMN, DL_LOG_INFO, "num is %d, pwd length:%d\n", size, length);
   return length;
 }
+
+int no_password_cb(char*, int, int, void*) {
+  return -1;
+}
+
+}  // namespace fetchrig

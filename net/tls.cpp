@@ -5,7 +5,6 @@
 #include <errno.h>
 #include <netinet/in.h>
 #include <openssl/err.h>
-#include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <string.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 #include <array>
 #include <string>
 
+#include "cert/tls_context.h"
 #include "core/boundary.h"
 #include "core/config.h"
 #include "core/openssl_owners.h"
@@ -40,20 +40,11 @@ void log_reason(const char* step) {
   log_line(DL_LOG_CMN, DL_LOG_NOTICE, "%s: %s\n", step, reason ? reason : "no reason given");
 }
 
-// Pins the one version of method 0; TLS 1.0 hand-shakes at security level 0 only.
-bool pin_tls1(SSL_CTX* ctx) {
-  SSL_CTX_set_security_level(ctx, 0);
-  return SSL_CTX_set_min_proto_version(ctx, TLS1_VERSION) == 1 &&
-         SSL_CTX_set_max_proto_version(ctx, TLS1_VERSION) == 1;
-}
-
 int make_context(int method, unique_ssl_ctx& ctx) {
-  constexpr int tls1 = 0;
-  constexpr int any_version = 3;
-  if (method < tls1 || method > any_version) return refuse("wrong method\n");
-  if (method != tls1 && method != any_version) return refuse("SSL 2.0 and SSL 3.0 are not available\n");
-  ctx.reset(SSL_CTX_new(TLS_client_method()));
-  if (!ctx || (method == tls1 && !pin_tls1(ctx.get()))) return refuse("SSL_CTX_new Error\n");
+  if (!is_tls_method(method)) return refuse("wrong method\n");
+  if (is_removed_method(method)) return refuse("SSL 2.0 and SSL 3.0 are not available\n");
+  ctx = new_tls_context(TLS_client_method(), method);
+  if (!ctx) return refuse("SSL_CTX_new Error\n");
   // A connection that ends without TLS's farewell has ended: every read behind it says so, like on a plain
   // one.
   SSL_CTX_set_options(ctx.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
@@ -66,12 +57,6 @@ int load_trusted_cas(SSL_CTX* ctx, const char* ca_dir) {
   const char* reason = ERR_reason_error_string(ERR_get_error());
   log_line(DL_LOG_CMN, DL_LOG_ERROR, "loading CA certificate: %s\n", reason ? reason : "");
   return DL_ERR_CONNECT;
-}
-
-// Takes the certificate that the PEM text has first.
-bool use_certificate(SSL_CTX* ctx, BIO* bio) {
-  const unique_x509 certificate(bio ? PEM_read_bio_X509(bio, nullptr, password_cb, nullptr) : nullptr);
-  return certificate && SSL_CTX_use_certificate(ctx, certificate.get()) == 1;
 }
 
 // Whether OpenSSL's last call failed for the security level, and for nothing else.
@@ -87,24 +72,16 @@ bool too_weak_for_level() {
 // this one context is lowered for it.
 bool load_certificate(SSL_CTX* ctx, const small_file& file) {
   ERR_clear_error();
-  if (use_certificate(ctx, file.stream().get())) return true;
+  if (use_certificate(ctx, file)) return true;
   if (SSL_CTX_get_security_level(ctx) == 0 || !too_weak_for_level()) return false;
   const int level = SSL_CTX_get_security_level(ctx);
   SSL_CTX_set_security_level(ctx, 0);
-  if (!use_certificate(ctx, file.stream().get())) {
+  if (!use_certificate(ctx, file)) {
     SSL_CTX_set_security_level(ctx, level);
     return false;
   }
   log_line(DL_LOG_CMN, DL_LOG_NOTICE, "client certificate needs security level 0, lowered from %d\n", level);
   return true;
-}
-
-// The key is read here and not by SSL_CTX_use_PrivateKey_file(), which takes a key of another certificate for
-// an unreadable one.
-unique_pkey read_key(const small_file& file) {
-  const unique_bio bio = file.stream();
-  if (!bio) return nullptr;
-  return unique_pkey(PEM_read_bio_PrivateKey(bio.get(), nullptr, password_cb, nullptr));
 }
 
 int load_client_certificate(SSL_CTX* ctx, const char* path) {
@@ -196,7 +173,7 @@ struct tls_session {
 int set_up(const char* cert_file, const char* ca_dir, int method, unique_ssl_ctx& ctx) {
   if (const int rc = make_context(method, ctx); rc < 0) return rc;
   if (const int rc = load_trusted_cas(ctx.get(), ca_dir); rc < 0) return rc;
-  SSL_CTX_set_default_passwd_cb(ctx.get(), password_cb);
+  set_pass_phrase(ctx.get());
   if (const int rc = load_client_certificate(ctx.get(), cert_file ? cert_file : ""); rc < 0) return rc;
   SSL_CTX_set_verify_depth(ctx.get(), max_chain_depth);
   return seed_random();
