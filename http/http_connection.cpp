@@ -5,7 +5,6 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <exception>
 
@@ -13,6 +12,7 @@
 #include "core/text.h"
 #include "include/fetchrig_openssl.h"
 #include "log/log.h"
+#include "net/line_reader.h"
 
 namespace fetchrig {
 namespace {
@@ -66,39 +66,6 @@ int send_message(http_channel& channel, const http_msg& message) {
   return rc;
 }
 
-// The bytes of the connection that make up one line: what was taken so far and what was seen behind it.
-class line_reader {
- public:
-  line_reader(std::size_t initial, std::size_t maximum) : size_(initial), maximum_(maximum) {}
-
-  std::span<char> peek_room() { return std::span(buffer_).subspan(held_, size_ - 1 - held_); }
-  bool is_full() const { return held_ == size_ - 1; }
-  // Notes `count` peeked bytes and returns how many of them belong to the line, its CRLF included.
-  std::size_t wanted_of(std::size_t count) {
-    const std::string_view seen(buffer_.data(), held_ + count);
-    length_ = seen.find("\r\n");
-    ended_ = length_ != std::string_view::npos;
-    return ended_ ? length_ + 2 - held_ : count;
-  }
-  std::span<char> take_room(std::size_t count) { return std::span(buffer_).subspan(held_, count); }
-  void taken(std::size_t count) { held_ += count; }
-  void grow_when_full() {
-    if (is_full()) size_ = std::min(size_ * 2, maximum_);
-  }
-  std::size_t held() const { return held_; }
-  bool ended() const { return ended_; }
-  std::string_view line() const { return {buffer_.data(), length_}; }
-  std::string_view all() const { return {buffer_.data(), held_}; }
-
- private:
-  std::array<char, max_line_bytes> buffer_;
-  std::size_t size_;
-  std::size_t maximum_;
-  std::size_t held_ = 0;
-  std::size_t length_ = 0;
-  bool ended_ = false;
-};
-
 // What a failed read met; nothing is known of one that was not made.
 void log_failed_read(const io_result& outcome) {
   if (outcome.wait_failed) {
@@ -112,17 +79,6 @@ int peek_failed(const io_result& outcome) {
   log_failed_read(outcome);
   log_line(DL_LOG_HTTP, DL_LOG_ERROR, "Peek error!\n");
   return DL_ERR_READ;
-}
-
-// The number of bytes to take next, 0 at the end of the stream, or -8. A full buffer asks for nothing more,
-// but still waits for the peer like any other step.
-int peek_line(http_channel& channel, line_reader& reader, int timeout_s) {
-  char probe = 0;
-  const bool full = reader.is_full();
-  const auto room = full && !channel.is_tls() ? std::span(&probe, 1) : reader.peek_room();
-  const io_result outcome = with_stream(channel, [&](stream& from) { return from.peek(room, timeout_s); });
-  if (outcome.count < 0) return peek_failed(outcome);
-  return full ? 0 : static_cast<int>(reader.wanted_of(static_cast<std::size_t>(outcome.count)));
 }
 
 int give(std::string_view text, std::span<char> line) {
@@ -151,7 +107,7 @@ int http_send_request(http_channel& channel, const http_msg& message) {
   }
 }
 
-int http_recv(http_channel& channel, std::span<char> to, std::size_t may_read_ahead) {
+int http_recv(http_channel& channel, std::span<char> to, read_ahead_use use) {
   if (!to.data()) return -1;
   if (channel.is_tls() && !channel.session.ssl) {
     log_line(DL_LOG_HTTP, DL_LOG_ERROR, "context ssl is null\n");
@@ -159,7 +115,7 @@ int http_recv(http_channel& channel, std::span<char> to, std::size_t may_read_ah
   }
   const int timeout_s = net_timeout_seconds();
   const auto read = [&](stream& from) { return from.read(to, timeout_s); };
-  const io_result outcome = with_stream(channel, read, may_read_ahead);
+  const io_result outcome = with_stream(channel, read, use);
   if (channel.own && outcome.count == 0 && !to.empty()) channel.own->response.stream_ended = true;
   log_failed_read(outcome);
   return outcome.wait_failed ? DL_ERR_READ : static_cast<int>(outcome.count);
@@ -168,25 +124,27 @@ int http_recv(http_channel& channel, std::span<char> to, std::size_t may_read_ah
 int http_read_line(http_channel& channel, std::size_t initial, std::size_t maximum, std::span<char> line,
                    bool* at_end) {
   if (channel.is_tls() && !channel.session.ssl) return peek_failed({});
+  std::array<char, max_line_bytes> bytes;
   const int timeout_s = net_timeout_seconds();
-  line_reader reader(initial, maximum);
-  for (;;) {
-    const int wanted = peek_line(channel, reader, timeout_s);
-    if (wanted < 0) return wanted;
-    const int taken =
-        wanted == 0 ? 0 : http_recv(channel, reader.take_room(static_cast<std::size_t>(wanted)));
-    if (taken < 0) return DL_ERR_READ;
-    reader.taken(static_cast<std::size_t>(taken));
-    if (reader.held() + 1 >= line.size()) {
-      log_line(DL_LOG_HTTP, DL_LOG_ERROR, "Buffer not enough! buffer len %d\n",
-               static_cast<int>(line.size()));
+  const line_result read = with_stream(channel, [&](stream& from) {
+    return read_line(from, std::span(bytes).first(maximum), {initial, line.size()}, timeout_s);
+  });
+  if (at_end) *at_end = read.state == line_state::closed;
+  switch (read.state) {
+    case line_state::complete:
+    case line_state::full:
+    case line_state::closed:
+      return give(read.text, line);
+    case line_state::peek_failed:
+      return peek_failed(read.io);
+    case line_state::read_failed:
+      log_failed_read(read.io);
       return DL_ERR_READ;
-    }
-    if (at_end) *at_end = taken == 0 && !reader.is_full();
-    if (taken == 0) return give(reader.all(), line);
-    if (taken == wanted && reader.ended()) return give(reader.line(), line);
-    reader.grow_when_full();
+    case line_state::too_long:
+      break;
   }
+  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "Buffer not enough! buffer len %d\n", static_cast<int>(line.size()));
+  return DL_ERR_READ;
 }
 
 }  // namespace fetchrig

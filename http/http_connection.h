@@ -19,10 +19,9 @@ enum class tls_use { allowed, never };
 [[nodiscard]] int http_send_request(http_channel& channel, const http_msg& message);
 
 // One read of up to `to.size()` bytes. Returns the count, 0 at the end of the stream, or a negative value: -8
-// for a failed wait or a missing TLS session, else the failed read's own. `may_read_ahead` bounds what a
-// plain session may receive beyond `to`.
+// for a failed wait or a missing TLS session, else the failed read's own.
 [[nodiscard]] int http_recv(http_channel& channel, std::span<char> to,
-                            std::size_t may_read_ahead = read_ahead::capacity);
+                            read_ahead_use use = read_ahead_use::fill);
 
 // The most that http_read_line() holds at once.
 inline constexpr std::size_t max_line_bytes = 512;

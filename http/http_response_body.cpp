@@ -24,8 +24,6 @@ constexpr uint32_t min_chunk_capacity = 512;
 // The most that is held of a body, beside what the caller was given.
 constexpr uint32_t max_held_bytes = 65536;
 constexpr uint32_t max_chunk_capacity = max_held_bytes + line_end_bytes;
-// Nothing is received beyond a chunk, so that the buffer and the read-ahead are never full together.
-constexpr std::size_t no_read_ahead = 0;
 
 bool is_hex_digit(char c) {
   return is_digit(c) || (lower(c) >= 'a' && lower(c) <= 'f');
@@ -142,7 +140,8 @@ int chunk_reader::receive(uint32_t wanted) {
   if (buffer.length >= buffer.capacity && !grow(std::min<uint64_t>(doubled, max_chunk_capacity)))
     return DL_ERR_MEMORY;
   const std::size_t room = std::min(wanted, buffer.capacity - buffer.length);
-  const int count = http_recv(channel_, {buffer.data + buffer.length, room}, no_read_ahead);
+  // Nothing is received beyond a chunk, so that the buffer and the read-ahead are never full together.
+  const int count = http_recv(channel_, {buffer.data + buffer.length, room}, read_ahead_use::drain);
   if (count > 0) buffer.length += static_cast<uint32_t>(count);
   return count;
 }

@@ -7,7 +7,8 @@
 #include <memory>
 
 #include "include/fetchrig_types.h"
-#include "net/stream.h"
+#include "net/tcp_stream.h"
+#include "net/tls_stream.h"
 
 namespace fetchrig {
 
@@ -69,12 +70,12 @@ void free_headers(dl_http_session& session);
 
 // Calls `work` with the session's stream: TLS when its TLS bit is set, else plain.
 template <typename Work>
-auto with_stream(http_channel& channel, Work work, std::size_t may_read_ahead = read_ahead::capacity) {
+auto with_stream(http_channel& channel, Work work, read_ahead_use use = read_ahead_use::fill) {
   if (channel.is_tls()) {
     tls_stream tls(channel.ssl());
     return work(static_cast<stream&>(tls));
   }
-  tcp_stream tcp(channel.session.sock, channel.own ? &channel.own->ahead : nullptr, may_read_ahead);
+  tcp_stream tcp(channel.session.sock, channel.own ? &channel.own->ahead : nullptr, use);
   return work(static_cast<stream&>(tcp));
 }
 

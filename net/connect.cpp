@@ -188,13 +188,13 @@ int wait_for(int sock, short events, int64_t limit_ms) {
   return poll_within(entry, limit_ms);
 }
 
-int dl_send_all(int sock, const char* buffer, int length) {
+int dl_send_all(int sock, const char* buffer, std::size_t length) {
   while (length > 0) {
-    const ssize_t sent = ::send(sock, buffer, static_cast<std::size_t>(length), MSG_NOSIGNAL);
+    const ssize_t sent = ::send(sock, buffer, length, MSG_NOSIGNAL);
     if (sent < 0 && errno == EINTR) continue;
     if (sent < 0) return DL_ERR_SEND;
     buffer += sent;
-    length -= static_cast<int>(sent);
+    length -= static_cast<std::size_t>(sent);
   }
   return 0;
 }

@@ -6,6 +6,8 @@
 
 #include <stdint.h>
 
+#include <cstddef>
+
 #include "include/fetchrig_openssl.h"
 
 namespace fetchrig {
@@ -21,9 +23,9 @@ inline constexpr int wait_writable = 2;
 // errno. An interrupted wait goes on.
 [[nodiscard]] int wait_for(int sock, short events, int64_t limit_ms);
 
-// Sends all bytes. Returns 0 (at once when `length` is below 1) or -4. Never raises SIGPIPE; a send that
-// makes no progress for the socket's send time-out fails.
-[[nodiscard]] int dl_send_all(int sock, const char* buffer, int length);
+// Sends all bytes. Returns 0, or -4 with errno. Never raises SIGPIPE; a send that makes no progress for the socket's
+// send time-out fails.
+[[nodiscard]] int dl_send_all(int sock, const char* buffer, std::size_t length);
 
 }  // namespace fetchrig
 #endif

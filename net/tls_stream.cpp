@@ -1,13 +1,13 @@
 // tls_stream.cpp: reading, peeking and writing on TLS connections.
+#include "net/tls_stream.h"
+
 #include <errno.h>
 #include <limits.h>
 #include <openssl/err.h>
 
 #include <algorithm>
 
-#include "include/fetchrig.h"
 #include "log/log.h"
-#include "net/stream.h"
 #include "net/tls_bio.h"
 
 namespace fetchrig {

@@ -1,5 +1,5 @@
 // stream.cpp: reading, peeking and writing on plain connections, with and without a read-ahead.
-#include "net/stream.h"
+#include "net/tcp_stream.h"
 
 #include <errno.h>
 #include <gtest/gtest.h>
@@ -61,19 +61,21 @@ TEST_F(stream_test, a_bare_socket_reads_no_more_than_it_is_asked_for) {
   EXPECT_EQ(stream.read(buffer, 1).count, 0);
 }
 
-TEST_F(stream_test, a_read_ahead_keeps_order_and_its_bound) {
+TEST_F(stream_test, a_read_ahead_keeps_order_and_is_passed_by_when_told_so) {
   read_ahead ahead;
-  tcp_stream stream(near.get(), &ahead, 5);  // five more bytes belong to us
-  peer_sends("abcdefgh");
+  tcp_stream stream(near.get(), &ahead);
+  tcp_stream draining(near.get(), &ahead, read_ahead_use::drain);
+  peer_sends("abcde");
   EXPECT_EQ(text_of(buffer, stream.peek({buffer.data(), 2}, 1)), "ab");
-  EXPECT_EQ(left_in_socket(), 3) << "what follows our bytes is not ours to take";
+  EXPECT_EQ(left_in_socket(), 0);
   EXPECT_EQ(text_of(buffer, stream.read({buffer.data(), 1}, 1)), "a");
-  EXPECT_EQ(text_of(buffer, stream.read({buffer.data(), 10}, 1)), "bcde") << "what is held comes first";
-  tcp_stream next(near.get(), &ahead, 3);
-  EXPECT_EQ(text_of(buffer, next.read({buffer.data(), 2}, 1)), "fg");
-  EXPECT_EQ(text_of(buffer, next.read({buffer.data(), 2}, 1)), "h");
+  peer_sends("fgh");
+  EXPECT_EQ(text_of(buffer, draining.read({buffer.data(), 10}, 1)), "bcde") << "what is held comes first";
+  EXPECT_EQ(text_of(buffer, draining.read({buffer.data(), 2}, 1)), "fg");
+  EXPECT_EQ(left_in_socket(), 1) << "what follows was not asked for";
+  EXPECT_EQ(text_of(buffer, stream.read({buffer.data(), 2}, 1)), "h");
   far.reset();
-  EXPECT_EQ(next.read(buffer, 1).count, 0);
+  EXPECT_EQ(stream.read(buffer, 1).count, 0);
 }
 
 TEST_F(stream_test, nothing_in_time_is_a_failed_wait) {

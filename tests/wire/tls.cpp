@@ -9,7 +9,7 @@
 #include "core/openssl_owners.h"
 #include "core/owners.h"
 #include "include/fetchrig_openssl.h"
-#include "net/stream.h"
+#include "net/tls_stream.h"
 #include "net/tls_host.h"
 #include "tests/peers/tcp_peer.h"
 #include "tests/support/descriptors.h"

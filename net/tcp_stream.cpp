@@ -1,5 +1,5 @@
-// stream.cpp: reading, peeking and writing on plain TCP connections.
-#include "net/stream.h"
+// tcp_stream.cpp: reading, peeking and writing on plain TCP connections.
+#include "net/tcp_stream.h"
 
 #include <errno.h>
 #include <string.h>
@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <new>
 
+#include "include/fetchrig_openssl.h"
 #include "net/connect.h"
 
 namespace fetchrig {
@@ -39,24 +40,21 @@ char* read_ahead::storage() {
   return buffer_.get();
 }
 
-// With a read-ahead the bytes are usually there already, so the receive comes first and the wait only when it
-// would block. A bare socket is waited for, then read.
 io_result tcp_stream::receive(std::span<char> to, int flags, int timeout_s) {
-  if (ahead_) {
+  if (first_ == first_step::receive) {
     const std::ptrdiff_t count = receive_once(sock_, to, flags | MSG_DONTWAIT);
     if (count >= 0) return {count};
     if (errno != EAGAIN && errno != EWOULDBLOCK) return failed(false);
   }
-  errno = 0;
+  errno = 0;  // a wait that runs out sets none
   if (dl_select(sock_, wait_readable, timeout_s) < 1) return failed(true);
   const std::ptrdiff_t count = receive_once(sock_, to, flags);
   return count >= 0 ? io_result{count} : failed(false);
 }
 
-// Receives into the empty read-ahead, whose memory is there: `wanted` bytes and at most may_read_ahead_ more.
-io_result tcp_stream::refill(std::size_t wanted, int timeout_s) {
-  const std::size_t size = std::min(read_ahead::capacity, std::max(wanted, may_read_ahead_));
-  const io_result received = receive({ahead_->storage(), size}, 0, timeout_s);
+// Receives into the empty read-ahead, whose memory is there.
+io_result tcp_stream::refill(int timeout_s) {
+  const io_result received = receive({ahead_->storage(), read_ahead::capacity}, 0, timeout_s);
   if (received.count > 0) ahead_->filled(static_cast<std::size_t>(received.count));
   return received;
 }
@@ -64,9 +62,9 @@ io_result tcp_stream::refill(std::size_t wanted, int timeout_s) {
 io_result tcp_stream::read(std::span<char> to, int timeout_s) {
   if (!ahead_) return receive(to, 0, timeout_s);
   if (ahead_->held().empty()) {
-    const bool large = to.size() >= read_ahead::capacity || to.size() >= may_read_ahead_;
-    if (large || !ahead_->storage()) return receive(to, 0, timeout_s);
-    if (const io_result received = refill(to.size(), timeout_s); received.count <= 0) return received;
+    const bool past_it = use_ == read_ahead_use::drain || to.size() >= read_ahead::capacity;
+    if (past_it || !ahead_->storage()) return receive(to, 0, timeout_s);
+    if (const io_result received = refill(timeout_s); received.count <= 0) return received;
   }
   const std::ptrdiff_t count = copy_held(*ahead_, to);
   ahead_->consume(static_cast<std::size_t>(count));
@@ -74,23 +72,21 @@ io_result tcp_stream::read(std::span<char> to, int timeout_s) {
 }
 
 io_result tcp_stream::peek(std::span<char> to, int timeout_s) {
-  if (to.empty()) return {};
+  if (to.empty()) {
+    char probe = 0;
+    const io_result seen = peek({&probe, 1}, timeout_s);
+    return seen.count < 0 ? seen : io_result{};
+  }
   if (!ahead_) return receive(to, MSG_PEEK, timeout_s);
   if (ahead_->held().empty()) {
     if (!ahead_->storage()) return receive(to, MSG_PEEK, timeout_s);
-    if (const io_result received = refill(to.size(), timeout_s); received.count <= 0) return received;
+    if (const io_result received = refill(timeout_s); received.count <= 0) return received;
   }
   return {copy_held(*ahead_, to)};
 }
 
 int tcp_stream::write_all(std::span<const char> from) {
-  while (!from.empty()) {
-    const std::ptrdiff_t sent = ::send(sock_, from.data(), from.size(), MSG_NOSIGNAL);
-    if (sent < 0 && errno == EINTR) continue;
-    if (sent < 0) return -1;
-    from = from.subspan(static_cast<std::size_t>(sent));
-  }
-  return 0;
+  return dl_send_all(sock_, from.data(), from.size()) < 0 ? -1 : 0;
 }
 
 }  // namespace fetchrig
