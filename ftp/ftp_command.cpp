@@ -8,7 +8,7 @@
 #include "core/owners.h"
 #include "log/log.h"
 #include "log/printable.h"
-#include "net/connect.h"
+#include "net/socket.h"
 
 namespace fetchrig {
 namespace {
@@ -54,7 +54,8 @@ int ftp_command(const dl_ftp_session& session, std::string_view word,
   reply.set_length(0);
   const command_line line(word, argument);
   if (!line) return DL_ERR_MEMORY;
-  if (const int rc = dl_send_all(session.ctrl_sock, line.data(), line.size()); rc < 0) {
+  if (const int rc = dl_send_all(session.ctrl_sock, line.data(), static_cast<std::size_t>(line.size()));
+      rc < 0) {
     const std::string_view shown = word == password_word ? masked_password : line.without_end();
     log_line(DL_LOG_FTP, DL_LOG_ERROR, "Error send command %s\r\n\n", printable(shown).c_str());
     return rc;

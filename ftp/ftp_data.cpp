@@ -6,7 +6,6 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
 
@@ -94,21 +93,10 @@ int ftp_open_data(dl_ftp_session& session, ftp_reply& reply, int timeout_s) {
   const int rc = extended ? extended_target(session, *text, target) : passive_target(session, *text, target);
   if (rc < 0) return rc;
 
-  const int sock = dl_connect(target.host.data(), target.port, target.ipv6, timeout_s);
+  const int sock = connect_to_host(target.host.data(), target.port, target.ipv6, timeout_s);
   if (sock < 0) return sock;
   session.data_sock = sock;
   return 0;
-}
-
-void ftp_reset_on_close(int32_t sock) {
-  if (sock <= STDERR_FILENO) return;
-  const linger discard = {.l_onoff = 1, .l_linger = 0};
-  setsockopt(sock, SOL_SOCKET, SO_LINGER, &discard, sizeof discard);
-}
-
-void ftp_close_socket(int32_t& sock) {
-  if (sock > STDERR_FILENO) ::close(sock);
-  sock = 0;
 }
 
 }  // namespace fetchrig

@@ -13,12 +13,5 @@ namespace fetchrig {
 // exchange or the connection.
 [[nodiscard]] int ftp_open_data(dl_ftp_session& session, ftp_reply& reply, int timeout_s);
 
-// Makes closing the socket reset the connection instead of ending it in good order; nothing for a standard
-// stream.
-void ftp_reset_on_close(int32_t sock);
-
-// Closes one of a session's sockets, unless it is a standard stream, and marks it as none.
-void ftp_close_socket(int32_t& sock);
-
 }  // namespace fetchrig
 #endif

@@ -17,7 +17,7 @@
 #include "include/fetchrig.h"
 #include "log/log.h"
 #include "log/printable.h"
-#include "net/connect.h"
+#include "net/socket.h"
 
 namespace fetchrig {
 namespace {

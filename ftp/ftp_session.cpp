@@ -16,6 +16,7 @@
 #include "include/fetchrig.h"
 #include "log/log.h"
 #include "net/connect.h"
+#include "net/socket.h"
 
 namespace fetchrig {
 namespace {
@@ -100,7 +101,7 @@ int open_connections(dl_ftp_session& session, const ftp_login_data& data, const 
                      ftp_reply& reply) {
   const uint32_t port = data.port ? data.port : default_port;
   copy_text(session.host, data.host);
-  const int sock = dl_connect(session.host, static_cast<int>(port), options.ipv6, options.net_timeout_s);
+  const int sock = connect_to_host(session.host, static_cast<int>(port), options.ipv6, options.net_timeout_s);
   if (sock <= 0) return failed_step("Connect Error\n", sock);
   session.ctrl_sock = sock;
 
@@ -176,8 +177,8 @@ void dl_ftp_close(dl_ftp_session* session) {
   guarded([session] {
     const unique_malloc<dl_ftp_session> owner(session);
     cut.remove(*session);
-    ftp_close_socket(session->ctrl_sock);
-    ftp_close_socket(session->data_sock);
+    close_socket(session->ctrl_sock);
+    close_socket(session->data_sock);
     OPENSSL_cleanse(session, sizeof *session);
   });
 }

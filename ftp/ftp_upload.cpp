@@ -24,7 +24,7 @@
 #include "include/fetchrig.h"
 #include "log/log.h"
 #include "log/printable.h"
-#include "net/connect.h"
+#include "net/socket.h"
 
 namespace fetchrig {
 namespace {
@@ -183,8 +183,8 @@ int too_large(dl_result* result) {
 // A local file that cannot be read: the data connection is dropped. To the server a regular end would be the
 // end of the file. Returns -1 with the result filled.
 int drop_upload(dl_ftp_session& session, dl_result* result) {
-  ftp_reset_on_close(session.data_sock);
-  ftp_close_socket(session.data_sock);
+  reset_on_close(session.data_sock);
+  close_socket(session.data_sock);
   return fail(result, DL_ERR_READ);
 }
 
@@ -220,7 +220,7 @@ int send_file(dl_ftp_session& session, const char* local_path, dl_result* result
   if (!buffer) return fail(result, DL_ERR_MEMORY);
   const int count = send_contents(session, file.get(), local_path, {buffer.get(), piece_bytes}, result);
   // Whenever the connection is closed then, the server does not take the part for the whole.
-  if (count < 0) ftp_reset_on_close(session.data_sock);
+  if (count < 0) reset_on_close(session.data_sock);
   return count;
 }
 
@@ -265,7 +265,7 @@ int dl_ftp_send(dl_ftp_session* session, const char* local_path, dl_result* resu
   return guarded_transfer(result, [&] {
     const int count = send_file(*session, local_path, result);
     if (count < 0) return -1;
-    ftp_close_socket(session->data_sock);
+    close_socket(session->data_sock);
     return finish_transfer(*session, result) < 0 ? -1 : count;
   });
 }

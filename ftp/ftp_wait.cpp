@@ -5,7 +5,7 @@
 
 #include "include/fetchrig.h"
 #include "log/log.h"
-#include "net/connect.h"
+#include "net/socket.h"
 
 namespace fetchrig {
 
@@ -14,7 +14,7 @@ void ftp_log_failed_wait(int error) {
 }
 
 bool ftp_wait(int sock, int mode, int timeout_s) {
-  const int ready = dl_select(sock, mode, timeout_s);
+  const int ready = wait_ready(sock, mode, timeout_s);
   if (ready > 0) return true;
   // A time-out sets no errno; what an earlier call left there would name a cause that there was not.
   ftp_log_failed_wait(ready < 0 ? errno : 0);

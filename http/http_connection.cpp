@@ -3,16 +3,17 @@
 
 #include <errno.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <array>
 #include <exception>
 
 #include "core/config.h"
 #include "core/text.h"
-#include "include/fetchrig_openssl.h"
 #include "log/log.h"
+#include "net/connect.h"
 #include "net/line_reader.h"
+#include "net/socket.h"
+#include "net/tls.h"
 
 namespace fetchrig {
 namespace {
@@ -31,20 +32,22 @@ void read_tls_ahead(SSL* ssl) {
 
 int start_tls(http_channel& channel, const char* host) {
   const tls_options options = https_options();
-  SSL* ssl = nullptr;
-  SSL_CTX* ctx = nullptr;
   dl_http_session& session = channel.session;
-  const int rc =
-      dl_do_SSL_connect(session.sock, options.cert_file.data(), options.ca_dir.data(), options.method,
-                        options.verify_peer, options.verify_host, host, &ssl, &ctx);
+  tls_connection made;
+  const int rc = tls_connect(made, {.sock = session.sock,
+                                    .cert_file = options.cert_file.data(),
+                                    .ca_dir = options.ca_dir.data(),
+                                    .method = options.method,
+                                    .verify_peer = options.verify_peer != 0,
+                                    .verify_host = options.verify_host != 0,
+                                    .host = host});
   if (rc < 0) {
-    ::close(session.sock);
-    session.sock = 0;
+    close_socket(session.sock);
     return rc;
   }
-  read_tls_ahead(ssl);
-  session.ssl = ssl;
-  session.ssl_ctx = ctx;
+  read_tls_ahead(made.ssl.get());
+  session.ssl = made.ssl.release();
+  session.ssl_ctx = made.ctx.release();
   return 0;
 }
 
@@ -91,7 +94,7 @@ int give(std::string_view text, std::span<char> line) {
 
 int http_connect(http_channel& channel, const char* host, uint32_t port, tls_use tls) {
   const int timeout_s = net_timeout_seconds();
-  const int sock = dl_connect(host, static_cast<int>(port), ipv6_enabled(), timeout_s);
+  const int sock = connect_to_host(host, static_cast<int>(port), ipv6_enabled(), timeout_s);
   if (sock < 1) return sock;
   channel.session.sock = sock;
   return tls == tls_use::allowed && channel.is_tls() ? start_tls(channel, host) : 0;

@@ -3,7 +3,6 @@
 
 #include <openssl/err.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <array>
 #include <cstddef>
@@ -12,6 +11,7 @@
 
 #include "core/owners.h"
 #include "core/process_lock.h"
+#include "net/socket.h"
 #include "net/tls_bio.h"
 
 namespace fetchrig {
@@ -99,12 +99,11 @@ void free_headers(dl_http_session& session) {
 }
 
 void http_session_reset(http_channel& channel) {
-  constexpr int last_standard_descriptor = 2;
   dl_http_session& session = channel.session;
   free_chunk(channel);
   free_headers(session);
   if (channel.is_tls()) end_tls(session);
-  if (session.sock > last_standard_descriptor) ::close(session.sock);
+  close_socket(session.sock);
   if (channel.is_tls()) SSL_CTX_free(static_cast<SSL_CTX*>(session.ssl_ctx));
   session = {};
   session.magic = DL_HTTP_MAGIC;

@@ -8,8 +8,7 @@
 #include <algorithm>
 #include <new>
 
-#include "include/fetchrig_openssl.h"
-#include "net/connect.h"
+#include "net/socket.h"
 
 namespace fetchrig {
 namespace {
@@ -47,7 +46,7 @@ io_result tcp_stream::receive(std::span<char> to, int flags, int timeout_s) {
     if (errno != EAGAIN && errno != EWOULDBLOCK) return failed(false);
   }
   errno = 0;  // a wait that runs out sets none
-  if (dl_select(sock_, wait_readable, timeout_s) < 1) return failed(true);
+  if (wait_ready(sock_, wait_readable, timeout_s) < 1) return failed(true);
   const std::ptrdiff_t count = receive_once(sock_, to, flags);
   return count >= 0 ? io_result{count} : failed(false);
 }

@@ -1,6 +1,8 @@
 // tls.cpp: a TLS client session over a connected socket: protocol method, trusted CAs, client certificate,
 // handshake, and then the checks of chain and host name that the caller asks for. Every call makes its own
 // context.
+#include "net/tls.h"
+
 #include <arpa/inet.h>
 #include <errno.h>
 #include <netinet/in.h>
@@ -15,10 +17,8 @@
 #include "cert/tls_context.h"
 #include "core/boundary.h"
 #include "core/config.h"
-#include "core/openssl_owners.h"
 #include "core/small_file.h"
 #include "core/text.h"
-#include "include/fetchrig_openssl.h"
 #include "log/log.h"
 #include "net/tls_bio.h"
 #include "net/tls_host.h"
@@ -33,7 +33,7 @@ int refuse(const char* message) {
   return DL_ERR_CONNECT;
 }
 
-// Why OpenSSL's last call failed, at notice level: the fixed messages name the step, this the reason.
+// The first reason in OpenSSL's queue, at notice level: the fixed messages name the step, this the reason.
 void log_reason(const char* step) {
   const unsigned long error = ERR_peek_error();
   const char* reason = error ? ERR_reason_error_string(error) : nullptr;
@@ -165,11 +165,6 @@ int check_server(SSL* ssl, const char* host, bool check_host) {
   return distrust("Common name and subject alt name doesn't match host name\n");
 }
 
-struct tls_session {
-  unique_ssl_ctx ctx;
-  unique_ssl ssl;
-};
-
 int set_up(const char* cert_file, const char* ca_dir, int method, unique_ssl_ctx& ctx) {
   if (const int rc = make_context(method, ctx); rc < 0) return rc;
   if (const int rc = load_trusted_cas(ctx.get(), ca_dir); rc < 0) return rc;
@@ -180,23 +175,19 @@ int set_up(const char* cert_file, const char* ca_dir, int method, unique_ssl_ctx
 }
 
 }  // namespace
-}  // namespace fetchrig
 
-using namespace fetchrig;
-
-int dl_do_SSL_connect(int sock, const char* cert_file, const char* ca_dir, int method, int verify_peer,
-                      int verify_host, const char* host, SSL** ssl, SSL_CTX** ctx) {
-  if (!ssl || !ctx) return DL_ERR_CONNECT;
+int tls_connect(tls_connection& connection, const tls_request& request) {
   const auto work = [&]() -> int {
-    tls_session session;
-    if (const int rc = set_up(cert_file, ca_dir, method, session.ctx); rc < 0) return rc;
-    if (const int rc = hand_shake(sock, session.ctx.get(), host, session.ssl); rc < 0) return rc;
-    if (verify_peer) {
-      if (const int rc = check_server(session.ssl.get(), host, verify_host != 0); rc < 0) return rc;
-    }
-    *ssl = session.ssl.release();
-    *ctx = session.ctx.release();
+    tls_connection made;
+    int rc = set_up(request.cert_file, request.ca_dir, request.method, made.ctx);
+    if (rc < 0) return rc;
+    if (rc = hand_shake(request.sock, made.ctx.get(), request.host, made.ssl); rc < 0) return rc;
+    if (request.verify_peer) rc = check_server(made.ssl.get(), request.host, request.verify_host);
+    if (rc < 0) return rc;
+    connection = std::move(made);
     return 0;
   };
   return guarded(work, [] { return int{DL_ERR_CONNECT}; });
 }
+
+}  // namespace fetchrig

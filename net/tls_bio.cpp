@@ -12,7 +12,8 @@
 #include <atomic>
 #include <new>
 
-#include "net/connect.h"
+#include "log/clock.h"
+#include "net/socket.h"
 
 namespace fetchrig {
 namespace {

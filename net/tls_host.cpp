@@ -12,7 +12,6 @@
 #include <string_view>
 
 #include "core/text.h"
-#include "include/fetchrig.h"
 #include "log/log.h"
 
 namespace fetchrig {

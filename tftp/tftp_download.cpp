@@ -12,7 +12,7 @@
 #include "core/result.h"
 #include "include/fetchrig.h"
 #include "log/log.h"
-#include "net/connect.h"
+#include "net/socket.h"
 #include "tftp/tftp_session.h"
 
 namespace fetchrig {
@@ -132,7 +132,7 @@ int read_checked(dl_tftp_session& session, std::span<char> to, dl_result* result
 // Waits for the server's first answer, which the first read takes. A wait that fails is left for the read to
 // report.
 bool answered(const dl_tftp_session& session, int timeout_s) {
-  return dl_select(session.sock, wait_readable, std::max(timeout_s, min_answer_wait_s)) != 0;
+  return wait_ready(session.sock, wait_readable, std::max(timeout_s, min_answer_wait_s)) != 0;
 }
 
 // Reads into the file until the end. Returns 0 or -1 with the result filled.

@@ -2,8 +2,6 @@
 #include "tftp/tftp_session.h"
 
 #include <errno.h>
-#include <fcntl.h>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <stdlib.h>
 #include <string.h>
@@ -20,7 +18,8 @@
 #include "include/fetchrig.h"
 #include "log/log.h"
 #include "log/printable.h"
-#include "net/connect.h"
+#include "net/address.h"
+#include "net/socket.h"
 
 namespace fetchrig {
 
@@ -39,11 +38,6 @@ static_assert(offsetof(dl_tftp_session, block) == 8);
 static_assert(sizeof(void*) != 4 ||
               (offsetof(dl_tftp_session, server) == 24 && sizeof(dl_tftp_session) == 60));
 
-struct address_list_deleter {
-  void operator()(addrinfo* list) const { ::freeaddrinfo(list); }
-};
-using unique_address_list = std::unique_ptr<addrinfo, address_list_deleter>;
-
 sa_family_t server_family(const dl_tftp_session& session) {
   sa_family_t family;
   memcpy(&family, session.server, sizeof family);
@@ -59,13 +53,6 @@ void set_server_port(dl_tftp_session& session, in_port_t port) {
   memcpy(reinterpret_cast<char*>(session.server) + offsetof(sockaddr_in, sin_port), &port, sizeof port);
 }
 
-const addrinfo* first_usable(const addrinfo* answer, int ipv6) {
-  for (; answer; answer = answer->ai_next) {
-    if (answer->ai_family == AF_INET || (answer->ai_family == AF_INET6 && ipv6)) return answer;
-  }
-  return nullptr;
-}
-
 bool bind_port(int sock, int family, in_port_t port) {
   sockaddr_in any4 = {};
   sockaddr_in6 any6 = {};  // the wildcard address is all zeros
@@ -74,14 +61,6 @@ bool bind_port(int sock, int family, in_port_t port) {
   any4.sin_port = any6.sin6_port = htons(port);
   if (family == AF_INET) return ::bind(sock, reinterpret_cast<const sockaddr*>(&any4), sizeof any4) == 0;
   return ::bind(sock, reinterpret_cast<const sockaddr*>(&any6), sizeof any6) == 0;
-}
-
-// Close calls spare descriptors 0 to 2, and 0 in a record means no socket: in a process without standard
-// streams the socket is moved up.
-unique_fd datagram_socket(int family) {
-  unique_fd sock(::socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  if (!sock || sock.get() > 2) return sock;
-  return unique_fd(::fcntl(sock.get(), F_DUPFD_CLOEXEC, 3));
 }
 
 // Ports 1024 to 65534, drawn from a generator seeded with the time.
@@ -139,11 +118,11 @@ bool tftp_usable(const dl_tftp_session* session) {
 }
 
 int tftp_setup_socket(dl_tftp_session& session, const char* host, uint16_t port, int ipv6) {
-  const unique_address_list answers(dl_look_up_host(host, ipv6, SOCK_DGRAM));
+  const address_list answers = look_up_host(host, ipv6, SOCK_DGRAM);
   if (!answers) return DL_ERR_HOST;
   const addrinfo* chosen = first_usable(answers.get(), ipv6);
   if (!chosen) return DL_ERR_SOCKET;
-  unique_fd sock = datagram_socket(chosen->ai_family);
+  unique_fd sock = open_socket(chosen->ai_family, SOCK_DGRAM);
   if (!sock || !bind_random_port(sock.get(), chosen->ai_family)) return DL_ERR_SOCKET;
 
   memcpy(session.server, chosen->ai_addr, std::min<std::size_t>(chosen->ai_addrlen, sizeof session.server));
@@ -229,7 +208,7 @@ ssize_t tftp_receive(dl_tftp_session& session, int timeout_s, tftp_packet_buffer
   // The wait is repeated when a signal came in between, or when the datagram it saw was dropped (a bad
   // checksum).
   do {
-    if (const int ready = dl_select(session.sock, wait_readable, timeout_s); ready <= 0) {
+    if (const int ready = wait_ready(session.sock, wait_readable, timeout_s); ready <= 0) {
       // A time-out sets no errno.
       log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Error Select! errno %d\n", ready < 0 ? errno : 0);
       return fail(result, DL_ERR_READ);
@@ -274,7 +253,7 @@ void dl_tftp_close(dl_tftp_session* session) {
   fetchrig::guarded([session] {
     const fetchrig::unique_malloc<dl_tftp_session> record(session);
     const fetchrig::unique_text carry(session->carry);
-    const fetchrig::unique_fd sock(session->sock > 2 ? session->sock : -1);
+    fetchrig::close_socket(session->sock);
     ::explicit_bzero(session, sizeof *session);
   });
 }

@@ -1,6 +1,6 @@
 // connect.cpp: look-ups, connections, waits and whole sends, against sockets of the test on the loopback
 // interface.
-#include "net/connect.h"
+#include "net/socket.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
@@ -15,6 +15,7 @@
 #include <stop_token>
 
 #include "core/owners.h"
+#include "include/fetchrig_openssl.h"
 #include "tests/support/descriptors.h"
 #include "tests/support/log_capture.h"
 
