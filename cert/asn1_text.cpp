@@ -10,7 +10,6 @@
 #include "core/cursor.h"
 #include "core/openssl_owners.h"
 #include "core/text.h"
-#include "include/fetchrig.h"
 #include "log/log.h"
 
 namespace fetchrig {
@@ -77,7 +76,7 @@ void short_serial_to_text(const ASN1_INTEGER* serial, std::span<char> text) {
   const bool negative = static_cast<int32_t>(narrow) < 0;
   const unsigned long shown = negative ? static_cast<uint32_t>(0u - narrow) : narrow;
   const char* sign = negative ? "-" : "";
-  ::snprintf(text.data(), text.size(), "%s%lu (%s0x%lx)", sign, shown, sign, shown);
+  snprintf(text.data(), text.size(), "%s%lu (%s0x%lx)", sign, shown, sign, shown);
 }
 
 void long_serial_to_text(const ASN1_INTEGER* serial, std::span<char> text) {
@@ -96,10 +95,6 @@ void long_serial_to_text(const ASN1_INTEGER* serial, std::span<char> text) {
     append(i + 1 < content.size() ? ":" : " ");
   }
 }
-
-struct openssl_free {
-  void operator()(char* text) const { OPENSSL_free(text); }
-};
 
 // OpenSSL writes a backslash before each "/" and "+" of a value; the first "/" ends what is shown.
 std::string shown_value(std::string_view rendered) {
@@ -120,8 +115,8 @@ int asn1_time_to_text(const ASN1_TIME* time, std::span<char> text) {
     log_line(DL_LOG_CMN, DL_LOG_ERROR, "Bad time value\n");
     return -1;
   }
-  ::snprintf(text.data(), text.size(), "%s %2u %02u:%02u:%02u %u%s", month_names[read.month - 1], read.day,
-             read.hour, read.minute, read.second, read.year, bytes_of(time).ends_with('Z') ? " GMT" : "");
+  snprintf(text.data(), text.size(), "%s %2u %02u:%02u:%02u %u%s", month_names[read.month - 1], read.day,
+           read.hour, read.minute, read.second, read.year, bytes_of(time).ends_with('Z') ? " GMT" : "");
   return 0;
 }
 
@@ -133,13 +128,13 @@ void asn1_serial_to_text(const ASN1_INTEGER* serial, std::span<char> text) {
   }
 }
 
-// A name of the one element is rendered rather than the whole name, because in the rendering of a whole name
-// a value can look like the start of another element.
+// A name of the one element is rendered rather than the whole name, because in the rendering of a whole name a value
+// can look like the start of another element.
 std::optional<std::string> name_element(const X509_NAME* name, int nid) {
   const int at = X509_NAME_get_index_by_NID(name, nid, -1);
   const unique_x509_name alone(at < 0 ? nullptr : X509_NAME_new());
   if (!alone || X509_NAME_add_entry(alone.get(), X509_NAME_get_entry(name, at), -1, 0) != 1) return {};
-  const std::unique_ptr<char, openssl_free> line(X509_NAME_oneline(alone.get(), nullptr, 0));
+  const unique_openssl_text line(X509_NAME_oneline(alone.get(), nullptr, 0));
   cursor in(or_empty(line.get()));
   if (!in.take_until('=')) return std::nullopt;
   return shown_value(in.rest());

@@ -1,10 +1,9 @@
-// ca_info.h: describing one certificate file, with the reason when that fails: a listing of the store removes
-// what holds no certificate but keeps what merely could not be read now. No state; one certificate operation
-// at a time.
+// ca_info.h: the short description of a certificate file, and the check of the device certificate. Texts are cut to
+// 63 characters. No state; one certificate operation at a time.
 #ifndef FETCHRIG_CERT_CA_INFO_H
 #define FETCHRIG_CERT_CA_INFO_H
 
-#include <stdint.h>
+#include <openssl/x509.h>
 
 #include <span>
 
@@ -14,27 +13,24 @@
 
 namespace fetchrig {
 
-enum class certificate_read {
-  fine,
-  unusable,     // there is no file, or it was read to its end and holds no certificate
-  failed,       // not read: permissions, descriptors, memory, an I/O error, not a regular file, too large
-  setup_failed  // OpenSSL did not start
-};
-
-// The date as text, left alone when there is none or it cannot be read.
+// The date as text; the field is left alone when there is no date or it cannot be read.
 void fill_date(std::span<char, 64> field, const ASN1_TIME* time);
 
-// The certificate of a file; the source's stream then stands where it ended. Failures are logged.
-[[nodiscard]] certificate_read read_certificate(const cert_source& source, unique_x509& certificate);
+// read_certificate() for a description; a directory is told apart in the log.
+[[nodiscard]] certificate_read read_described(unique_x509& certificate, const cert_source& source);
 
-// Fill what the certificate alone tells. The record is not cleared first. False (logged) when a name is
-// missing.
-[[nodiscard]] bool fill_ca_info(X509* certificate, dl_ca_info& info);
-[[nodiscard]] bool fill_ca_info_ex(X509* certificate, dl_ca_info_ex& info);
+// Fills what the certificate alone tells. The record is not cleared first. False (logged) without a subject.
+[[nodiscard]] bool fill_ca_info(dl_ca_info& info, X509* certificate);
 
-// Fill the record of one file; failures are logged. `flags` bit 0: the private key too.
-[[nodiscard]] certificate_read describe_ca(const char* path, dl_ca_info& info);
-[[nodiscard]] certificate_read describe_ca_ex(const char* path, dl_ca_info_ex& info, uint32_t flags);
+// The same from a file; failures are logged.
+[[nodiscard]] certificate_read describe_ca(dl_ca_info& info, const char* path);
+
+// The same with the code of the exported call: 0, or -2 when the file holds no certificate or cannot be read.
+[[nodiscard]] int get_ca_info(dl_ca_info& info, const char* path);
+
+// Describes the device certificate, option 2, in a cleared record. 0, -2 as above, or -3 when its private key is
+// missing, cannot be opened or belongs to another certificate; the record is filled then.
+[[nodiscard]] int get_device_ca_info(dl_ca_info& info);
 
 }  // namespace fetchrig
 #endif

@@ -1,7 +1,7 @@
-// ca_store.cpp: installing CA certificates into the trusted-CA store and removing them. The store is a
-// directory tree in the hashed form that OpenSSL looks certificates up in: the file <hash>, beside it the
-// link <hash>.0 to it, and in the "ca/" subdirectory a link to that link. One certificate operation runs at a
-// time.
+// ca_store.cpp: changes the trusted-CA store.
+#include "cert/ca_store.h"
+
+#include <stdint.h>
 #include <stdio.h>
 #include <sys/stat.h>
 
@@ -13,7 +13,6 @@
 
 #include "cert/cert_file.h"
 #include "cert/directory.h"
-#include "cert/error_queue.h"
 #include "cert/shell.h"
 #include "cert/store_entries.h"
 #include "core/boundary.h"
@@ -30,13 +29,13 @@ constexpr int is_factory_ca = -3;
 
 std::string hash_name(uint32_t hash) {
   char name[9];
-  ::snprintf(name, sizeof name, "%08x", static_cast<unsigned>(hash));
+  snprintf(name, sizeof name, "%08x", static_cast<unsigned>(hash));
   return name;
 }
 
 void ensure_all_ca_directory(const std::string& path) {
   if (open_directory(path)) return;
-  if (make_directory(path) != 0) {
+  if (make_directory_by_shell(path) != 0) {
     log_line(DL_LOG_CMN, DL_LOG_ERROR, "Can't create directory all ca certs directory\n");
   }
 }
@@ -53,23 +52,20 @@ bool holds_hash(const unique_dir& directory, const std::string& path, uint32_t h
 int refuse_known_ca(const std::string& custom, uint32_t hash) {
   const unique_dir installed = open_or_make_directory(custom);
   if (!installed) {
-    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Can't open custom trust certs directory\n");
-    return not_installed;
+    return log_and_return(DL_LOG_CMN, not_installed, "Can't open custom trust certs directory\n");
   }
   ensure_all_ca_directory(custom + "ca/");
   if (holds_hash(installed, custom, hash)) {
-    log_line(DL_LOG_CMN, DL_LOG_ERROR, "the ca file file has existed in custom certs directory\n");
-    return already_installed;
+    return log_and_return(DL_LOG_CMN, already_installed,
+                          "the ca file file has existed in custom certs directory\n");
   }
   const std::string factory_path = custom + "phoneca/";
   const unique_dir factory = open_or_make_directory(factory_path);
   if (!factory) {
-    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Can't open factory prefabrication directory\n");
-    return not_installed;
+    return log_and_return(DL_LOG_CMN, not_installed, "Can't open factory prefabrication directory\n");
   }
   if (holds_hash(factory, factory_path, hash)) {
-    log_line(DL_LOG_CMN, DL_LOG_ERROR, "the ca file has existed by factory prefabrication\n");
-    return is_factory_ca;
+    return log_and_return(DL_LOG_CMN, is_factory_ca, "the ca file has existed by factory prefabrication\n");
   }
   return 0;
 }
@@ -101,8 +97,10 @@ void run_removal(const removal& each) {
   run_shell(each.command, is_there ? DL_LOG_ERROR : DL_LOG_INFO);
 }
 
+}  // namespace
+
 // Commands are formed before anything is done: what can be installed can be removed again.
-int install(const char* path) {
+int install_ca(const char* path) {
   const uint32_t hash = ca_file_hash(path);
   if (hash == 0) return not_installed;
   const std::string custom = trust_ca_dir().data();
@@ -111,11 +109,11 @@ int install(const char* path) {
   const auto link_file = shell_command(command_size, "ln -s", {file, link});
   const auto link_all = shell_command(command_size, "ln -s", {link, custom + "ca/" + hash_name(hash) + ".0"});
   if (!link_file || !link_all || !all_fit(removals_of(custom, hash))) {
-    log_line(DL_LOG_CMN, DL_LOG_ERROR, "path of the trust certs directory is too long\n");
-    return not_installed;
+    return log_and_return(DL_LOG_CMN, not_installed, "path of the trust certs directory is too long\n");
   }
   if (const int rc = refuse_known_ca(custom, hash); rc < 0) return rc;
-  dl_copy_file(path, file.c_str());
+  // A copy that fails is in the log, and ends nothing; nor does one without memory.
+  guarded([&] { dl_copy_file(path, file.c_str()); });
   give_owner_access(file, S_IRUSR | S_IWUSR);
   run_shell(link_file);
   run_shell(link_all);
@@ -138,24 +136,4 @@ void remove_ca(const char* path) {
   for (const removal& each : names) run_removal(each);
 }
 
-}  // namespace
 }  // namespace fetchrig
-
-int dl_install_ca(const char* path) {
-  using namespace fetchrig;
-  if (!path) return not_installed;
-  const clean_error_queue after;
-  return guarded([path] { return install(path); }, [] { return not_installed; });
-}
-
-int dl_del_ca(const char* path) {
-  using namespace fetchrig;
-  if (!path) return 0;
-  const clean_error_queue after;
-  return guarded(
-      [path] {
-        remove_ca(path);
-        return 0;
-      },
-      [] { return 0; });
-}

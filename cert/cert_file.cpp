@@ -5,9 +5,9 @@
 #include <openssl/pem.h>
 
 #include "cert/der_to_pem.h"
+#include "cert/error_queue.h"
 #include "cert/passphrase.h"
-#include "core/openssl_owners.h"
-#include "include/fetchrig_openssl.h"
+#include "include/fetchrig.h"
 #include "log/log.h"
 
 namespace fetchrig {
@@ -18,12 +18,50 @@ struct x509_infos_deleter {
 };
 using unique_x509_infos = std::unique_ptr<STACK_OF(X509_INFO), x509_infos_deleter>;
 
+// Why a source has no stream: the file is gone (or a link to nothing), or it is there but out of reach for now.
+certificate_read why_not_opened(int error) {
+  const bool gone = error == ENOENT || error == ENOTDIR || error == ELOOP;
+  return gone ? certificate_read::unusable : certificate_read::failed;
+}
+
+// Why a file that was read gave no certificate. Empties OpenSSL's error queue, which was empty before.
+certificate_read why_not_read(const small_file& file) {
+  const bool is_empty = file.bytes().empty();  // the one refusal without a reason
+  return !is_empty && ran_out_of_memory() ? certificate_read::failed : certificate_read::unusable;
+}
+
 }  // namespace
 
 cert_source::cert_source(const char* path)
     : file(path), encoding(file.error() == 0 ? encoding_of(file.bytes()) : encoding_none) {
   stream = file.stream();
   if (!stream) error = file.error() == 0 ? ENOMEM : file.error();
+}
+
+unique_x509 cert_source::certificate() const {
+  return load_cert_bio(encoding, stream.get());
+}
+
+unique_pkey cert_source::key() const {
+  return load_key_bio(encoding, file.stream().get());
+}
+
+unique_pkey cert_source::plain_key() const {
+  return unique_pkey(PEM_read_bio_PrivateKey(stream.get(), nullptr, no_password_cb, nullptr));
+}
+
+certificate_read read_certificate(unique_x509& certificate, const cert_source& source,
+                                  const read_messages& messages) {
+  if (!source.stream) {
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "%s", messages.not_opened);
+    return why_not_opened(source.error);
+  }
+  ERR_clear_error();
+  certificate = source.certificate();
+  if (certificate) return certificate_read::fine;
+  const certificate_read outcome = why_not_read(source.file);
+  log_line(DL_LOG_CMN, DL_LOG_ERROR, "%s", messages.no_certificate);
+  return outcome;
 }
 
 // Lines are looked at in parts of at most 1023 characters, each up to its first NUL.
@@ -43,17 +81,19 @@ int cert_file_format(const char* path) {
   return path ? cert_source(path).encoding : encoding_none;
 }
 
-X509* load_cert_bio(int encoding, BIO* bio) {
+unique_x509 load_cert_bio(int encoding, BIO* bio) {
   if (!bio) return nullptr;
-  if (encoding == encoding_pem) return PEM_read_bio_X509(bio, nullptr, no_password_cb, nullptr);
-  if (encoding == encoding_der) return d2i_X509_bio(bio, nullptr);
+  if (encoding == encoding_pem) return unique_x509(PEM_read_bio_X509(bio, nullptr, no_password_cb, nullptr));
+  if (encoding == encoding_der) return unique_x509(d2i_X509_bio(bio, nullptr));
   return nullptr;
 }
 
-EVP_PKEY* load_key_bio(int encoding, BIO* bio) {
+unique_pkey load_key_bio(int encoding, BIO* bio) {
   if (!bio) return nullptr;
-  if (encoding == encoding_pem) return PEM_read_bio_PrivateKey(bio, nullptr, option_password_cb, nullptr);
-  if (encoding == encoding_der) return d2i_PrivateKey_bio(bio, nullptr);
+  if (encoding == encoding_pem) {
+    return unique_pkey(PEM_read_bio_PrivateKey(bio, nullptr, option_password_cb, nullptr));
+  }
+  if (encoding == encoding_der) return unique_pkey(d2i_PrivateKey_bio(bio, nullptr));
   return nullptr;
 }
 
@@ -77,15 +117,9 @@ uint32_t ca_file_hash(const char* path) {
     return 0;
   }
   const cert_source source(path ? path : "");
-  if (!source.stream) {
-    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error ca_file\n");
-    return 0;
-  }
-  const unique_x509 certificate(load_cert_bio(source.encoding, source.stream.get()));
-  if (!certificate) {
-    log_line(DL_LOG_CMN, DL_LOG_ERROR, "unable to load certificate ca_file\n");
-    return 0;
-  }
+  constexpr read_messages messages = {"Bio_new_file error ca_file\n", "unable to load certificate ca_file\n"};
+  unique_x509 certificate;
+  if (read_certificate(certificate, source, messages) != certificate_read::fine) return 0;
   if (source.encoding == encoding_der && !rewrite_as_pem(path, certificate.get())) return 0;
   return static_cast<uint32_t>(X509_subject_name_hash(certificate.get()));
 }

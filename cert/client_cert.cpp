@@ -1,23 +1,19 @@
-// client_cert.cpp: issues the device's client certificate: key, request, certificate signed by the given root
-// CA.
+// client_cert.cpp: the steps from a subject to a signed certificate.
+#include "cert/client_cert.h"
+
 #include <openssl/asn1.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
-#include <string.h>
+#include <openssl/crypto.h>
 #include <time.h>
 
 #include <string_view>
 
 #include "cert/cert_file.h"
-#include "cert/error_queue.h"
 #include "cert/keygen.h"
-#include "cert/passphrase.h"
 #include "cert/private_file.h"
 #include "cert/subject.h"
 #include "core/boundary.h"
 #include "core/config.h"
 #include "core/openssl_owners.h"
-#include "include/fetchrig_openssl.h"
 #include "log/log.h"
 
 namespace fetchrig {
@@ -41,20 +37,17 @@ int device_key_for(device_key& result, const char* key_path, std::string_view su
 // A request for the subject, signed with the key; the signature has been tested. Null when a step fails.
 unique_x509_req signed_request(EVP_PKEY* key, const char* subject) {
   unique_x509_req request(X509_REQ_new());
-  if (!request || make_REQ(request.get(), key, subject, 1, MBSTRING_ASC) != 0) return nullptr;
+  if (!request || fill_request(request.get(), key, subject, MBSTRING_ASC) != 0) return nullptr;
   if (X509_REQ_sign(request.get(), key, EVP_md5()) <= 0) return nullptr;
   if (X509_REQ_verify(request.get(), key) <= 0) return nullptr;
   return request;
 }
 
 unique_x509 read_root_certificate(const char* path) {
-  const cert_source source(path);
-  if (!source.stream) {
-    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error root ca\n");
-    return nullptr;
-  }
-  unique_x509 certificate(load_cert_bio(source.encoding, source.stream.get()));
-  if (!certificate) log_line(DL_LOG_CMN, DL_LOG_ERROR, "unable to load certificate filename\n");
+  constexpr read_messages messages = {"Bio_new_file error root ca\n",
+                                      "unable to load certificate filename\n"};
+  unique_x509 certificate;
+  (void)read_certificate(certificate, cert_source(path), messages);
   return certificate;
 }
 
@@ -64,7 +57,7 @@ unique_pkey read_root_key(const char* path, const X509* root) {
     log_line(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error filename\n");
     return nullptr;
   }
-  unique_pkey key(PEM_read_bio_PrivateKey(source.stream.get(), nullptr, no_password_cb, nullptr));
+  unique_pkey key = source.plain_key();
   if (key && X509_check_private_key(root, key.get()) == 1) return key;
   log_line(DL_LOG_CMN, DL_LOG_ERROR, "CA certificate and CA private key do not match\n");
   return nullptr;
@@ -97,8 +90,16 @@ unique_x509 issue(X509_REQ* request, const X509* root, EVP_PKEY* root_key, const
   return nullptr;
 }
 
-int generate(const char* ca_cert, const char* ca_key, const char* key_path, const char* cert_path,
-             const char* subject, int bits) {
+}  // namespace
+
+int fill_request(X509_REQ* request, EVP_PKEY* key, const char* subject, int string_type) {
+  if (X509_REQ_set_version(request, 0) != 1) return -1;
+  if (!set_subject(request, subject, string_type)) return -1;
+  return X509_REQ_set_pubkey(request, key) == 1 ? 0 : -1;
+}
+
+int generate_client_cert(const char* ca_cert, const char* ca_key, const char* key_path, const char* cert_path,
+                         const char* subject, int bits) {
   device_key device;
   if (device_key_for(device, key_path, subject, bits) != 0) return -1;
   const unique_x509_req request = signed_request(device.key.get(), subject);
@@ -114,30 +115,9 @@ int generate(const char* ca_cert, const char* ca_key, const char* key_path, cons
   if (!text) return -1;
   // A failure is in the log and changes nothing below.
   (void)write_private_file(cert_path, text_of(text.get()), at_link::replace_link);
-  if (!device.reused) dl_cert_write_key(key_path, 0, device.key.get(), -1);
+  if (!device.reused)
+    guarded([&] { (void)write_key(key_path, device.key.get()); });  // nor does one without memory
   return 0;
 }
 
-}  // namespace
 }  // namespace fetchrig
-
-int make_REQ(X509_REQ* request, EVP_PKEY* key, const char* text, int /*unused*/, int string_type) {
-  const auto work = [&] {
-    if (X509_REQ_set_version(request, 0) != 1) return -1;
-    if (build_subject(request, text, string_type) != 1) return -1;
-    return X509_REQ_set_pubkey(request, key) == 1 ? 0 : -1;
-  };
-  return fetchrig::guarded(work, [] { return -1; });
-}
-
-int dl_generate_client_cert(const char* ca_cert, const char* ca_key, const char* key_file,
-                            const char* cert_file, const char* subject, int bits) {
-  if (!ca_cert || !ca_key || !key_file || !cert_file || !subject) {
-    fetchrig::log_line(DL_LOG_CMN, DL_LOG_ERROR, "Invalid Parameter\n");
-    return -1;
-  }
-  const fetchrig::clean_error_queue after;
-  return fetchrig::guarded(
-      [&] { return fetchrig::generate(ca_cert, ca_key, key_file, cert_file, subject, bits); },
-      [] { return -1; });
-}

@@ -10,7 +10,6 @@
 
 #include "cert/file_replacement.h"
 #include "cert/private_file.h"
-#include "include/fetchrig.h"
 #include "log/log.h"
 
 namespace fetchrig {

@@ -1,4 +1,6 @@
-// device_cert.cpp: installs, completes and deletes the device certificate, the PEM file that option 2 names.
+// device_cert.cpp: checks and writes the device certificate.
+#include "cert/device_cert.h"
+
 #include <errno.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
@@ -16,26 +18,13 @@
 #include "cert/private_file.h"
 #include "cert/shell.h"
 #include "cert/tls_check.h"
-#include "core/boundary.h"
 #include "core/config.h"
 #include "core/openssl_owners.h"
-#include "include/fetchrig_openssl.h"
+#include "include/fetchrig.h"
 #include "log/log.h"
 
 namespace fetchrig {
 namespace {
-
-// Results of dl_install_ser_ca().
-enum install_code {
-  installed = 0,
-  no_private_key = -2,
-  no_certificate = -3,
-  key_mismatch = -4,
-  set_up_failed = -5,
-  no_directory = -6,
-  path_or_method_or_same = -7,
-  same_as_factory = -8,
-};
 
 constexpr off_t max_file_bytes = max_small_file_bytes;
 
@@ -62,11 +51,6 @@ std::optional<device_paths> paths_from(std::string_view device_file) {
                       root_path + "/phonedev/WebServer.pem"};
 }
 
-int log_error(int code, const char* text) {
-  log_line(DL_LOG_CMN, DL_LOG_ERROR, "%s", text);
-  return code;
-}
-
 install_code code_for(tls_file_check outcome) {
   switch (outcome) {
     case tls_file_check::fine:
@@ -89,34 +73,12 @@ install_code code_for(tls_file_check outcome) {
 // The digest of the file's content; empty when it cannot be read, or is none that could have been installed.
 std::string content_digest(const std::string& path) {
   struct stat status;
-  if (::stat(path.c_str(), &status) == 0 && (!S_ISREG(status.st_mode) || status.st_size > max_file_bytes))
+  if (::stat(path.c_str(), &status) == 0 && (!S_ISREG(status.st_mode) || status.st_size > max_file_bytes)) {
     return {};
-  std::array<char, 33> digest = {};
-  if (dl_get_file_md5(path.c_str(), digest.data()) != 0) return {};
-  return digest.data();
-}
-
-int install(const char* path) {
-  if (SSL_library_init() != 1) return log_error(set_up_failed, "SSL_library_init error\n");
-  const option_text device_file = device_cert_file();
-  const int method = ssl_method();
-  const auto paths = paths_from(device_file.data());
-  if (!paths) return log_error(path_or_method_or_same, "Wrong server ca path\n");
-  const small_file file(path ? path : "");
-  if (const install_code code = code_for(check_tls_file(file, method)); code != installed) return code;
-  if (!open_or_make_directory(paths->root)) return log_error(no_directory, "Can't open trust_path\n");
-  if (!open_or_make_directory(paths->directory)) return log_error(no_directory, "Can't open serverdir\n");
-
-  const std::string digest = content_digest(path);
-  if (digest == content_digest(paths->custom)) {
-    return log_error(path_or_method_or_same, "cert file same to custom device cert file\n");
   }
-  if (digest == content_digest(paths->factory)) {
-    return log_error(same_as_factory, "cert file same to factory prefabrication device cert flie\n");
-  }
-  // A failure is in the log only; the old file is then as it was.
-  (void)write_private_file(device_file.data(), file.bytes(), at_link::replace_target);
-  return installed;
+  std::array<char, 33> digits;
+  if (dl_get_file_md5(path.c_str(), digits.data()) != 0) return {};
+  return digits.data();
 }
 
 using unique_encrypted_key = std::unique_ptr<X509_SIG, openssl_deleter<X509_SIG_free>>;
@@ -129,16 +91,20 @@ struct key_pair {
 // What the file holds of the two. False when it cannot be opened.
 bool read_part(key_pair& pair, const char* path) {
   const cert_source source(path);
-  if (!source.stream) return log_error(false, "Bio_new_file dev cert err\n");
-  pair.certificate.reset(load_cert_bio(source.encoding, source.stream.get()));
-  pair.key.reset(load_key_bio(source.encoding, source.file.stream().get()));
+  if (!source.stream) {
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file dev cert err\n");
+    return false;
+  }
+  pair.certificate = source.certificate();
+  pair.key = source.key();
   return true;
 }
 
 // Whether there is a private key in the file, be it encrypted or damaged.
 bool holds_key(const cert_source& source) {
-  if (source.encoding == encoding_pem)
-    return source.file.bytes().find("PRIVATE KEY-----") != std::string::npos;
+  if (source.encoding == encoding_pem) {
+    return source.file.bytes().find("PRIVATE KEY-----") != std::string_view::npos;
+  }
   const unique_bio bio = source.file.stream();
   return bio && unique_encrypted_key(d2i_PKCS8_bio(bio.get(), nullptr));
 }
@@ -155,13 +121,15 @@ bool complete_from_present(key_pair& pair, const char* path) {
   const bool is_empty = source.file.bytes().empty();
   ERR_clear_error();
   if (!pair.certificate) {
-    pair.certificate.reset(load_cert_bio(source.encoding, source.stream.get()));
+    pair.certificate = source.certificate();
     if (!pair.certificate && !is_empty && ran_out_of_memory()) return false;
   }
   if (pair.key) return true;
-  pair.key.reset(load_key_bio(source.encoding, source.file.stream().get()));
-  if (!pair.key && !is_empty && (ran_out_of_memory() || holds_key(source)))
-    return log_error(false, "the private key of the present device certificate can't be opened\n");
+  pair.key = source.key();
+  if (!pair.key && !is_empty && (ran_out_of_memory() || holds_key(source))) {
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "the private key of the present device certificate can't be opened\n");
+    return false;
+  }
   return true;
 }
 
@@ -174,18 +142,44 @@ bool make_server_directory(std::string_view device_file) {
     return false;
   }
   const std::string directory(device_file.substr(0, at + mark.size()));
-  if (open_directory(directory)) return true;
-  if (::mkdir(directory.c_str(), 0775) == 0) give_owner_access(directory, S_IRWXU);
-  if (open_directory(directory)) return true;
+  if (open_or_make_directory(directory, make_directory_by_call)) return true;
   log_line(DL_LOG_CMN, DL_LOG_ERROR, "Can't open serverdir\n");
   return false;
 }
 
-int install_separate(const char* path) {
+}  // namespace
+
+int install_device_cert(const char* path) {
+  if (SSL_library_init() != 1) return log_and_return(DL_LOG_CMN, set_up_failed, "SSL_library_init error\n");
+  const option_text device_file = device_cert_file();
+  const int method = ssl_method();
+  const auto paths = paths_from(device_file.data());
+  if (!paths) return log_and_return(DL_LOG_CMN, path_or_method_or_same, "Wrong server ca path\n");
+  const small_file file(path ? path : "");
+  if (const install_code code = code_for(check_tls_file(file, method)); code != installed) return code;
+  if (!open_or_make_directory(paths->root))
+    return log_and_return(DL_LOG_CMN, no_directory, "Can't open trust_path\n");
+  if (!open_or_make_directory(paths->directory))
+    return log_and_return(DL_LOG_CMN, no_directory, "Can't open serverdir\n");
+
+  const std::string digest = content_digest(path);
+  if (digest == content_digest(paths->custom)) {
+    return log_and_return(DL_LOG_CMN, path_or_method_or_same, "cert file same to custom device cert file\n");
+  }
+  if (digest == content_digest(paths->factory)) {
+    return log_and_return(DL_LOG_CMN, same_as_factory,
+                          "cert file same to factory prefabrication device cert flie\n");
+  }
+  // A failure is in the log only; the old file is then as it was.
+  (void)write_private_file(device_file.data(), file.bytes(), at_link::replace_target);
+  return installed;
+}
+
+int install_device_cert_part(const char* path) {
   const option_text device_file = device_cert_file();
   key_pair pair;
   if (!read_part(pair, path)) return -1;
-  if (!pair.certificate && !pair.key) return log_error(-1, "load dev cert err\n");
+  if (!pair.certificate && !pair.key) return log_and_return(DL_LOG_CMN, -1, "load dev cert err\n");
   if (!complete_from_present(pair, device_file.data())) return -1;
   if (!make_server_directory(device_file.data())) return -1;
   // The usual way to replace both is one after the other, so this state is allowed but worth knowing.
@@ -193,30 +187,12 @@ int install_separate(const char* path) {
     log_line(DL_LOG_CMN, DL_LOG_WARNING, "device certificate and private key do not belong together\n");
   }
   const unique_bio text = pem_text(pair.certificate.get(), pair.key.get());
-  if (!text) return log_error(-1, "Can't encode the device certificate\n");
+  if (!text) return log_and_return(DL_LOG_CMN, -1, "Can't encode the device certificate\n");
   return write_private_file(device_file.data(), text_of(text.get()), at_link::replace_target) ? 0 : -1;
 }
 
-}  // namespace
+void remove_device_cert() {
+  run_shell(shell_command(command_size, "rm", {device_cert_file().data()}));
+}
+
 }  // namespace fetchrig
-
-int dl_install_ser_ca(const char* path) {
-  using namespace fetchrig;
-  const clean_error_queue after;
-  return guarded([&] { return install(path); }, [] { return int{set_up_failed}; });
-}
-
-int dl_install_ser_ca_separate(const char* path) {
-  using namespace fetchrig;
-  if (!path) return log_error(-1, "Invaild paramter\n");
-  const clean_error_queue after;
-  return guarded([&] { return install_separate(path); }, [] { return -1; });
-}
-
-int dl_del_ser_ca(void) {
-  using namespace fetchrig;
-  const option_text device_file = device_cert_file();
-  guarded([&] { return run_shell(shell_command(command_size, "rm", {device_file.data()})); },
-          [] { return -1; });
-  return 0;
-}

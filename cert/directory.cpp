@@ -8,18 +8,24 @@
 namespace fetchrig {
 
 unique_dir open_directory(const std::string& path) {
-  return unique_dir(::opendir(path.c_str()));
+  return unique_dir(opendir(path.c_str()));
 }
 
-int make_directory(const std::string& path) {
+int make_directory_by_shell(const std::string& path) {
   const int status = run_shell(shell_command(command_size, "mkdir", {path}));
   if (status == 0) give_owner_access(path, S_IRWXU);
   return status;
 }
 
-unique_dir open_or_make_directory(const std::string& path) {
+int make_directory_by_call(const std::string& path) {
+  const int rc = ::mkdir(path.c_str(), 0775);
+  if (rc == 0) give_owner_access(path, S_IRWXU);
+  return rc;
+}
+
+unique_dir open_or_make_directory(const std::string& path, directory_maker make) {
   if (unique_dir directory = open_directory(path)) return directory;
-  make_directory(path);
+  make(path);
   return open_directory(path);
 }
 

@@ -4,18 +4,13 @@
 #include <errno.h>
 #include <openssl/bn.h>
 #include <openssl/crypto.h>
-#include <openssl/err.h>
-#include <openssl/pem.h>
 #include <openssl/rsa.h>
 
 #include <memory>
 
 #include "cert/cert_file.h"
 #include "cert/error_queue.h"
-#include "cert/passphrase.h"
 #include "cert/private_file.h"
-#include "core/boundary.h"
-#include "include/fetchrig_openssl.h"
 #include "log/log.h"
 
 namespace fetchrig {
@@ -34,7 +29,7 @@ key_file read_key_file(unique_pkey& key, const char* path) {
     return source.error == ENOENT || source.error == ENOTDIR ? key_file::absent : key_file::unusable;
   }
   ERR_clear_error();
-  key.reset(PEM_read_bio_PrivateKey(source.stream.get(), nullptr, no_password_cb, nullptr));
+  key = source.plain_key();
   if (key) return key_file::with_key;
   return ran_out_of_memory() ? key_file::unusable : key_file::without_key;
 }
@@ -52,7 +47,7 @@ unique_rsa generate_seeded_rsa(int bits, BIGNUM* exponent, const keygen_state& s
 
 unique_pkey generate_key(int bits, const keygen_state* start) {
   if (bits > OPENSSL_RSA_MAX_MODULUS_BITS)
-    return nullptr;  // OpenSSL would work for hours on a key that it cannot use
+    return nullptr;  // OpenSSL would work for hours on a key it cannot use
   const unique_bignum exponent(BN_new());
   if (!exponent || BN_set_word(exponent.get(), RSA_F4) != 1) return nullptr;
   const unique_rsa rsa =
@@ -84,32 +79,11 @@ int build_rsa_key(device_key& result, const char* path, int bits, const keygen_s
   return result.key ? 0 : -1;
 }
 
+int write_key(const char* path, EVP_PKEY* key) {
+  const unique_bio text = pem_text(nullptr, key);
+  if (!text) return -1;
+  (void)write_private_file(path, text_of(text.get()), at_link::replace_link);  // a failure is in the log only
+  return 0;
+}
+
 }  // namespace fetchrig
-
-int dl_cert_build_rsa_key(const char* path, int bits, EVP_PKEY** key, int* reused) {
-  using namespace fetchrig;
-  if (!path || !key || !reused) return -1;
-  const clean_error_queue after;
-  const auto build = [&] {
-    device_key result;
-    if (build_rsa_key(result, path, bits, nullptr) != 0) return -1;
-    if (result.reused) *reused = 1;
-    *key = result.key.release();
-    return 0;
-  };
-  return guarded(build, [] { return -1; });
-}
-
-int dl_cert_write_key(const char* path, int /*unused1*/, EVP_PKEY* key, int /*unused2*/) {
-  using namespace fetchrig;
-  if (!path || !key) return -1;
-  const clean_error_queue after;
-  const auto write = [&] {
-    const unique_bio text = pem_text(nullptr, key);
-    if (!text) return -1;
-    (void)write_private_file(path, text_of(text.get()),
-                             at_link::replace_link);  // a failure is in the log only
-    return 0;
-  };
-  return guarded(write, [] { return -1; });
-}

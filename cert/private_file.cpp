@@ -12,7 +12,6 @@
 
 #include "cert/file_replacement.h"
 #include "core/owners.h"
-#include "include/fetchrig.h"
 #include "log/log.h"
 #include "log/printable.h"
 

@@ -3,11 +3,8 @@
 
 #include <openssl/err.h>
 #include <openssl/objects.h>
-#include <openssl/x509.h>
 
-#include "core/boundary.h"
-#include "core/openssl_owners.h"
-#include "include/fetchrig_openssl.h"
+#include <utility>
 
 namespace fetchrig {
 namespace {
@@ -16,8 +13,7 @@ constexpr std::size_t max_common_name_len = 511;
 
 enum class piece_end { delimiter, text_end, malformed };
 
-// Appends the characters before the next unescaped `delimiter` to `piece` and consumes them with the
-// delimiter.
+// Appends the characters before the next unescaped `delimiter` to `piece` and consumes them with the delimiter.
 piece_end take_piece(std::string_view& rest, char delimiter, std::string& piece) {
   while (!rest.empty()) {
     char c = rest.front();
@@ -44,17 +40,6 @@ bool add_element(X509_NAME* name, const subject_element& element, int string_typ
   return X509_NAME_add_entry_by_NID(name, nid, string_type, value, -1, -1, 0) == 1;
 }
 
-unique_x509_name name_from_text(const char* text, int string_type) {
-  const auto elements = parse_subject(text);
-  if (!elements) return nullptr;
-  unique_x509_name name(X509_NAME_new());
-  if (!name) return nullptr;
-  for (const subject_element& element : *elements) {
-    if (!add_element(name.get(), element, string_type)) return nullptr;
-  }
-  return name;
-}
-
 }  // namespace
 
 std::optional<std::vector<subject_element>> parse_subject(std::string_view text) {
@@ -78,18 +63,20 @@ std::optional<std::string_view> raw_common_name(std::string_view subject) {
   return name.substr(0, name.find('/'));
 }
 
+unique_x509_name subject_name(const char* text, int string_type) {
+  const auto elements = text ? parse_subject(text) : std::nullopt;
+  if (!elements) return nullptr;
+  unique_x509_name name(X509_NAME_new());
+  if (!name) return nullptr;
+  for (const subject_element& element : *elements) {
+    if (!add_element(name.get(), element, string_type)) return nullptr;
+  }
+  return name;
+}
+
+bool set_subject(X509_REQ* request, const char* text, int string_type) {
+  const unique_x509_name name = subject_name(text, string_type);
+  return name && X509_REQ_set_subject_name(request, name.get()) == 1;
+}
+
 }  // namespace fetchrig
-
-X509_NAME* do_subject(const char* text, int string_type) {
-  if (!text) return nullptr;
-  return fetchrig::guarded([&] { return fetchrig::name_from_text(text, string_type).release(); },
-                           []() -> X509_NAME* { return nullptr; });
-}
-
-int build_subject(X509_REQ* request, const char* text, int string_type) {
-  const auto work = [&] {
-    const fetchrig::unique_x509_name name(do_subject(text, string_type));
-    return name && X509_REQ_set_subject_name(request, name.get()) == 1 ? 1 : 0;
-  };
-  return fetchrig::guarded(work, [] { return 0; });
-}

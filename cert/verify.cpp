@@ -1,22 +1,21 @@
-// verify.cpp: verifies a certificate file against a CA file and a CA directory.
+// verify.cpp: verifies certificate files.
 #include "cert/verify.h"
 
 #include <openssl/err.h>
 #include <openssl/ssl.h>
-#include <openssl/x509_vfy.h>
 #include <stdio.h>
 
 #include <algorithm>
 #include <string_view>
 
+#include "cert/asn1_text.h"
 #include "cert/cert_file.h"
 #include "cert/error_queue.h"
 #include "cert/tls_check.h"
-#include "core/boundary.h"
 #include "core/config.h"
 #include "core/openssl_owners.h"
 #include "core/result.h"
-#include "include/fetchrig_openssl.h"
+#include "core/text.h"
 #include "log/log.h"
 #include "log/printable.h"
 
@@ -57,22 +56,22 @@ struct verdict {
 };
 
 // The advance check: 0, or -1 with the record filled.
-int check_in_advance(const char* path, dl_result* result) {
+int check_in_advance(dl_result& result, const char* path) {
   log_line(DL_LOG_CMN, DL_LOG_INFO, "verify advance\n");
   switch (check_tls_file(small_file(path), ssl_method())) {
     case tls_file_check::fine:
       return 0;
     case tls_file_check::wrong_method:
-      return fail_with_text(result, DL_VERIFY_METHOD, "");
+      return fail_with_text(&result, DL_VERIFY_METHOD, "");
     case tls_file_check::no_context:
     case tls_file_check::no_ca_file:
-      return fail_with_text(result, DL_VERIFY_SETUP, "");
+      return fail_with_text(&result, DL_VERIFY_SETUP, "");
     case tls_file_check::no_certificate:
-      return fail_with_text(result, DL_VERIFY_NO_CERTIFICATE, "Can't load public key\n");
+      return fail_with_text(&result, DL_VERIFY_NO_CERTIFICATE, "Can't load public key\n");
     case tls_file_check::no_key:
-      return fail_with_text(result, DL_VERIFY_NO_KEY, "Can't load private key");
+      return fail_with_text(&result, DL_VERIFY_NO_KEY, "Can't load private key");
     case tls_file_check::key_mismatch:
-      return fail_with_text(result, DL_VERIFY_KEY_MISMATCH, "Private key does not match");
+      return fail_with_text(&result, DL_VERIFY_KEY_MISMATCH, "Private key does not match");
   }
   return -1;
 }
@@ -114,7 +113,7 @@ bool add_ca_directory(X509_STORE* store, const char* ca_dir) {
 unique_x509_store make_store(const char* ca_dir, const char* ca_file) {
   unique_x509_store store(X509_STORE_new());
   if (!store) return nullptr;
-  X509_STORE_set_verify_cb(store.get(), cb);
+  X509_STORE_set_verify_cb(store.get(), on_verification);
   if (!add_ca_file(store.get(), ca_file)) return nullptr;
   if (!add_ca_directory(store.get(), ca_dir)) return nullptr;
   return store;
@@ -123,7 +122,7 @@ unique_x509_store make_store(const char* ca_dir, const char* ca_file) {
 unique_x509 read_certificate(const char* path) {
   const cert_source source = open_source(path);
   if (!source.stream) log_line(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file error ca_file\n");
-  unique_x509 certificate(load_cert_bio(source.encoding, source.stream.get()));
+  unique_x509 certificate = source.certificate();
   if (!certificate) print_error_queue();
   return certificate;
 }
@@ -145,32 +144,22 @@ verdict verify(X509_STORE* store, X509* certificate) {
   return {false, answer == 0 ? X509_STORE_CTX_get_error(context.get()) : X509_V_OK};
 }
 
-int fail_verification(dl_result* result, int error) {
-  char message[sizeof result->message];
+int fail_verification(dl_result& result, int error) {
+  char message[sizeof result.message];
   snprintf(message, sizeof message, "verify err:%s",
            error == X509_V_OK ? "" : X509_verify_cert_error_string(error));
-  return fail_with_text(result, verify_code(error), message);
+  return fail_with_text(&result, verify_code(error), message);
 }
 
-int verify_file(const char* path, const char* ca_dir, const char* ca_file, dl_result* result) {
+int verify_file(dl_result& result, const char* path, const char* ca_dir, const char* ca_file) {
   ERR_clear_error();
   const unique_x509_store store = make_store(ca_dir, ca_file);
-  if (!store) return fail_with_text(result, DL_VERIFY_SETUP, "");
+  if (!store) return fail_with_text(&result, DL_VERIFY_SETUP, "");
   const unique_x509 certificate = read_certificate(path);
   if (!certificate) return fail_verification(result, X509_V_OK);
   fprintf(stdout, "%s: ", path);
   const verdict found = verify(store.get(), certificate.get());
   return found.verified ? 0 : fail_verification(result, found.error);
-}
-
-int check_and_verify(const char* path, const char* ca_dir, const char* ca_file, uint32_t flags,
-                     dl_result* result) {
-  if (SSL_library_init() != 1) {
-    log_line(DL_LOG_CMN, DL_LOG_ERROR, "SSL_library_init error\n");
-    return fail_with_text(result, DL_VERIFY_SETUP, "");
-  }
-  if ((flags & flag_advance_check) && check_in_advance(path, result) != 0) return -1;
-  return verify_file(path, ca_dir, ca_file, result);
 }
 
 }  // namespace
@@ -182,16 +171,13 @@ dl_cert_verify_code verify_code(int error) {
   return found == end ? DL_VERIFY_OTHER : found->code;
 }
 
-}  // namespace fetchrig
-
-int cb(int ok, X509_STORE_CTX* context) {
-  using namespace fetchrig;
+int on_verification(int ok, X509_STORE_CTX* context) {
   if (ok) return ok;
   const X509* certificate = X509_STORE_CTX_get_current_cert(context);
-  char* subject = certificate ? X509_NAME_oneline(X509_get_subject_name(certificate), nullptr, 0) : nullptr;
-  const auto shown = std::string_view(subject ? subject : "").substr(0, max_subject_len);
+  const unique_openssl_text subject(
+      certificate ? X509_NAME_oneline(X509_get_subject_name(certificate), nullptr, 0) : nullptr);
+  const std::string_view shown = or_empty(subject.get()).substr(0, max_subject_len);
   log_line(DL_LOG_CMN, DL_LOG_NOTICE, "%s\n", printable(shown).c_str());
-  OPENSSL_free(subject);
   const int error = X509_STORE_CTX_get_error(context);
   log_line(DL_LOG_CMN, DL_LOG_NOTICE, "verify cb error %d at %d depth lookup:%s\n", error,
            X509_STORE_CTX_get_error_depth(context), X509_verify_cert_error_string(error));
@@ -199,15 +185,15 @@ int cb(int ok, X509_STORE_CTX* context) {
   return std::find(std::begin(tolerated_errors), end, error) != end ? 1 : 0;
 }
 
-int dl_cert_verify(const char* path, const char* ca_dir, const char* ca_file, uint32_t flags,
-                   dl_result* result) {
-  using namespace fetchrig;
-  if (!result || !path) {
-    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Invalid Parameter\n");
-    return fail_with_text(result, DL_VERIFY_PARAMETER, "");
+int verify_certificate(dl_result& result, const char* path, const char* ca_dir, const char* ca_file,
+                       uint32_t flags) {
+  clear_result(result);
+  if (SSL_library_init() != 1) {
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "SSL_library_init error\n");
+    return fail_with_text(&result, DL_VERIFY_SETUP, "");
   }
-  const clean_error_queue after;
-  clear_result(*result);
-  return guarded([&] { return check_and_verify(path, ca_dir, ca_file, flags, result); },
-                 [result] { return fail_with_text(result, DL_VERIFY_SETUP, ""); });
+  if ((flags & flag_advance_check) && check_in_advance(result, path) != 0) return -1;
+  return verify_file(result, path, ca_dir, ca_file);
 }
+
+}  // namespace fetchrig

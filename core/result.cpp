@@ -65,6 +65,11 @@ int fail(dl_result* result, int code) {
   return -1;
 }
 
+int fail_with_code(dl_result* result, int code) {
+  if (result) result->code = code;
+  return -1;
+}
+
 int fail_with_text(dl_result* result, int code, const char* text, unsigned max_len) {
   if (!result) return -1;
   result->code = code;

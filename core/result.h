@@ -16,6 +16,9 @@ void clear_result(dl_result& result);
 // Stores the code and its text and returns -1. A null record is allowed.
 int fail(dl_result* result, int code);
 
+// Stores the code alone, the message stays as it is, and returns -1. A null record is allowed.
+int fail_with_code(dl_result* result, int code);
+
 // Stores the code and a text of its own (cut to `max_len` characters, 255 at most) and returns -1.
 int fail_with_text(dl_result* result, int code, const char* text, unsigned max_len = 255);
 

@@ -9,6 +9,7 @@
 
 #include "cert/asn1_text.h"
 #include "cert/ca_info.h"
+#include "cert/ca_info_ex.h"
 #include "cert/cert_file.h"
 #include "fuzz/support/check.h"
 
@@ -30,7 +31,7 @@ void check_date(std::span<const char, 64> field) {
 
 void check_short(X509* certificate) {
   dl_ca_info info{};
-  FUZZ_CHECK(fill_ca_info(certificate, info));
+  FUZZ_CHECK(fill_ca_info(info, certificate));
   check_text(info.cn);
   check_text(info.org);
   check_date(info.not_after);
@@ -39,7 +40,7 @@ void check_short(X509* certificate) {
 
 void check_long(X509* certificate) {
   dl_ca_info_ex info{};
-  FUZZ_CHECK(fill_ca_info_ex(certificate, info));
+  FUZZ_CHECK(fill_ca_info_ex(info, certificate));
   for (const auto field : {std::span<const char, 64>(info.serial), std::span<const char, 64>(info.sig_alg),
                            std::span<const char, 64>(info.key_alg), std::span<const char, 64>(info.issuer),
                            std::span<const char, 64>(info.subject)}) {
@@ -56,7 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
   const std::string_view bytes(reinterpret_cast<const char*>(data), size);
   const int encoding = bytes.find("BEGIN") != bytes.npos ? encoding_pem : encoding_der;
   const unique_bio bio(BIO_new_mem_buf(data, static_cast<int>(size)));
-  const unique_x509 certificate(bio ? load_cert_bio(encoding, bio.get()) : nullptr);
+  const unique_x509 certificate = load_cert_bio(encoding, bio.get());
   if (certificate) {
     check_short(certificate.get());
     check_long(certificate.get());
