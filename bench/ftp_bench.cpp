@@ -1,7 +1,8 @@
 // ftp_bench.cpp: CPU time of FTP transfers of a large file, compared with a bare client that does nothing but
 // receive and write (read and send) 64 KiB at a time. The server is a forked process, so that only the
 // client's time counts. Prints the best time of each and their ratio; fails when the library takes more than
-// 1.3 times the bare client's time. Argument: MiB to move (default 512).
+// 1.3 times the bare client's time for a download, or more than 0.7 times for an upload, whose bytes need not pass
+// through the process. Argument: MiB to move (default 512).
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
@@ -25,7 +26,8 @@ namespace {
 
 constexpr std::size_t piece_bytes = 65536;
 constexpr int rounds = 7;
-constexpr double allowed_ratio = 1.3;
+constexpr double allowed_download_ratio = 1.3;
+constexpr double allowed_upload_ratio = 0.7;
 
 void send_all(int sock, const char* from, std::size_t length) {
   for (std::size_t done = 0; done < length;) {
@@ -163,6 +165,15 @@ void our_upload(uint16_t port, const char* path) {
 
 using transfer = void (*)(uint16_t port, const char* path);
 
+struct contest {
+  const char* name;
+  transfer ours;
+  transfer bare;
+  double allowed_ratio;
+};
+constexpr contest download = {"download", our_download, bare_download, allowed_download_ratio};
+constexpr contest upload = {"upload", our_upload, bare_upload, allowed_upload_ratio};
+
 double measure(transfer run, uint16_t port, const char* path) {
   const double start = cpu_seconds();
   run(port, path);
@@ -170,17 +181,17 @@ double measure(transfer run, uint16_t port, const char* path) {
 }
 
 // Runs both in turns, so that a busy machine slows both. Returns whether the ratio is allowed.
-bool compare(const char* name, transfer ours, transfer bare, uint16_t port, const char* path, long mib) {
+bool compare(const contest& both, uint16_t port, const char* path, long mib) {
   double best_ours = 1e9;
   double best_bare = 1e9;
   for (int round = 0; round < rounds; ++round) {
-    best_bare = std::min(best_bare, measure(bare, port, path));
-    best_ours = std::min(best_ours, measure(ours, port, path));
+    best_bare = std::min(best_bare, measure(both.bare, port, path));
+    best_ours = std::min(best_ours, measure(both.ours, port, path));
   }
   const double ratio = best_ours / best_bare;
-  printf("ftp %-8s %4ld MiB: library %.3f s CPU, bare client %.3f s CPU, ratio %.2f (at most %.1f)\n", name,
-         mib, best_ours, best_bare, ratio, allowed_ratio);
-  return ratio <= allowed_ratio;
+  printf("ftp %-8s %4ld MiB: library %.3f s CPU, bare client %.3f s CPU, ratio %.2f (at most %.1f)\n",
+         both.name, mib, best_ours, best_bare, ratio, both.allowed_ratio);
+  return ratio <= both.allowed_ratio;
 }
 
 }  // namespace
@@ -202,9 +213,9 @@ int main(int argc, char** argv) {
   char directory[] = "/tmp/ftp_bench.XXXXXX";
   if (!mkdtemp(directory)) die(directory);
   const std::string path = std::string(directory) + "/file";
-  bool good = compare("download", our_download, bare_download, port, path.c_str(), mib);
+  bool good = compare(download, port, path.c_str(), mib);
   // What the download left is what the upload sends.
-  good = compare("upload", our_upload, bare_upload, port, path.c_str(), mib) && good;
+  good = compare(upload, port, path.c_str(), mib) && good;
   unlink(path.c_str());
   rmdir(directory);
   kill(server, SIGKILL);

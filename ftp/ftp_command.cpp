@@ -5,10 +5,12 @@
 #include <openssl/crypto.h>
 #include <string.h>
 
+#include <span>
+
 #include "core/owners.h"
 #include "log/log.h"
 #include "log/printable.h"
-#include "net/socket.h"
+#include "net/tcp_stream.h"
 
 namespace fetchrig {
 namespace {
@@ -34,8 +36,7 @@ class command_line {
   command_line& operator=(const command_line&) = delete;
 
   explicit operator bool() const { return text_ != nullptr; }
-  const char* data() const { return text_.get(); }
-  int size() const { return static_cast<int>(length_); }
+  std::span<const char> bytes() const { return {text_.get(), length_}; }
   std::string_view without_end() const { return {text_.get(), length_ - 2}; }
 
  private:
@@ -54,11 +55,10 @@ int ftp_command(const dl_ftp_session& session, std::string_view word,
   reply.set_length(0);
   const command_line line(word, argument);
   if (!line) return DL_ERR_MEMORY;
-  if (const int rc = dl_send_all(session.ctrl_sock, line.data(), static_cast<std::size_t>(line.size()));
-      rc < 0) {
+  tcp_stream control(session.ctrl_sock);
+  if (control.write_all(line.bytes()) < 0) {
     const std::string_view shown = word == password_word ? masked_password : line.without_end();
-    log_line(DL_LOG_FTP, DL_LOG_ERROR, "Error send command %s\r\n\n", printable(shown).c_str());
-    return rc;
+    return log_and_return(DL_LOG_FTP, DL_ERR_SEND, "Error send command %s\r\n\n", printable(shown).c_str());
   }
   return dl_recv_reply(session, reply, expected);
 }

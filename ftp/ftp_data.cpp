@@ -9,23 +9,16 @@
 
 #include <array>
 
-#include "core/boundary.h"
 #include "core/config.h"
-#include "core/result.h"
+#include "ftp/ftp_codes.h"
 #include "ftp/ftp_command.h"
 #include "ftp/ftp_parse.h"
-#include "include/fetchrig.h"
 #include "log/log.h"
 #include "log/printable.h"
 #include "net/connect.h"
 
 namespace fetchrig {
 namespace {
-
-constexpr ftp_expected extended_passive = {229};
-constexpr ftp_expected passive = {227};
-// Part of the answer of a server that cannot do EPSV for this network protocol.
-constexpr std::string_view protocol_not_supported = "522";
 
 // A host text and a port to connect to.
 struct data_target {
@@ -69,26 +62,23 @@ int extended_target(const dl_ftp_session& session, std::string_view text, data_t
 // Sends EPSV or PASV; turns `extended` off when the server had to be asked with PASV after all.
 int request_endpoint(const dl_ftp_session& session, ftp_reply& reply, bool& extended) {
   if (extended) {
-    const int rc = ftp_command(session, "EPSV", {}, reply, extended_passive);
-    if (rc != DL_ERR_FTP_REPLY || reply.line().find(protocol_not_supported) == std::string_view::npos) {
+    const int rc = ftp_command(session, "EPSV", {}, reply, {ftp_extended_passive});
+    if (rc != DL_ERR_FTP_REPLY || reply.line().find(ftp_protocol_not_supported) == std::string_view::npos) {
       return rc;
     }
     log_line(DL_LOG_FTP, DL_LOG_WARNING, "DL_ERRFTP:[%s], Try use PASV\n", printable(reply.line()).c_str());
     extended = false;
   }
-  return ftp_command(session, "PASV", {}, reply, passive);
+  return ftp_command(session, "PASV", {}, reply, {ftp_passive});
 }
 
 }  // namespace
 
-int ftp_open_data(dl_ftp_session& session, ftp_reply& reply, int timeout_s) {
+int ftp_create_data_conn(dl_ftp_session& session, ftp_reply& reply, int timeout_s) {
   bool extended = ipv6_enabled() != 0;
   if (const int rc = request_endpoint(session, reply, extended); rc < 0) return rc;
   const auto text = ftp_parenthesised(reply.line());
-  if (!text) {
-    log_line(DL_LOG_FTP, DL_LOG_ERROR, "Passive mode string format error\n");
-    return DL_ERR_FTP_REPLY;
-  }
+  if (!text) return log_and_return(DL_LOG_FTP, DL_ERR_FTP_REPLY, "Passive mode string format error\n");
   data_target target;
   const int rc = extended ? extended_target(session, *text, target) : passive_target(session, *text, target);
   if (rc < 0) return rc;
@@ -100,18 +90,3 @@ int ftp_open_data(dl_ftp_session& session, ftp_reply& reply, int timeout_s) {
 }
 
 }  // namespace fetchrig
-
-int dl_ftp_create_data_conn(dl_ftp_session* session, char* reply, int32_t reply_size, int32_t timeout_s) {
-  using namespace fetchrig;
-  const bool good = session && session->magic == DL_FTP_MAGIC && reply && reply_size > 0 &&
-                    strnlen(session->host, sizeof session->host) < sizeof session->host;
-  if (!good) {
-    log_line(DL_LOG_FTP, DL_LOG_ERROR, "ftp data connection with invalid parameter\n");
-    return DL_ERR_PARAMETER;
-  }
-  const auto open = [&] {
-    ftp_reply line({reply, static_cast<std::size_t>(reply_size)});
-    return ftp_open_data(*session, line, timeout_s);
-  };
-  return guarded(open, [] { return int{DL_ERR_MEMORY}; });
-}

@@ -11,7 +11,7 @@ namespace fetchrig {
 // Asks for a passive endpoint and connects to it. Returns 0 with session.data_sock set, whatever it held
 // before, -15 for an answer that refuses or cannot be used (it is then in `reply`), or the code of the
 // exchange or the connection.
-[[nodiscard]] int ftp_open_data(dl_ftp_session& session, ftp_reply& reply, int timeout_s);
+[[nodiscard]] int ftp_create_data_conn(dl_ftp_session& session, ftp_reply& reply, int timeout_s);
 
 }  // namespace fetchrig
 #endif

@@ -1,41 +1,30 @@
-// ftp_download.cpp: fetching a file. SIZE tells how many bytes there are, and exactly those are read from the
-// data connection; how the server ends it does not matter.
-#include <errno.h>
-#include <sys/socket.h>
+// ftp_download.cpp: fetching a file.
+#include "ftp/ftp_download.h"
 
 #include <algorithm>
 
-#include "core/boundary.h"
 #include "core/config.h"
 #include "core/download_file.h"
 #include "core/result.h"
 #include "core/text.h"
 #include "ftp/ftp_command.h"
 #include "ftp/ftp_parse.h"
-#include "ftp/ftp_session.h"
 #include "ftp/ftp_wait.h"
-#include "include/fetchrig.h"
 #include "log/log.h"
-#include "log/printable.h"
-#include "net/socket.h"
+#include "net/tcp_stream.h"
 
 namespace fetchrig {
 namespace {
 
-constexpr int size_known = 213;
-constexpr int last_good_retr_code = 150;
 // A file is delivered in reads of this size; totals and the size limit are judged in it.
 constexpr uint32_t file_step = 512;
 
 int ask_size(dl_ftp_session& session, std::string_view name, ftp_reply& reply) {
   log_line(DL_LOG_FTP, DL_LOG_INFO, "Sending size cmd to get file size\n");
-  int rc = ftp_command(session, "SIZE", name, reply, {size_known});
+  int rc = ftp_command(session, "SIZE", name, reply, {ftp_size_known});
   const auto size = rc < 0 ? std::nullopt : ftp_size_answer(reply.line());
   if (rc >= 0 && !size) rc = DL_ERR_FTP_REPLY;
-  if (rc < 0) {
-    log_line(DL_LOG_FTP, DL_LOG_ERROR, "Get file size error\n");
-    return rc;
-  }
+  if (rc < 0) return log_and_return(DL_LOG_FTP, rc, "Get file size error\n");
   if (*size > UINT32_MAX) {
     log_line(DL_LOG_FTP, DL_LOG_WARNING, "File of 4 GiB or more, its end is out of reach\n");
     ftp_mark_cut(session);
@@ -47,46 +36,25 @@ int ask_size(dl_ftp_session& session, std::string_view name, ftp_reply& reply) {
 
 int request_file(const dl_ftp_session& session, std::string_view name, ftp_reply& reply) {
   const int code = ftp_command(session, "RETR", name, reply);
-  if (code > last_good_retr_code) {
-    log_line(DL_LOG_FTP, DL_LOG_ERROR, "Server response wrong code : %d\n", code);
-    return DL_ERR_FTP_REPLY;
+  if (code > ftp_about_to_open_data) {
+    return log_and_return(DL_LOG_FTP, DL_ERR_FTP_REPLY, "Server response wrong code : %d\n", code);
   }
-  if (code < 0) {
-    log_line(DL_LOG_FTP, DL_LOG_ERROR, "Send RETR cmd Error\n");
-    return code;
-  }
-  return 0;
-}
-
-int open_download(const ftp_outcome& out, const ftp_login_data& login, const char* path) {
-  if (!ftp_check_open(out, login, path)) return -1;
-  ftp_reply_bytes bytes;
-  ftp_reply reply(bytes);
-  if (ftp_session_open(out, login, net_settings(), reply) < 0) return -1;
-  const std::string_view name = ftp_wire_name(path);
-  if (const int rc = ask_size(**out.handle, name, reply); rc < 0) return ftp_fail(out, reply, rc);
-  if (const int rc = request_file(**out.handle, name, reply); rc < 0) return ftp_fail(out, reply, rc);
-  log_line(DL_LOG_FTP, DL_LOG_NOTICE, "Open Success\n");
-  return 0;
+  return code < 0 ? log_and_return(DL_LOG_FTP, code, "Send RETR cmd Error\n") : 0;
 }
 
 // Receives between one byte and `to.size()` bytes, which is above 0: what is there, else what comes within
 // the time-out. Returns the count, or -1 with the result filled.
 ssize_t receive_some(int sock, std::span<char> to, int timeout_s, dl_result* result) {
-  for (;;) {
-    const ssize_t count = ::recv(sock, to.data(), to.size(), MSG_DONTWAIT);
-    if (count > 0) return count;
-    if (count == 0) {
-      log_line(DL_LOG_FTP, DL_LOG_ERROR, "data connection closed too early\n");
-      return fail(result, DL_ERR_READ);
-    }
-    if (errno == EINTR) continue;
-    if (errno != EAGAIN && errno != EWOULDBLOCK) {
-      log_line(DL_LOG_FTP, DL_LOG_ERROR, "read error! errno %d\n", errno);
-      return fail(result, DL_ERR_READ);
-    }
-    if (!ftp_wait(sock, wait_readable, timeout_s)) return fail(result, DL_ERR_READ);
+  const io_result received = tcp_stream(sock, first_step::receive).read(to, timeout_s);
+  if (received.count > 0) return received.count;
+  if (received.wait_failed) {
+    ftp_log_failed_wait(received.error);
+  } else if (received.count == 0) {
+    log_line(DL_LOG_FTP, DL_LOG_ERROR, "data connection closed too early\n");
+  } else {
+    log_line(DL_LOG_FTP, DL_LOG_ERROR, "read error! errno %d\n", received.error);
   }
+  return fail(result, DL_ERR_READ);
 }
 
 // The file goes on where the count of what remains has ended: this is no complete copy.
@@ -121,10 +89,28 @@ int copy_to_file(dl_ftp_session& session, download_file& file, dl_result* result
   return ftp_is_cut(session) ? fail_cut(result) : file.finish(result);
 }
 
-int receive_to_file(const ftp_login_data& login, const char* path, const char* local_path,
-                    dl_result* result) {
+}  // namespace
+
+int ftp_open(const ftp_outcome& out, const ftp_server& server, const char* path) {
+  if (!ftp_check_open(out, server, path)) return -1;
+  ftp_reply_bytes bytes;
+  ftp_reply reply(bytes);
+  if (ftp_session_open(out, server, net_settings(), reply) < 0) return -1;
+  const std::string_view name = ftp_wire_name(path);
+  if (const int rc = ask_size(**out.handle, name, reply); rc < 0) return ftp_fail(out, reply, rc);
+  if (const int rc = request_file(**out.handle, name, reply); rc < 0) return ftp_fail(out, reply, rc);
+  log_line(DL_LOG_FTP, DL_LOG_NOTICE, "Open Success\n");
+  return 0;
+}
+
+int ftp_read(dl_ftp_session& session, std::span<char> to, dl_result* result) {
+  if (!to.empty() && session.remaining == 0 && ftp_is_cut(session)) return fail_cut(result);
+  return read_whole(session, to.first(std::min<std::size_t>(to.size(), session.remaining)), result);
+}
+
+int ftp_recv_to_file(const ftp_server& server, const char* path, const char* local_path, dl_result* result) {
   dl_ftp_session* opened = nullptr;
-  if (open_download({&opened, result}, login, path) < 0) return -1;
+  if (ftp_open({&opened, result}, server, path) < 0) return -1;
   const unique_ftp session(opened);
   download_file file(DL_LOG_FTP, file_step, max_file_size());
   if (!file.open(local_path ? local_path : base_name(path).data())) return -1;
@@ -133,32 +119,4 @@ int receive_to_file(const ftp_login_data& login, const char* path, const char* l
   return 0;
 }
 
-}  // namespace
 }  // namespace fetchrig
-
-int dl_ftp_open(dl_ftp_session** session, const char* host, uint32_t port, const char* user,
-                const char* password, const char* path, dl_result* result) {
-  using namespace fetchrig;
-  return guarded_transfer(result, [&] {
-    return open_download({session, result}, {host, port, user, password}, path);
-  });
-}
-
-int dl_ftp_read(dl_ftp_session* session, char* buffer, int32_t size, dl_result* result) {
-  using namespace fetchrig;
-  if (!buffer || !result || size < 0 || !ftp_usable(session)) {
-    log_line(DL_LOG_FTP, DL_LOG_ERROR, "ftp read with invalid parameter\n");
-    return fail(result, DL_ERR_PARAMETER);
-  }
-  if (size > 0 && session->remaining == 0 && ftp_is_cut(*session)) return fail_cut(result);
-  const std::size_t wanted = std::min<std::size_t>(static_cast<std::size_t>(size), session->remaining);
-  return guarded_transfer(result, [&] { return read_whole(*session, {buffer, wanted}, result); });
-}
-
-int dl_ftp_recv_to_file(const char* host, uint32_t port, const char* user, const char* password,
-                        const char* path, const char* local_path, dl_result* result) {
-  using namespace fetchrig;
-  return guarded_transfer(result, [&] {
-    return receive_to_file({host, port, user, password}, path, local_path, result);
-  });
-}

@@ -5,6 +5,7 @@
 
 #include "core/config.h"
 #include "core/text.h"
+#include "ftp/ftp_codes.h"
 #include "ftp/ftp_parse.h"
 #include "ftp/ftp_wait.h"
 #include "log/log.h"
@@ -14,7 +15,6 @@
 namespace fetchrig {
 namespace {
 
-constexpr int max_lines = 10000;
 constexpr int line_too_long = -1;
 
 // Reads one line into `reply`: when the peer closed, what had arrived of it. Returns 0, -8 or -1.
@@ -38,7 +38,7 @@ void ftp_reply::assign(std::string_view text) {
 
 int dl_recv_reply(const dl_ftp_session& session, ftp_reply& reply, ftp_expected expected) {
   line_state state = line_state::complete;
-  for (int lines = 0; lines < max_lines && state != line_state::closed; ++lines) {
+  for (int lines = 0; lines < ftp_max_reply_lines && state != line_state::closed; ++lines) {
     if (const int rc = read_reply_line(session.ctrl_sock, reply, state); rc < 0) return rc;
     if (const auto code = ftp_reply_code(reply.line())) {
       return expected.code != 0 && *code != expected.code ? expected.mismatch : *code;

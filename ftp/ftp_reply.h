@@ -1,7 +1,6 @@
-// ftp_reply.h: reading the server's replies from the control connection. Lines end in CR LF; one that does
-// not leave room for three more bytes in its buffer, and a reply of more than 10,000 lines, fail. Bytes are
-// peeked at first, so that nothing beyond a line is taken and no state is kept between replies. One thread at
-// a time per session.
+// ftp_reply.h: reading the server's replies from the control connection. Lines end in CR LF; a text
+// that does not leave room for four more bytes in its buffer, and a reply of more than 10,000 lines, fail. Nothing beyond
+// a line is taken (net/line_reader.h), and no state is kept between replies. One thread at a time per session.
 #ifndef FETCHRIG_FTP_FTP_REPLY_H
 #define FETCHRIG_FTP_FTP_REPLY_H
 

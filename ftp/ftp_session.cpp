@@ -5,15 +5,14 @@
 #include <stddef.h>
 #include <string.h>
 
-#include "core/boundary.h"
 #include "core/config.h"
 #include "core/owners.h"
+#include "core/ports.h"
 #include "core/process_lock.h"
 #include "core/result.h"
 #include "core/text.h"
 #include "ftp/ftp_command.h"
 #include "ftp/ftp_data.h"
-#include "include/fetchrig.h"
 #include "log/log.h"
 #include "net/connect.h"
 #include "net/socket.h"
@@ -21,17 +20,7 @@
 namespace fetchrig {
 namespace {
 
-constexpr uint32_t default_port = 21;
-constexpr uint32_t first_bad_port = 65536;
 constexpr const char* anonymous_user = "anonymous";
-constexpr unsigned max_message_len = 252;
-
-enum reply_code : int {
-  command_okay = 200,
-  service_ready = 220,
-  logged_in = 230,
-  need_password = 331,
-};
 
 // A session as we allocate it. Callers may hold records of their own making, which end after the stated
 // fields: what lies behind those is touched only once the record's address was found among the marked ones.
@@ -75,49 +64,44 @@ constinit cut_sessions cut;
 
 static_assert(offsetof(dl_ftp_session, host) == 16 && sizeof(dl_ftp_session) == 528);
 
-int login(const dl_ftp_session& session, const char* user, const char* password, ftp_reply& reply) {
-  if (const int rc = dl_recv_reply(session, reply, {service_ready}); rc < 0) return rc;
+// Returns 0 or a negative code.
+int ftp_login(const dl_ftp_session& session, const char* user, const char* password, ftp_reply& reply) {
+  if (const int rc = dl_recv_reply(session, reply, {ftp_service_ready}); rc < 0) return rc;
 
   const int answer = ftp_command(session, "USER", user && *user ? user : anonymous_user, reply);
   if (answer < 0) return answer;
-  if (answer != logged_in && answer != need_password) return DL_ERR_FTP_USER;
-  if (answer == need_password) {
+  if (answer != ftp_logged_in && answer != ftp_need_password) return DL_ERR_FTP_USER;
+  if (answer == ftp_need_password) {
     const auto argument = password ? std::optional<std::string_view>(password) : std::nullopt;
-    const int rc = ftp_command(session, "PASS", argument, reply, {logged_in, DL_ERR_FTP_PASS});
+    const int rc = ftp_command(session, "PASS", argument, reply, {ftp_logged_in, DL_ERR_FTP_PASS});
     if (rc < 0) return rc;
   }
-  const int rc = ftp_command(session, "TYPE", "I", reply, {command_okay});
+  const int rc = ftp_command(session, "TYPE", "I", reply, {ftp_command_okay});
   return rc < 0 ? rc : 0;
 }
 
-// Logs a failed opening step and passes its code on.
-int failed_step(const char* message, int code) {
-  log_line(DL_LOG_FTP, DL_LOG_ERROR, "%s", message);
-  return code;
-}
-
 // The opening steps on a fresh session. Returns 0 or a negative code.
-int open_connections(dl_ftp_session& session, const ftp_login_data& data, const net_options& options,
+int open_connections(dl_ftp_session& session, const ftp_server& server, const net_options& options,
                      ftp_reply& reply) {
-  const uint32_t port = data.port ? data.port : default_port;
-  copy_text(session.host, data.host);
+  const uint32_t port = server.port ? server.port : ftp_port;
+  copy_text(session.host, server.host);
   const int sock = connect_to_host(session.host, static_cast<int>(port), options.ipv6, options.net_timeout_s);
-  if (sock <= 0) return failed_step("Connect Error\n", sock);
+  if (sock <= 0) return log_and_return(DL_LOG_FTP, sock, "Connect Error\n");
   session.ctrl_sock = sock;
 
-  if (const int rc = login(session, data.user, data.password, reply); rc < 0) {
-    return failed_step("ftp login error\n", rc);
+  if (const int rc = ftp_login(session, server.user, server.password, reply); rc < 0) {
+    return log_and_return(DL_LOG_FTP, rc, "ftp login error\n");
   }
-  const int rc = ftp_open_data(session, reply, options.net_timeout_s);
-  return rc < 0 ? failed_step("Create data connection failed\n", rc) : 0;
+  const int rc = ftp_create_data_conn(session, reply, options.net_timeout_s);
+  return rc < 0 ? log_and_return(DL_LOG_FTP, rc, "Create data connection failed\n") : 0;
 }
 
 }  // namespace
 
-bool ftp_check_open(const ftp_outcome& out, const ftp_login_data& login, const char* name) {
-  const bool good = out.handle && out.result && login.host && name && login.port < first_bad_port &&
-                    strnlen(login.host, sizeof(dl_ftp_session::host)) < sizeof(dl_ftp_session::host) &&
-                    !has_line_break(or_empty(login.user)) && !has_line_break(or_empty(login.password)) &&
+bool ftp_check_open(const ftp_outcome& out, const ftp_server& server, const char* name) {
+  const bool good = out.handle && out.result && server.host && name && server.port <= max_port &&
+                    strnlen(server.host, sizeof(dl_ftp_session::host)) < sizeof(dl_ftp_session::host) &&
+                    !has_line_break(or_empty(server.user)) && !has_line_break(or_empty(server.password)) &&
                     !has_line_break(name);
   if (good) return true;
   log_line(DL_LOG_FTP, DL_LOG_ERROR, "Invalid Parameter\n");
@@ -126,7 +110,7 @@ bool ftp_check_open(const ftp_outcome& out, const ftp_login_data& login, const c
   return false;
 }
 
-int ftp_session_open(const ftp_outcome& out, const ftp_login_data& login, const net_options& options,
+int ftp_session_open(const ftp_outcome& out, const ftp_server& server, const net_options& options,
                      ftp_reply& reply) {
   clear_result(*out.result);
   auto allocated = zeroed_record<own_session>();
@@ -134,23 +118,27 @@ int ftp_session_open(const ftp_outcome& out, const ftp_login_data& login, const 
   if (!allocated) return fail(out.result, DL_ERR_MEMORY);
   dl_ftp_session& session = allocated.release()->record;
   session.magic = DL_FTP_MAGIC;
-  const int rc = open_connections(session, login, options, reply);
+  const int rc = open_connections(session, server, options, reply);
   return rc < 0 ? ftp_fail(out, reply, rc) : 0;
 }
 
 int ftp_fail(const ftp_outcome& out, const ftp_reply& reply, int code) {
   if (code == DL_ERR_FTP_REPLY) {
-    fail_with_text(out.result, code, reply.c_str(), max_message_len);
+    fail_with_text(out.result, code, reply.c_str(), ftp_max_message_len);
   } else {
     fail(out.result, code);
   }
-  dl_ftp_close(*out.handle);
+  ftp_close(*out.handle);
   *out.handle = nullptr;
   return -1;
 }
 
+bool is_ftp_session(const dl_ftp_session* session) {
+  return session && session->magic == DL_FTP_MAGIC;
+}
+
 bool ftp_usable(const dl_ftp_session* session) {
-  return session && session->magic == DL_FTP_MAGIC && session->data_sock != 0;
+  return is_ftp_session(session) && session->data_sock != 0;
 }
 
 void ftp_mark_cut(dl_ftp_session& session) {
@@ -166,19 +154,16 @@ std::string_view ftp_wire_name(std::string_view name) {
   return name;
 }
 
-}  // namespace fetchrig
-
-void dl_ftp_close(dl_ftp_session* session) {
-  using namespace fetchrig;
-  if (!session || session->magic != DL_FTP_MAGIC) {
+void ftp_close(dl_ftp_session* session) {
+  if (!is_ftp_session(session)) {
     log_line(DL_LOG_FTP, DL_LOG_ERROR, "ftp close with invalid parameter\n");
     return;
   }
-  guarded([session] {
-    const unique_malloc<dl_ftp_session> owner(session);
-    cut.remove(*session);
-    close_socket(session->ctrl_sock);
-    close_socket(session->data_sock);
-    OPENSSL_cleanse(session, sizeof *session);
-  });
+  const unique_malloc<dl_ftp_session> owner(session);
+  cut.remove(*session);
+  close_socket(session->ctrl_sock);
+  close_socket(session->data_sock);
+  OPENSSL_cleanse(session, sizeof *session);
 }
+
+}  // namespace fetchrig

@@ -3,21 +3,20 @@
 #ifndef FETCHRIG_FTP_FTP_SESSION_H
 #define FETCHRIG_FTP_FTP_SESSION_H
 
-#include <array>
+#include <stdint.h>
+
 #include <memory>
 #include <string_view>
 
 #include "core/config.h"
+#include "ftp/ftp_codes.h"
 #include "ftp/ftp_reply.h"
-#include "include/fetchrig.h"
+#include "include/fetchrig_types.h"
 
 namespace fetchrig {
 
-// The buffer of the open calls' exchanges.
-using ftp_reply_bytes = std::array<char, 512>;
-
 // Whom an open call talks to, and as whom. Texts are borrowed; user and password may be null.
-struct ftp_login_data {
+struct ftp_server {
   const char* host;
   uint32_t port;  // 0: the default port
   const char* user;
@@ -30,25 +29,30 @@ struct ftp_outcome {
   dl_result* result;
 };
 
+// Closes both connections, without a QUIT, and releases the session. Null and what is no live session are logged.
+void ftp_close(dl_ftp_session* session);
+
 struct ftp_closer {
-  void operator()(dl_ftp_session* session) const { dl_ftp_close(session); }
+  void operator()(dl_ftp_session* session) const { ftp_close(session); }
 };
 using unique_ftp = std::unique_ptr<dl_ftp_session, ftp_closer>;
 
 // True when the open call's arguments can be used; `name` is the remote file, as sent and not null. Otherwise
 // logs, fills the result and empties the handle.
-[[nodiscard]] bool ftp_check_open(const ftp_outcome& out, const ftp_login_data& login, const char* name);
+[[nodiscard]] bool ftp_check_open(const ftp_outcome& out, const ftp_server& server, const char* name);
 
 // Allocates and publishes a session, connects, logs in and opens the data connection. Returns 0, or -1 after
 // ftp_fail().
-[[nodiscard]] int ftp_session_open(const ftp_outcome& out, const ftp_login_data& login,
+[[nodiscard]] int ftp_session_open(const ftp_outcome& out, const ftp_server& server,
                                    const net_options& options, ftp_reply& reply);
 
 // Fills the result for `code` (for -15 with the text in `reply`), closes the session, empties the handle.
 // Returns -1.
 int ftp_fail(const ftp_outcome& out, const ftp_reply& reply, int code);
 
-// True for a live session with a data connection.
+// True for a live session.
+[[nodiscard]] bool is_ftp_session(const dl_ftp_session* session);
+// True for one with a data connection.
 [[nodiscard]] bool ftp_usable(const dl_ftp_session* session);
 
 // Marks a session whose file has more bytes than `remaining` can count, 4 GiB or more, until it is closed.

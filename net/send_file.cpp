@@ -1,0 +1,168 @@
+// send_file.cpp: sendfile() first, then read and send.
+#include "net/send_file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/sendfile.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <span>
+
+#include "core/owners.h"
+#include "net/socket.h"
+
+namespace fetchrig {
+namespace {
+
+constexpr std::size_t piece_bytes = 65536;
+constexpr int max_sendfile_bytes = 1 << 20;
+
+// sendfile() has no flag against SIGPIPE: the signal is held off from the thread meanwhile, and taken back when it was
+// raised here.
+ssize_t sendfile_quietly(int sock, int file, std::size_t count) {
+  sigset_t pipe_signal;
+  sigset_t pending;
+  sigset_t before;
+  sigemptyset(&pipe_signal);
+  sigaddset(&pipe_signal, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe_signal, &before);
+  sigpending(&pending);
+  const bool was_pending = sigismember(&pending, SIGPIPE) == 1;
+  const ssize_t sent = ::sendfile(sock, file, nullptr, count);
+  const int error = errno;
+  const timespec at_once = {};
+  const auto take = [&] { return sigtimedwait(&pipe_signal, nullptr, &at_once); };
+  while (sent < 0 && error == EPIPE && !was_pending && take() < 0 && errno == EINTR) continue;
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  errno = error;
+  return sent;
+}
+
+// A socket that does not wait by itself; as it was before when this ends. sendfile() cannot be told otherwise.
+class not_blocking {
+ public:
+  explicit not_blocking(int sock) : sock_(sock), before_(::fcntl(sock, F_GETFL)) {
+    good_ = before_ >= 0 && ::fcntl(sock, F_SETFL, before_ | O_NONBLOCK) == 0;
+  }
+  ~not_blocking() {
+    if (good_) ::fcntl(sock_, F_SETFL, before_);
+  }
+  not_blocking(const not_blocking&) = delete;
+  not_blocking& operator=(const not_blocking&) = delete;
+  explicit operator bool() const { return good_; }
+
+ private:
+  int sock_;
+  int before_;
+  bool good_ = false;
+};
+
+bool is_regular(int file) {
+  struct stat status = {};
+  return fstat(file, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+bool is_connection(int sock) {
+  int type = 0;
+  socklen_t length = sizeof type;
+  return getsockopt(sock, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_STREAM;
+}
+
+// Errors of a connection. A file may give ETIMEDOUT too, so it is asked first.
+bool is_connection_error(int error) {
+  return error == EPIPE || error == ECONNRESET || error == ETIMEDOUT || error == EHOSTUNREACH ||
+         error == ENETUNREACH || error == ENETDOWN;
+}
+
+class file_sender {
+ public:
+  file_sender(int sock, int file, int max_bytes, int timeout_s)
+      : sock_(sock), file_(file), max_bytes_(max_bytes), timeout_s_(timeout_s) {}
+
+  // sendfile() goes as far as it can. Reading then finds the end of the file, or tells whose fault the stop was.
+  send_result run() {
+    const unique_malloc<char> buffer(static_cast<char*>(::malloc(piece_bytes)));
+    if (!buffer) return {send_end::no_memory};
+    if (is_regular(file_) && is_connection(sock_)) pass_on();
+    if (!failed()) copy({buffer.get(), piece_bytes});
+    return result_;
+  }
+
+ private:
+  bool failed() const { return result_.end != send_end::whole; }
+  void fail(send_end end, int error = 0) {
+    result_.end = end;
+    result_.error = error;
+  }
+  void pass_on();
+  void copy(std::span<char> buffer);
+  void send_piece(std::span<const char> rest);
+  void await_room();
+
+  int sock_;
+  int file_;
+  int max_bytes_;
+  int timeout_s_;
+  int refusal_ = 0;  // errno with which sendfile() stopped
+  send_result result_ = {send_end::whole};
+};
+
+void file_sender::await_room() {
+  errno = 0;  // a wait that runs out sets none
+  if (wait_ready(sock_, wait_writable, timeout_s_) < 1) fail(send_end::wait_failed, errno);
+}
+
+void file_sender::pass_on() {
+  const not_blocking mode(sock_);
+  while (mode && !failed() && result_.total < max_bytes_) {
+    const int wanted = std::min(max_sendfile_bytes, max_bytes_ - result_.total);
+    const ssize_t sent = sendfile_quietly(sock_, file_, static_cast<std::size_t>(wanted));
+    if (sent == 0) return;
+    if (sent > 0) {
+      result_.total += static_cast<int>(sent);
+    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      await_room();
+    } else if (errno != EINTR) {
+      refusal_ = errno;
+      return;
+    }
+  }
+}
+
+void file_sender::send_piece(std::span<const char> rest) {
+  while (!rest.empty() && !failed()) {
+    const ssize_t sent = ::send(sock_, rest.data(), rest.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent >= 0) {
+      rest = rest.subspan(static_cast<std::size_t>(sent));
+    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      await_room();
+    } else if (errno != EINTR) {
+      fail(send_end::send_failed, errno);
+    }
+  }
+}
+
+void file_sender::copy(std::span<char> buffer) {
+  while (!failed()) {
+    const ssize_t count = ::read(file_, buffer.data(), buffer.size());
+    if (count == 0) return;
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return fail(send_end::read_failed, errno);
+    if (is_connection_error(refusal_)) return fail(send_end::send_failed, refusal_);
+    if (count > max_bytes_ - result_.total) return fail(send_end::too_large);
+    send_piece(buffer.first(static_cast<std::size_t>(count)));
+    if (!failed()) result_.total += static_cast<int>(count);
+  }
+}
+
+}  // namespace
+
+send_result send_file(int sock, int file, int max_bytes, int timeout_s) {
+  return file_sender(sock, file, max_bytes, timeout_s).run();
+}
+
+}  // namespace fetchrig
