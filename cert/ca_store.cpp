@@ -17,7 +17,7 @@
 #include "cert/store_entries.h"
 #include "core/boundary.h"
 #include "core/config.h"
-#include "include/fetchrig.h"
+#include "core/files.h"
 #include "log/log.h"
 
 namespace fetchrig {
@@ -113,7 +113,7 @@ int install_ca(const char* path) {
   }
   if (const int rc = refuse_known_ca(custom, hash); rc < 0) return rc;
   // A copy that fails is in the log, and ends nothing; nor does one without memory.
-  guarded([&] { dl_copy_file(path, file.c_str()); });
+  guarded([&] { copy_file(path, file.c_str()); });
   give_owner_access(file, S_IRUSR | S_IWUSR);
   run_shell(link_file);
   run_shell(link_all);

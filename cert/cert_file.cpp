@@ -7,7 +7,7 @@
 #include "cert/der_to_pem.h"
 #include "cert/error_queue.h"
 #include "cert/passphrase.h"
-#include "include/fetchrig.h"
+#include "core/files.h"
 #include "log/log.h"
 
 namespace fetchrig {
@@ -112,7 +112,7 @@ bool add_ca_certificates(X509_STORE* store, BIO* bio) {
 }
 
 uint32_t ca_file_hash(const char* path) {
-  if (path && dl_path_is_directory(path)) {
+  if (path && is_directory(path)) {
     log_line(DL_LOG_CMN, DL_LOG_NOTICE, "path is directory, ret\n");
     return 0;
   }

@@ -6,7 +6,6 @@
 #include <openssl/x509.h>
 #include <sys/stat.h>
 
-#include <array>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,8 +18,8 @@
 #include "cert/shell.h"
 #include "cert/tls_check.h"
 #include "core/config.h"
+#include "core/files.h"
 #include "core/openssl_owners.h"
-#include "include/fetchrig.h"
 #include "log/log.h"
 
 namespace fetchrig {
@@ -76,8 +75,8 @@ std::string content_digest(const std::string& path) {
   if (::stat(path.c_str(), &status) == 0 && (!S_ISREG(status.st_mode) || status.st_size > max_file_bytes)) {
     return {};
   }
-  std::array<char, 33> digits;
-  if (dl_get_file_md5(path.c_str(), digits.data()) != 0) return {};
+  md5_text digits;
+  if (file_md5(digits, path.c_str()) != 0) return {};
   return digits.data();
 }
 

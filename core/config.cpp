@@ -1,6 +1,5 @@
 // config.cpp: the process-wide configuration record and its options, library start-up and tear-down.
 #include "core/config.h"
-#include "include/fetchrig.h"
 
 #include <openssl/crypto.h>
 #include <string.h>
@@ -9,20 +8,18 @@
 #include <atomic>
 #include <span>
 
-#include "core/boundary.h"
 #include "core/openssl_start.h"
 #include "core/process_lock.h"
 #include "core/text.h"
 #include "log/log.h"
 
-// Zero at load; written by dl_config_init(), dl_exit() and, under its lock, dl_set_option().
+// Written by config_init(), config_exit() and, under its lock, store_option().
 dl_config g_dl_cfg;
 
 namespace fetchrig {
 namespace {
 
-// Written by dl_set_tls_wait_limit(), read when a TLS connection is made. Not an option: it outlives
-// dl_exit().
+// Written by set_tls_wait_limit(), read when a TLS connection is made.
 std::atomic<unsigned> tls_wait_limit{0};
 
 class config_lock : mutex_hold {
@@ -143,7 +140,7 @@ void clear_config() {
 
 // The flag is set when the record is whole: it is read without the lock.
 void initialise() {
-  dl_log_init(DL_LOG_TO_SYSLOG, nullptr);
+  log_init(log_identity, DL_LOG_TO_SYSLOG, nullptr);
   clear_config();
   pthread_mutex_init(&g_dl_cfg.lock, nullptr);
   set_defaults();
@@ -151,21 +148,7 @@ void initialise() {
   openssl_start();
 }
 
-int32_t store_option(uint32_t option, const void* value) {
-  if (const auto* entry = find_option(number_options, option)) return store_number(*entry, value);
-  if (option == DL_OPT_RING_ENTRY) return store_ring(value);
-  const auto* text = static_cast<const char*>(value);
-  if (option == DL_OPT_CALLER_TAG) {
-    store_caller_tag(text);
-    return 0;
-  }
-  const auto* entry = find_option(text_options, option);
-  if (!entry) return -1;
-  store_text(*entry, text);
-  return 0;
-}
-
-// The text that dl_get_option() serves, or null.
+// The text that read_option() serves, or null.
 const char* readable_text(uint32_t option) {
   switch (option) {
     case DL_OPT_TRUST_CA_DIR:
@@ -180,6 +163,44 @@ const char* readable_text(uint32_t option) {
 }
 
 }  // namespace
+
+void config_init() {
+  if (!config_initialised()) initialise();
+  log_line(DL_LOG_CMN, DL_LOG_NOTICE, "Init config! libfetchrig Ver:%s\n", library_version);
+}
+
+void config_exit() {
+  if (!config_initialised()) return;
+  openssl_stop();
+  pthread_mutex_destroy(&g_dl_cfg.lock);
+  clear_config();
+}
+
+int32_t store_option(uint32_t option, const void* value) {
+  if (!config_initialised()) config_init();
+  if (const auto* entry = find_option(number_options, option)) return store_number(*entry, value);
+  if (option == DL_OPT_RING_ENTRY) return store_ring(value);
+  const auto* text = static_cast<const char*>(value);
+  if (option == DL_OPT_CALLER_TAG) {
+    store_caller_tag(text);
+    return 0;
+  }
+  const auto* entry = find_option(text_options, option);
+  if (!entry) return -1;
+  store_text(*entry, text);
+  return 0;
+}
+
+int32_t read_option(uint32_t option, std::span<char> buffer) {
+  const char* field = config_initialised() ? readable_text(option) : nullptr;
+  if (!field) return -1;
+  const config_lock lock;
+  // strncpy's contract: the rest zero, unterminated when the text fills the buffer.
+  const std::size_t length = strnlen(field, buffer.size());
+  memcpy(buffer.data(), field, length);
+  memset(buffer.data() + length, 0, buffer.size() - length);
+  return 0;
+}
 
 bool config_initialised() {
   return std::atomic_ref(g_dl_cfg.initialised).load(std::memory_order_acquire) == 1;
@@ -250,49 +271,8 @@ unsigned tls_wait_limit_seconds() {
   return tls_wait_limit.load(std::memory_order_relaxed);
 }
 
-}  // namespace fetchrig
-
-using namespace fetchrig;
-
-const char* dl_get_version(void) {
-  return library_version;
-}
-
-int dl_config_init(void) {
-  guarded([] {
-    if (!config_initialised()) initialise();
-    log_line(DL_LOG_CMN, DL_LOG_NOTICE, "Init config! libfetchrig Ver:%s\n", library_version);
-  });
-  return 0;
-}
-
-int32_t dl_set_option(uint32_t option, const void* value) {
-  if (!value) return -1;
-  if (!config_initialised()) dl_config_init();
-  return store_option(option, value);
-}
-
-int32_t dl_get_option(uint32_t option, char* buffer, uint32_t size) {
-  if (!buffer || !config_initialised()) return -1;
-  const char* field = readable_text(option);
-  if (!field) return -1;
-  const config_lock lock;
-  // strncpy's contract: at most `size` bytes, the rest zero, unterminated when the text fills the buffer.
-  const std::size_t length = strnlen(field, size);
-  memcpy(buffer, field, length);
-  memset(buffer + length, 0, size - length);
-  return 0;
-}
-
-void dl_exit(void) {
-  if (!config_initialised()) return;
-  guarded([] {
-    openssl_stop();
-    pthread_mutex_destroy(&g_dl_cfg.lock);
-    clear_config();
-  });
-}
-
-void dl_set_tls_wait_limit(uint32_t seconds) {
+void set_tls_wait_limit(unsigned seconds) {
   tls_wait_limit.store(seconds, std::memory_order_relaxed);
 }
+
+}  // namespace fetchrig

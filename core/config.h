@@ -1,11 +1,17 @@
-// config.h: reading the configuration. Every function copies what it returns under the configuration lock and
-// has released the lock when it returns, so no lock is ever held across I/O. Any thread.
+// config.h: the configuration: its start and end, setting options and reading them. Every function that reads copies
+// what it returns under the configuration lock and has released the lock when it returns, so no lock is ever held
+// across I/O. Any thread, once the library is initialised.
 #ifndef FETCHRIG_CORE_CONFIG_H
 #define FETCHRIG_CORE_CONFIG_H
 
 #include <array>
+#include <span>
 
 #include "include/fetchrig_types.h"
+
+// The record is exported data, zero at load. Inside the library it belongs to config.cpp; process_lock.cpp knows its
+// lock. All others use the functions below.
+extern "C" FETCHRIG_API dl_config g_dl_cfg;
 
 namespace fetchrig {
 
@@ -30,7 +36,18 @@ struct net_options {
   int ipv6;
 };
 
-// 1 after initialisation; read without the lock, as initialisation precedes all other use.
+// Starts the log, sets the defaults and prepares OpenSSL, unless that has been done; tells the log the version.
+void config_init();
+// Undoes it, but for the log; every option is lost. Harmless without initialisation.
+void config_exit();
+
+// Sets an option from a value of its own form (enum dl_option), which is not null; initialises first when needed.
+// Returns 0, or -1 for an unknown option or a number out of range.
+[[nodiscard]] int32_t store_option(uint32_t option, const void* value);
+// Copies text option 1, 13 or 14 as strncpy() would. Returns 0, or -1 for another option or before initialisation.
+[[nodiscard]] int32_t read_option(uint32_t option, std::span<char> buffer);
+
+// True after initialisation; read without the lock, as initialisation precedes all other use.
 [[nodiscard]] bool config_initialised();
 
 [[nodiscard]] int net_timeout_seconds();       // option 7
@@ -50,8 +67,9 @@ struct net_options {
 // The number of the first ring entry (slot order) whose name equals `name` in any letter case, or -1.
 [[nodiscard]] int ring_number_of(const char* name);
 
-// The limit of dl_set_tls_wait_limit(), seconds; 0: none.
+// How long TLS may wait without progress; 0: no limit. Not an option: it outlives config_exit().
 [[nodiscard]] unsigned tls_wait_limit_seconds();
+void set_tls_wait_limit(unsigned seconds);
 
 }  // namespace fetchrig
 #endif

@@ -1,5 +1,6 @@
 // dispatch_url.h: the protocol-independent calls' own view of a URL: all four schemes, none at all (TFTP),
-// and credentials inside the URL. The HTTP client's stricter parser is dl_url_parse(). Any thread.
+// and credentials inside the URL. A parser: it reads no option and logs nothing. The HTTP client's stricter
+// one is url.h. Any thread.
 #ifndef FETCHRIG_CORE_DISPATCH_URL_H
 #define FETCHRIG_CORE_DISPATCH_URL_H
 
@@ -7,6 +8,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "include/fetchrig_types.h"
 
@@ -14,6 +16,7 @@ namespace fetchrig {
 
 inline constexpr uint32_t proto_unsupported = 4;
 
+// Login and password are wiped at the end.
 struct dl_url_parts {
   ~dl_url_parts();
   uint32_t proto = proto_unsupported;  // enum dl_proto
@@ -24,22 +27,22 @@ struct dl_url_parts {
   std::optional<std::string> password;
 };
 
-// Splits the URL. Returns 0, or -1 with the reason logged.
-[[nodiscard]] int dl_url_split(const char* url, dl_url_parts& parts);
+// Why a URL cannot be split, in the order in which it is looked at.
+enum class url_fault {
+  none,
+  scheme,       // none of ours
+  only_scheme,  // nothing follows it
+  empty_login,  // nothing before the "@"
+  empty_host,   // nothing where host or port should stand
+  authority,    // login, host or port malformed, an IPv6 literal that is not allowed, or no memory for them
+  memory,       // none for the path
+};
 
-// Fills the HTTP request with credentials, proxy and the clean URL, which `url` owns. Returns 0 or -1.
-[[nodiscard]] int dl_url_rebuild(const dl_request& request, dl_http_request& http, const dl_url_parts& parts,
-                                 std::string& url);
+// Splits the URL. With a fault, the parts found before it may be filled.
+[[nodiscard]] url_fault split_url(dl_url_parts& parts, std::string_view url, bool allow_ipv6);
 
-// The URL's own user or password, else the request's; may be null.
-[[nodiscard]] const char* user_for(const dl_request& request, const dl_url_parts& parts);
-[[nodiscard]] const char* password_for(const dl_request& request, const dl_url_parts& parts);
-
-// "Enter Func %s....\n" and the failures of the dispatcher's entries.
-void log_entry(const char* function);
-int log_dispatch_error(const char* message);
-// "FTP Login Info:..." with the user and a mask.
-void log_ftp_login(const char* user);
+// The URL without credentials, query and fragment, and with a port only where it is not the protocol's own.
+[[nodiscard]] std::string clean_url(const dl_url_parts& parts);
 
 }  // namespace fetchrig
 #endif

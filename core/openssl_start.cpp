@@ -7,7 +7,6 @@
 #include <pthread.h>
 #include <stdint.h>
 
-#include "include/fetchrig.h"
 #include "log/log.h"
 
 namespace fetchrig {

@@ -1,6 +1,5 @@
 // result.cpp: the one table of result codes and their texts.
 #include "core/result.h"
-#include "include/fetchrig.h"
 
 #include <stdio.h>
 #include <string.h>
@@ -43,7 +42,7 @@ constexpr code_text code_texts[] = {
 };
 
 // The message field is filled up to this many bytes, terminator included.
-constexpr uint32_t message_limit = 252;
+constexpr std::size_t message_limit = 252;
 
 }  // namespace
 
@@ -61,7 +60,7 @@ void clear_result(dl_result& result) {
 int fail(dl_result* result, int code) {
   if (!result) return -1;
   result->code = code;
-  dl_get_error_string(code, result->message, message_limit);
+  copy_text({result->message, message_limit}, error_text(code));
   return -1;
 }
 
@@ -86,7 +85,3 @@ int fail_exceeded(dl_result* result, uint32_t max_file_size) {
 }
 
 }  // namespace fetchrig
-
-int dl_get_error_string(int32_t code, char* buffer, uint32_t size) {
-  return snprintf(buffer, buffer ? size : 0, "%s", fetchrig::error_text(code));
-}

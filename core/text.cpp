@@ -42,6 +42,13 @@ bool copy_text(std::span<char> to, std::string_view text) {
   return count == text.size();
 }
 
+void lower_in_place(std::span<char> text, char stop) {
+  for (char& c : text) {
+    if (c == '\0' || c == stop) return;
+    c = lower(c);
+  }
+}
+
 std::optional<uint64_t> leading_number(std::string_view text, uint64_t max, std::string_view* rest) {
   uint64_t value = 0;
   std::size_t used = 0;
@@ -67,14 +74,18 @@ void wipe(std::string& text) {
   text.clear();
 }
 
-std::string to_hex(std::span<const unsigned char> bytes) {
+void write_hex(std::span<char> to, std::span<const unsigned char> bytes) {
   constexpr std::string_view digits = "0123456789abcdef";
-  std::string text;
-  text.reserve(bytes.size() * 2);
+  auto out = to.begin();
   for (const unsigned char byte : bytes) {
-    text.push_back(digits[byte >> 4]);
-    text.push_back(digits[byte & 15]);
+    *out++ = digits[byte >> 4];
+    *out++ = digits[byte & 15];
   }
+}
+
+std::string to_hex(std::span<const unsigned char> bytes) {
+  std::string text(bytes.size() * 2, '\0');
+  write_hex(text, bytes);
   return text;
 }
 

@@ -43,6 +43,9 @@ constexpr std::string_view or_empty(const char* text) {
 // Copies as much as fits and terminates; false when the text was cut. `to` has at least one byte.
 bool copy_text(std::span<char> to, std::string_view text);
 
+// Lower-cases ASCII letters up to the first `stop`, the terminator or the end.
+void lower_in_place(std::span<char> text, char stop = '\0');
+
 // The whole text as a decimal number of at most `max`; nothing for an empty text, another character or a
 // larger value.
 [[nodiscard]] std::optional<uint64_t> whole_number(std::string_view text, uint64_t max);
@@ -56,7 +59,8 @@ bool copy_text(std::span<char> to, std::string_view text);
 // empty then.
 void wipe(std::string& text);
 
-// Lower-case hexadecimal digits, two per byte.
+// Lower-case hexadecimal digits, two per byte. `to` has room for them; no terminator is added.
+void write_hex(std::span<char> to, std::span<const unsigned char> bytes);
 [[nodiscard]] std::string to_hex(std::span<const unsigned char> bytes);
 
 }  // namespace fetchrig

@@ -4,7 +4,6 @@
 #include <errno.h>
 #include <sys/stat.h>
 
-#include "include/fetchrig.h"
 #include "log/log.h"
 #include "log/printable.h"
 

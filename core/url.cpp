@@ -1,5 +1,6 @@
-// url.cpp: "http" and "https" URLs as the HTTP client handles them (RFC 3986, without user information). The
-// URL's bytes are parsed as a view; the record is built when everything has been checked.
+// url.cpp: the URL's bytes are parsed as a view; the record is built when everything has been checked.
+#include "core/url.h"
+
 #include <openssl/crypto.h>
 #include <stdlib.h>
 #include <string.h>
@@ -9,13 +10,12 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "core/boundary.h"
 #include "core/config.h"
 #include "core/owners.h"
 #include "core/text.h"
-#include "core/url.h"
-#include "include/fetchrig.h"
 #include "log/log.h"
 
 namespace fetchrig {
@@ -34,11 +34,6 @@ struct url_view {
   uint32_t port = 0;
   std::string_view path;
 };
-
-int reject(const char* message, int code = DL_ERR_URL) {
-  log_line(DL_LOG_CMN, DL_LOG_ERROR, "%s", message);
-  return code;
-}
 
 std::optional<uint32_t> match_scheme(std::string_view url) {
   for (uint32_t i = 0; i < schemes.size(); ++i) {
@@ -69,15 +64,16 @@ void escape_spaces(std::string_view url, std::string& escaped) {
 int parse_host(std::string_view& rest, std::string_view& host) {
   if (rest.starts_with('[')) {
     const auto end = rest.find(']');
-    if (end == std::string_view::npos) return reject("Invalid Host\n");
-    if (!ipv6_enabled()) return reject("can't use ipv6 when ipv6 is diable\n", DL_ERR_IPV6_DISABLED);
+    if (end == std::string_view::npos) return log_and_return(DL_LOG_CMN, DL_ERR_URL, "Invalid Host\n");
+    if (!ipv6_enabled())
+      return log_and_return(DL_LOG_CMN, DL_ERR_IPV6_DISABLED, "can't use ipv6 when ipv6 is diable\n");
     host = rest.substr(1, end - 1);
     rest.remove_prefix(end + 1);
   } else {
     host = rest.substr(0, rest.find_first_of("/:?#"));
     rest.remove_prefix(host.size());
   }
-  return host.empty() || has_line_break(host) ? reject("Invalid Host\n") : 0;
+  return host.empty() || has_line_break(host) ? log_and_return(DL_LOG_CMN, DL_ERR_URL, "Invalid Host\n") : 0;
 }
 
 // Takes ":port" off the front of `rest`; an absent or empty port is the scheme's.
@@ -88,7 +84,7 @@ int parse_port(std::string_view& rest, url_view& url) {
   rest.remove_prefix(1 + text.size());
   if (text.empty()) return 0;
   const auto port = whole_number(text, 65535);
-  if (!port) return reject("BAD_PORT_NUMBER\n");
+  if (!port) return log_and_return(DL_LOG_CMN, DL_ERR_URL, "BAD_PORT_NUMBER\n");
   url.port = static_cast<uint32_t>(*port);
   return 0;
 }
@@ -98,7 +94,8 @@ int parse_view(std::string_view text, uint32_t scheme, url_view& url) {
   auto rest = text.substr(schemes[scheme].prefix.size());
   if (const int code = parse_host(rest, url.host); code < 0) return code;
   if (const int code = parse_port(rest, url); code < 0) return code;
-  if (!rest.empty() && (rest.front() != '/' || has_line_break(rest))) return reject("Bad file name\n");
+  if (!rest.empty() && (rest.front() != '/' || has_line_break(rest)))
+    return log_and_return(DL_LOG_CMN, DL_ERR_URL, "Bad file name\n");
   url.path = rest.empty() ? std::string_view("/") : rest;
   return 0;
 }
@@ -110,42 +107,38 @@ bool copy_optional(const char* from, char*& to) {
   return to != nullptr;
 }
 
-int build_url(const url_view& view, const char* user, const char* password, unique_url& url) {
-  url.reset(zeroed_record<dl_url>().release());
-  if (!url) return DL_ERR_MEMORY;
-  url->scheme = view.scheme;
-  url->port = view.port;
-  url->host = duplicate_text(view.host).release();
-  url->path = duplicate_text(view.path).release();
-  const bool whole =
-      url->host && url->path && copy_optional(user, url->user) && copy_optional(password, url->password);
-  return whole ? 0 : DL_ERR_MEMORY;
+int build_url(unique_url& url, const url_view& view, const char* user, const char* password) {
+  unique_url built(zeroed_record<dl_url>().release());
+  if (!built) return DL_ERR_MEMORY;
+  built->scheme = view.scheme;
+  built->port = view.port;
+  built->host = duplicate_text(view.host).release();
+  built->path = duplicate_text(view.path).release();
+  const bool whole = built->host && built->path && copy_optional(user, built->user) &&
+                     copy_optional(password, built->password);
+  if (!whole) return DL_ERR_MEMORY;
+  url = std::move(built);
+  return 0;
 }
 
-int parse_url(const char* text, const char* user, const char* password, unique_url& url) {
+int parse_and_build(unique_url& url, const char* text, const char* user, const char* password) {
   const auto scheme = match_scheme(or_empty(text));
-  if (!scheme) return reject("Invalid URL\n");
+  if (!scheme) return log_and_return(DL_LOG_CMN, DL_ERR_URL, "Invalid URL\n");
   escaped_url escaped;
   escape_spaces(text, escaped.text);
   url_view view;
   if (const int code = parse_view(escaped.text, *scheme, view); code < 0) return code;
-  return build_url(view, user, password, url);
+  return build_url(url, view, user, password);
 }
 
 }  // namespace
-}  // namespace fetchrig
 
-using namespace fetchrig;
-
-dl_url* dl_url_parse(const char* url, const char* user, const char* password, int32_t* code) {
-  unique_url parsed;
-  const int outcome =
-      guarded([&] { return parse_url(url, user, password, parsed); }, [] { return int{DL_ERR_MEMORY}; });
-  if (code) *code = outcome;
-  return outcome == 0 ? parsed.release() : nullptr;
+int parse_url(unique_url& url, const char* text, const char* user, const char* password) {
+  return guarded([&] { return parse_and_build(url, text, user, password); },
+                 [] { return int{DL_ERR_MEMORY}; });
 }
 
-void dl_url_free(dl_url* url) {
+void free_url(dl_url* url) {
   if (!url) return;
   ::free(url->host);
   ::free(url->path);
@@ -156,15 +149,8 @@ void dl_url_free(dl_url* url) {
   ::free(url);
 }
 
-int scheme_default_port(uint32_t scheme) {
+int default_port(uint32_t scheme) {
   return scheme < schemes.size() ? schemes[scheme].default_port : no_scheme_port;
 }
 
-char* strdupdelim(const char* start, const char* end) {
-  if (!start || end < start) return nullptr;
-  return duplicate_text({start, static_cast<std::size_t>(end - start)}).release();
-}
-
-void str2lower(char* text, int count, char stop) {
-  for (int i = 0; text && i < count && text[i] != '\0' && text[i] != stop; ++i) text[i] = lower(text[i]);
-}
+}  // namespace fetchrig

@@ -8,6 +8,7 @@
 #include <algorithm>
 
 #include "core/config.h"
+#include "core/files.h"
 #include "core/owners.h"
 #include "core/result.h"
 #include "core/text.h"
@@ -15,7 +16,6 @@
 #include "ftp/ftp_command.h"
 #include "ftp/ftp_parse.h"
 #include "ftp/ftp_wait.h"
-#include "include/fetchrig.h"
 #include "log/log.h"
 #include "log/printable.h"
 #include "net/send_file.h"
@@ -97,7 +97,7 @@ int start_transfer(upload& job, const char* local_path, uint32_t limit) {
     log_line(DL_LOG_FTP, DL_LOG_INFO, "File not found, use STOR\n");
     job.post_mode = post_store;
   }
-  const int32_t local_size = dl_get_file_size(local_path);
+  const int32_t local_size = file_size(local_path);
   if (local_size == -1) {
     job.reply.assign("cannot get local file size\n");
     return log_and_return(DL_LOG_FTP, DL_ERR_FTP_REPLY, "cannot get local file size\n");

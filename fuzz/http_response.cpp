@@ -16,6 +16,7 @@
 #include "fuzz/support/check.h"
 #include "http/http_response_body.h"
 #include "http/http_response.h"
+#include "include/fetchrig.h"
 
 using namespace fetchrig;
 

@@ -1,19 +1,20 @@
 // http_answer.cpp: builds the Authorization line that answers a challenge: Basic, Digest or BroadWorks XSI.
 // Answers and everything they are computed from are wiped before their memory is given back.
 #include <openssl/crypto.h>
-#include <openssl/md5.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
-#include <array>
 #include <initializer_list>
 #include <string_view>
 
+#include "core/base64.h"
+#include "core/md5.h"
 #include "core/owners.h"
 #include "core/text.h"
 #include "http/http_auth.h"
 #include "include/fetchrig_openssl.h"
+#include "log/clock.h"
 
 namespace {
 
@@ -23,45 +24,39 @@ using std::string_view;
 // Base64 of a secret; wiped at the end.
 class encoded_secret {
  public:
-  explicit encoded_secret(string_view secret) { Curl_base64_encode(secret.data(), secret.size(), &text_); }
-  ~encoded_secret() { release_answer(text_); }
+  explicit encoded_secret(string_view secret) { base64_encode(text_, secret); }
+  ~encoded_secret() {
+    if (text_) OPENSSL_cleanse(text_.get(), strlen(text_.get()));
+  }
   encoded_secret(const encoded_secret&) = delete;
   encoded_secret& operator=(const encoded_secret&) = delete;
   explicit operator bool() const { return text_ != nullptr; }
-  const char* text() const { return text_; }
+  const char* text() const { return text_.get(); }
 
  private:
-  char* text_ = nullptr;
+  unique_text text_;
 };
 
-// The MD5 of texts with ":" between them, as 32 lower-case hexadecimal digits; wiped at the end.
+// The MD5 of texts with ":" between them; wiped at the end.
 class md5_hex {
  public:
   explicit md5_hex(std::initializer_list<string_view> parts) {
-    MD5_CTX context;
-    MD5_Init(&context);
-    const char* separator = "";
+    md5_digest digest;
+    string_view separator;
     for (const string_view part : parts) {
-      MD5_Update(&context, separator, strlen(separator));
-      MD5_Update(&context, part.data(), part.size());
+      digest.add(separator);
+      digest.add(part);
       separator = ":";
     }
-    std::array<unsigned char, MD5_DIGEST_LENGTH> digest;
-    MD5_Final(digest.data(), &context);
-    for (size_t i = 0; i < digest.size(); ++i) {
-      digits_[2 * i] = "0123456789abcdef"[digest[i] >> 4];
-      digits_[2 * i + 1] = "0123456789abcdef"[digest[i] & 15];
-    }
-    OPENSSL_cleanse(&context, sizeof context);
-    OPENSSL_cleanse(digest.data(), digest.size());
+    digest.finish(digits_);
   }
-  ~md5_hex() { OPENSSL_cleanse(digits_, sizeof digits_); }
+  ~md5_hex() { OPENSSL_cleanse(digits_.data(), digits_.size()); }
   md5_hex(const md5_hex&) = delete;
   md5_hex& operator=(const md5_hex&) = delete;
-  operator string_view() const { return {digits_, sizeof digits_}; }
+  operator string_view() const { return digits_.data(); }
 
  private:
-  char digits_[2 * MD5_DIGEST_LENGTH];
+  md5_text digits_;
 };
 
 // Replaces the answer by the parts put together. Returns an answer result.
@@ -96,9 +91,12 @@ int output_basic(const auth_side& side) {
 int make_cnonce(digest_challenge& challenge) {
   constexpr std::size_t num_digits = 6;
   char digits[24];
-  const long long seconds = curlx_tvnow().tv_sec;
+  const long long seconds = time_of_day().tv_sec;
   snprintf(digits, sizeof digits, "%06lld", seconds);
-  return Curl_base64_encode(digits, num_digits, &challenge.cnonce) > 0 ? HTTP_ANSWER_OK : HTTP_ANSWER_MEMORY;
+  unique_text encoded;
+  base64_encode(encoded, {digits, num_digits});
+  challenge.cnonce = encoded.release();
+  return challenge.cnonce ? HTTP_ANSWER_OK : HTTP_ANSWER_MEMORY;
 }
 
 // The texts of a Digest answer; borrowed.

@@ -28,7 +28,7 @@ auth_side side_of(http_auth_state& state, int proxy) {
 
 void release_answer(char*& answer) {
   if (answer) OPENSSL_cleanse(answer, strlen(answer));
-  Curl_safefree(answer);
+  ::free(answer);
   answer = nullptr;
 }
 
@@ -38,20 +38,10 @@ void Curl_digest_cleanup_one(digest_challenge* challenge) {
   if (!challenge) return;
   for (char** text : {&challenge->nonce, &challenge->cnonce, &challenge->realm, &challenge->opaque,
                       &challenge->qop, &challenge->algorithm}) {
-    Curl_safefree(*text);
+    ::free(*text);
     *text = nullptr;
   }
   challenge->stale = 0;
   challenge->nc = 0;
   challenge->session = 0;
-}
-
-timeval curlx_tvnow(void) {
-  timeval now = {};
-  gettimeofday(&now, nullptr);
-  return now;
-}
-
-void Curl_safefree(void* memory) {
-  free(memory);
 }

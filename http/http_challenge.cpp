@@ -52,7 +52,7 @@ std::optional<parameter> read_parameter(string_view text) {
 bool keep(char*& place, string_view text) {
   unique_text copy = duplicate_text(text);
   if (!copy) return false;
-  Curl_safefree(place);
+  ::free(place);
   place = copy.release();
   return true;
 }
@@ -72,7 +72,7 @@ bool keep_qop(digest_challenge& challenge, string_view items) {
   for (const string_view known : {"auth", "auth-int"}) {
     if (lists(items, known)) return keep(challenge.qop, known);
   }
-  Curl_safefree(challenge.qop);
+  ::free(challenge.qop);
   challenge.qop = nullptr;
   return true;
 }

@@ -28,9 +28,10 @@ bool choose_local_path(const dl_http_request& request, const char* local_path, s
     path = local_path;
     return true;
   }
-  const unique_url url(dl_url_parse(request.url, nullptr, nullptr, nullptr));
-  if (url) path = base_name(url->path);
-  return url != nullptr;
+  unique_url url;
+  if (parse_url(url, request.url, nullptr, nullptr) < 0) return false;
+  path = base_name(url->path);
+  return true;
 }
 
 int copy_body(http_channel& channel, download_file& file, dl_result& result) {
@@ -85,6 +86,6 @@ const char* dl_http_find_header_by_name(const dl_http_session* session, const ch
   if (!session || !session->headers || !name || name[0] == '\0') return nullptr;
   std::array<char, 128> lower_name = {};
   copy_text(lower_name, name);
-  str2lower(lower_name.data(), static_cast<int>(lower_name.size()), '\0');
+  lower_in_place(lower_name);
   return http_find_header(session->headers, lower_name.data());
 }

@@ -83,7 +83,7 @@ void header_block::take_line(std::size_t length) {
   char* line = block_.get() + used_;
   std::replace(line, line + length, '\0', ' ');
   line[length] = '\0';
-  str2lower(line, static_cast<int>(length), ':');
+  lower_in_place({line, length}, ':');
   used_ += length + 1;
 }
 

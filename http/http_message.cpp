@@ -38,7 +38,7 @@ int out_of_memory_guard(Work work) {
 std::string host_value(const dl_url& url) {
   std::string value = url.host;
   if (value.find(':') != std::string::npos) value.insert(0, 1, '[').push_back(']');
-  if (url.port != static_cast<uint32_t>(scheme_default_port(url.scheme))) {
+  if (url.port != static_cast<uint32_t>(default_port(url.scheme))) {
     value.append(1, ':').append(std::to_string(url.port));
   }
   return value;

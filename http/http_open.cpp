@@ -21,14 +21,13 @@ int log_error(const char* message, int code) {
   return code;
 }
 
-// The parsed URL with the request's method; an https URL sets the session's TLS bit. Null with the parser's
-// code.
-unique_url http_prepare_url(http_channel& channel, const dl_http_request& request, int32_t& code) {
-  unique_url url(dl_url_parse(request.url, request.user, request.password, &code));
-  if (!url) return url;
+// Parses the URL and gives it the request's method; an https URL sets the session's TLS bit. Returns 0 or the
+// parser's code.
+int http_prepare_url(http_channel& channel, unique_url& url, const dl_http_request& request) {
+  if (const int code = parse_url(url, request.url, request.user, request.password); code < 0) return code;
   if (url->scheme == scheme_https) channel.session.flags |= DL_HTTP_FLAG_TLS;
   url->method = static_cast<uint32_t>(request.method);
-  return url;
+  return 0;
 }
 
 int connect_to(http_channel& channel, const dl_url& url, tls_use tls) {
@@ -38,9 +37,9 @@ int connect_to(http_channel& channel, const dl_url& url, tls_use tls) {
 
 int connect_first(http_channel& channel, const dl_http_request& request, const dl_url& url) {
   if (!request.proxy) return connect_to(channel, url, tls_use::allowed);
-  int32_t code = 0;
-  const unique_url proxy(dl_url_parse(request.proxy, nullptr, nullptr, &code));
-  return proxy ? connect_to(channel, *proxy, tls_use::never) : code;
+  unique_url proxy;
+  if (const int code = parse_url(proxy, request.proxy, nullptr, nullptr); code < 0) return code;
+  return connect_to(channel, *proxy, tls_use::never);
 }
 
 std::unique_ptr<http_msg> new_message(const http_plan& plan) {
@@ -66,9 +65,8 @@ int judge_status(const http_plan& plan, int status) {
 int exchange(const http_plan& plan, http_channel& channel) {
   const auto message = new_message(plan);
   if (!message) return log_error("Out of memory\n", DL_ERR_MEMORY);
-  int32_t code = 0;
-  unique_url url = http_prepare_url(channel, plan.request, code);
-  if (!url) return code;
+  unique_url url;
+  if (const int code = http_prepare_url(channel, url, plan.request); code < 0) return code;
   if (const int rc = connect_first(channel, plan.request, *url); rc < 0) return rc;
   if (http_make_request(channel.is_tls(), *message, plan.request, *url) < 0) return DL_ERR_SEND;
   if (http_send_request(channel, *message) < 0) return DL_ERR_SEND;

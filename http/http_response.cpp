@@ -177,9 +177,9 @@ step_outcome response_loop::follow_redirect() {
 int response_loop::take_target(const char* target) {
   log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "redirect to new url\n");
   copy_text({redirect_, DL_REDIRECT_SIZE}, target);
-  int32_t code = 0;
-  unique_url next(dl_url_parse(target, url_->user, url_->password, &code));
-  if (!next) return code == DL_ERR_MEMORY ? DL_ERR_MEMORY : DL_ERR_REDIRECT_URL;
+  unique_url next;
+  const int code = parse_url(next, target, url_->user, url_->password);
+  if (code < 0) return code == DL_ERR_MEMORY ? DL_ERR_MEMORY : DL_ERR_REDIRECT_URL;
   next->method = url_->method;
   std::swap(url_, next);
   leave_origin(*next);

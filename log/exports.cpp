@@ -46,7 +46,7 @@ const char* qxfr_log_name(uint32_t module) {
 }
 
 int dl_log_init(uint32_t flags, dl_log_callback callback) {
-  log_init("QXFR", flags, callback);
+  log_init(log_identity, flags, callback);
   return 0;
 }
 

@@ -7,7 +7,6 @@
 #include <pthread.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 #include <bit>
 
 #include "log/cancel_hold.h"
+#include "log/clock.h"
 #include "log/syslog_socket.h"
 
 namespace fetchrig {
@@ -100,8 +100,7 @@ void add_syslog_prefix(line_buffer& line, int level) {
 }
 
 void add_time_stamp(line_buffer& line) {
-  timeval now = {};
-  gettimeofday(&now, nullptr);
+  const timeval now = time_of_day();
   const auto micros = static_cast<int>(now.tv_usec);
   line.format("%03d.%03d.%03d:", static_cast<int>(now.tv_sec % 1000), micros / 1000, micros % 1000);
 }
@@ -115,12 +114,6 @@ std::size_t start_line(line_buffer& line, std::size_t module, int level) {
   line.format("%s%s ", module_names[module], level_tags[static_cast<std::size_t>(level)]);
   if (get(state.with_time)) add_time_stamp(line);
   return console_from;
-}
-
-int64_t now_ms() {
-  timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
 log_write put_to_syslog(const line_buffer& line, bool may_wait) {

@@ -11,6 +11,9 @@
 
 namespace fetchrig {
 
+// What the library calls itself in the system log.
+inline constexpr const char* log_identity = "QXFR";
+
 // Writes one message to the outputs.
 void log_line(int module, int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
 void vlog_line(int module, int level, const char* format, va_list arguments)

@@ -10,6 +10,7 @@
 #include "core/boundary.h"
 #include "core/config.h"
 #include "core/text.h"
+#include "core/url.h"
 #include "include/fetchrig.h"
 #include "log/log.h"
 #include "log/printable.h"
@@ -27,11 +28,6 @@ namespace {
 
 constexpr std::size_t wave_fmt_offset = 8;
 constexpr int32_t read_size = 512;
-
-struct url_releaser {
-  void operator()(dl_url* url) const { dl_url_free(url); }
-};
-using unique_url = std::unique_ptr<dl_url, url_releaser>;
 
 struct session_closer {
   void operator()(dl_http_session* session) const { dl_http_close(session); }
@@ -119,8 +115,9 @@ bool asks_for_name(const char* host) {
 int find_ring(const char* alert, const char* ring_name, int32_t* ring_number, char* path,
               uint32_t path_size) {
   if (or_empty(alert).empty()) return ring_name_lookup(ring_name, ring_number);
-  unique_url url(dl_url_parse(alert, nullptr, nullptr, nullptr));
-  if (!url) return ring_name_lookup(or_empty(ring_name).empty() ? alert : ring_name, ring_number);
+  unique_url url;
+  const bool is_url = parse_url(url, alert, nullptr, nullptr) == 0;
+  if (!is_url) return ring_name_lookup(or_empty(ring_name).empty() ? alert : ring_name, ring_number);
   const bool by_name = asks_for_name(url->host);
   url.reset();
   if (!by_name && ring_fetch_wave(alert, path, path_size) >= 0) return 1;

@@ -8,6 +8,7 @@
 
 #include "core/boundary.h"
 #include "core/config.h"
+#include "core/files.h"
 #include "core/owners.h"
 #include "core/result.h"
 #include "core/text.h"
@@ -106,7 +107,7 @@ int send_blocks(dl_tftp_session& session, FILE* file, const char* local_path, in
 int send_file(dl_tftp_session& session, const char* local_path, dl_result* result) {
   const net_options options = net_settings();
   const uint32_t limit = options.max_file_size;
-  const int64_t size = dl_get_file_size(local_path);
+  const int64_t size = file_size(local_path);
   if (size != -1 && size > static_cast<int64_t>(limit)) {
     log_line(DL_LOG_TFTP, DL_LOG_ERROR, "File %s size larger than maxsize %ld\n",
              printable(local_path).c_str(), static_cast<long>(limit));

@@ -2,8 +2,9 @@
 // are taken apart into, what is refused with which log lines, and the clean URL that HTTP gets.
 #include "core/url.h"
 
-#include "core/dispatch_url.h"
+#include "core/dispatch_request.h"
 #include "core/owners.h"
+#include "include/fetchrig.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/options.h"
 
