@@ -1,19 +1,17 @@
-// tftp_download.cpp: fetching a file. The open call sends the request; each read call acknowledges the blocks
-// it takes and keeps in `carry` what does not fit the caller's buffer.
+// tftp_download.cpp: fetching a file.
+#include "tftp/tftp_download.h"
+
 #include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
 
-#include "core/boundary.h"
 #include "core/config.h"
 #include "core/download_file.h"
 #include "core/owners.h"
 #include "core/result.h"
-#include "include/fetchrig.h"
 #include "log/log.h"
 #include "net/socket.h"
-#include "tftp/tftp_session.h"
 
 namespace fetchrig {
 
@@ -115,7 +113,45 @@ int fill(read_call& call) {
   return call.budget > 0 ? 0 : fail(call.result, DL_ERR_READ);
 }
 
-int read_checked(dl_tftp_session& session, std::span<char> to, dl_result* result) {
+// Waits for the server's first answer, which the first read takes. A wait that fails is left for the read to
+// report.
+bool answered(const dl_tftp_session& session, int timeout_s) {
+  return wait_ready(session.sock, wait_readable, std::max(timeout_s, min_answer_wait_s)) != 0;
+}
+
+// Reads into the file until the end. Returns 0 or -1 with the result filled.
+int copy_to_file(dl_tftp_session& session, download_file& file, dl_result* result) {
+  for (;;) {
+    const std::span<char> room = file.room();
+    const auto size = std::min<std::size_t>(room.size(), tftp_max_blksize);
+    const int count = tftp_read(session, room.first(size), result);
+    if (count < 0) return -1;
+    if (count == 0) return file.finish(result);
+    if (file.accept(static_cast<uint32_t>(count), result) < 0) return -1;
+  }
+}
+
+}  // namespace
+
+int tftp_open(dl_tftp_session** handle, const tftp_target& target, dl_result* result) {
+  if (tftp_check_open(handle, target, result) < 0) return -1;
+  if (!config_initialised()) {
+    log_line(DL_LOG_TFTP, DL_LOG_ERROR, "config doesn't init\n");
+    *handle = nullptr;
+    return fail(result, DL_ERR_NOT_INITIALISED);
+  }
+  const net_options options = net_settings();
+  if (tftp_start(handle, target, 1, options.ipv6, result) < 0) return -1;
+  log_line(DL_LOG_TFTP, DL_LOG_INFO, "Send Request Packet\n");
+  if (const int code = tftp_send_request(**handle, tftp_opcode::rrq, target.remote_name); code < 0) {
+    return tftp_abandon(handle, result, code);
+  }
+  if (!answered(**handle, options.net_timeout_s)) return tftp_abandon(handle, result, DL_ERR_NOT_TFTP);
+  log_line(DL_LOG_TFTP, DL_LOG_NOTICE, "tftp open success\n");
+  return 0;
+}
+
+int tftp_read(dl_tftp_session& session, std::span<char> to, dl_result* result) {
   // The carry buffer marks a session that has begun: it stays only once a packet that settles the sizes was
   // taken. The block number alone would not tell, as it wraps.
   const bool fresh = !session.carry;
@@ -129,78 +165,15 @@ int read_checked(dl_tftp_session& session, std::span<char> to, dl_result* result
   return rc < 0 ? -1 : static_cast<int>(to.size() - call.rest.size());
 }
 
-// Waits for the server's first answer, which the first read takes. A wait that fails is left for the read to
-// report.
-bool answered(const dl_tftp_session& session, int timeout_s) {
-  return wait_ready(session.sock, wait_readable, std::max(timeout_s, min_answer_wait_s)) != 0;
-}
-
-// Reads into the file until the end. Returns 0 or -1 with the result filled.
-int copy_to_file(dl_tftp_session* session, download_file& file, dl_result* result) {
-  for (;;) {
-    const std::span<char> room = file.room();
-    const auto size = static_cast<int32_t>(std::min<std::size_t>(room.size(), tftp_max_blksize));
-    const int count = dl_tftp_read(session, room.data(), size, result);
-    if (count < 0) return -1;
-    if (count == 0) return file.finish(result);
-    if (file.accept(static_cast<uint32_t>(count), result) < 0) return -1;
-  }
-}
-
-int receive_to_file(const tftp_target& target, const char* local_path, dl_result* result) {
+int tftp_recv_to_file(const tftp_target& target, const char* local_path, dl_result* result) {
   dl_tftp_session* opened = nullptr;
-  if (dl_tftp_open(&opened, target.host, target.port, target.remote_name, result) < 0) return -1;
+  if (tftp_open(&opened, target, result) < 0) return -1;
   const unique_tftp session(opened);
   download_file file(DL_LOG_TFTP, tftp_max_blksize, max_file_size());
   if (!file.open(local_path ? local_path : target.remote_name)) return -1;
-  if (copy_to_file(session.get(), file, result) < 0) return -1;
+  if (copy_to_file(*session, file, result) < 0) return -1;
   log_line(DL_LOG_TFTP, DL_LOG_NOTICE, "recv: %d bytes\n", static_cast<int>(file.total()));
   return 0;
 }
 
-int open_download(dl_tftp_session** session, const tftp_target& target, dl_result* result) {
-  if (tftp_check_open(session, target, result) < 0) return -1;
-  if (!config_initialised()) {
-    log_line(DL_LOG_TFTP, DL_LOG_ERROR, "config doesn't init\n");
-    *session = nullptr;
-    return fail(result, DL_ERR_NOT_INITIALISED);
-  }
-  const net_options options = net_settings();
-  if (tftp_start(session, target, 1, options.ipv6, result) < 0) return -1;
-  log_line(DL_LOG_TFTP, DL_LOG_INFO, "Send Request Packet\n");
-  if (const int code = tftp_send_request(**session, tftp_opcode::rrq, target.remote_name); code < 0) {
-    return tftp_abandon(session, result, code);
-  }
-  if (!answered(**session, options.net_timeout_s)) return tftp_abandon(session, result, DL_ERR_NOT_TFTP);
-  log_line(DL_LOG_TFTP, DL_LOG_NOTICE, "tftp open success\n");
-  return 0;
-}
-
-}  // namespace
-
 }  // namespace fetchrig
-
-int dl_tftp_open(dl_tftp_session** session, const char* host, uint32_t port, const char* remote_name,
-                 dl_result* result) {
-  using namespace fetchrig;
-  return guarded_transfer(result, [&] { return open_download(session, {host, port, remote_name}, result); });
-}
-
-int dl_tftp_read(dl_tftp_session* session, char* buffer, int32_t size, dl_result* result) {
-  using namespace fetchrig;
-  if (!buffer || !result || size < 0 || !tftp_usable(session)) {
-    log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Tftp read with invalid parameter\n");
-    return fail(result, DL_ERR_PARAMETER);
-  }
-  return guarded_transfer(result, [&] {
-    return read_checked(*session, {buffer, static_cast<std::size_t>(size)}, result);
-  });
-}
-
-int dl_tftp_recv_to_file(const char* host, uint32_t port, const char* remote_name, const char* local_path,
-                         dl_result* result) {
-  using namespace fetchrig;
-  return guarded_transfer(result, [&] {
-    return receive_to_file({host, port, remote_name}, local_path, result);
-  });
-}

@@ -5,7 +5,6 @@
 
 #include "core/cursor.h"
 #include "core/text.h"
-#include "include/fetchrig.h"
 #include "log/log.h"
 #include "log/printable.h"
 

@@ -3,30 +3,27 @@
 
 #include <errno.h>
 #include <netinet/in.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <time.h>
 
 #include <algorithm>
 
-#include "core/boundary.h"
 #include "core/config.h"
 #include "core/cursor.h"
 #include "core/owners.h"
+#include "core/ports.h"
 #include "core/result.h"
-#include "include/fetchrig.h"
 #include "log/log.h"
 #include "log/printable.h"
 #include "net/address.h"
 #include "net/socket.h"
+#include "tftp/tftp_port.h"
 
 namespace fetchrig {
 
 namespace {
 
-constexpr uint16_t default_port = 69;
-constexpr uint32_t first_bad_port = 65536;
 constexpr int bind_attempts = 30;
 // More than a receive queue holds; a peer that sends as fast as we discard must not keep us here.
 constexpr int max_drained = 65536;
@@ -63,19 +60,28 @@ bool bind_port(int sock, int family, in_port_t port) {
   return ::bind(sock, reinterpret_cast<const sockaddr*>(&any6), sizeof any6) == 0;
 }
 
-// Ports 1024 to 65534, drawn from a generator seeded with the time.
 bool bind_random_port(int sock, int family) {
-  ::srand(static_cast<unsigned>(::time(nullptr)));
+  tftp_ports ports(static_cast<unsigned>(::time(nullptr)));
   for (int attempt = 0; attempt < bind_attempts; ++attempt) {
-    if (bind_port(sock, family, static_cast<in_port_t>(1024 + ::rand() % 64511))) return true;
+    if (bind_port(sock, family, ports.next())) return true;
   }
   return false;
+}
+
+// An ERROR does not end an exchange at once; the log keeps what the server said.
+void log_server_error(std::string_view datagram) {
+  cursor in(datagram);
+  const auto opcode = in.u16be();
+  const auto code = in.u16be();
+  if (!code || *opcode != static_cast<uint16_t>(tftp_opcode::error)) return;
+  const std::string_view message = in.rest().substr(0, in.rest().find('\0'));
+  log_line(DL_LOG_TFTP, DL_LOG_WARNING, "server error %d: %s\n", *code, printable(message).c_str());
 }
 
 }  // namespace
 
 int tftp_check_open(dl_tftp_session** handle, const tftp_target& target, dl_result* result) {
-  const bool good = handle && target.host && target.remote_name && target.port < first_bad_port && result &&
+  const bool good = handle && target.host && target.remote_name && target.port <= max_port && result &&
                     ::strnlen(target.remote_name, tftp_max_name_len + 1) <= tftp_max_name_len;
   if (good) {
     clear_result(*result);
@@ -93,7 +99,7 @@ int tftp_start(dl_tftp_session** handle, const tftp_target& target, uint16_t fir
     *handle = nullptr;
     return fail(result, DL_ERR_MEMORY);
   }
-  const auto port = static_cast<uint16_t>(target.port == 0 ? default_port : target.port);
+  const auto port = static_cast<uint16_t>(target.port == 0 ? tftp_port : target.port);
   session->magic = DL_TFTP_MAGIC;
   session->block = first_block;
   session->blksize = tftp_default_blksize;
@@ -108,7 +114,7 @@ int tftp_start(dl_tftp_session** handle, const tftp_target& target, uint16_t fir
 }
 
 int tftp_abandon(dl_tftp_session** handle, dl_result* result, int code) {
-  dl_tftp_close(*handle);
+  tftp_close(*handle);
   *handle = nullptr;
   return fail(result, code);
 }
@@ -192,16 +198,6 @@ std::size_t tftp_receive_size(const dl_tftp_session& session) {
   return static_cast<std::size_t>(std::clamp<int32_t>(session.recv_size, 0, tftp_packet_capacity));
 }
 
-// An ERROR does not end an exchange at once; the log keeps what the server said.
-static void log_server_error(std::string_view datagram) {
-  cursor in(datagram);
-  const auto opcode = in.u16be();
-  const auto code = in.u16be();
-  if (!code || *opcode != static_cast<uint16_t>(tftp_opcode::error)) return;
-  const std::string_view message = in.rest().substr(0, in.rest().find('\0'));
-  log_line(DL_LOG_TFTP, DL_LOG_WARNING, "server error %d: %s\n", *code, printable(message).c_str());
-}
-
 ssize_t tftp_receive(dl_tftp_session& session, int timeout_s, tftp_packet_buffer& packet, dl_result* result) {
   sockaddr_in6 sender = {};
   ssize_t length;
@@ -242,18 +238,16 @@ void tftp_drain(int sock) {
   log_line(DL_LOG_TFTP, DL_LOG_NOTICE, "discarded %d packets\n", num_discarded);
 }
 
-}  // namespace fetchrig
-
-void dl_tftp_close(dl_tftp_session* session) {
+void tftp_close(dl_tftp_session* session) {
   if (!session || session->magic != DL_TFTP_MAGIC) {
-    fetchrig::log_line(DL_LOG_TFTP, DL_LOG_ERROR, "tftp close with invalid parameter\n");
+    log_line(DL_LOG_TFTP, DL_LOG_ERROR, "tftp close with invalid parameter\n");
     return;
   }
   // The record is the caller's handle until here, so it is held in the owners for plain memory only now.
-  fetchrig::guarded([session] {
-    const fetchrig::unique_malloc<dl_tftp_session> record(session);
-    const fetchrig::unique_text carry(session->carry);
-    fetchrig::close_socket(session->sock);
-    ::explicit_bzero(session, sizeof *session);
-  });
+  const unique_malloc<dl_tftp_session> record(session);
+  const unique_text carry(session->carry);
+  close_socket(session->sock);
+  ::explicit_bzero(session, sizeof *session);
 }
+
+}  // namespace fetchrig

@@ -13,14 +13,16 @@
 #include <span>
 #include <string_view>
 
-#include "include/fetchrig.h"
+#include "include/fetchrig_types.h"
 #include "tftp/tftp_packet.h"
 
 namespace fetchrig {
 
-// Ends a session that an open call has handed out.
+// Ends a session of either direction and releases it. Null and what is no live session are logged.
+void tftp_close(dl_tftp_session* session);
+
 struct tftp_closer {
-  void operator()(dl_tftp_session* session) const { dl_tftp_close(session); }
+  void operator()(dl_tftp_session* session) const { tftp_close(session); }
 };
 using unique_tftp = std::unique_ptr<dl_tftp_session, tftp_closer>;
 

@@ -1,4 +1,6 @@
-// tftp_upload.cpp: sending a file, one block at a time, each waiting for its ACK.
+// tftp_upload.cpp: sending a file.
+#include "tftp/tftp_upload.h"
+
 #include <errno.h>
 #include <limits.h>
 #include <stdio.h>
@@ -6,7 +8,6 @@
 
 #include <algorithm>
 
-#include "core/boundary.h"
 #include "core/config.h"
 #include "core/files.h"
 #include "core/owners.h"
@@ -16,7 +17,6 @@
 #include "include/fetchrig.h"
 #include "log/log.h"
 #include "log/printable.h"
-#include "tftp/tftp_session.h"
 
 namespace fetchrig {
 
@@ -104,7 +104,21 @@ int send_blocks(dl_tftp_session& session, FILE* file, const char* local_path, in
   return total;
 }
 
-int send_file(dl_tftp_session& session, const char* local_path, dl_result* result) {
+}  // namespace
+
+int tftp_send_open(dl_tftp_session** handle, const tftp_target& target, dl_result* result) {
+  if (tftp_check_open(handle, target, result) < 0) return -1;
+  const net_options options = net_settings();
+  if (tftp_start(handle, target, 0, options.ipv6, result) < 0) return -1;
+  log_line(DL_LOG_TFTP, DL_LOG_INFO, "Send Request Packet\n");
+  const int code = request_accepted(**handle, target.remote_name, options.net_timeout_s, result);
+  if (code < 0) return tftp_abandon(handle, result, code);
+  (*handle)->block = 1;
+  log_line(DL_LOG_TFTP, DL_LOG_NOTICE, "tftp open success\n");
+  return 0;
+}
+
+int tftp_send(dl_tftp_session& session, const char* local_path, dl_result* result) {
   const net_options options = net_settings();
   const uint32_t limit = options.max_file_size;
   const int64_t size = file_size(local_path);
@@ -127,55 +141,18 @@ int send_file(dl_tftp_session& session, const char* local_path, dl_result* resul
   return send_blocks(session, file.get(), local_path, options.net_timeout_s, result);
 }
 
-int open_upload(dl_tftp_session** session, const tftp_target& target, dl_result* result) {
-  if (tftp_check_open(session, target, result) < 0) return -1;
-  const net_options options = net_settings();
-  if (tftp_start(session, target, 0, options.ipv6, result) < 0) return -1;
-  log_line(DL_LOG_TFTP, DL_LOG_INFO, "Send Request Packet\n");
-  const int code = request_accepted(**session, target.remote_name, options.net_timeout_s, result);
-  if (code < 0) return tftp_abandon(session, result, code);
-  (*session)->block = 1;
-  log_line(DL_LOG_TFTP, DL_LOG_NOTICE, "tftp open success\n");
-  return 0;
-}
-
-int send_whole_file(const tftp_target& target, const char* local_path, dl_result* result) {
+int tftp_send_file(const tftp_target& target, const char* local_path, dl_result* result) {
+  // Before the request, with which the server may empty the remote file.
+  if (!is_upload_file(DL_LOG_TFTP, local_path)) return fail(result, DL_ERR_READ);
+  tftp_target named = target;
+  if (!named.remote_name || !*named.remote_name) named.remote_name = base_name(local_path).data();
   dl_tftp_session* opened = nullptr;
-  if (dl_tftp_send_open(&opened, target.host, target.port, target.remote_name, result) < 0) return -1;
+  if (tftp_send_open(&opened, named, result) < 0) return -1;
   const unique_tftp session(opened);
-  const int total = dl_tftp_send(session.get(), local_path, result);
+  const int total = tftp_send(*session, local_path, result);
   if (total < 0) return -1;
   log_line(DL_LOG_TFTP, DL_LOG_NOTICE, "send: %d bytes\n", total);
   return 0;
 }
 
-}  // namespace
-
 }  // namespace fetchrig
-
-int dl_tftp_send_open(dl_tftp_session** session, const char* host, uint32_t port, const char* remote_name,
-                      dl_result* result) {
-  using namespace fetchrig;
-  return guarded_transfer(result, [&] { return open_upload(session, {host, port, remote_name}, result); });
-}
-
-int dl_tftp_send(dl_tftp_session* session, const char* local_path, dl_result* result) {
-  using namespace fetchrig;
-  if (!local_path || !result || !tftp_usable(session)) {
-    log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Tftp read with invalid parameter\n");
-    return fail(result, DL_ERR_PARAMETER);
-  }
-  return guarded_transfer(result, [&] { return send_file(*session, local_path, result); });
-}
-
-int dl_tftp_send_file(const char* host, uint32_t port, const char* remote_name, const char* local_path,
-                      dl_result* result) {
-  using namespace fetchrig;
-  if (!local_path || !*local_path || port >= 65536 || !result || !host) return fail(result, DL_ERR_PARAMETER);
-  const char* name = remote_name && *remote_name ? remote_name : base_name(local_path).data();
-  return guarded_transfer(result, [&] {
-    // Before the request, with which the server may empty the remote file.
-    if (!is_upload_file(DL_LOG_TFTP, local_path)) return fail(result, DL_ERR_READ);
-    return send_whole_file({host, port, name}, local_path, result);
-  });
-}

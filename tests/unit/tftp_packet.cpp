@@ -1,10 +1,13 @@
 // tftp_packet.cpp: TFTP packets and option lists, byte by byte.
 #include <gtest/gtest.h>
+#include <limits.h>
+#include <stdlib.h>
 
 #include <string>
 #include <string_view>
 
 #include "tftp/tftp_packet.h"
+#include "tftp/tftp_port.h"
 
 namespace {
 
@@ -49,6 +52,14 @@ TEST(tftp_packet, block_sizes_are_in_range) {
   // clang-format on
   for (const auto& row : rows)
     EXPECT_EQ(tftp_check_blksize(row.text, tftp_max_blksize), row.size) << row.text;
+}
+
+TEST(tftp_ports, are_those_of_rand_which_is_left_alone) {
+  for (const unsigned seed : {0U, 1U, 1395619200U, UINT_MAX}) {
+    srand(seed);
+    tftp_ports ports(seed);
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(ports.next(), 1024 + rand() % 64511) << seed << " " << i;
+  }
 }
 
 }  // namespace
