@@ -14,7 +14,6 @@
 #include "core/result.h"
 #include "core/text.h"
 #include "core/upload_file.h"
-#include "include/fetchrig.h"
 #include "log/log.h"
 #include "log/printable.h"
 
