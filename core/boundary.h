@@ -31,6 +31,12 @@ void guarded(Work&& work) {
   guarded(work, [] {});
 }
 
+// The same for a step that returns a code.
+template <typename Work>
+int guarded_step(Work&& work) {
+  return guarded(work, [] { return int{DL_ERR_MEMORY}; });
+}
+
 // The same for a transfer call, which fails with -1 and DL_ERR_MEMORY in the caller's record, if there is
 // one.
 template <typename Work>

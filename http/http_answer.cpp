@@ -1,24 +1,22 @@
-// http_answer.cpp: builds the Authorization line that answers a challenge: Basic, Digest or BroadWorks XSI.
-// Answers and everything they are computed from are wiped before their memory is given back.
+// http_answer.cpp: the three kinds of answer.
+#include "http/http_answer.h"
+
 #include <openssl/crypto.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <initializer_list>
-#include <string_view>
 
 #include "core/base64.h"
 #include "core/md5.h"
 #include "core/owners.h"
 #include "core/text.h"
-#include "http/http_auth.h"
-#include "include/fetchrig_openssl.h"
 #include "log/clock.h"
 
+namespace fetchrig {
 namespace {
 
-using namespace fetchrig;
 using std::string_view;
 
 // Base64 of a secret; wiped at the end.
@@ -61,7 +59,7 @@ class md5_hex {
 
 // Replaces the answer by the parts put together. Returns an answer result.
 int store_answer(char*& answer, std::initializer_list<string_view> parts) {
-  size_t size = 1;
+  std::size_t size = 1;
   for (const string_view part : parts) size += part.size();
   char* const text = static_cast<char*>(malloc(size));
   if (!text) return HTTP_ANSWER_MEMORY;
@@ -77,7 +75,7 @@ int store_answer(char*& answer, std::initializer_list<string_view> parts) {
   return HTTP_ANSWER_OK;
 }
 
-int output_basic(const auth_side& side) {
+int build_basic(const auth_side& side) {
   char credentials[512];
   snprintf(credentials, sizeof credentials, "%s:%s", side.user ? side.user : "",
            side.password ? side.password : "");
@@ -162,17 +160,13 @@ int answer_digest(const auth_side& side, const digest_texts& texts, string_view 
 
 }  // namespace
 
-int Curl_output_auth(http_auth_state* state, int proxy, const char* method, const char* path) {
-  if (!state) return HTTP_ANSWER_SCHEME;
-  const auth_side side = side_of(*state, proxy);
-  if (side.picked & auth_basic) return output_basic(side);
-  if (side.picked & auth_digest) return Curl_output_digest(state, proxy, method, path);
+int build_answer(const auth_side& side, string_view method, string_view path) {
+  if (side.picked & auth_basic) return build_basic(side);
+  if (side.picked & auth_digest) return build_digest_answer(side, method, path);
   return HTTP_ANSWER_SCHEME;
 }
 
-int Curl_output_digest(http_auth_state* state, int proxy, const char* method, const char* path) {
-  if (!state) return HTTP_ANSWER_SCHEME;
-  const auth_side side = side_of(*state, proxy);
+int build_digest_answer(const auth_side& side, string_view method, string_view path) {
   digest_challenge& challenge = side.challenge;
   release_answer(side.answer);
   if (!challenge.nonce) return HTTP_ANSWER_OK;
@@ -183,25 +177,27 @@ int Curl_output_digest(http_auth_state* state, int proxy, const char* method, co
   const digest_texts texts = {or_empty(side.user),
                               or_empty(challenge.realm),
                               challenge.nonce,
-                              or_empty(path),
+                              path,
                               challenge.cnonce,
                               or_empty(challenge.qop),
                               or_empty(challenge.opaque),
                               or_empty(challenge.algorithm)};
   if (!fits_one_line(texts)) return HTTP_ANSWER_SCHEME;
-  const int rc = answer_digest(side, texts, or_empty(method));
+  const int rc = answer_digest(side, texts, method);
   if (rc == HTTP_ANSWER_OK && equal_ignoring_case(texts.qop, "auth")) ++challenge.nc;
   return rc;
 }
 
-int Curl_output_xsi_auth(http_auth_state* state) {
-  if (!state || !(state->picked & auth_basic)) return HTTP_ANSWER_SCHEME;
-  const string_view user = or_empty(state->user);
-  const string_view password = or_empty(state->password);
+int build_xsi_answer(const auth_side& side) {
+  if (!(side.picked & auth_basic)) return HTTP_ANSWER_SCHEME;
+  const string_view user = or_empty(side.user);
+  const string_view password = or_empty(side.password);
   if (user.empty() || password.empty()) return HTTP_ANSWER_MEMORY;
   const encoded_secret encoded_password(password);
   const encoded_secret encoded_user(user);
   if (!encoded_password || !encoded_user) return HTTP_ANSWER_MEMORY;
-  return store_answer(state->answer, {"Authorization: BroadWorksSIP basic=\"", encoded_password.text(),
-                                      "\", sipUser=\"", encoded_user.text(), "\"\r\n"});
+  return store_answer(side.answer, {"Authorization: BroadWorksSIP basic=\"", encoded_password.text(),
+                                    "\", sipUser=\"", encoded_user.text(), "\"\r\n"});
 }
+
+}  // namespace fetchrig

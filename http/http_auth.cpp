@@ -1,4 +1,4 @@
-// http_auth.cpp: the working record that the challenge parser fills and the answer builders use.
+// http_auth.cpp: the working record of one 401.
 #include "http/http_auth.h"
 
 #include <openssl/crypto.h>
@@ -7,13 +7,11 @@
 
 #include <initializer_list>
 
-#include "include/fetchrig_openssl.h"
-
 namespace fetchrig {
 
 auth_work::~auth_work() {
-  Curl_digest_cleanup_one(&challenge);
-  Curl_digest_cleanup_one(&proxy_challenge);
+  release_challenge(challenge);
+  release_challenge(proxy_challenge);
   release_answer(answer);
   release_answer(proxy_answer);
 }
@@ -26,22 +24,21 @@ auth_side side_of(http_auth_state& state, int proxy) {
   return {"", state.user, state.password, state.challenge, state.picked, state.answer};
 }
 
+void release_challenge(digest_challenge& challenge) {
+  for (char** text : {&challenge.nonce, &challenge.cnonce, &challenge.realm, &challenge.opaque,
+                      &challenge.qop, &challenge.algorithm}) {
+    free(*text);
+    *text = nullptr;
+  }
+  challenge.stale = 0;
+  challenge.nc = 0;
+  challenge.session = 0;
+}
+
 void release_answer(char*& answer) {
   if (answer) OPENSSL_cleanse(answer, strlen(answer));
-  ::free(answer);
+  free(answer);
   answer = nullptr;
 }
 
 }  // namespace fetchrig
-
-void Curl_digest_cleanup_one(digest_challenge* challenge) {
-  if (!challenge) return;
-  for (char** text : {&challenge->nonce, &challenge->cnonce, &challenge->realm, &challenge->opaque,
-                      &challenge->qop, &challenge->algorithm}) {
-    ::free(*text);
-    *text = nullptr;
-  }
-  challenge->stale = 0;
-  challenge->nc = 0;
-  challenge->session = 0;
-}

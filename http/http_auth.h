@@ -1,19 +1,16 @@
-// http_auth.h: answering a 401: parsing the server's challenge and building the Authorization line for Basic
-// (RFC 7617), Digest (RFC 2617, MD5 and MD5-sess, qop "auth") and BroadWorks XSI. The exported operations are
-// declared in fetchrig_openssl.h; here is what they share. Names of parameters have at most
-// 255 characters, values 1023. Knows texts, not sockets. One thread at a time per record; secrets are wiped
-// before their memory is given back.
+// http_auth.h: the working record of one 401, which http_challenge.h fills from the server's challenge and
+// http_answer.h answers. One thread at a time per record; secrets are wiped before their memory is given back.
 #ifndef FETCHRIG_HTTP_HTTP_AUTH_H
 #define FETCHRIG_HTTP_HTTP_AUTH_H
 
-#include "include/fetchrig_openssl.h"
+#include "include/fetchrig_types.h"
 
 namespace fetchrig {
 
 inline constexpr uint32_t auth_basic = 1;   // bit 0 of a picked scheme
 inline constexpr uint32_t auth_digest = 2;  // bit 1
 
-// The working record of one 401: zeroed at the start, everything it owns released at the end.
+// The record: zeroed at the start, everything it owns released at the end.
 struct auth_work : http_auth_state {
   auth_work() : http_auth_state{} {}
   ~auth_work();
@@ -32,6 +29,8 @@ struct auth_side {
 };
 [[nodiscard]] auth_side side_of(http_auth_state& state, int proxy);
 
+// Frees a challenge's texts and zeroes stale, nc and session.
+void release_challenge(digest_challenge& challenge);
 // Wipes and frees an answer line; the place becomes null.
 void release_answer(char*& answer);
 

@@ -1,24 +1,21 @@
-// http_challenge.cpp: parses the value of a WWW-Authenticate header into the working record. A Digest
-// challenge is a list of name="value" or name=value parameters; every step works on what is left of the text
-// and cannot leave it.
-#include <stddef.h>
+// http_challenge.cpp: a Digest challenge is a list of name="value" or name=value parameters; every step works on
+// what is left of the text and cannot leave it.
+#include "http/http_challenge.h"
+
+#include <stdlib.h>
 #include <string.h>
 
 #include <optional>
-#include <string_view>
 
 #include "core/owners.h"
 #include "core/text.h"
-#include "http/http_auth.h"
-#include "include/fetchrig_openssl.h"
 
+namespace fetchrig {
 namespace {
 
-using namespace fetchrig;
 using std::string_view;
 
-constexpr size_t max_name_len = 255;
-constexpr size_t max_value_len = 1023;
+constexpr std::size_t max_name_len = 255;
 
 // One parameter as it stands in the challenge.
 struct parameter {
@@ -32,7 +29,7 @@ struct parameter {
 // quote is missing, counts as far as it could be read. Nothing when the name is empty or too long, or when
 // the value is empty and has no quotes.
 std::optional<parameter> read_parameter(string_view text) {
-  const size_t name_len = text.find('=');
+  const std::size_t name_len = text.find('=');
   if (name_len == string_view::npos || name_len == 0 || name_len > max_name_len) return std::nullopt;
   const string_view name = text.substr(0, name_len);
   const string_view rest = text.substr(name_len + 1);
@@ -52,7 +49,7 @@ std::optional<parameter> read_parameter(string_view text) {
 bool keep(char*& place, string_view text) {
   unique_text copy = duplicate_text(text);
   if (!copy) return false;
-  ::free(place);
+  free(place);
   place = copy.release();
   return true;
 }
@@ -60,7 +57,7 @@ bool keep(char*& place, string_view text) {
 // True when one of the items between commas is `wanted`.
 bool lists(string_view items, string_view wanted) {
   for (;;) {
-    const size_t comma = items.find(',');
+    const std::size_t comma = items.find(',');
     if (equal_ignoring_case(trim_white_space(items.substr(0, comma)), wanted)) return true;
     if (comma == string_view::npos) return false;
     items.remove_prefix(comma + 1);
@@ -72,7 +69,7 @@ bool keep_qop(digest_challenge& challenge, string_view items) {
   for (const string_view known : {"auth", "auth-int"}) {
     if (lists(items, known)) return keep(challenge.qop, known);
   }
-  ::free(challenge.qop);
+  free(challenge.qop);
   challenge.qop = nullptr;
   return true;
 }
@@ -119,12 +116,11 @@ int take_parameter(digest_challenge& challenge, string_view& text) {
   // here on.
   char value[max_value_len + 1];
   copy_text(value, found->value);
-  // `text` is the end of the caller's terminated text, so its data is terminated as well.
-  if (equal_ignoring_case(found->name, "qop")) get_all_qop_content(text.data(), found->name.size(), value);
+  if (equal_ignoring_case(found->name, "qop")) gather_qop_list(text, found->name.size(), value);
   const string_view whole(value);
   if (const int rc = store(challenge, found->name, whole); rc != HTTP_CHALLENGE_FINE) return rc;
-  const size_t quotes = found->quoted ? 2 : 0;
-  const size_t step = found->name.size() + 1 + whole.size() + quotes;
+  const std::size_t quotes = found->quoted ? 2 : 0;
+  const std::size_t step = found->name.size() + 1 + whole.size() + quotes;
   text = step < text.size() ? skip_white_space(text.substr(step)) : string_view();
   if (text.starts_with(',')) text.remove_prefix(1);
   return HTTP_CHALLENGE_FINE;
@@ -134,7 +130,7 @@ int take_parameter(digest_challenge& challenge, string_view& text) {
 // another answer when the server calls that nonce stale.
 int parse_digest(digest_challenge& challenge, string_view text) {
   const bool answered_before = challenge.nonce != nullptr;
-  Curl_digest_cleanup_one(&challenge);
+  release_challenge(challenge);
   int rc = HTTP_CHALLENGE_FINE;
   while (rc == HTTP_CHALLENGE_FINE) rc = take_parameter(challenge, text);
   if (rc != HTTP_CHALLENGE_UNKNOWN) return rc;
@@ -144,11 +140,9 @@ int parse_digest(digest_challenge& challenge, string_view text) {
 
 }  // namespace
 
-int Curl_input_auth(http_auth_state* state, int proxy, const char* header) {
-  if (!state) return HTTP_CHALLENGE_UNKNOWN;
-  const auth_side side = side_of(*state, proxy);
+int read_challenge(const auth_side& side, string_view value) {
   side.picked = 0;
-  const string_view text = skip_white_space(or_empty(header));
+  const string_view text = skip_white_space(value);
   constexpr string_view digest = "Digest";
   if (starts_ignoring_case(text, digest)) {
     side.picked = auth_digest;
@@ -161,27 +155,27 @@ int Curl_input_auth(http_auth_state* state, int proxy, const char* header) {
   return HTTP_CHALLENGE_UNKNOWN;
 }
 
-void get_all_qop_content(const char* parameters, size_t name_len, char* value) {
-  if (!parameters || !value) return;
-  const string_view text(parameters);
-  const size_t held = strnlen(value, max_value_len);
-  if (text.size() < name_len + 1 || text.size() - name_len - 1 < held) return;
-  string_view more = text.substr(name_len + 1);
+void gather_qop_list(string_view parameters, std::size_t name_len, char* value) {
+  const std::size_t held = strnlen(value, max_value_len);
+  if (parameters.size() < name_len + 1 || parameters.size() - name_len - 1 < held) return;
+  string_view more = parameters.substr(name_len + 1);
   if (more.starts_with('"')) return;
   more.remove_prefix(held);
   // What stands behind the last comma before the next "=" is the next parameter's name. Without a "=" all are
   // items.
-  if (const size_t next = more.find('='); next != string_view::npos) {
-    const size_t comma = more.substr(0, next).rfind(',');
+  if (const std::size_t next = more.find('='); next != string_view::npos) {
+    const std::size_t comma = more.substr(0, next).rfind(',');
     more = more.substr(0, comma == string_view::npos ? 0 : comma);
   }
   // Only whole items are taken: a cut "auth-int" would read "auth".
-  const size_t room = max_value_len - held;
+  const std::size_t room = max_value_len - held;
   if (more.size() > room) {
-    const size_t comma = more.substr(0, room + 1).rfind(',');
+    const std::size_t comma = more.substr(0, room + 1).rfind(',');
     more = more.substr(0, comma == string_view::npos ? 0 : comma);
   }
   if (more.empty() || more == string_view(value, held)) return;
   memcpy(value + held, more.data(), more.size());
   value[held + more.size()] = '\0';
 }
+
+}  // namespace fetchrig

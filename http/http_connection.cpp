@@ -5,8 +5,8 @@
 #include <string.h>
 
 #include <array>
-#include <exception>
 
+#include "core/boundary.h"
 #include "core/config.h"
 #include "core/text.h"
 #include "log/log.h"
@@ -14,6 +14,7 @@
 #include "net/line_reader.h"
 #include "net/socket.h"
 #include "net/tls.h"
+#include "net/tls_stream.h"
 
 namespace fetchrig {
 namespace {
@@ -28,6 +29,17 @@ void read_tls_ahead(SSL* ssl) {
   SSL_set_read_ahead(ssl, 1);
   SSL_set_default_read_buffer_len(ssl, read_buffer_bytes);
   SSL_free_buffers(ssl);
+}
+
+// Calls `work` with the session's stream: TLS when its TLS bit is set, else plain.
+template <typename Work>
+auto with_stream(http_channel& channel, Work work, read_ahead_use use = read_ahead_use::fill) {
+  if (channel.is_tls()) {
+    tls_stream tls(channel.ssl());
+    return work(static_cast<stream&>(tls));
+  }
+  tcp_stream tcp(channel.session.sock, channel.own ? &channel.own->ahead : nullptr, use);
+  return work(static_cast<stream&>(tcp));
 }
 
 int start_tls(http_channel& channel, const char* host) {
@@ -52,8 +64,7 @@ int start_tls(http_channel& channel, const char* host) {
 }
 
 int write_failed() {
-  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "write error, errno %d\n", errno);
-  return DL_ERR_SEND;
+  return log_and_return(DL_LOG_HTTP, DL_ERR_SEND, "write error, errno %d\n", errno);
 }
 
 int send_message(http_channel& channel, const http_msg& message) {
@@ -80,8 +91,7 @@ void log_failed_read(const io_result& outcome) {
 
 int peek_failed(const io_result& outcome) {
   log_failed_read(outcome);
-  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "Peek error!\n");
-  return DL_ERR_READ;
+  return log_and_return(DL_LOG_HTTP, DL_ERR_READ, "Peek error!\n");
 }
 
 int give(std::string_view text, std::span<char> line) {
@@ -102,19 +112,14 @@ int http_connect(http_channel& channel, const char* host, uint32_t port, tls_use
 
 int http_send_request(http_channel& channel, const http_msg& message) {
   if (channel.is_tls() && !channel.session.ssl) return DL_ERR_SEND;
-  try {
-    return send_message(channel, message);
-  } catch (const std::exception&) {
-    log_line(DL_LOG_HTTP, DL_LOG_ERROR, "Out of memory\n");
-    return DL_ERR_MEMORY;
-  }
+  return guarded([&] { return send_message(channel, message); },
+                 [] { return log_and_return(DL_LOG_HTTP, DL_ERR_MEMORY, "Out of memory\n"); });
 }
 
 int http_recv(http_channel& channel, std::span<char> to, read_ahead_use use) {
   if (!to.data()) return -1;
   if (channel.is_tls() && !channel.session.ssl) {
-    log_line(DL_LOG_HTTP, DL_LOG_ERROR, "context ssl is null\n");
-    return DL_ERR_READ;
+    return log_and_return(DL_LOG_HTTP, DL_ERR_READ, "context ssl is null\n");
   }
   const int timeout_s = net_timeout_seconds();
   const auto read = [&](stream& from) { return from.read(to, timeout_s); };
@@ -146,8 +151,8 @@ int http_read_line(http_channel& channel, std::size_t initial, std::size_t maxim
     case line_state::too_long:
       break;
   }
-  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "Buffer not enough! buffer len %d\n", static_cast<int>(line.size()));
-  return DL_ERR_READ;
+  return log_and_return(DL_LOG_HTTP, DL_ERR_READ, "Buffer not enough! buffer len %d\n",
+                        static_cast<int>(line.size()));
 }
 
 }  // namespace fetchrig

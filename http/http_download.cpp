@@ -1,8 +1,6 @@
-// http_download.cpp: downloading a body into a file, and looking up a header.
-#include <string.h>
+// http_download.cpp: a body into a file.
+#include "http/http_download.h"
 
-#include <algorithm>
-#include <array>
 #include <string>
 
 #include "core/boundary.h"
@@ -11,9 +9,7 @@
 #include "core/result.h"
 #include "core/text.h"
 #include "core/url.h"
-#include "http/http_headers.h"
 #include "http/http_response_body.h"
-#include "include/fetchrig.h"
 #include "log/log.h"
 
 namespace fetchrig {
@@ -52,40 +48,18 @@ int receive_file(dl_http_session& session, const char* path, dl_result& result) 
   return rc;
 }
 
-int download(dl_http_session* opened, const dl_http_request& request, const char* local_path,
-             dl_result& result) {
-  const unique_http_session session(opened);
+int download(const http_plan& plan, const char* local_path) {
+  unique_http_session session;
+  if (http_open(plan, session) < 0) return -1;
   std::string path;
-  return choose_local_path(request, local_path, path) ? receive_file(*session, path.c_str(), result) : -1;
+  if (!choose_local_path(plan.request, local_path, path)) return -1;
+  return receive_file(*session, path.c_str(), plan.result);
 }
 
 }  // namespace
+
+int http_recv_to_file(const http_plan& plan, const char* local_path) {
+  return guarded_transfer(&plan.result, [&] { return download(plan, local_path); });
+}
+
 }  // namespace fetchrig
-
-using namespace fetchrig;
-
-int dl_http_recv_to_file(const dl_http_request* request, const char* local_path, char* redirect,
-                         dl_result* result) {
-  return guarded_transfer(result, [&] {
-    dl_http_session* session = nullptr;
-    if (dl_http_open(&session, request, redirect, result) < 0) return -1;
-    return download(session, *request, local_path, *result);
-  });
-}
-
-int dl_http_recv_to_file_ex(const dl_http_request_ex* request, const char* local_path, char* redirect,
-                            dl_result* result) {
-  return guarded_transfer(result, [&] {
-    dl_http_session* session = nullptr;
-    if (dl_http_open_ex(&session, request, redirect, result) < 0) return -1;
-    return download(session, *request->request, local_path, *result);
-  });
-}
-
-const char* dl_http_find_header_by_name(const dl_http_session* session, const char* name) {
-  if (!session || !session->headers || !name || name[0] == '\0') return nullptr;
-  std::array<char, 128> lower_name = {};
-  copy_text(lower_name, name);
-  lower_in_place(lower_name);
-  return http_find_header(session->headers, lower_name.data());
-}

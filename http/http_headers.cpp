@@ -5,10 +5,10 @@
 #include <string.h>
 
 #include <algorithm>
+#include <array>
 
 #include "core/cursor.h"
 #include "core/text.h"
-#include "include/fetchrig.h"
 
 namespace fetchrig {
 namespace {
@@ -58,10 +58,18 @@ const char* http_find_header(const char* block, std::string_view name) {
   return nullptr;
 }
 
+const char* http_find_header_by_name(const char* block, std::string_view name) {
+  if (name.empty()) return nullptr;
+  std::array<char, 128> lower_name = {};
+  copy_text(lower_name, name);
+  lower_in_place(lower_name);
+  return http_find_header(block, lower_name.data());
+}
+
 bool header_block::start(std::size_t size) {
   size_ = size;
   used_ = 0;
-  block_.reset(static_cast<char*>(::malloc(size)));
+  block_.reset(static_cast<char*>(malloc(size)));
   if (block_) block_.get()[0] = '\0';
   return block_ != nullptr;
 }
@@ -69,7 +77,7 @@ bool header_block::start(std::size_t size) {
 std::span<char> header_block::room() {
   if (size_ - used_ < min_room) {
     if (size_ * 2 > max_block) return {};
-    auto* grown = static_cast<char*>(::realloc(block_.get(), size_ * 2));
+    auto* grown = static_cast<char*>(realloc(block_.get(), size_ * 2));
     if (!grown) return {};
     static_cast<void>(block_.release());
     block_.reset(grown);

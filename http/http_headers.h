@@ -30,6 +30,9 @@ namespace fetchrig {
 // The first line of the block that begins with `name` (lower case) and ":"; null when there is none.
 [[nodiscard]] const char* http_find_header(const char* block, std::string_view name);
 
+// The same for a name in any letter case, of which 127 characters count. An empty name is not found.
+[[nodiscard]] const char* http_find_header_by_name(const char* block, std::string_view name);
+
 // The header block of a response while its lines arrive.
 class header_block {
  public:
@@ -45,7 +48,6 @@ class header_block {
   std::size_t size() const { return size_; }
   // Hands the block over.
   char* release() { return block_.release(); }
-  const char* get() const { return block_.get(); }
 
  private:
   unique_text block_;

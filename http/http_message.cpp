@@ -7,10 +7,10 @@
 #include <array>
 #include <new>
 
+#include "core/boundary.h"
 #include "core/config.h"
 #include "core/text.h"
 #include "http/http_request_body.h"
-#include "include/fetchrig.h"
 #include "log/log.h"
 #include "log/printable.h"
 
@@ -23,15 +23,6 @@ constexpr std::size_t usual_num_headers = 8;
 auto find_header(http_msg& message, std::string_view name) {
   return std::find_if(message.headers.begin(), message.headers.end(),
                       [name](const http_header& header) { return header.name == name; });
-}
-
-template <typename Work>
-int out_of_memory_guard(Work work) {
-  try {
-    return work();
-  } catch (const std::exception&) {
-    return DL_ERR_MEMORY;
-  }
 }
 
 // An IPv6 literal stands in brackets (RFC 9110 section 7.2).
@@ -85,13 +76,13 @@ std::unique_ptr<http_msg> http_msg_new() {
     message->headers.reserve(usual_num_headers);
     return 0;
   };
-  if (!message || out_of_memory_guard(reserve) < 0) return nullptr;
+  if (!message || guarded_step(reserve) < 0) return nullptr;
   return message;
 }
 
 int http_set_header(http_msg& message, std::string_view name, const char* value) {
   if (!value) return 0;
-  return out_of_memory_guard([&] {
+  return guarded_step([&] {
     message.headers.reserve(message.headers.size() + 1);
     http_header header{std::string(name), value};
     auto found = find_header(message, name);
@@ -111,7 +102,7 @@ void http_remove_header(http_msg& message, std::string_view name) {
 
 int http_set_request_line(http_msg& message, const dl_url& url) {
   if (url.method >= method_texts.size()) return DL_ERR_URL;
-  return out_of_memory_guard([&] {
+  return guarded_step([&] {
     message.method_text = method_texts[url.method];
     message.request_line.assign(message.method_text).append(" ").append(url.path).append(" HTTP/1.1");
     log_line(DL_LOG_HTTP, DL_LOG_INFO, "Request Line: %s\r\n",
@@ -122,7 +113,7 @@ int http_set_request_line(http_msg& message, const dl_url& url) {
 }
 
 int http_set_host(http_msg& message, const dl_url& url) {
-  return out_of_memory_guard([&] {
+  return guarded_step([&] {
     const std::string value = host_value(url);
     log_line(DL_LOG_HTTP, DL_LOG_INFO, "Host: %s\n", printable(value.c_str()).c_str());
     return http_set_header(message, "Host", value.c_str());
@@ -135,7 +126,7 @@ int http_make_request(bool tls, http_msg& message, const dl_http_request& reques
   message.body.text = request.body;
   if (const int rc = http_prepare_body(message); rc < 0) return rc;
   if (!message.body.buffer || caller_gives_length(message)) return 0;
-  return log_make_error(out_of_memory_guard([&] { return set_content_length(message); }));
+  return log_make_error(guarded_step([&] { return set_content_length(message); }));
 }
 
 std::string http_serialise_head(const http_msg& message, std::size_t more) {

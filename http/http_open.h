@@ -11,8 +11,8 @@ namespace fetchrig {
 // What one call asks of the sequence. Everything is borrowed for the duration of the call.
 struct http_plan {
   const dl_http_request& request;
-  char* redirect;
-  dl_result* result;
+  char* redirect;  // DL_REDIRECT_SIZE bytes, receives the target of each redirect
+  dl_result& result;
   http_auth_type auth_type = http_auth_type::ordinary;
   const dl_auth_info* credentials = nullptr;
   int32_t num_credentials = 0;
@@ -20,12 +20,12 @@ struct http_plan {
   bool refuse_304 = false;
 };
 
-// Clears the result and runs the sequence. Returns 0 with the session open at the start of the body, or -1
-// with `result` filled and no session.
-[[nodiscard]] int http_open_plan(const http_plan& plan, unique_http_session& session);
+// Clears the result and runs the sequence. Returns 0 with the session open at the start of the body, or -1 with
+// the result filled and no session.
+[[nodiscard]] int http_open(const http_plan& plan, unique_http_session& session);
 
-// The refusal of a call with a missing argument: logs `message` and fills `result` with -6 when there is one.
-int http_refuse(const char* message, dl_result* result);
+// Runs the sequence and closes the session: the server has accepted the file, its answer's body is not read.
+[[nodiscard]] int http_post_file(const http_plan& plan);
 
 }  // namespace fetchrig
 #endif

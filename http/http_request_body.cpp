@@ -8,8 +8,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <exception>
 
+#include "core/boundary.h"
 #include "core/owners.h"
 #include "core/text.h"
 #include "log/log.h"
@@ -23,11 +23,6 @@ constexpr std::size_t max_body_bytes = INT32_MAX;
 constexpr std::size_t read_block_bytes = 65536;
 constexpr std::size_t max_boundary_len = 509;
 constexpr std::size_t max_part_header_len = 1023;
-
-int refuse(const char* message) {
-  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "%s", message);
-  return DL_ERR_PARAMETER;
-}
 
 // A pipe is opened without waiting for its other end.
 unique_fd open_file(const char* path) {
@@ -43,15 +38,14 @@ int read_failed(int error) {
 }
 
 int too_large() {
-  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "local file of 2 GiB or more\n");
-  return DL_ERR_MEMORY;
+  return log_and_return(DL_LOG_HTTP, DL_ERR_MEMORY, "local file of 2 GiB or more\n");
 }
 
 // A directory, device or pipe has no end to rely on. The size decides how much is reserved, and what is
 // refused before anything is read; how much is sent is what can be read.
 int check_file(int file, std::string& body) {
   struct stat status = {};
-  if (fstat(file, &status) != 0) return read_failed(errno);
+  if (::fstat(file, &status) != 0) return read_failed(errno);
   if (!S_ISREG(status.st_mode)) return read_failed(S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
   const auto size = static_cast<uint64_t>(status.st_size);
   if (size > max_body_bytes - body.size()) return too_large();
@@ -86,10 +80,12 @@ int prepare_put(http_msg& message) {
 int boundary_line(std::string_view headers, std::string& line) {
   constexpr std::string_view name = "boundary=";
   const auto at = headers.find(name);
-  if (at == std::string_view::npos) return refuse("post file without boundary\n");
+  if (at == std::string_view::npos)
+    return log_and_return(DL_LOG_HTTP, DL_ERR_PARAMETER, "post file without boundary\n");
   const auto visible = headers.substr(at + name.size(), max_boundary_len);
   const auto end = visible.find("\r\n");
-  if (end == std::string_view::npos) return refuse("header without CRLF\n");
+  if (end == std::string_view::npos)
+    return log_and_return(DL_LOG_HTTP, DL_ERR_PARAMETER, "header without CRLF\n");
   line = "--";
   line += visible.substr(0, end);
   return 0;
@@ -98,7 +94,8 @@ int boundary_line(std::string_view headers, std::string& line) {
 // The header of the one part, cut at 1023 characters.
 int part_header(const std::string& boundary, const char* path, std::string& header) {
   const std::string_view name = base_name(path);
-  if (has_line_break(name)) return refuse("file name with a line break\n");
+  if (has_line_break(name))
+    return log_and_return(DL_LOG_HTTP, DL_ERR_PARAMETER, "file name with a line break\n");
   header = boundary;
   header.append("\r\nContent-Disposition: form-data; name=\"upload\"; filename=\"").append(name);
   header.append("\"\r\nContent-Type: application/octet-stream\r\nContent-Transfer-Encoding: binary\r\n\r\n");
@@ -126,7 +123,8 @@ int prepare(http_msg& message) {
     if (body.text) body.buffer = body.text;
     return 0;
   }
-  if (body.text || !message.extra_headers) return refuse("body & post file or without addtion header\n");
+  if (body.text || !message.extra_headers)
+    return log_and_return(DL_LOG_HTTP, DL_ERR_PARAMETER, "body & post file or without addtion header\n");
   if (strcmp(message.method_text, "PUT") == 0) return prepare_put(message);
   if (strcmp(message.method_text, "POST") == 0) return prepare_post(message);
   return 0;
@@ -135,11 +133,7 @@ int prepare(http_msg& message) {
 }  // namespace
 
 int http_prepare_body(http_msg& message) {
-  try {
-    return prepare(message);
-  } catch (const std::exception&) {
-    return DL_ERR_MEMORY;
-  }
+  return guarded_step([&] { return prepare(message); });
 }
 
 }  // namespace fetchrig

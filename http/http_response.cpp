@@ -6,16 +6,19 @@
 
 #include <algorithm>
 #include <array>
-#include <exception>
 #include <optional>
 
+#include "core/boundary.h"
 #include "core/config.h"
 #include "core/owners.h"
 #include "core/text.h"
+#include "http/http_answer.h"
 #include "http/http_auth.h"
+#include "http/http_challenge.h"
 #include "http/http_connection.h"
 #include "http/http_headers.h"
 #include "http/http_response_body.h"
+#include "http/http_status.h"
 #include "log/log.h"
 #include "log/printable.h"
 
@@ -27,11 +30,6 @@ constexpr std::size_t first_block_bytes = 1024;
 // The outcome of the loop, or the wish to have the next response read. No status can pose as that wish.
 using step_outcome = std::optional<int>;
 constexpr step_outcome read_next = std::nullopt;
-
-int log_error(const char* message, int code) {
-  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "%s", message);
-  return code;
-}
 
 class response_loop {
  public:
@@ -61,8 +59,8 @@ class response_loop {
 
   step_outcome answer_challenge();
   int check_attempts();
-  int build_answer(const char* challenge, auth_work& answer);
-  int build_chosen(auth_work& answer);
+  int make_answer(auth_work& answer, const char* challenge);
+  void choose_login(auth_work& answer);
   int resend_with(const auth_work& answer);
   int auth_failed(const char* text);
 
@@ -163,12 +161,12 @@ step_outcome response_loop::dispatch(int status) {
 step_outcome response_loop::follow_redirect() {
   if (redirects_ >= redirect_limit_) return DL_ERR_REDIRECTS;
   const char* line = header("location");
-  if (!line) return log_error("Can't find location header\n", DL_ERR_REDIRECTS);
+  if (!line) return log_and_return(DL_LOG_HTTP, DL_ERR_REDIRECTS, "Can't find location header\n");
   if (const int rc = take_target(header_value(line, strlen("location"))); rc < 0) return rc;
   if (const int rc = rebuild_message(); rc < 0) return rc;
   if (const int rc = proxied_ ? drain_proxied() : renew_connection(); rc < 0) return rc;
   if (const int rc = http_send_request(channel_, message_); rc < 0)
-    return log_error("Request Send Error\n", rc);
+    return log_and_return(DL_LOG_HTTP, rc, "Request Send Error\n");
   ++redirects_;
   return read_next;
 }
@@ -201,9 +199,9 @@ void response_loop::leave_origin(const dl_url& old_url) {
 
 int response_loop::rebuild_message() {
   if (const int rc = http_set_host(message_, *url_); rc < 0)
-    return log_error("Reset Host Header Error\n", rc);
+    return log_and_return(DL_LOG_HTTP, rc, "Reset Host Header Error\n");
   if (const int rc = http_set_request_line(message_, *url_); rc < 0)
-    return log_error("Reset First Line Error\n", rc);
+    return log_and_return(DL_LOG_HTTP, rc, "Reset First Line Error\n");
   return 0;
 }
 
@@ -211,7 +209,7 @@ int response_loop::renew_connection() {
   http_session_reset(channel_);
   if (url_->scheme == scheme_https) channel_.session.flags |= DL_HTTP_FLAG_TLS;
   if (http_connect(channel_, url_->host, url_->port, tls_use::allowed) == 0) return 0;
-  return log_error("Connect Error\n", DL_ERR_CONNECT);
+  return log_and_return(DL_LOG_HTTP, DL_ERR_CONNECT, "Connect Error\n");
 }
 
 // The connection to the proxy stays, when this body's end is where the next response begins: late bytes would
@@ -222,9 +220,9 @@ int response_loop::drain_proxied() {
     case http_drained::whole:
       break;
     case http_drained::too_long:
-      return log_error("redirect body too long\n", DL_ERR_READ);
+      return log_and_return(DL_LOG_HTTP, DL_ERR_READ, "redirect body too long\n");
     case http_drained::incomplete:
-      return log_error("redirect body without its end\n", DL_ERR_READ);
+      return log_and_return(DL_LOG_HTTP, DL_ERR_READ, "redirect body without its end\n");
   }
   free_chunk(channel_);
   channel_.session.flags &= ~(DL_HTTP_FLAG_CHUNKED | DL_HTTP_FLAG_IN_CHUNK);
@@ -240,7 +238,7 @@ step_outcome response_loop::answer_challenge() {
     return read_next;
   }
   auth_work answer;
-  if (const int rc = build_answer(header_value(line, strlen("www-authenticate")), answer); rc < 0) return rc;
+  if (const int rc = make_answer(answer, header_value(line, strlen("www-authenticate"))); rc < 0) return rc;
   log_line(DL_LOG_HTTP, DL_LOG_INFO, "http auth type: %d,\n", static_cast<int>(answer.picked));
   log_line(DL_LOG_HTTP, DL_LOG_INFO, "Reconnect %s:%d\n", printable(url_->host).c_str(),
            static_cast<int>(url_->port));
@@ -254,14 +252,25 @@ step_outcome response_loop::answer_challenge() {
 int response_loop::check_attempts() {
   const auto list_length = static_cast<uint32_t>(std::max(0, message_.num_credentials));
   if (attempts_ < (uses_list() ? list_length : retry_limit_)) return 0;
-  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "auth err, req type:%d, 4xx times:%d, limit itmes:%d, wparam:%d\n",
-           static_cast<int>(message_.auth_type), static_cast<int>(attempts_),
-           static_cast<int>(retry_limit_ + 1), message_.num_credentials);
-  return DL_ERR_AUTH;
+  return log_and_return(DL_LOG_HTTP, DL_ERR_AUTH,
+                        "auth err, req type:%d, 4xx times:%d, limit itmes:%d, wparam:%d\n",
+                        static_cast<int>(message_.auth_type), static_cast<int>(attempts_),
+                        static_cast<int>(retry_limit_ + 1), message_.num_credentials);
 }
 
-int response_loop::build_answer(const char* challenge, auth_work& answer) {
-  if (Curl_input_auth(&answer, 0, challenge) != HTTP_CHALLENGE_FINE) return auth_failed("Input Auth Error\n");
+int response_loop::make_answer(auth_work& answer, const char* challenge) {
+  if (read_challenge(side_of(answer, 0), challenge) != HTTP_CHALLENGE_FINE)
+    return auth_failed("Input Auth Error\n");
+  choose_login(answer);
+  const bool xsi = message_.auth_type == http_auth_type::broadworks_xsi;
+  const int rc = xsi ? build_xsi_answer(side_of(answer, 0))
+                     : build_answer(side_of(answer, 0), message_.method_text, url_->path);
+  if (rc == HTTP_ANSWER_OK && answer.answer) return 0;
+  return auth_failed(xsi ? "Output SIP XSI Auth Error\n" : "Output Auth Error\n");
+}
+
+// The next of the list, while there is one, or the URL's own.
+void response_loop::choose_login(auth_work& answer) {
   if (!uses_list()) {
     answer.user = url_->user;
     answer.password = url_->password;
@@ -270,17 +279,6 @@ int response_loop::build_answer(const char* challenge, auth_work& answer) {
     answer.user = credential.user;
     answer.password = credential.password;
   }
-  return build_chosen(answer);
-}
-
-int response_loop::build_chosen(auth_work& answer) {
-  if (message_.auth_type == http_auth_type::broadworks_xsi) {
-    const bool built = Curl_output_xsi_auth(&answer) == HTTP_ANSWER_OK && answer.answer;
-    return built ? 0 : auth_failed("Output SIP XSI Auth Error\n");
-  }
-  const bool built =
-      Curl_output_auth(&answer, 0, message_.method_text, url_->path) == HTTP_ANSWER_OK && answer.answer;
-  return built ? 0 : auth_failed("Output Auth Error\n");
 }
 
 // The answer is a whole header line; its value becomes the message's Authorization header.
@@ -297,19 +295,15 @@ int response_loop::resend_with(const auth_work& answer) {
 
 int response_loop::auth_failed(const char* text) {
   http_session_reset(channel_);
-  return log_error(text, DL_ERR_AUTH);
+  return log_and_return(DL_LOG_HTTP, DL_ERR_AUTH, "%s", text);
 }
 
 }  // namespace
 
 int http_process_response(http_channel& channel, unique_url& url, bool proxied, http_msg& message,
                           char* redirect) {
-  int outcome = DL_ERR_MEMORY;
-  try {
-    outcome = response_loop(channel, url, proxied, message, redirect).run();
-  } catch (const std::exception&) {
-    outcome = DL_ERR_MEMORY;
-  }
+  const int outcome =
+      guarded_step([&] { return response_loop(channel, url, proxied, message, redirect).run(); });
   if (outcome < 0) free_headers(channel.session);
   return outcome;
 }

@@ -13,7 +13,7 @@
 #include "core/result.h"
 #include "core/text.h"
 #include "http/http_connection.h"
-#include "include/fetchrig.h"
+#include "http/http_status.h"
 #include "log/log.h"
 
 namespace fetchrig {
@@ -27,11 +27,6 @@ constexpr uint32_t max_chunk_capacity = max_held_bytes + line_end_bytes;
 
 bool is_hex_digit(char c) {
   return is_digit(c) || (lower(c) >= 'a' && lower(c) <= 'f');
-}
-
-int log_failure(const char* message, int code, dl_result& result) {
-  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "%s", message);
-  return fail(&result, code);
 }
 
 // A chunk-size line: what it says, and whether it is one, with digits and its CRLF.
@@ -51,17 +46,15 @@ class chunk_reader {
  public:
   explicit chunk_reader(http_channel& channel) : channel_(channel) {}
 
-  bool open() {
-    if (!channel_.session.chunk) channel_.session.chunk = zeroed_record<http_chunk_buf>().release();
-    return channel_.session.chunk != nullptr;
-  }
+  // Makes the buffer when there is none yet.
+  int open();
   bool finished() const { return chunk().finished != 0; }
   std::size_t deliver(std::span<char> to);
   // Puts bytes that were delivered back to the front.
   void take_back(std::span<const char> delivered);
   // With everything delivered, reads the next chunk, or a piece of a large one, or the end of the body.
-  // `held` bytes of the call are with the caller already.
-  int fetch(std::size_t held, dl_result& result);
+  // `held` bytes of the call are with the caller already. Returns 0 or a negative code.
+  int fetch(std::size_t held);
 
  private:
   http_chunk_buf& chunk() const { return *channel_.session.chunk; }
@@ -74,15 +67,20 @@ class chunk_reader {
   void compact();
   bool grow(uint64_t capacity);
   int receive(uint32_t wanted);
-  int read_size_line(size_line& line, dl_result& result);
-  int read_last_line(uint32_t how, dl_result& result);
-  int read_whole(uint32_t size, dl_result& result);
+  int read_size_line(size_line& line);
+  int read_last_line(uint32_t how);
+  int read_whole(uint32_t size);
   void enter_large(uint32_t size);
   void leave_large();
-  int read_piece(dl_result& result);
+  int read_piece();
 
   http_channel& channel_;
 };
+
+int chunk_reader::open() {
+  if (!channel_.session.chunk) channel_.session.chunk = zeroed_record<http_chunk_buf>().release();
+  return channel_.session.chunk ? 0 : log_and_return(DL_LOG_HTTP, DL_ERR_MEMORY, "Out of memory\n");
+}
 
 std::size_t chunk_reader::deliver(std::span<char> to) {
   http_chunk_buf& buffer = chunk();
@@ -125,7 +123,7 @@ void chunk_reader::compact() {
 }
 
 bool chunk_reader::grow(uint64_t capacity) {
-  auto* grown = static_cast<char*>(::realloc(chunk().data, static_cast<std::size_t>(capacity)));
+  auto* grown = static_cast<char*>(realloc(chunk().data, static_cast<std::size_t>(capacity)));
   if (!grown) return false;
   chunk().data = grown;
   chunk().capacity = static_cast<uint32_t>(capacity);
@@ -146,38 +144,33 @@ int chunk_reader::receive(uint32_t wanted) {
   return count;
 }
 
-int chunk_reader::read_size_line(size_line& line, dl_result& result) {
+int chunk_reader::read_size_line(size_line& line) {
   std::array<char, 128> text = {};
   bool at_end = false;
   const int length = http_read_line(channel_, 128, 256, text, &at_end);
-  if (length < 0) {
-    log_line(DL_LOG_HTTP, DL_LOG_ERROR, "read chunked len error\n");
-    return log_failure("read chunked error\n", length, result);
-  }
+  if (length < 0) return log_and_return(DL_LOG_HTTP, length, "read chunked len error\n");
   const std::string_view digits = skip_white_space({text.data(), static_cast<std::size_t>(length)});
   line.size = parse_chunk_size(digits);
   line.whole = !at_end && !digits.empty() && is_hex_digit(digits.front());
   return 0;
 }
 
-int chunk_reader::read_last_line(uint32_t how, dl_result& result) {
+int chunk_reader::read_last_line(uint32_t how) {
   chunk().finished = how;
   std::array<char, 128> line = {};
   const int length = http_read_line(channel_, 128, 256, line);
   if (channel_.own) channel_.own->response.has_trailer = length > 0;
-  if (length >= 0) return 0;
-  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "read last EOL error\n");
-  return log_failure("read chunked error\n", length, result);
+  return length < 0 ? log_and_return(DL_LOG_HTTP, length, "read last EOL error\n") : 0;
 }
 
 // The chunk's bytes and its line end, which is dropped. A stream that ends early ends the chunk.
-int chunk_reader::read_whole(uint32_t size, dl_result& result) {
+int chunk_reader::read_whole(uint32_t size) {
   const uint32_t end = size + line_end_bytes;
   int count = 1;
   while (count > 0 && chunk().length < end) count = receive(end - chunk().length);
   if (count < 0) chunk().length = 0;
   drop_line_end();
-  return count < 0 ? log_failure("read chunked error\n", count, result) : 0;
+  return std::min(count, 0);
 }
 
 void chunk_reader::enter_large(uint32_t size) {
@@ -192,11 +185,11 @@ void chunk_reader::leave_large() {
   drop_line_end();
 }
 
-int chunk_reader::read_piece(dl_result& result) {
+int chunk_reader::read_piece() {
   compact();
   http_chunk_buf& buffer = chunk();
   const int count = receive(std::min(channel_.session.remaining, max_held_bytes - buffer.length));
-  if (count < 0) return log_failure("read chunked error\n", count, result);
+  if (count < 0) return count;
   channel_.session.remaining -= static_cast<uint32_t>(count);
   if (count == 0 || channel_.session.remaining == 0) leave_large();
   // A buffer that was filled at once is too small for the speed of the stream; without memory it stays.
@@ -205,36 +198,33 @@ int chunk_reader::read_piece(dl_result& result) {
   return 0;
 }
 
-int chunk_reader::fetch(std::size_t held, dl_result& result) {
-  if (in_chunk()) return read_piece(result);
+int chunk_reader::fetch(std::size_t held) {
+  if (in_chunk()) return read_piece();
   size_line line;
-  if (const int rc = read_size_line(line, result); rc < 0) return rc;
+  if (const int rc = read_size_line(line); rc < 0) return rc;
   // Where the stream ends too early, an empty line is read instead of the last chunk's.
-  if (line.size == 0) return read_last_line(line.whole ? DL_HTTP_CHUNKS_ALL : DL_HTTP_CHUNKS_CUT, result);
-  if (held + line.size + line_end_bytes > UINT32_MAX)
-    return log_failure("read chunked error\n", DL_ERR_MEMORY, result);
+  if (line.size == 0) return read_last_line(line.whole ? DL_HTTP_CHUNKS_ALL : DL_HTTP_CHUNKS_CUT);
+  if (held + line.size + line_end_bytes > UINT32_MAX) return DL_ERR_MEMORY;
   const auto size = static_cast<uint32_t>(line.size);
-  if (size <= max_held_bytes) return read_whole(size, result);
+  if (size <= max_held_bytes) return read_whole(size);
   enter_large(size);
   return 0;
 }
 
-int open_chunks(chunk_reader& chunks, dl_result& result) {
-  if (chunks.open()) return 0;
-  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "Out of memory\n");
-  return log_failure("read chunked error\n", DL_ERR_MEMORY, result);
+int chunks_failed(int code, dl_result& result) {
+  return fail(&result, log_and_return(DL_LOG_HTTP, code, "read chunked error\n"));
 }
 
 // Delivers until `wanted` bytes are there or the body has ended. What a failed call has delivered is there
 // for the next.
 int read_chunked(http_channel& channel, std::span<char> to, std::size_t wanted, dl_result& result) {
   chunk_reader chunks(channel);
-  if (const int rc = open_chunks(chunks, result); rc < 0) return rc;
+  if (const int rc = chunks.open(); rc < 0) return chunks_failed(rc, result);
   std::size_t placed = chunks.deliver(to);
   while (placed < wanted && !chunks.finished()) {
-    if (const int rc = chunks.fetch(placed, result); rc < 0) {
+    if (const int rc = chunks.fetch(placed); rc < 0) {
       chunks.take_back(to.first(placed));
-      return rc;
+      return chunks_failed(rc, result);
     }
     placed += chunks.deliver(to.subspan(placed));
   }
@@ -251,9 +241,28 @@ bool is_cut_off(const http_channel& channel, std::span<char> to) {
   return !to.empty() && channel.session.remaining == 0 && channel.own && channel.own->response.is_too_long;
 }
 
-int too_long(dl_result& result) {
-  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "exceed max size\n");
-  return fail_exceeded(&result, max_file_size());
+// As read_chunked() for a body of a known length; what a failed call has delivered is lost.
+int read_by_length(http_channel& channel, std::span<char> to, std::size_t wanted, dl_result& result) {
+  if (is_cut_off(channel, to)) {
+    log_line(DL_LOG_HTTP, DL_LOG_ERROR, "exceed max size\n");
+    return fail_exceeded(&result, max_file_size());
+  }
+  to = cut_to_remaining(channel, to);
+  wanted = std::min(wanted, to.size());
+  std::size_t placed = 0;
+  while (placed < wanted) {
+    const int count = http_recv(channel, to.subspan(placed));
+    if (count < 0) return fail(&result, log_and_return(DL_LOG_HTTP, count, "read error\n"));
+    if (count == 0) break;
+    placed += static_cast<std::size_t>(count);
+  }
+  channel.session.remaining -= static_cast<uint32_t>(placed);
+  return static_cast<int>(placed);
+}
+
+int read_body(http_channel& channel, std::span<char> to, std::size_t wanted, dl_result& result) {
+  return channel.is_chunked() ? read_chunked(channel, to, wanted, result)
+                              : read_by_length(channel, to, wanted, result);
 }
 
 }  // namespace
@@ -269,30 +278,20 @@ uint64_t parse_chunk_size(std::string_view line) {
   return size;
 }
 
-int http_read_full(http_channel& channel, std::span<char> to, dl_result& result) {
-  if (channel.is_chunked()) return read_chunked(channel, to, to.size(), result);
-  if (is_cut_off(channel, to)) return too_long(result);
-  to = cut_to_remaining(channel, to);
-  std::size_t placed = 0;
-  while (placed < to.size()) {
-    const int count = http_recv(channel, to.subspan(placed));
-    if (count < 0) return log_failure("read error\n", count, result);
-    if (count == 0) break;
-    placed += static_cast<std::size_t>(count);
+int http_read(dl_http_session* session, char* buffer, int32_t size, dl_result* result) {
+  const bool usable = buffer && result && size >= 0 && is_http_session(session) && session->sock != 0;
+  if (!usable) {
+    return fail(result, log_and_return(DL_LOG_HTTP, DL_ERR_PARAMETER, "http read with invalid parameter\n"));
   }
-  channel.session.remaining -= static_cast<uint32_t>(placed);
-  return static_cast<int>(placed);
+  return guarded_transfer(result, [&] {
+    http_channel channel(*session);
+    const auto wanted = static_cast<std::size_t>(size);
+    return read_body(channel, {buffer, wanted}, wanted, *result);
+  });
 }
 
 int http_read_some(http_channel& channel, std::span<char> to, dl_result& result) {
-  if (channel.is_chunked()) return read_chunked(channel, to, 1, result);
-  if (is_cut_off(channel, to)) return too_long(result);
-  to = cut_to_remaining(channel, to);
-  if (to.empty()) return 0;
-  const int count = http_recv(channel, to);
-  if (count < 0) return log_failure("read error\n", count, result);
-  channel.session.remaining -= static_cast<uint32_t>(count);
-  return count;
+  return read_body(channel, to, 1, result);
 }
 
 http_drained http_drain(http_channel& channel, uint32_t limit) {
@@ -306,27 +305,8 @@ http_drained http_drain(http_channel& channel, uint32_t limit) {
     total += static_cast<uint64_t>(count);
     if (total > limit) return http_drained::too_long;
   }
-  const bool whole = http_body_end(channel) == DL_BODY_WHOLE && !channel.own->response.has_trailer;
+  const bool whole = http_body_end(&channel.session) == DL_BODY_WHOLE && !channel.own->response.has_trailer;
   return whole ? http_drained::whole : http_drained::incomplete;
 }
 
 }  // namespace fetchrig
-
-using namespace fetchrig;
-
-int dl_http_read(dl_http_session* session, char* buffer, int32_t size, dl_result* result) {
-  const bool usable =
-      session && buffer && result && size >= 0 && is_http_session(session) && session->sock != 0;
-  if (!usable) {
-    log_line(DL_LOG_HTTP, DL_LOG_ERROR, "http read with invalid parameter\n");
-    return fail(result, DL_ERR_PARAMETER);
-  }
-  return guarded_transfer(result, [&] {
-    http_channel channel(*session);
-    return http_read_full(channel, {buffer, static_cast<std::size_t>(size)}, *result);
-  });
-}
-
-void dl_http_close(dl_http_session* session) {
-  if (is_http_session(session)) guarded([session] { http_session_closer()(session); });
-}

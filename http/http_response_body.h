@@ -11,10 +11,11 @@
 
 namespace fetchrig {
 
-// Fills `to` unless the body ends first. Returns the count, 0 at the end, or -1 with `result` filled.
-[[nodiscard]] int http_read_full(http_channel& channel, std::span<char> to, dl_result& result);
+// Fills `buffer`, `size` bytes, unless the body ends first. Returns the count, 0 at the end, or -1 with `result`
+// filled, if there is one: also for a null argument or a record that is no live, connected session.
+[[nodiscard]] int http_read(dl_http_session* session, char* buffer, int32_t size, dl_result* result);
 
-// As http_read_full(), but returns as soon as there is something: for callers that take bytes as they come.
+// As http_read(), but returns as soon as there is something: for callers that take bytes as they come.
 [[nodiscard]] int http_read_some(http_channel& channel, std::span<char> to, dl_result& result);
 
 // How draining a body went.

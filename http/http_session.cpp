@@ -9,6 +9,7 @@
 #include <functional>
 #include <new>
 
+#include "core/boundary.h"
 #include "core/owners.h"
 #include "core/process_lock.h"
 #include "net/socket.h"
@@ -27,11 +28,6 @@ http_private** place_of(const dl_http_session* session) {
   http_private** place = &states[std::hash<const void*>()(session) / alignof(max_align_t) % states.size()];
   while (*place && (*place)->owner != session) place = &(*place)->next;
   return place;
-}
-
-http_private* find_state(const dl_http_session* session) {
-  const process_lock lock;
-  return *place_of(session);
 }
 
 bool add_state(const dl_http_session* session) {
@@ -63,7 +59,10 @@ void end_tls(dl_http_session& session) {
 
 }  // namespace
 
-http_channel::http_channel(dl_http_session& record) : session(record), own(find_state(&record)) {}
+http_private* find_http_private(const dl_http_session* session) {
+  const process_lock lock;
+  return *place_of(session);
+}
 
 bool is_http_session(const dl_http_session* session) {
   return session && session->magic == DL_HTTP_MAGIC;
@@ -81,19 +80,23 @@ void http_session_closer::operator()(dl_http_session* session) const {
   http_session_reset(channel);
   session->magic = 0;
   take_state(session).reset();
-  ::free(session);
+  free(session);
+}
+
+void http_close(dl_http_session* session) {
+  if (is_http_session(session)) guarded([session] { http_session_closer()(session); });
 }
 
 void free_chunk(http_channel& channel) {
   http_chunk_buf* chunk = channel.session.chunk;
-  if (chunk) ::free(chunk->data);
-  ::free(chunk);
+  if (chunk) free(chunk->data);
+  free(chunk);
   channel.session.chunk = nullptr;
   if (channel.own) channel.own->chunk_begin = 0;
 }
 
 void free_headers(dl_http_session& session) {
-  ::free(session.headers);
+  free(session.headers);
   session.headers = nullptr;
   session.headers_len = 0;
 }

@@ -4,11 +4,12 @@
 #ifndef FETCHRIG_HTTP_HTTP_SESSION_H
 #define FETCHRIG_HTTP_HTTP_SESSION_H
 
+#include <openssl/ssl.h>
+
 #include <memory>
 
 #include "include/fetchrig_types.h"
 #include "net/tcp_stream.h"
-#include "net/tls_stream.h"
 
 namespace fetchrig {
 
@@ -32,22 +33,19 @@ struct http_private {
   http_private* next = nullptr;  // in the table of live sessions
 };
 
-// A session at work: the record and its private state, which is null for a caller's own record.
+// The private state of the session at that address; null for a caller's own record.
+[[nodiscard]] http_private* find_http_private(const dl_http_session* session);
+
+// A session at work: the record and its private state.
 struct http_channel {
-  explicit http_channel(dl_http_session& record);
+  explicit http_channel(dl_http_session& record) : session(record), own(find_http_private(&record)) {}
   dl_http_session& session;
-  http_private* own;
+  http_private* own;  // null for a caller's own record
 
   bool is_tls() const { return (session.flags & DL_HTTP_FLAG_TLS) != 0; }
   bool is_chunked() const { return (session.flags & DL_HTTP_FLAG_CHUNKED) != 0; }
   SSL* ssl() const { return static_cast<SSL*>(session.ssl); }
 };
-
-// How far the body has been read, and what ended it.
-[[nodiscard]] dl_body_end http_body_end(const http_channel& channel);
-
-// Notes the status of the response just read, or 0 at the start of a call, for dl_http_last_status().
-void set_last_status(int status);
 
 struct http_session_closer {
   void operator()(dl_http_session* session) const;
@@ -60,6 +58,9 @@ using unique_http_session = std::unique_ptr<dl_http_session, http_session_closer
 // True for a record with a live session's mark.
 [[nodiscard]] bool is_http_session(const dl_http_session* session);
 
+// Ends a live session and frees its record; null and other records are left alone.
+void http_close(dl_http_session* session);
+
 // Releases the connection and everything that belongs to one response; an empty live session remains.
 void http_session_reset(http_channel& channel);
 
@@ -67,17 +68,6 @@ void http_session_reset(http_channel& channel);
 void free_chunk(http_channel& channel);
 // Frees the header block.
 void free_headers(dl_http_session& session);
-
-// Calls `work` with the session's stream: TLS when its TLS bit is set, else plain.
-template <typename Work>
-auto with_stream(http_channel& channel, Work work, read_ahead_use use = read_ahead_use::fill) {
-  if (channel.is_tls()) {
-    tls_stream tls(channel.ssl());
-    return work(static_cast<stream&>(tls));
-  }
-  tcp_stream tcp(channel.session.sock, channel.own ? &channel.own->ahead : nullptr, use);
-  return work(static_cast<stream&>(tcp));
-}
 
 }  // namespace fetchrig
 #endif

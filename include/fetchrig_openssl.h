@@ -44,44 +44,6 @@ FETCHRIG_API int dl_do_SSL_connect(int sock, const char *cert_file, const char *
 
 /* ---------------------------------------------------------------- HTTP authentication (RFC 7617, RFC 2617) */
 
-/* One Digest challenge. Texts are owned by the record and released by Curl_digest_cleanup_one(). */
-typedef struct digest_challenge {
-  char *nonce;
-  char *cnonce; /* made by the Digest builder when null */
-  char *realm;
-  int32_t session; /* 1: MD5-sess */
-  int32_t stale;   /* 1: stale=true */
-  char *opaque;
-  char *qop;       /* "auth", "auth-int" or null */
-  char *algorithm; /* as received */
-  uint32_t nc;     /* nonce count, 0: not used yet */
-} digest_challenge;
-
-/* The working record of one 401: zeroed by its maker before a challenge is parsed. */
-typedef struct http_auth_state {
-  const char *user; /* borrowed credentials */
-  const char *password;
-  const char *proxy_user;
-  const char *proxy_password;
-  digest_challenge challenge;
-  digest_challenge proxy_challenge;
-  uint32_t picked; /* 0 none, 1 Basic, 2 Digest */
-  uint32_t proxy_picked;
-  char *answer; /* owned: "Authorization: ...\r\n" */
-  char *proxy_answer;
-} http_auth_state;
-
-/* Results of Curl_input_auth(). */
-enum http_challenge_result {
-  HTTP_CHALLENGE_UNKNOWN = 0,   /* neither Digest nor Basic */
-  HTTP_CHALLENGE_BAD = 1,       /* unusable Digest challenge */
-  HTTP_CHALLENGE_ALGORITHM = 2, /* algorithm other than MD5 and MD5-sess */
-  HTTP_CHALLENGE_MEMORY = 3,
-  HTTP_CHALLENGE_FINE = 4
-};
-/* Results of the answer builders. */
-enum http_answer_result { HTTP_ANSWER_OK = 0, HTTP_ANSWER_SCHEME = 2, HTTP_ANSWER_MEMORY = 27 };
-
 /* Parses a WWW-Authenticate value into `state`; with `proxy` not 0, into the proxy fields. One thread per record. */
 FETCHRIG_API int Curl_input_auth(http_auth_state *state, int proxy, const char *header);
 /* Builds the answer line for the picked scheme. `method` is "GET" and so on, `path` the path of the request line. */
