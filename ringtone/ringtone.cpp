@@ -3,7 +3,6 @@
 
 #include <string.h>
 
-#include <memory>
 #include <span>
 #include <string_view>
 
@@ -11,7 +10,9 @@
 #include "core/config.h"
 #include "core/text.h"
 #include "core/url.h"
-#include "include/fetchrig.h"
+#include "http/http_open.h"
+#include "http/http_response_body.h"
+#include "http/http_status.h"
 #include "log/log.h"
 #include "log/printable.h"
 #include "ringtone/ring_cache.h"
@@ -29,33 +30,22 @@ namespace {
 constexpr std::size_t wave_fmt_offset = 8;
 constexpr int32_t read_size = 512;
 
-struct session_closer {
-  void operator()(dl_http_session* session) const { dl_http_close(session); }
-};
-using unique_session = std::unique_ptr<dl_http_session, session_closer>;
+constexpr int fetch_failed = -1;
 
-// The failure result of every step of a download.
-int fetch_failed(const char* why) {
-  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "%s", why);
-  return -1;
-}
-
-int fetch_failed(const char* why, const std::string& path) {
-  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "%s:%s\n", why, path.c_str());
-  return -1;
-}
-
-unique_session open_session(const char* url) {
+// A session at the start of the ring's body; null when there is none to be had.
+unique_http_session open_session(const char* url) {
   dl_http_request request{};
   request.method = DL_METHOD_GET;
   request.url = url;
   char redirect[DL_REDIRECT_SIZE] = {};
   dl_result result{};
-  dl_http_session* session = nullptr;
-  if (dl_http_open(&session, &request, redirect, &result) == 0) return unique_session(session);
-  log_line(DL_LOG_HTTP, DL_LOG_ERROR, "http open error, code:%d, msg:%s\n", result.code,
-           printable(result.message).c_str());
-  return nullptr;
+  unique_http_session session;
+  if (http_open({.request = request, .redirect = redirect, .result = result, .refuse_304 = true}, session) <
+      0) {
+    log_line(DL_LOG_HTTP, DL_LOG_ERROR, "http open error, code:%d, msg:%s\n", result.code,
+             printable(result.message).c_str());
+  }
+  return session;
 }
 
 bool is_wanted_wave(std::span<const char> start) {
@@ -65,7 +55,7 @@ bool is_wanted_wave(std::span<const char> start) {
 
 // A peer that closes early looks like the end of the body.
 bool is_cut_short(const dl_http_session* session) {
-  const int end = dl_http_body_end(session);
+  const dl_body_end end = http_body_end(session);
   return end != DL_BODY_WHOLE && end != DL_BODY_UNMARKED;
 }
 
@@ -76,32 +66,36 @@ int copy_body(dl_http_session* session, std::span<char> buffer, int held, ring_c
   while (held > 0) {
     const auto count = static_cast<uint32_t>(held);
     total += count;
-    if (total > max_ring_bytes) return fetch_failed("File size exceeded\n");
-    if (!file.write(buffer.first(count))) return fetch_failed("can't write file", path);
+    if (total > max_ring_bytes) return log_and_return(DL_LOG_HTTP, fetch_failed, "File size exceeded\n");
+    if (!file.write(buffer.first(count)))
+      return log_and_return(DL_LOG_HTTP, fetch_failed, "can't write file:%s\n", path.c_str());
     dl_result result{};
-    held = dl_http_read(session, buffer.data(), static_cast<int32_t>(buffer.size()), &result);
+    held = http_read(session, buffer.data(), static_cast<int32_t>(buffer.size()), &result);
   }
-  return held < 0 || is_cut_short(session) ? fetch_failed("Down load Error\n") : 0;
+  return held < 0 || is_cut_short(session) ? log_and_return(DL_LOG_HTTP, fetch_failed, "Down load Error\n")
+                                           : 0;
 }
 
 int download_wave(const char* url, const std::string& path) {
-  const unique_session session = open_session(url);
+  const unique_http_session session = open_session(url);
   if (!session) return -1;
-  if (session->remaining > max_ring_bytes) return fetch_failed("File size exceeded\n");
+  if (session->remaining > max_ring_bytes)
+    return log_and_return(DL_LOG_HTTP, fetch_failed, "File size exceeded\n");
   char buffer[read_size];
   dl_result result{};
-  const int held = dl_http_read(session.get(), buffer, read_size, &result);
-  if (held < 0) return fetch_failed("read error\n");
-  if (!is_wanted_wave({buffer, static_cast<std::size_t>(held)})) return fetch_failed("Wrong Wave Format\n");
+  const int held = http_read(session.get(), buffer, read_size, &result);
+  if (held < 0) return log_and_return(DL_LOG_HTTP, fetch_failed, "read error\n");
+  if (!is_wanted_wave({buffer, static_cast<std::size_t>(held)}))
+    return log_and_return(DL_LOG_HTTP, fetch_failed, "Wrong Wave Format\n");
   ring_cache_file file(path);
-  if (!file.open()) return fetch_failed("can't open file", path);
+  if (!file.open()) return log_and_return(DL_LOG_HTTP, fetch_failed, "can't open file:%s\n", path.c_str());
   if (const int rc = copy_body(session.get(), buffer, held, file, path); rc < 0) return rc;
-  return file.finish() ? 0 : fetch_failed("can't write file", path);
+  return file.finish() ? 0 : log_and_return(DL_LOG_HTTP, fetch_failed, "can't write file:%s\n", path.c_str());
 }
 
 int fetch_wave(const char* url, char* path, uint32_t path_size) {
   const std::string cached = ring_cache_path(url);
-  if (cached.empty()) return fetch_failed("MD5 error\n");
+  if (cached.empty()) return log_and_return(DL_LOG_HTTP, fetch_failed, "MD5 error\n");
   const bool held = is_regular_file(cached.c_str());
   if (!held && download_wave(url, cached) < 0) return -1;
   if (path_size > 0) copy_text({path, path_size}, cached);
@@ -110,18 +104,6 @@ int fetch_wave(const char* url, char* path, uint32_t path_size) {
 
 bool asks_for_name(const char* host) {
   return equal_ignoring_case(host, "127.0.0.1") || equal_ignoring_case(host, placeholder_ring_host);
-}
-
-int find_ring(const char* alert, const char* ring_name, int32_t* ring_number, char* path,
-              uint32_t path_size) {
-  if (or_empty(alert).empty()) return ring_name_lookup(ring_name, ring_number);
-  unique_url url;
-  const bool is_url = parse_url(url, alert, nullptr, nullptr) == 0;
-  if (!is_url) return ring_name_lookup(or_empty(ring_name).empty() ? alert : ring_name, ring_number);
-  const bool by_name = asks_for_name(url->host);
-  url.reset();
-  if (!by_name && ring_fetch_wave(alert, path, path_size) >= 0) return 1;
-  return ring_name_lookup(ring_name, ring_number);
 }
 
 }  // namespace
@@ -150,15 +132,16 @@ int ring_fetch_wave(const char* url, char* path, uint32_t path_size) {
   return guarded([&] { return fetch_wave(url, path, path_size); }, [] { return -1; });
 }
 
-}  // namespace fetchrig
-
-int dl_distinctive_ringtone_download(const char* alert, const char* ring_name, int32_t* ring_number,
-                                     char* path, uint32_t path_size) {
-  using namespace fetchrig;
-  if (!path || !ring_number) {
-    log_line(DL_LOG_HTTP, DL_LOG_ERROR, "Invalid Parameter, Try to use default ringtone\n");
-    return 0;
-  }
-  *ring_number = -1;
-  return guarded([&] { return find_ring(alert, ring_name, ring_number, path, path_size); }, [] { return 0; });
+int find_ring(const char* alert, const char* ring_name, int32_t* ring_number, char* path,
+              uint32_t path_size) {
+  if (or_empty(alert).empty()) return ring_name_lookup(ring_name, ring_number);
+  unique_url url;
+  const bool is_url = parse_url(url, alert, nullptr, nullptr) == 0;
+  if (!is_url) return ring_name_lookup(or_empty(ring_name).empty() ? alert : ring_name, ring_number);
+  const bool by_name = asks_for_name(url->host);
+  url.reset();
+  if (!by_name && ring_fetch_wave(alert, path, path_size) >= 0) return 1;
+  return ring_name_lookup(ring_name, ring_number);
 }
+
+}  // namespace fetchrig

@@ -6,6 +6,13 @@
 
 #include <stdint.h>
 
+#include "include/fetchrig_types.h"
+
+// Exported data, never written. The prefixes of ring names, up to a null.
+extern "C" FETCHRIG_API const char* const ring_tab[4];
+// Bytes 8 to 33 of every WAVE file that is taken.
+extern "C" FETCHRIG_API const unsigned char wave_fmt[26];
+
 namespace fetchrig {
 
 // The largest WAVE file taken, bytes.
@@ -24,6 +31,10 @@ int ring_name_lookup(const char* name, int32_t* ring_number);
 // Stores the path of the cached file of `url`: 0 after a download, 1 when it was there, -1 (logged) on
 // failure.
 int ring_fetch_wave(const char* url, char* path, uint32_t path_size);
+
+// The ring for an alert text, which is a URL or a ring name, else for `ring_name`; either may be null. Returns 1 with
+// the number stored, or with the path of a WAVE file stored and the number left alone; 0 when there is none.
+int find_ring(const char* alert, const char* ring_name, int32_t* ring_number, char* path, uint32_t path_size);
 
 }  // namespace fetchrig
 #endif

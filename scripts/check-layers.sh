@@ -15,7 +15,7 @@ http: net core log
 ftp: net core log
 tftp: net core log
 cert: core log
-ringtone: core log
+ringtone: http core log
 '
 # What goes beyond its folder's line: "file used", patterns, where what is used is a header or a file that defines
 # something. Each is needed, or it is an offence itself.
