@@ -120,8 +120,7 @@ int install_ca(const char* path) {
   return 0;
 }
 
-// All commands are formed before the first one runs, so that a path that is too long removes nothing rather
-// than part.
+// All commands are formed before the first one runs, so that a path that is too long removes nothing rather than part.
 void remove_ca(const char* path) {
   const uint32_t hash = ca_file_hash(path);
   const removal given = removal_of(path);

@@ -18,8 +18,8 @@
 namespace fetchrig {
 namespace {
 
-// In a folder where everybody may make names, a stranger's link leads nowhere, as the kernel has it with
-// protected_symlinks.
+// In a folder where everybody may make names, a stranger's link leads nowhere, as the kernel has it
+// with protected_symlinks.
 bool is_planted(const std::string& link, const struct stat& status) {
   const std::string folder(folder_of(link));
   struct stat around;

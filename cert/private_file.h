@@ -1,7 +1,6 @@
-// private_file.h: output files that hold private keys. They are replaced as a whole by a file for the owner
-// alone; a mode that lets a group in stays where the owner, this process's user, had chosen it. Devices and
-// pipes are written to and stay. The text is complete in memory before a file is touched. No state; any
-// thread.
+// private_file.h: output files that hold private keys. They are replaced as a whole by a file for the owner alone; a
+// mode that lets a group in stays where the owner, this process's user, had chosen it. Devices and pipes are written
+// to and stay. The text is complete in memory before a file is touched. No state; any thread.
 #ifndef FETCHRIG_CERT_PRIVATE_FILE_H
 #define FETCHRIG_CERT_PRIVATE_FILE_H
 
@@ -31,8 +30,8 @@ void remove_plain_file(const char* path);
 // has placed elsewhere keeps its place; a name that others may have planted becomes a file of our own.
 enum class at_link { replace_target, replace_link };
 
-// Replaces the file by one with that text. False, with an error in the log and the old file untouched, when
-// that fails.
+// Replaces the file by one with that text. False, with an error in the log and the old file untouched,
+// when that fails.
 [[nodiscard]] bool write_private_file(const char* path, std::string_view text, at_link choice);
 
 }  // namespace fetchrig

@@ -119,8 +119,7 @@ int method_status() {
   return others.status ? others.status() : 1;
 }
 
-// Never changes and never goes away, so a thread that fetched it just before it was replaced may still call
-// it.
+// Never changes and never goes away, so a thread that fetched it just before it was replaced may still call it.
 constexpr RAND_METHOD forwarding_method = {method_seed, method_bytes, nullptr,
                                            method_add,  method_bytes, method_status};
 
