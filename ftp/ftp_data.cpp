@@ -31,7 +31,7 @@ struct data_target {
 void warn_if_elsewhere(const dl_ftp_session& session, const ftp_endpoint& endpoint, const char* address) {
   sockaddr_storage peer = {};
   socklen_t length = sizeof peer;
-  if (getpeername(session.ctrl_sock, reinterpret_cast<sockaddr*>(&peer), &length) != 0) return;
+  if (::getpeername(session.ctrl_sock, reinterpret_cast<sockaddr*>(&peer), &length) != 0) return;
   const auto* ipv4 = reinterpret_cast<const sockaddr_in*>(&peer);
   const bool same = peer.ss_family == AF_INET &&
                     memcmp(&ipv4->sin_addr, endpoint.address.data(), endpoint.address.size()) == 0;

@@ -15,8 +15,8 @@ namespace fetchrig {
 // Fills `to`, or as much of it as the file still has. Returns the count, 0 at the end, or -1 with the result filled.
 [[nodiscard]] int ftp_read(dl_ftp_session& session, std::span<char> to, dl_result* result);
 
-// Downloads `path` into `local_path`; null: the last part of `path`, in the current directory. Returns 0 or -1 with the
-// result filled.
+// Downloads `path` into `local_path`; null: the last part of `path`, in the current directory. Returns 0 or -1
+// with the result filled.
 [[nodiscard]] int ftp_recv_to_file(const ftp_server& server, const char* path, const char* local_path,
                                    dl_result* result);
 

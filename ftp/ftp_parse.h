@@ -31,8 +31,7 @@ struct ftp_endpoint {
 // a number is above 255; what follows the digits of a port number is ignored.
 [[nodiscard]] std::optional<ftp_endpoint> ftp_pasv_endpoint(std::string_view text);
 
-// The number after the code of a SIZE answer, the largest there is when it does not fit; nothing when there
-// is none.
+// The number after the code of a SIZE answer, the largest there is when it does not fit; nothing when there is none.
 [[nodiscard]] std::optional<uint64_t> ftp_size_answer(std::string_view line);
 
 }  // namespace fetchrig

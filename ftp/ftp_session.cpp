@@ -30,8 +30,8 @@ struct own_session {
 };
 static_assert(offsetof(own_session, record) == 0);
 
-// The sessions whose file cannot be counted to its end: a list through the sessions themselves, nearly always
-// empty. Under process_lock.
+// The sessions whose file cannot be counted to its end: a list through the sessions themselves, nearly
+// always empty. Under process_lock.
 class cut_sessions {
  public:
   void add(own_session& session) {

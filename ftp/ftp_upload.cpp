@@ -158,7 +158,7 @@ int send_local_file(dl_ftp_session& session, const char* local_path, dl_result* 
     return fail(result, DL_ERR_PARAMETER);
   }
   struct stat status = {};
-  if (fstat(file.get(), &status) == 0 && status.st_size > INT_MAX) return too_large(result);
+  if (::fstat(file.get(), &status) == 0 && status.st_size > INT_MAX) return too_large(result);
   const int count = send_contents(session, file.get(), local_path, result);
   // Whenever the connection is closed then, the server does not take the part for the whole.
   if (count < 0) reset_on_close(session.data_sock);

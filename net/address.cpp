@@ -10,7 +10,7 @@ address_list look_up_host(const char* host, int ipv6, int socket_type) {
   hints.ai_family = ipv6 ? AF_UNSPEC : AF_INET;
   hints.ai_socktype = socket_type;
   addrinfo* list = nullptr;
-  const int error = host ? getaddrinfo(host, nullptr, &hints, &list) : EAI_NONAME;
+  const int error = host ? ::getaddrinfo(host, nullptr, &hints, &list) : EAI_NONAME;
   if (error == 0) return address_list(list);
   log_line(DL_LOG_CMN, DL_LOG_ERROR, "getaddrinfo: %s\n", gai_strerror(error));
   return nullptr;

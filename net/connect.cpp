@@ -69,19 +69,19 @@ void await_connection(int sock, int seconds, connect_outcome& outcome) {
   outcome.result = wait_ready(sock, wait_writable, seconds);
   outcome.error = errno;
   socklen_t length = sizeof outcome.pending;
-  if (outcome.result > 0 && getsockopt(sock, SOL_SOCKET, SO_ERROR, &outcome.pending, &length) == 0) {
+  if (outcome.result > 0 && ::getsockopt(sock, SOL_SOCKET, SO_ERROR, &outcome.pending, &length) == 0) {
     outcome.connected = outcome.pending == 0;
   }
 }
 
 connect_outcome connect_within(int sock, const socket_address& address, int seconds) {
   int non_blocking = 1;
-  ioctl(sock, FIONBIO, &non_blocking);
+  ::ioctl(sock, FIONBIO, &non_blocking);
   connect_outcome outcome = start_connect(sock, address);
   const bool under_way = outcome.error == EINPROGRESS || outcome.error == EALREADY;
   if (!outcome.connected && under_way) await_connection(sock, seconds, outcome);
   non_blocking = 0;
-  ioctl(sock, FIONBIO, &non_blocking);
+  ::ioctl(sock, FIONBIO, &non_blocking);
   return outcome;
 }
 
@@ -100,18 +100,18 @@ constexpr int max_unsent_bytes = 16384;
 // Notices a vanished peer, sends small requests at once, and lets a send that makes no progress fail.
 void set_connection_options(int sock, int seconds) {
   const int on = 1;
-  setsockopt(sock, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+  ::setsockopt(sock, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
   const int idle_s = 60;
   const int interval_s = 15;
   const int probes = 4;
-  setsockopt(sock, IPPROTO_TCP, TCP_KEEPIDLE, &idle_s, sizeof idle_s);
-  setsockopt(sock, IPPROTO_TCP, TCP_KEEPINTVL, &interval_s, sizeof interval_s);
-  setsockopt(sock, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
-  setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  setsockopt(sock, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &max_unsent_bytes, sizeof max_unsent_bytes);
+  ::setsockopt(sock, IPPROTO_TCP, TCP_KEEPIDLE, &idle_s, sizeof idle_s);
+  ::setsockopt(sock, IPPROTO_TCP, TCP_KEEPINTVL, &interval_s, sizeof interval_s);
+  ::setsockopt(sock, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
+  ::setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  ::setsockopt(sock, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &max_unsent_bytes, sizeof max_unsent_bytes);
   timeval limit = {};
   limit.tv_sec = seconds;
-  setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  ::setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
 }
 
 // A connected socket, or an empty owner after logging why.
@@ -124,7 +124,7 @@ unique_fd connect_address(const addrinfo& entry, int port, int seconds) {
   }
   set_connection_options(sock.get(), seconds);
   char text[64] = {};
-  inet_ntop(entry.ai_family, address.ip, text, sizeof text);
+  ::inet_ntop(entry.ai_family, address.ip, text, sizeof text);
   log_line(DL_LOG_CMN, DL_LOG_INFO, "Connecting IP = %s, Port = %d\n", text, port);
   const connect_outcome outcome =
       seconds == 0 ? connect_blocking(sock.get(), address) : connect_within(sock.get(), address, seconds);

@@ -21,23 +21,23 @@ namespace {
 constexpr std::size_t piece_bytes = 65536;
 constexpr int max_sendfile_bytes = 1 << 20;
 
-// sendfile() has no flag against SIGPIPE: the signal is held off from the thread meanwhile, and taken back when it was
-// raised here.
+// sendfile() has no flag against SIGPIPE: the signal is held off from the thread meanwhile, and taken back when
+// it was raised here.
 ssize_t sendfile_quietly(int sock, int file, std::size_t count) {
   sigset_t pipe_signal;
   sigset_t pending;
   sigset_t before;
   sigemptyset(&pipe_signal);
   sigaddset(&pipe_signal, SIGPIPE);
-  pthread_sigmask(SIG_BLOCK, &pipe_signal, &before);
-  sigpending(&pending);
+  ::pthread_sigmask(SIG_BLOCK, &pipe_signal, &before);
+  ::sigpending(&pending);
   const bool was_pending = sigismember(&pending, SIGPIPE) == 1;
   const ssize_t sent = ::sendfile(sock, file, nullptr, count);
   const int error = errno;
   const timespec at_once = {};
-  const auto take = [&] { return sigtimedwait(&pipe_signal, nullptr, &at_once); };
+  const auto take = [&] { return ::sigtimedwait(&pipe_signal, nullptr, &at_once); };
   while (sent < 0 && error == EPIPE && !was_pending && take() < 0 && errno == EINTR) continue;
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
   errno = error;
   return sent;
 }
@@ -63,13 +63,13 @@ class not_blocking {
 
 bool is_regular(int file) {
   struct stat status = {};
-  return fstat(file, &status) == 0 && S_ISREG(status.st_mode);
+  return ::fstat(file, &status) == 0 && S_ISREG(status.st_mode);
 }
 
 bool is_connection(int sock) {
   int type = 0;
   socklen_t length = sizeof type;
-  return getsockopt(sock, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_STREAM;
+  return ::getsockopt(sock, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_STREAM;
 }
 
 // Errors of a connection. A file may give ETIMEDOUT too, so it is asked first.

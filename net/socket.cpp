@@ -40,7 +40,7 @@ void close_socket(int32_t& sock) {
 void reset_on_close(int sock) {
   if (sock <= STDERR_FILENO) return;
   const linger discard = {.l_onoff = 1, .l_linger = 0};
-  setsockopt(sock, SOL_SOCKET, SO_LINGER, &discard, sizeof discard);
+  ::setsockopt(sock, SOL_SOCKET, SO_LINGER, &discard, sizeof discard);
 }
 
 // poll() stands in for select(), whose descriptor sets end at 1023. The result counts like select's: one for each set

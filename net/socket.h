@@ -32,8 +32,8 @@ inline constexpr int wait_writable = 2;
 // The same for `events` of poll() and a limit in milliseconds.
 [[nodiscard]] int wait_for(int sock, short events, int64_t limit_ms);
 
-// Sends all bytes. Returns 0, or -4 with errno. Never raises SIGPIPE; a send that makes no progress for the socket's
-// send time-out fails.
+// Sends all bytes. Returns 0, or -4 with errno. Never raises SIGPIPE; a send that makes no progress for the
+// socket's send time-out fails.
 [[nodiscard]] int dl_send_all(int sock, const char* buffer, std::size_t length);
 
 }  // namespace fetchrig

@@ -1,5 +1,5 @@
-// stream.h: the bytes of one connection, whether plain TCP or TLS. Peeking never consumes. One thread at a time per
-// stream.
+// stream.h: the bytes of one connection, whether plain TCP or TLS. Peeking never consumes. One thread at
+// a time per stream.
 #ifndef FETCHRIG_NET_STREAM_H
 #define FETCHRIG_NET_STREAM_H
 

@@ -1,6 +1,5 @@
-// tls.cpp: a TLS client session over a connected socket: protocol method, trusted CAs, client certificate,
-// handshake, and then the checks of chain and host name that the caller asks for. Every call makes its own
-// context.
+// tls.cpp: a TLS client session over a connected socket: protocol method, trusted CAs, client certificate, handshake,
+// and then the checks of chain and host name that the caller asks for. Every call makes its own context.
 #include "net/tls.h"
 
 #include <arpa/inet.h>
@@ -29,8 +28,7 @@ namespace {
 constexpr int max_chain_depth = 10;
 
 int refuse(const char* message) {
-  log_line(DL_LOG_CMN, DL_LOG_ERROR, "%s", message);
-  return DL_ERR_CONNECT;
+  return log_and_return(DL_LOG_CMN, DL_ERR_CONNECT, "%s", message);
 }
 
 // The first reason in OpenSSL's queue, at notice level: the fixed messages name the step, this the reason.
@@ -45,8 +43,7 @@ int make_context(int method, unique_ssl_ctx& ctx) {
   if (is_removed_method(method)) return refuse("SSL 2.0 and SSL 3.0 are not available\n");
   ctx = new_tls_context(TLS_client_method(), method);
   if (!ctx) return refuse("SSL_CTX_new Error\n");
-  // A connection that ends without TLS's farewell has ended: every read behind it says so, like on a plain
-  // one.
+  // A connection that ends without TLS's farewell has ended: every read behind it says so, like on a plain one.
   SSL_CTX_set_options(ctx.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
   return 0;
 }
@@ -85,7 +82,7 @@ bool load_certificate(SSL_CTX* ctx, const small_file& file) {
 }
 
 int load_client_certificate(SSL_CTX* ctx, const char* path) {
-  if (access(path, F_OK) != 0) {
+  if (::access(path, F_OK) != 0) {
     log_line(DL_LOG_CMN, DL_LOG_INFO, "Https ca serverfile file no exist\n");
     return 0;
   }
@@ -117,11 +114,10 @@ int seed_random() {
 
 bool is_address(const std::string& host) {
   in_addr address = {};
-  return inet_aton(host.c_str(), &address) != 0 || host.find(':') != std::string::npos;
+  return ::inet_aton(host.c_str(), &address) != 0 || host.find(':') != std::string::npos;
 }
 
-// Servers with several names need to be told which one is meant; an address is never sent (RFC 6066 section
-// 3).
+// Servers with several names need to be told which one is meant; an address is never sent (RFC 6066 section 3).
 void name_server(SSL* ssl, const char* host) {
   const std::string name(or_empty(host));
   if (!name.empty() && !is_address(name)) SSL_set_tlsext_host_name(ssl, name.c_str());

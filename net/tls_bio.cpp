@@ -36,7 +36,7 @@ bool would_block() {
 }
 
 bool is_blocking(int sock) {
-  const int flags = fcntl(sock, F_GETFL);
+  const int flags = ::fcntl(sock, F_GETFL);
   return flags >= 0 && (flags & O_NONBLOCK) == 0;
 }
 
@@ -54,8 +54,8 @@ bool wait_ready(const tls_socket& data, short events) {
 }
 
 // Calls `transfer` with the flags for recv() or send() until it moves bytes or fails. Without a limit a
-// blocking socket waits by itself; with one it is tried, then waited for. On a socket that its owner made
-// non-blocking nothing waits.
+// blocking socket waits by itself; with one it is tried, then waited for. On a socket that its owner
+// made non-blocking nothing waits.
 template <typename Transfer>
 int move_bytes(const tls_socket& data, short events, Transfer transfer) {
   for (;;) {
@@ -132,9 +132,8 @@ long bio_control(BIO* bio, int command, long number, void* place) {
 // Over a descriptor that SSL_get_fd() finds. Without an index of its own, as OpenSSL never takes one back.
 constexpr int bio_type = BIO_TYPE_SOURCE_SINK | BIO_TYPE_DESCRIPTOR;
 
-// Made at the first connection. Connections refer to it until they are freed, so when the process ends or
-// unloads the library it is freed only if there are none. Who makes a connection counts it before looking for
-// the method.
+// Made at the first connection. Connections refer to it until they are freed, so when the process ends or unloads the
+// library it is freed only if there are none. Who makes a connection counts it before looking for the method.
 std::atomic<BIO_METHOD*> socket_method{nullptr};
 std::atomic<int> num_connections{0};
 

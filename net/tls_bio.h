@@ -14,8 +14,7 @@ namespace fetchrig {
 // A BIO over `sock` with `limit_s` seconds for each wait (0: no limit); null without memory.
 [[nodiscard]] BIO* new_tls_bio(int sock, unsigned limit_s);
 
-// Starts the time of the next TLS operation on `ssl`. Does nothing for a connection over another kind of
-// BIO.
+// Starts the time of the next TLS operation on `ssl`. Does nothing for a connection over another kind of BIO.
 void start_tls_operation(SSL* ssl);
 // Ends it: until the next start only single waits are limited, for a caller who uses OpenSSL directly.
 void end_tls_operation(SSL* ssl);

@@ -30,12 +30,12 @@ struct host_identity {
 };
 
 void classify_ipv6(host_identity& host, std::string_view text) {
-  if (inet_pton(AF_INET6, std::string(text).c_str(), host.address.data()) == 1) host.address_len = 16;
+  if (::inet_pton(AF_INET6, std::string(text).c_str(), host.address.data()) == 1) host.address_len = 16;
 }
 
 void classify_ipv4(host_identity& host) {
   in_addr address = {};
-  if (!inet_aton(host.name.c_str(), &address)) return;
+  if (!::inet_aton(host.name.c_str(), &address)) return;
   const auto* bytes = reinterpret_cast<const unsigned char*>(&address);
   std::copy_n(bytes, sizeof address, host.address.begin());
   host.address_len = sizeof address;

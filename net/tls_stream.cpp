@@ -42,8 +42,8 @@ void log_reason(const char* operation) {
   errno = error;
 }
 
-// A peer that refuses sends an alert and closes. A write may fail for the closed connection alone, with the
-// alert still unread; it is there then, so nothing is waited for. Leaves errno alone.
+// A peer that refuses sends an alert and closes. A write may fail for the closed connection alone, with the alert still
+// unread; it is there then, so nothing is waited for. Leaves errno alone.
 void log_refusal(SSL* ssl) {
   const int error = errno;
   if (ERR_peek_error() == 0 && (error == EPIPE || error == ECONNRESET)) {

@@ -14,7 +14,6 @@
 #include "net/socket.h"
 
 namespace fetchrig {
-
 namespace {
 
 constexpr int min_answer_wait_s = 3;
@@ -67,8 +66,7 @@ int refuse_block(read_call& call, uint16_t block) {
   return block == previous ? acknowledge(call, block) : 0;
 }
 
-// Takes the block that is due. Its ACK goes out before the session changes, so that a failure leaves it as it
-// was.
+// Takes the block that is due. Its ACK goes out before the session changes, so that a failure leaves it as it was.
 int take_block(read_call& call, const tftp_packet& packet) {
   if (acknowledge(call, packet.block) < 0) return -1;
   dl_tftp_session& session = call.session;
@@ -113,8 +111,7 @@ int fill(read_call& call) {
   return call.budget > 0 ? 0 : fail(call.result, DL_ERR_READ);
 }
 
-// Waits for the server's first answer, which the first read takes. A wait that fails is left for the read to
-// report.
+// Waits for the server's first answer, which the first read takes. A wait that fails is left for the read to report.
 bool answered(const dl_tftp_session& session, int timeout_s) {
   return wait_ready(session.sock, wait_readable, std::max(timeout_s, min_answer_wait_s)) != 0;
 }

@@ -9,8 +9,8 @@
 
 namespace fetchrig {
 
-// Requests the file and waits for the server's first answer. Returns 0 with the session in `handle`, or -1 with the
-// result filled.
+// Requests the file and waits for the server's first answer. Returns 0 with the session in `handle`, or -1
+// with the result filled.
 [[nodiscard]] int tftp_open(dl_tftp_session** handle, const tftp_target& target, dl_result* result);
 
 // Fills `to`; less only at the end of the file. Returns the count, 0 at the end, or -1 with the result filled.

@@ -9,7 +9,6 @@
 #include "log/printable.h"
 
 namespace fetchrig {
-
 namespace {
 
 constexpr std::string_view octet_mode = "octet";

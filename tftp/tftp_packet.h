@@ -27,8 +27,8 @@ enum class tftp_opcode : uint16_t { rrq = 1, wrq = 2, data = 3, ack = 4, error =
 
 using tftp_packet_buffer = std::array<char, tftp_packet_capacity>;
 
-// What a received datagram is. ERROR, requests, unknown opcodes and datagrams too short for their opcode are
-// all `unexpected`.
+// What a received datagram is. ERROR, requests, unknown opcodes and datagrams too short for their
+// opcode are all `unexpected`.
 enum class tftp_kind { unexpected, data, ack, oack };
 
 struct tftp_packet {

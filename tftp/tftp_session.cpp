@@ -21,7 +21,6 @@
 #include "tftp/tftp_port.h"
 
 namespace fetchrig {
-
 namespace {
 
 constexpr int bind_attempts = 30;
@@ -201,8 +200,7 @@ std::size_t tftp_receive_size(const dl_tftp_session& session) {
 ssize_t tftp_receive(dl_tftp_session& session, int timeout_s, tftp_packet_buffer& packet, dl_result* result) {
   sockaddr_in6 sender = {};
   ssize_t length;
-  // The wait is repeated when a signal came in between, or when the datagram it saw was dropped (a bad
-  // checksum).
+  // The wait is repeated when a signal came in between, or when the datagram it saw was dropped (a bad checksum).
   do {
     if (const int ready = wait_ready(session.sock, wait_readable, timeout_s); ready <= 0) {
       // A time-out sets no errno.

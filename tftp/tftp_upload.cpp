@@ -18,7 +18,6 @@
 #include "log/printable.h"
 
 namespace fetchrig {
-
 namespace {
 
 constexpr int max_repeats = 5;  // of the request, and of each block
@@ -66,8 +65,7 @@ int deliver_block(dl_tftp_session& session, const data_packet& packet, int timeo
   return 0;
 }
 
-// Reads the next block from the file; a short one is the last. Returns false when reading fails, which is
-// logged.
+// Reads the next block from the file; a short one is the last. Returns false when reading fails, which is logged.
 bool read_block(dl_tftp_session& session, FILE* file, const char* local_path, data_packet& packet) {
   const std::span<char, tftp_packet_capacity> bytes(packet.bytes);
   const std::span<char> payload = bytes.subspan<tftp_header_len>();

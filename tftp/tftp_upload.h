@@ -6,15 +6,15 @@
 
 namespace fetchrig {
 
-// Sends the write request until the server accepts it. Returns 0 with the session in `handle`, or -1 with the result
-// filled.
+// Sends the write request until the server accepts it. Returns 0 with the session in `handle`, or -1
+// with the result filled.
 [[nodiscard]] int tftp_send_open(dl_tftp_session** handle, const tftp_target& target, dl_result* result);
 
 // Sends the file. Returns the bytes sent, or -1 with the result filled.
 [[nodiscard]] int tftp_send(dl_tftp_session& session, const char* local_path, dl_result* result);
 
-// Open, send and close; a remote name that is null or empty stands for the local file's. Returns 0 or -1 with the
-// result filled.
+// Open, send and close; a remote name that is null or empty stands for the local file's. Returns 0 or -1
+// with the result filled.
 [[nodiscard]] int tftp_send_file(const tftp_target& target, const char* local_path, dl_result* result);
 
 }  // namespace fetchrig

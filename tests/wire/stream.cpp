@@ -2,7 +2,10 @@
 #include "net/tcp_stream.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <limits.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -10,8 +13,10 @@
 #include <array>
 #include <string>
 #include <string_view>
+#include <tuple>
 
 #include "core/owners.h"
+#include "net/send_file.h"
 #include "tests/support/descriptors.h"
 #include "tests/support/temp_dir.h"
 
@@ -122,6 +127,43 @@ TEST_F(stream_test, writing_to_a_closed_peer_fails_without_a_signal) {
   EXPECT_EQ(stream.write_all({"abc", 3}), 0);
   far.reset();
   EXPECT_EQ(stream.write_all({"abc", 3}), -1);
+}
+
+// A file with a size, and one that has contents without.
+TEST_F(stream_test, a_file_is_sent_from_where_it_stands_to_its_end_or_limit) {
+  const test::temp_dir dir;
+  const std::string path = dir.file("file");
+  test::write_file(path, "abcdef");
+  const std::tuple<const char*, int, send_end, std::string_view> rows[] = {
+      {path.c_str(), 4, send_end::whole, "cdef"},
+      {path.c_str(), 3, send_end::too_large, "cde"},
+      {"/proc/sys/kernel/ostype", 100, send_end::whole, "nux\n"}};
+  for (const auto& [name, limit, end, arrives] : rows) {
+    const unique_fd file(::open(name, O_RDONLY | O_CLOEXEC));
+    lseek(file.get(), 2, SEEK_SET);
+    const send_result sent = send_file(near.get(), file.get(), limit, 1);
+    EXPECT_EQ(sent.end, end) << name;
+    EXPECT_EQ(sent.total, static_cast<int>(arrives.size()));
+    EXPECT_EQ(text_of(buffer, tcp_stream(far.get()).read(buffer, 1)), arrives);
+  }
+}
+
+TEST_F(stream_test, what_stops_a_file_is_told_without_a_signal) {
+  const test::temp_dir dir;
+  const std::string path = dir.file("file");
+  test::write_file(path, test::make_bytes(4000000));
+  const unique_fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  const send_result stuck = send_file(near.get(), file.get(), INT_MAX, 0);
+  EXPECT_EQ(stuck.end, send_end::wait_failed);
+  EXPECT_EQ(stuck.error, 0) << "a time-out has no errno";
+  EXPECT_EQ(fcntl(near.get(), F_GETFL) & O_NONBLOCK, 0) << "as it was";
+  far.reset();
+  const send_result closed = send_file(near.get(), file.get(), INT_MAX, 1);
+  EXPECT_EQ(closed.end, send_end::send_failed);
+  EXPECT_EQ(closed.error, EPIPE);
+  sigset_t pending;
+  sigpending(&pending);
+  EXPECT_FALSE(sigismember(&pending, SIGPIPE));
 }
 
 }  // namespace
