@@ -87,18 +87,6 @@ struct key_pair {
   unique_pkey key;
 };
 
-// What the file holds of the two. False when it cannot be opened.
-bool read_part(key_pair& pair, const char* path) {
-  const cert_source source(path);
-  if (!source.stream) {
-    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file dev cert err\n");
-    return false;
-  }
-  pair.certificate = source.certificate();
-  pair.key = source.key();
-  return true;
-}
-
 // Whether there is a private key in the file, be it encrypted or damaged.
 bool holds_key(const cert_source& source) {
   if (source.encoding == encoding_pem) {
@@ -108,8 +96,39 @@ bool holds_key(const cert_source& source) {
   return bio && unique_encrypted_key(d2i_PKCS8_bio(bio.get(), nullptr));
 }
 
+// Whether there is a certificate in the file, be it damaged or of a kind that is not read.
+bool holds_certificate(const cert_source& source) {
+  return source.encoding == encoding_pem &&
+         source.file.bytes().find("CERTIFICATE-----") != std::string_view::npos;
+}
+
+// What the file holds of the two. False when it cannot be opened or holds neither, or when one of the two is there
+// but cannot be opened: the other one would be paired with the present file's.
+bool read_part(key_pair& pair, const char* path) {
+  const cert_source source(path);
+  if (!source.stream) {
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Bio_new_file dev cert err\n");
+    return false;
+  }
+  pair.certificate = source.certificate();
+  pair.key = source.key();
+  if (!pair.certificate && !pair.key) {
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "load dev cert err\n");
+    return false;
+  }
+  if (!pair.key && holds_key(source)) {
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "the private key of the given file can't be opened\n");
+    return false;
+  }
+  if (!pair.certificate && holds_certificate(source)) {
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "the certificate of the given file can't be read\n");
+    return false;
+  }
+  return true;
+}
+
 // Adds to the pair what it lacks and the present device certificate file has. False when that cannot be read
-// just now, or has a key that cannot be opened: it would be lost.
+// just now, or has a part that cannot be opened: it would be lost.
 bool complete_from_present(key_pair& pair, const char* path) {
   if (is_special_file(path)) return true;
   const cert_source source(path);
@@ -121,7 +140,10 @@ bool complete_from_present(key_pair& pair, const char* path) {
   ERR_clear_error();
   if (!pair.certificate) {
     pair.certificate = source.certificate();
-    if (!pair.certificate && !is_empty && ran_out_of_memory()) return false;
+    if (!pair.certificate && !is_empty && (ran_out_of_memory() || holds_certificate(source))) {
+      log_line(DL_LOG_CMN, DL_LOG_ERROR, "the present device certificate can't be read\n");
+      return false;
+    }
   }
   if (pair.key) return true;
   pair.key = source.key();
@@ -178,7 +200,6 @@ int install_device_cert_part(const char* path) {
   const option_text device_file = device_cert_file();
   key_pair pair;
   if (!read_part(pair, path)) return -1;
-  if (!pair.certificate && !pair.key) return log_and_return(DL_LOG_CMN, -1, "load dev cert err\n");
   if (!complete_from_present(pair, device_file.data())) return -1;
   if (!make_server_directory(device_file.data())) return -1;
   // The usual way to replace both is one after the other, so this state is allowed but worth knowing.

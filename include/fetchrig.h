@@ -317,8 +317,8 @@ FETCHRIG_API int dl_del_ca(const char *path);
  * option names a link, its target is replaced. */
 FETCHRIG_API int dl_install_ser_ca(const char *path);
 /* Installs a certificate or key alone, completed from the current device certificate. Returns 0, or -1 with nothing
- * changed: also when the current file cannot be read, or holds a private key that would be lost because option 16 does
- * not open it. */
+ * changed: also when the current file cannot be read, or when it or the given one holds a private key that option 16
+ * does not open, or a certificate that cannot be read, that would be lost. */
 FETCHRIG_API int dl_install_ser_ca_separate(const char *path);
 /* Deletes the device certificate file. Returns 0. */
 FETCHRIG_API int dl_del_ser_ca(void);

@@ -1,5 +1,7 @@
 // The device certificate: what is installed, what is refused with which code, and that a refusal changes
 // nothing.
+#include <regex>
+
 #include "include/fetchrig_openssl.h"
 #include "tests/support/cert_fixture.h"
 
@@ -185,11 +187,18 @@ TEST_F(DeviceCert, PartsAreCompletedFromTheCurrentFile) {
     EXPECT_TRUE(was_logged("the private key of the present") || was_logged("Bio_new_file dev cert err\n"))
         << log();
   }
+  const std::string trusted = std::regex_replace(old_.cert, std::regex("CERT"), "TRUSTED CERT");
+  write(custom, trusted + old_.key);
+  install(pair_.key, part, custom_, -1, "the present device certificate can't be read\n");
+  EXPECT_EQ(read(custom), trusted + old_.key);
   write(custom, pair_.both);
   for (const std::string& nothing : {pair_.cert.substr(0, 300), cert_der_.substr(0, 100), foreign_key_}) {
     install(nothing, part, custom_, -1, "load dev cert err\n");
     EXPECT_EQ(read(custom), pair_.both);
   }
+  install(old_.cert + foreign_key_, part, custom_, -1, "the private key of the given file can't be opened\n");
+  install(trusted + old_.key, part, custom_, -1, "the certificate of the given file can't be read\n");
+  EXPECT_EQ(read(custom), pair_.both) << "no part of one pair stands beside a part of the other";
 }
 
 }  // namespace
