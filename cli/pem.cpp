@@ -115,7 +115,8 @@ secret_text read_small_file(const std::string& path) {
 void write_new_file(const std::string& path, const std::string& content) {
   descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (file.get() < 0) throw about(path, std::string(" cannot be created: ") + strerror(errno));
-  bool written = write_all(file.get(), content) && fsync(file.get()) == 0;
+  // Whatever the umask, the file is read again.
+  bool written = fchmod(file.get(), 0600) == 0 && write_all(file.get(), content) && fsync(file.get()) == 0;
   int cause = errno;
   if (close(file.release()) != 0 && written) {
     written = false;

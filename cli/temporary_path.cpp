@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,7 +17,9 @@
 namespace fetchrig::cli {
 namespace {
 
-constexpr int ending_signals[] = {SIGINT, SIGTERM, SIGHUP, SIGPIPE};
+// All that end a program by default, but for those that cannot be caught or tell of a fault in it.
+constexpr int ending_signals[] = {SIGHUP,  SIGINT,  SIGQUIT,   SIGPIPE, SIGALRM, SIGTERM, SIGUSR1,
+                                  SIGUSR2, SIGXCPU, SIGVTALRM, SIGPROF, SIGPOLL, SIGPWR};
 
 // Changed only while the signals are held, so that the handler finds it whole. Never destroyed: a signal may
 // come while the process ends.
@@ -95,6 +98,11 @@ std::string temporary_place() {
   return place && *place && !strchr(place, ':') ? place : "/tmp";
 }
 
+// Whatever the umask, it is for this user to use.
+bool make_own_directory(char* pattern) {
+  return mkdtemp(pattern) && chmod(pattern, 0700) == 0;
+}
+
 bool write_whole(int fd, std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t count = ::write(fd, bytes.data(), bytes.size());
@@ -140,8 +148,7 @@ temporary_path new_temporary_file(const std::string& stem, int& fd) {
 }
 
 private_directory::private_directory()
-    : directory_(take_new(temporary_place() + "/fetchrig.XXXXXX",
-                          [](char* pattern) { return mkdtemp(pattern) != nullptr; })) {
+    : directory_(take_new(temporary_place() + "/fetchrig.XXXXXX", make_own_directory)) {
   if (!directory_) throw failure(0, printable(temporary_place()) + ": " + strerror(errno));
 }
 
@@ -149,7 +156,7 @@ void private_directory::write(std::string_view name, std::string_view content) {
   const std::string path = directory_.get() + "/" + std::string(name);
   files_.emplace_back(path);
   const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-  const bool written = fd >= 0 && write_whole(fd, content);
+  const bool written = fd >= 0 && fchmod(fd, 0600) == 0 && write_whole(fd, content);
   const int error = errno;
   if (fd >= 0 && close(fd) == 0 && written) return;
   throw failure(0, printable(path) + " cannot be written: " + strerror(error));
