@@ -1,6 +1,7 @@
 // ftp_command.cpp: building and sending command lines.
 #include "ftp/ftp_command.h"
 
+#include <errno.h>
 #include <limits.h>
 #include <openssl/crypto.h>
 #include <string.h>
@@ -57,6 +58,7 @@ int ftp_command(const dl_ftp_session& session, std::string_view word,
   if (!line) return DL_ERR_MEMORY;
   tcp_stream control(session.ctrl_sock);
   if (control.write_all(line.bytes()) < 0) {
+    log_line(DL_LOG_FTP, DL_LOG_NOTICE, "write error, errno %d\n", errno);
     const std::string_view shown = word == password_word ? masked_password : line.without_end();
     return log_and_return(DL_LOG_FTP, DL_ERR_SEND, "Error send command %s\r\n\n", printable(shown).c_str());
   }

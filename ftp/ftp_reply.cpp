@@ -24,7 +24,11 @@ int read_reply_line(int sock, ftp_reply& reply, line_state& state) {
   const line_result read = read_line(control, buffer, {buffer.size(), buffer.size()}, net_timeout_seconds());
   reply.set_length(read.text.size());
   state = read.state;
-  if (read.io.wait_failed) ftp_log_failed_wait(read.io.error);
+  if (read.io.wait_failed) {
+    ftp_log_failed_wait(read.io.error);
+  } else if (read.io.count < 0) {
+    log_line(DL_LOG_FTP, DL_LOG_NOTICE, "read failed, errno %d\n", read.io.error);
+  }
   if (read.io.count < 0) return DL_ERR_READ;
   return state == line_state::too_long ? line_too_long : 0;
 }
