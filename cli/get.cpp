@@ -75,11 +75,12 @@ int run_get(const get_options& options) {
   const std::string name = output_name(options, where);
   check_options(options, where);
   const std::string headers = header_block(options.transfer.headers);
+  output_file file(name);
   const auto trusted_cas = configure(options.transfer, where);
   const credentials login(where, options.transfer.user, options.transfer.password);
 
   const auto from = open_source({where, login, options.transfer.proxy, headers, options.xsi});
-  output_file file(name);
+  file.open();
   // What is drawn would run into the data on a terminal that shows them.
   const bool wanted = !options.transfer.quiet && !file.is_terminal();
   std::string summary;

@@ -1,9 +1,15 @@
 // main.cpp: the fetchrig command: reads the command line, runs the subcommand, turns the outcome into an exit
 // status.
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <exception>
 #include <new>
 
 #include "commands.h"
@@ -82,9 +88,6 @@ int run_action(const action& chosen) {
   } catch (const failure& error) {
     tell(error.what());
     return exit_failed;
-  } catch (const std::bad_alloc&) {
-    tell("out of memory");
-    return exit_failed;
   }
 }
 
@@ -95,9 +98,32 @@ int flushed(int status) {
   return status == exit_done ? exit_failed : status;
 }
 
-}  // namespace
+void end_without_catcher() {
+  try {
+    if (std::current_exception()) throw;
+  } catch (const std::bad_alloc&) {
+    tell("out of memory");
+    _exit(exit_failed);
+  } catch (...) {
+  }
+  abort();
+}
 
-int main(int argc, char** argv) {
+// The option parser makes objects before main(), where nothing catches a failed allocation.
+[[gnu::constructor(101)]] void expect_no_catcher() {
+  std::set_terminate(end_without_catcher);
+}
+
+// Occupies those of the three standard descriptors that the caller has closed, so that no connection becomes
+// our standard output. What is read or written there fails as before.
+void fill_standard_descriptors() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (fcntl(fd, F_GETFD) >= 0 || errno != EBADF) continue;
+    open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);  // takes the lowest one that is free
+  }
+}
+
+int run_command_line(int argc, char** argv) {
   CLI::App app("Moves files over HTTP, HTTPS, FTP and TFTP, and manages certificates.", "fetchrig");
   app.set_version_flag("--version", std::string("fetchrig ") + dl_get_version());
   app.footer(examples);
@@ -110,8 +136,21 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) return flushed(app.exit(error));  // --help, --version
+    if (error.get_exit_code() == 0) return app.exit(error);  // --help, --version
     return wrong_command_line(app, error, argc, argv);
   }
-  return flushed(run_action(chosen));
+  return run_action(chosen);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  fill_standard_descriptors();
+  signal(SIGXFSZ, SIG_IGN);  // a write beyond the limit of file sizes fails, and is told as any other
+  try {
+    return flushed(run_command_line(argc, argv));
+  } catch (const std::bad_alloc&) {
+    tell("out of memory");
+    return exit_failed;
+  }
 }

@@ -3,6 +3,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -16,9 +17,8 @@
 namespace fetchrig::cli {
 namespace {
 
-// The descriptor that `path` stands for. Opening such a path anew would forget where in a file the descriptor
-// is, and replacing it would replace the file that a shell has opened.
-std::optional<int> named_descriptor(std::string_view path) {
+// The descriptor that `path` says it is.
+std::optional<int> spelt_descriptor(std::string_view path) {
   if (path == "-" || path == "/dev/stdout") return STDOUT_FILENO;
   if (path == "/dev/stderr") return STDERR_FILENO;
   for (const std::string_view directory : {"/dev/fd/", "/proc/self/fd/"}) {
@@ -31,7 +31,28 @@ std::optional<int> named_descriptor(std::string_view path) {
   return std::nullopt;
 }
 
-// The access a newly created file of the user has; a partial file is for its owner alone.
+// What the link at `path` holds, seen from where `path` is seen; empty when there is no link.
+std::string link_target(const std::string& path) {
+  char target[PATH_MAX];
+  const ssize_t length = readlink(path.c_str(), target, sizeof target);
+  if (length <= 0) return "";
+  const std::string_view text(target, static_cast<std::size_t>(length));
+  const std::size_t slash = text.front() == '/' ? path.npos : path.rfind('/');
+  return slash == path.npos ? std::string(text) : path.substr(0, slash + 1).append(text);
+}
+
+// The descriptor that `path` stands for, by itself or as a link. Opening such a path anew would forget where
+// in a file the descriptor is, and replacing it would replace the file that a shell has opened.
+std::optional<int> named_descriptor(std::string path) {
+  constexpr int max_links = 40;
+  for (int links = 0; links < max_links && !path.empty(); ++links) {
+    if (const auto fd = spelt_descriptor(path)) return fd;
+    path = link_target(path);
+  }
+  return std::nullopt;
+}
+
+// The access a newly created file of the user has.
 mode_t ordinary_mode() {
   const mode_t mask = umask(0);
   umask(mask);
@@ -62,18 +83,7 @@ std::string follow_links(const std::string& path) {
 
 output_file::output_file(const std::string& path) : path_(path) {
   if (path.empty()) throw usage_error("the output file has no name");
-  struct stat status;
-  const auto fd = named_descriptor(path);
-  const bool exists = !fd && stat(path.c_str(), &status) == 0;
-  if (exists && S_ISDIR(status.st_mode)) throw usage_error(printable(path) + " is a directory");
-  if (fd) {
-    open_descriptor(*fd);
-  } else if (exists && !S_ISREG(status.st_mode)) {
-    open_directly();
-  } else {
-    if (exists) path_ = follow_links(path);
-    replace(exists ? &status : nullptr);
-  }
+  if (const auto fd = named_descriptor(path)) hold_descriptor(*fd);
 }
 
 output_file::~output_file() {
@@ -81,20 +91,34 @@ output_file::~output_file() {
     empty_on_signal(-1);
     if (touched_ && ftruncate(fd_, 0) == 0) tell("warning: " + printable(path_) + " is empty now");
   }
-  if (fd_ > STDERR_FILENO) close(fd_);
+  if (fd_ >= 0) close(fd_);
 }
 
-void output_file::open_descriptor(int fd) {
-  if (fcntl(fd, F_GETFL) < 0) fail("cannot be opened");
-  fd_ = fd;
+void output_file::open() {
+  if (fd_ >= 0) return;
+  struct stat status;
+  const bool exists = stat(path_.c_str(), &status) == 0;
+  if (exists && S_ISDIR(status.st_mode)) throw usage_error(printable(path_) + " is a directory");
+  if (exists && !S_ISREG(status.st_mode)) return open_directly();
+  if (exists) path_ = follow_links(path_);
+  replace(exists ? &status : nullptr);
 }
 
-void output_file::open_directly() {
-  fd_ = open(path_.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
+// A descriptor of our own, which nothing that is opened later can be taken for.
+void output_file::hold_descriptor(int fd) {
+  const int flags = fcntl(fd, F_GETFL);
+  const bool writable = flags >= 0 && (flags & O_ACCMODE) != O_RDONLY;
+  if (flags >= 0 && !writable) errno = EBADF;
+  fd_ = writable ? fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1) : -1;
   if (fd_ < 0) fail("cannot be opened");
 }
 
-// Opens a file beside the final name.
+void output_file::open_directly() {
+  fd_ = ::open(path_.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
+  if (fd_ < 0) fail("cannot be opened");
+}
+
+// Opens a file beside the final name. It has the access of the finished file from its first byte on.
 void output_file::replace(const struct stat* existing) {
   const std::size_t slash = path_.rfind('/');
   const std::size_t name = slash == path_.npos ? 0 : slash + 1;
@@ -113,7 +137,7 @@ void output_file::replace(const struct stat* existing) {
 
 // The old bytes stay until there are new ones.
 void output_file::open_in_place() {
-  fd_ = open(path_.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+  fd_ = ::open(path_.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
   if (fd_ < 0) fail("cannot be written");
   in_place_ = true;
 }
@@ -145,7 +169,6 @@ bool output_file::is_terminal() const {
 }
 
 void output_file::close_checked() {
-  if (fd_ <= STDERR_FILENO) return;
   const int closed = close(fd_);
   fd_ = -1;
   if (closed != 0) fail("cannot be written");

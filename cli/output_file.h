@@ -19,12 +19,16 @@ namespace fetchrig::cli {
 
 class output_file {
  public:
-  // Throws usage_error when `path` is empty or a directory, failure when nothing can be created there.
+  // Made before anything else is opened: a descriptor that `path` names is held from here on. Throws
+  // usage_error when `path` is empty, failure when it names a descriptor that cannot be written to.
   explicit output_file(const std::string& path);
   output_file(const output_file&) = delete;
   output_file& operator=(const output_file&) = delete;
   ~output_file();
 
+  // Comes before all that follows. Throws usage_error when the path is a directory, failure when nothing can
+  // be created there.
+  void open();
   // Throws failure when the bytes cannot be written whole.
   void write(std::span<const char> bytes);
   // Closes the file and gives it its name; throws failure, after which nothing remains.
@@ -33,7 +37,7 @@ class output_file {
   bool is_terminal() const;
 
  private:
-  void open_descriptor(int fd);
+  void hold_descriptor(int fd);
   void open_directly();
   void replace(const struct stat* existing);
   void open_in_place();

@@ -81,15 +81,26 @@ TEST_F(cli_get, where_the_file_goes) {
   expect_failed(fetchrig({"get", web.url("/up/..")}), 2, {"names no file"});
   expect_failed(fetchrig({"get", "-o", "missing/x", url}), 1, {"missing/x", "No such file"});
   expect_failed(fetchrig({"get", "-o", "/dev/full", url}), 1, {"/dev/full", "No space left"});
+  const auto in_shell = [&](const std::string& first, const std::string& file) {
+    return run({"sh", "-c", first + "; exec \"$0\" get -o \"$1\" \"$2\"", fetchrig_binary, file, url});
+  };
+  expect_failed(in_shell("exec 3>&-", "/dev/fd/3"), 1, {"/dev/fd/3", "Bad file descriptor"});
+  expect_failed(in_shell("ulimit -f 1", path("long")), 1, {"long", "File too large"});
+  ASSERT_EQ(0, symlink("/dev/stdout", path("through").c_str()));
+  expect_done(in_shell("exec > " + path("target") + "; echo 1", path("through")));
+  EXPECT_TRUE("1\n" + content == read_file(path("target")));
 }
 
-// Root without its right to write everywhere.
+// Root without its right to write everywhere, and with a umask that takes the user's own rights.
 TEST_F(cli_get, a_file_in_a_read_only_directory_is_written_in_place) {
+  const test_ca ca(place_);
   tcp_peer server({{expect_until("\r\n\r\n"), send("HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nnew")},
                    {expect_until("\r\n\r\n"), send("HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nne")}});
   write_file(path("out"), "longer");
   ASSERT_EQ(0, chmod(work_.c_str(), 0555));
-  std::vector<std::string> arguments = {fetchrig_binary, "get", "-o", path("out"), server.url("http", "/a")};
+  std::vector<std::string> arguments = {
+      "sh", "-c",        "umask 0777; exec \"$0\" \"$@\"", fetchrig_binary, "get", "--ca-file", ca.file(),
+      "-o", path("out"), server.url("http", "/a")};
   if (geteuid() == 0) arguments.insert(arguments.begin(), {"setpriv", "--bounding-set=-dac_override"});
   expect_done(run(arguments));
   EXPECT_EQ("new", read_file(path("out")));
@@ -205,7 +216,9 @@ TEST_F(cli_get, missing_files) {
                 {"TFTP error 1) (code -8)", "did you mean http://" + no_scheme});
   expect_failed(fetchrig({"get", "http://127.0.0.1:" + std::to_string(free_port()) + "/x"}), 1,
                 {"connection refused (code -3)"});
-  expect_failed(fetchrig({"get", "http://127.0.0.1:66000/x"}), 1, {"Wrong URL (code -9)"});
+  tcp_peer resets({{send("220 hi\r\n"), expect_until("\r\n"), reset()}});
+  expect_failed(fetchrig({"get", resets.url("ftp", "/x")}), 1,
+                {"the connection broke: Connection reset by peer (code -8)"});
   EXPECT_TRUE(work_names().empty());
 }
 
@@ -269,14 +282,16 @@ TEST_F(cli_get, an_interrupted_download_leaves_nothing) {
   const test_ca ca(place_);
   const std::string temporary = place_.make_dir("temporary");
   const std::string half = response("200 OK", "Content-Length: 200000\r\n", content.substr(0, 100000));
-  tcp_peer server({{expect_until("\r\n\r\n"), send(half), stall()}});
-  child_process command({fetchrig_binary, "get", "--ca-file", ca.file(), server.url("http", "/a")},
-                        {.directory = work_, .environment = {"TMPDIR=" + temporary}});
-  for (int i = 0; i < 500 && work_names().empty(); ++i) ASSERT_FALSE(command.wait(20));
-  ASSERT_FALSE(work_names().empty() || names_in(temporary).empty());
-  command.stop();
-  EXPECT_EQ(128 + SIGTERM, command.wait(0));
-  EXPECT_TRUE(work_names().empty() && names_in(temporary).empty());
+  tcp_peer server({{expect_until("\r\n\r\n"), send(half), stall()}}, {.repeat_last = true});
+  for (const int number : {SIGTERM, SIGUSR1, SIGALRM}) {
+    child_process command({fetchrig_binary, "get", "--ca-file", ca.file(), server.url("http", "/a")},
+                          {.directory = work_, .environment = {"TMPDIR=" + temporary}});
+    for (int i = 0; i < 500 && work_names().empty(); ++i) ASSERT_FALSE(command.wait(20));
+    ASSERT_FALSE(work_names().empty() || names_in(temporary).empty());
+    ASSERT_EQ(0, kill(command.pid(), number));
+    EXPECT_EQ(128 + number, command.wait(5000));
+    EXPECT_TRUE(work_names().empty() && names_in(temporary).empty());
+  }
 }
 
 TEST_F(cli_get, what_is_sent) {
