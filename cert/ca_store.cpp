@@ -4,6 +4,7 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -18,7 +19,9 @@
 #include "core/boundary.h"
 #include "core/config.h"
 #include "core/files.h"
+#include "core/small_file.h"
 #include "log/log.h"
+#include "log/printable.h"
 
 namespace fetchrig {
 namespace {
@@ -97,6 +100,20 @@ void run_removal(const removal& each) {
   run_shell(each.command, is_there ? DL_LOG_ERROR : DL_LOG_INFO);
 }
 
+// Whether the file has the given one's bytes now. A copy that fails, on a full disk or without memory, leaves nothing
+// that was not there before.
+bool copy_into_store(const char* path, const std::string& file) {
+  struct stat status;
+  const bool was_there = ::lstat(file.c_str(), &status) == 0;
+  guarded([&] { copy_file(path, file.c_str()); });
+  give_owner_access(file, S_IRUSR | S_IWUSR);
+  const small_file from(path), to(file.c_str());
+  if (from.error() == 0 && to.error() == 0 && from.bytes() == to.bytes()) return true;
+  log_line(DL_LOG_CMN, DL_LOG_ERROR, "Can't copy the ca file to %s\n", printable(file).c_str());
+  if (!was_there) ::unlink(file.c_str());
+  return false;
+}
+
 }  // namespace
 
 // Commands are formed before anything is done: what can be installed can be removed again.
@@ -112,9 +129,7 @@ int install_ca(const char* path) {
     return log_and_return(DL_LOG_CMN, not_installed, "path of the trust certs directory is too long\n");
   }
   if (const int rc = refuse_known_ca(custom, hash); rc < 0) return rc;
-  // A copy that fails is in the log, and ends nothing; nor does one without memory.
-  guarded([&] { copy_file(path, file.c_str()); });
-  give_owner_access(file, S_IRUSR | S_IWUSR);
+  if (!copy_into_store(path, file)) return 0;  // a failure is in the log only
   run_shell(link_file);
   run_shell(link_all);
   return 0;

@@ -150,12 +150,19 @@ TEST_F(cert_store, PathsBeyondTheCommandBuffersChangeNothing) {
   EXPECT_EQ(snapshot(path("")), before);
 }
 
-TEST_F(cert_store, CommandsThatFailAreNamedInTheLog) {
+TEST_F(cert_store, CopiesAndCommandsThatFailAreNamedInTheLog) {
   const identity ca = make_identity("CA");
   const std::string file = write("ca.pem", pem_of(ca)), link = store() + hash_name_of(ca);
   const std::string installed = link.substr(0, link.size() - 2), programs = getenv("PATH");
   ASSERT_EQ(dl_install_ca(write("other.pem", pem_of(make_identity("Other"))).c_str()), 0)
       << "makes the folders";
+  const auto before = snapshot(store());
+  {
+    const full_disk disk;
+    EXPECT_EQ(dl_install_ca(file.c_str()), 0);
+  }
+  EXPECT_TRUE(was_logged("3 Can't copy the ca file to " + installed + "\n")) << log();
+  EXPECT_EQ(snapshot(store()), before) << "no empty entry, no links";
   setenv("PATH", "/absent", 1);
   EXPECT_EQ(dl_install_ca(file.c_str()), 0);
   EXPECT_EQ(dl_del_ca(installed.c_str()), 0);
