@@ -1,11 +1,15 @@
 // cert_files.cpp: "fetchrig cert info" and "verify", which work on single certificate files.
 #include <errno.h>
+#include <openssl/x509.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <memory>
+#include <new>
+#include <optional>
 #include <sstream>
 #include <vector>
 
@@ -17,6 +21,7 @@
 #include "report.h"
 #include "scratch_copy.h"
 #include "silenced_stream.h"
+#include "temporary_path.h"
 
 namespace fetchrig::cli {
 namespace {
@@ -105,7 +110,7 @@ nlohmann::ordered_json verification_json(const verify_options& options, bool ver
   const std::vector<std::string>& let_pass = verification_remarks();
   return {{"file", options.file},
           {"verified", verified},
-          {"trusted", verified && let_pass.empty()},
+          {"trusted", verified && verification_was_clean()},
           {"remarks", let_pass}};
 }
 
@@ -119,17 +124,35 @@ answer refusal(const verify_options& options, const failure& why) {
   return told;
 }
 
+// What dl_cert_verify is to take. Where nothing is named it takes OpenSSL's default place, which is wanted only
+// when neither a directory nor a file is named.
+class trusted_places {
+ public:
+  explicit trusted_places(const verify_options& options)
+      : directory_(options.ca_dir), file_(options.ca_file) {
+    if (directory_.empty() && !file_.empty()) directory_ = empty_.emplace().path();
+    const bool default_file = file_.empty() && !directory_.empty();
+    if (default_file && setenv(X509_get_default_cert_file_env(), "/dev/null", 1) != 0) throw std::bad_alloc();
+  }
+  const char* directory() const { return directory_.empty() ? nullptr : directory_.c_str(); }
+  const char* file() const { return file_.empty() ? nullptr : file_.c_str(); }
+
+ private:
+  std::optional<private_directory> empty_;
+  std::string directory_, file_;
+};
+
 answer verify(const verify_options& options) {
   check_places(options);
   read_small_file(options.file);  // what is missing or no file at all is told as that
+  const trusted_places places(options);
   dl_result result = {};
   int rc = 0;
   {
     // The library writes the path to standard output and OpenSSL's diagnostics to standard error.
     const silenced_stream out(stdout, true);
     const silenced_stream diagnostics(stderr, options.common.verbosity == 0);
-    rc = dl_cert_verify(options.file.c_str(), options.ca_dir.empty() ? nullptr : options.ca_dir.c_str(),
-                        options.ca_file.empty() ? nullptr : options.ca_file.c_str(), options.with_key ? 1 : 0,
+    rc = dl_cert_verify(options.file.c_str(), places.directory(), places.file(), options.with_key ? 1 : 0,
                         &result);
   }
   if (rc != 0) {
@@ -138,8 +161,9 @@ answer verify(const verify_options& options) {
     return refusal(options, failed_operation(options.file, result.code, words));
   }
   const std::vector<std::string>& let_pass = verification_remarks();
-  if (options.strict && !let_pass.empty()) {
-    return refusal(options, failure(0, printable(options.file) + ": not trusted: " + let_pass.front()));
+  if (options.strict && !verification_was_clean()) {
+    const std::string reason = let_pass.empty() ? "out of memory" : let_pass.front();
+    return refusal(options, failure(0, printable(options.file) + ": not trusted: " + reason));
   }
   answer told;
   told.json = verification_json(options, true);
@@ -166,8 +190,8 @@ void add_verify(CLI::App& cert, action& chosen) {
   const auto options = std::make_shared<verify_options>();
   CLI::App* app = cert.add_subcommand("verify", "Tell whether a certificate file would be trusted");
   app->add_option("FILE", options->file, "The certificate file (PEM or DER)")->required();
-  app->add_option("--ca-dir", options->ca_dir, "Hashed directory of trusted CAs; else the system's");
-  app->add_option("--ca-file", options->ca_file, "PEM file of trusted CAs; else the system's");
+  app->add_option("--ca-dir", options->ca_dir, "Hashed directory of trusted CAs, in place of the system's");
+  app->add_option("--ca-file", options->ca_file, "PEM file of trusted CAs, in place of the system's");
   app->add_flag("--with-key", options->with_key, "Require the matching private key in the file");
   app->add_flag("--strict", options->strict,
                 "Fail what is only let pass, such as a stranger's own signature");

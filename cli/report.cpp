@@ -21,7 +21,12 @@ struct recorded_log {
   int shown_level = DL_LOG_WARNING;  // lines up to this level go to standard error
   std::deque<std::string> errors;
   std::vector<std::string> remarks;
+  // Counted before anything can run out of memory: a remark that could not be kept still counts.
+  std::size_t remarks_seen = 0;
+  std::size_t lines_lost = 0;
 };
+
+constexpr std::string_view remark_mark = "verify cb error ";
 
 // Written by the log callback, which runs on the command's only thread.
 recorded_log recorded;
@@ -57,12 +62,11 @@ std::string chain_words(std::string_view message) {
 }
 
 void record(const log_line& line) {
-  constexpr std::string_view remark = "verify cb error ";
   if (line.level <= DL_LOG_ERROR) {
     recorded.errors.emplace_back(printable(line.message) + chain_words(line.message));
     if (recorded.errors.size() > max_errors_kept) recorded.errors.pop_front();
   }
-  if (line.message.starts_with(remark) && recorded.remarks.size() < max_remarks_kept) {
+  if (line.message.starts_with(remark_mark) && recorded.remarks.size() < max_remarks_kept) {
     const std::size_t words = line.message.find("lookup:");
     recorded.remarks.emplace_back(
         printable(words == line.message.npos ? line.message : line.message.substr(words + 7)));
@@ -87,11 +91,13 @@ int log_callback(const char* text, int32_t length) {
   if (!text || length <= 0) return 0;
   const auto line = parse_log_line({text, static_cast<std::size_t>(length)});
   if (!line || line->module == "DANY") return 0;  // the log module about itself
+  if (line->message.starts_with(remark_mark)) ++recorded.remarks_seen;
   try {
     record(*line);
     show(*line, learn_cause(line->message));
   } catch (const std::bad_alloc&) {
-    // A line lost for lack of memory must not throw through the library, which is plain C to its callers.
+    // It must not throw through the library, which is plain C to its callers.
+    ++recorded.lines_lost;
   }
   return 0;
 }
@@ -116,6 +122,7 @@ void start_log(int verbosity) {
 void forget_log() {
   recorded.errors.clear();
   recorded.remarks.clear();
+  recorded.remarks_seen = recorded.lines_lost = 0;
 }
 
 std::string logged_errors() {
@@ -129,6 +136,10 @@ std::string logged_errors() {
 
 const std::vector<std::string>& verification_remarks() {
   return recorded.remarks;
+}
+
+bool verification_was_clean() {
+  return recorded.remarks_seen == 0 && recorded.lines_lost == 0;
 }
 
 failure failed_operation(std::string_view subject, int code, std::string_view words) {

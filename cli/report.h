@@ -45,6 +45,9 @@ std::string logged_errors();
 // The problems that certificate verification met and let pass.
 const std::vector<std::string>& verification_remarks();
 
+// Whether there was no such problem; false also when a line of the log was lost for lack of memory.
+bool verification_was_clean();
+
 // A failure of an operation on `subject` whose codes are its own, told in `words`, with the logged cause.
 failure failed_operation(std::string_view subject, int code, std::string_view words);
 

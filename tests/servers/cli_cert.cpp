@@ -77,6 +77,11 @@ TEST_F(cli_cert, info_and_verify) {
   EXPECT_TRUE(holds(text, "issuer:       root\n")) << text;
   EXPECT_FALSE(holds(text, "\x1b")) << text;
   expect_done(tell({"verify", good.cert, "--ca-file", root_}), good.cert + ": verified\n");
+  for (const auto& [option, place] : {std::pair("--ca-file", expired.cert), {"--ca-dir", work_}}) {
+    expect_failed(fetchrig({"cert", "verify", good.cert, option, place},
+                           {"SSL_CERT_FILE=" + root_, "SSL_CERT_DIR=" + ca_.hashed_dir()}),
+                  1, {"not among the trusted CAs"});
+  }
   expect_failed(tell({"verify", good.cert, "--ca-dir", "."}), 1,
                 {"not among the trusted CAs", ". is not hashed"});
   expect_failed(tell({"verify", expired.cert, "--ca-file", root_}), 1, {"has expired", "(code 5)"});
