@@ -82,10 +82,7 @@ void short_serial_to_text(const ASN1_INTEGER* serial, std::span<char> text) {
 void long_serial_to_text(const ASN1_INTEGER* serial, std::span<char> text) {
   std::size_t used = 0;
   const auto append = [&](std::string_view piece) {
-    if (copy_text(text.subspan(used), piece))
-      used += piece.size();
-    else
-      used = text.size() - 1;
+    used = copy_text(text.subspan(used), piece) ? used + piece.size() : text.size() - 1;
   };
   append(ASN1_STRING_type(serial) == V_ASN1_NEG_INTEGER ? "(Negative)" : "");
   const std::string_view content = bytes_of(serial);

@@ -21,7 +21,6 @@ ringtone: http core log
 # something. Each is needed, or it is an offence itself.
 exceptions='
 net/tls.cpp cert/tls_context.(h|cpp)         # the device certificate and its key are loaded by the rules of cert/
-ringtone/.* http/.*                          # a ring is fetched over HTTP
 '
 # Exported data, which has no function in front of it: "name file" for each file that may name it.
 exported_data='
