@@ -84,6 +84,10 @@ bool rewrite_through_scratch(const char* path, std::string_view text) {
 
 bool rewrite_as_pem(const char* path, X509* certificate) {
   log_line(DL_LOG_CMN, DL_LOG_INFO, "convert to PEM code\n");
+  if (own_descriptor(path)) {  // what a rename there ends with; one onto a link to it must not succeed
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "rename errno %d", EXDEV);
+    return false;
+  }
   const unique_bio text = pem_text(certificate, nullptr);
   const scratch_lock lock;
   if (text && lock.owned()) return rewrite_through_scratch(path, text_of(text.get()));

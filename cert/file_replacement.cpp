@@ -3,10 +3,13 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "core/text.h"
 
 namespace fetchrig {
 namespace {
@@ -29,6 +32,30 @@ void sync_folder(const std::string& path) {
 
 std::string_view folder_of(std::string_view path) {
   return path.substr(0, path.rfind('/') + 1);
+}
+
+int read_link(std::string& path) {
+  char to[PATH_MAX];
+  const ssize_t length = ::readlink(path.c_str(), to, sizeof to);
+  if (length < 0) return errno;
+  if (length == sizeof to) return ENAMETOOLONG;
+  const std::string_view target(to, static_cast<std::size_t>(length));
+  path = (target.starts_with('/') ? "" : std::string(folder_of(path))).append(target);
+  return 0;
+}
+
+std::optional<int> own_descriptor(std::string path) {
+  char own[PATH_MAX], folder[PATH_MAX];
+  if (!::realpath("/proc/self/fd", own)) return std::nullopt;
+  for (int links = 0; links <= max_links; ++links) {
+    const std::string around(folder_of(path));
+    const auto number = whole_number(std::string_view(path).substr(around.size()), INT_MAX);
+    if (number && ::realpath(around.c_str(), folder) && std::string_view(folder) == own) {
+      return static_cast<int>(*number);
+    }
+    if (read_link(path) != 0) break;
+  }
+  return std::nullopt;
 }
 
 int write_all(int fd, std::string_view bytes) {

@@ -14,6 +14,8 @@
 
 namespace fetchrig {
 
+inline constexpr int max_links = 40;  // that are followed, as the kernel has it
+
 // Who may use a new file: its owner is this process. Without permission for the group only the owner may.
 struct file_access {
   mode_t mode = 0600;
@@ -22,6 +24,13 @@ struct file_access {
 
 // The path up to its last "/", that included; empty without one.
 [[nodiscard]] std::string_view folder_of(std::string_view path);
+
+// Puts what the link at `path` leads to in its place. 0, or errno.
+[[nodiscard]] int read_link(std::string& path);
+
+// The descriptor of this process that the path stands for, as /dev/stdout and /dev/fd/3 do, directly or through links;
+// it need not be open. Such links belong to the whole machine and are never replaced.
+[[nodiscard]] std::optional<int> own_descriptor(std::string path);
 
 // Writes all bytes. 0, or errno.
 [[nodiscard]] int write_all(int fd, std::string_view bytes);

@@ -3,7 +3,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <openssl/pem.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -31,18 +30,12 @@ bool is_planted(const std::string& link, const struct stat& status) {
 
 // Leaves in `path` what its links lead to, which need not exist. 0, or errno.
 int follow_links(std::string& path) {
-  constexpr int max_links = 40;
   for (int links = 0; links < max_links; ++links) {
     struct stat status;
     if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT ? 0 : errno;
     if (!S_ISLNK(status.st_mode)) return 0;
     if (is_planted(path, status)) return EACCES;
-    char to[PATH_MAX];
-    const ssize_t length = ::readlink(path.c_str(), to, sizeof to);
-    if (length < 0) return errno;
-    if (length == sizeof to) return ENAMETOOLONG;
-    const std::string_view target(to, static_cast<std::size_t>(length));
-    path = (target.starts_with('/') ? "" : std::string(folder_of(path))).append(target);
+    if (const int error = read_link(path); error != 0) return error;
   }
   return ELOOP;
 }
@@ -54,6 +47,14 @@ file_access access_like(const std::string& path) {
                       (old.st_mode & S_IRWXO) == 0;
   if (!chosen) return {};
   return {old.st_mode & (S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP), old.st_gid};
+}
+
+// Opening its path instead would start at the file's beginning, over what was written before.
+int write_descriptor(int descriptor, std::string_view text) {
+  unique_fd file(::fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
+  if (!file) return errno;
+  if (const int error = write_all(file.get(), text); error != 0) return error;
+  return ::close(file.release()) == 0 ? 0 : errno;
 }
 
 // A pipe without a reader is not waited for, and one that somebody else made gets no key.
@@ -68,6 +69,7 @@ int write_special_file(const char* path, std::string_view text) {
 }
 
 int write_file(const char* path, std::string_view text, at_link choice) {
+  if (const auto descriptor = own_descriptor(path)) return write_descriptor(*descriptor, text);
   if (is_special_file(path)) return write_special_file(path, text);
   std::string target = path;
   if (choice == at_link::replace_target) {
@@ -95,11 +97,13 @@ std::string_view text_of(BIO* memory) {
 
 bool is_special_file(const char* path) {
   struct stat status;
-  return ::stat(path, &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode);
+  if (::stat(path, &status) != 0 || S_ISDIR(status.st_mode)) return false;
+  return !S_ISREG(status.st_mode) || own_descriptor(path).has_value();
 }
 
 void remove_plain_file(const char* path) {
   struct stat status;
+  if (own_descriptor(path)) return;
   if (::lstat(path, &status) == 0 && (S_ISREG(status.st_mode) || S_ISLNK(status.st_mode))) ::unlink(path);
 }
 

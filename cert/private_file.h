@@ -1,6 +1,7 @@
 // private_file.h: output files that hold private keys. They are replaced as a whole by a file for the owner alone; a
-// mode that lets a group in stays where the owner, this process's user, had chosen it. Devices and pipes are written
-// to and stay. The text is complete in memory before a file is touched. No state; any thread.
+// mode that lets a group in stays where the owner, this process's user, had chosen it. Devices, pipes and open
+// descriptors (/dev/stdout) are written to and stay. The text is complete in memory before a file is touched. No
+// state; any thread.
 #ifndef FETCHRIG_CERT_PRIVATE_FILE_H
 #define FETCHRIG_CERT_PRIVATE_FILE_H
 
@@ -20,10 +21,10 @@ namespace fetchrig {
 // What a memory stream holds.
 [[nodiscard]] std::string_view text_of(BIO* memory);
 
-// Whether the name stands, also through links, for a device, a pipe or a socket.
+// Whether the name stands, also through links, for a device, a pipe, a socket or an open descriptor.
 [[nodiscard]] bool is_special_file(const char* path);
 
-// Removes a regular file or a link; anything else stays.
+// Removes a regular file or a link; anything else stays, and the links that stand for descriptors.
 void remove_plain_file(const char* path);
 
 // What happens where the path is a link to a regular file, or to nothing yet. A file that an administrator

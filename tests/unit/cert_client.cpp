@@ -1,6 +1,8 @@
 // Client certificates: what is issued, which files are written, and what each failure leaves alone.
+#include <fcntl.h>
 #include <sys/stat.h>
 
+#include "core/owners.h"
 #include "include/fetchrig_openssl.h"
 #include "tests/support/cert_fixture.h"
 
@@ -89,6 +91,15 @@ TEST_F(ClientCert, WhatIsNoPlainFileStays) {
   key_ = cert_ = "/dev/null";
   EXPECT_EQ(generate("/CN=a"), 0);
   EXPECT_TRUE(fs::is_character_file("/dev/null"));
+
+  const fetchrig::unique_fd out(open(path("out").c_str(), O_RDWR | O_CREAT, 0600));
+  ASSERT_EQ(::write(out.get(), "before\n", 7), 7);
+  key_ = cert_ = path("stdout");  // a link to a descriptor, as /dev/stdout is one
+  fs::create_symlink("/proc/self/fd/" + std::to_string(out.get()), key_);
+  EXPECT_EQ(generate("/CN=a"), 0);
+  EXPECT_TRUE(fs::is_symlink(key_));
+  EXPECT_TRUE(read("out").starts_with("before\n-----BEGIN CERT")) << read("out");
+  cert_ = "/dev/null";
 
   key_ = path("pipe");
   ASSERT_EQ(mkfifo(key_.c_str(), 0600), 0);
