@@ -1,8 +1,16 @@
 // cert_generate.cpp: "fetchrig cert generate", which issues a client certificate. The library's generator
 // makes keys that can be computed from the certificate; here a key is random unless a seed is given.
+#include <linux/magic.h>
+#include <openssl/objects.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <filesystem>
 #include <memory>
+#include <system_error>
+#include <vector>
 
 #include "cert_answer.h"
 #include "cert_options.h"
@@ -28,9 +36,104 @@ constexpr const char* nature =
     "\"/\" and be ASCII.\n"
     "A key made from a seed can be computed by anyone who has the certificate: it is for provisioning tests "
     "and\n"
-    "old systems only. Without a seed the key is random.";
+    "old systems only. Without a seed the key is random.\n"
+    "The certificate file holds the key too, without encryption even where the key file is encrypted.";
 
-// Refuses what the library would refuse without a word.
+bool same_file(const std::string& path, const std::string& other) {
+  struct stat status, other_status;
+  return stat(path.c_str(), &status) == 0 && stat(other.c_str(), &other_status) == 0 &&
+         status.st_dev == other_status.st_dev && status.st_ino == other_status.st_ino;
+}
+
+// Whether the name leads through a descriptor of a process, as /dev/stdout does, whatever is behind it.
+bool names_descriptor(std::filesystem::path path) {
+  constexpr int max_links = 40;
+  std::error_code error;
+  for (int links = 0; links < max_links; ++links) {
+    const std::filesystem::path folder = path.has_parent_path() ? path.parent_path() : ".";
+    struct statfs system;
+    if (statfs(folder.c_str(), &system) == 0 && system.f_type == PROC_SUPER_MAGIC) return true;
+    const std::filesystem::path target = std::filesystem::read_symlink(path, error);
+    if (error) return false;
+    path = folder / target;
+  }
+  return true;
+}
+
+// An output file must be a regular one, or not there yet.
+void check_output(const std::string& path) {
+  struct stat status;
+  if (names_descriptor(path)) {
+    throw failure(-1, printable(path) + " is a descriptor; a certificate and a key want files of their own");
+  }
+  if (stat(path.c_str(), &status) == 0) {
+    if (!S_ISREG(status.st_mode)) throw failure(-1, printable(path) + " is not a regular file");
+  } else if (lstat(path.c_str(), &status) == 0) {
+    throw failure(-1, printable(path) + " is a link that leads nowhere");
+  }
+}
+
+// Nothing that is needed, or cannot be had again, is written over.
+void check_files(const generate_options& options) {
+  for (const std::string& path : {options.key, options.cert}) {
+    check_output(path);
+    for (const std::string& issuer : {options.ca, options.ca_key}) {
+      if (same_file(path, issuer)) throw failure(-1, printable(path) + " belongs to the CA");
+    }
+  }
+  std::error_code error;
+  const auto absolute = [&](const std::string& path) {
+    return std::filesystem::weakly_canonical(std::filesystem::absolute(path, error), error);
+  };
+  if (same_file(options.key, options.cert) || absolute(options.key) == absolute(options.cert)) {
+    throw failure(-1, "--key and --cert name the same file");
+  }
+  if (const std::string why = why_irreplaceable(options.cert); !why.empty()) {
+    throw failure(-1, printable(options.cert) + ": " + why + "; the file is left as it is");
+  }
+}
+
+struct subject_part {
+  std::string type, value;
+};
+
+// The parts of a text that the library's own reader takes: "/TYPE=VALUE/TYPE=VALUE", "\\" before what is meant
+// as it stands.
+std::vector<subject_part> parts_of(const std::string& subject) {
+  std::vector<subject_part> parts;
+  std::string* piece = nullptr;
+  for (std::size_t i = 0; i < subject.size(); ++i) {
+    const char c = subject[i];
+    const bool in_type = piece && piece == &parts.back().type;
+    if (!piece || (!in_type && c == '/')) {
+      piece = &parts.emplace_back().type;
+    } else if (in_type && c == '=') {
+      piece = &parts.back().value;
+    } else {
+      piece->push_back(c == '\\' && i + 1 < subject.size() ? subject[++i] : c);
+    }
+  }
+  if (!parts.empty() && parts.back().type.empty() && parts.back().value.empty()) parts.pop_back();
+  return parts;
+}
+
+// The library leaves out what it does not know, and says of a value of the wrong length that it is no subject.
+void check_part(const std::string& subject, const subject_part& part) {
+  const int nid = OBJ_txt2nid(part.type.c_str());
+  const std::string type = printable(part.type);
+  if (nid == NID_undef) throw failed_operation(subject, -1, "\"" + type + "\" is no type of a subject");
+  if (part.value.empty()) throw failed_operation(subject, -1, type + " has no value");
+  const ASN1_STRING_TABLE* limits = ASN1_STRING_TABLE_get(nid);
+  if (!limits) return;
+  const long length = static_cast<long>(part.value.size());
+  if (length >= limits->minsize && (limits->maxsize < 0 || length <= limits->maxsize)) return;
+  throw failed_operation(subject, -1,
+                         type + " has " + std::to_string(length) + " characters, and takes " +
+                             std::to_string(std::max(limits->minsize, 1L)) + " to " +
+                             std::to_string(limits->maxsize));
+}
+
+// Refuses what the library would refuse, or leave out, without a word.
 void check_subject(const std::string& subject) {
   const auto is_ascii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
   if (!subject.starts_with('/')) throw failed_operation(subject, -1, "the subject must start with \"/\"");
@@ -38,7 +141,11 @@ void check_subject(const std::string& subject) {
     throw failed_operation(subject, -1, "the subject must be ASCII");
   }
   using unique_name = std::unique_ptr<X509_NAME, openssl_free<X509_NAME_free>>;
-  if (const unique_name name(do_subject(subject.c_str(), MBSTRING_ASC)); name) return;
+  const unique_name name(do_subject(subject.c_str(), MBSTRING_ASC));
+  const bool ends_early = subject.ends_with('=') || subject.find('=') == subject.npos;
+  if (!ends_early)
+    std::ranges::for_each(parts_of(subject), [&](const auto& part) { check_part(subject, part); });
+  if (name) return;
   throw failed_operation(subject, -1, "the subject is not of the form /TYPE=VALUE/TYPE=VALUE");
 }
 
@@ -62,6 +169,7 @@ void check_written(const generate_options& options, const client_key& key) {
 
 answer generate(const generate_options& options) {
   check_subject(options.subject);
+  check_files(options);
   check_ca_key(options.ca_key);
   set_text_option(DL_OPT_KEY_SEED, options.seed);
   client_key key(options.key);

@@ -15,6 +15,7 @@
 #include "cert_options.h"
 #include "fetchrig.h"
 #include "hashed_directory.h"
+#include "pem.h"
 #include "report.h"
 #include "scratch_copy.h"
 #include "silenced_stream.h"
@@ -58,18 +59,28 @@ bool holds_no_certificate(const std::string& path) {
   if (stat(path.c_str(), &status) != 0) return errno == ENOENT || errno == ELOOP;  // a link to nothing
   if (!S_ISREG(status.st_mode)) return false;
   dl_ca_info record = {};
-  return dl_get_ca_info(path.c_str(), &record) != 0;
+  return dl_get_ca_info(scratch_copy(path).path(), &record) != 0;
+}
+
+std::vector<std::string> foreign_among(const std::vector<std::string>& names) {
+  std::vector<std::string> foreign;
+  std::remove_copy_if(names.begin(), names.end(), std::back_inserter(foreign), is_hashed_name);
+  return foreign;
+}
+
+std::string foreign_words(const std::vector<std::string>& foreign) {
+  return "holds names that are no entries of a store: " + joined(foreign);
 }
 
 // A directory with other files in it is listed only by somebody who said that they may go.
 void refuse_foreign(const std::string& store, const std::vector<std::string>& names) {
-  std::vector<std::string> foreign, doomed;
-  std::remove_copy_if(names.begin(), names.end(), std::back_inserter(foreign), is_hashed_name);
+  const std::vector<std::string> foreign = foreign_among(names);
   if (foreign.empty()) return;
+  std::vector<std::string> doomed;
   std::copy_if(names.begin(), names.end(), std::back_inserter(doomed),
                [&](const std::string& name) { return holds_no_certificate(store + name); });
   forget_log();
-  std::string words = "holds names that are no entries of a store: " + joined(foreign);
+  std::string words = foreign_words(foreign);
   if (!doomed.empty()) words += "; --prune lists it all the same, which removes " + joined(doomed);
   throw failed_operation(store, 0, words);
 }
@@ -120,9 +131,23 @@ void check_installed(const std::string& target, std::uint32_t hash, const std::v
                        (cause.empty() ? "" : ": " + cause));
 }
 
+// What others may read: the certificate without what else the file holds, a private key above all. The library
+// judges what holds none.
+secret_text public_part(const std::string& path) {
+  secret_text content = read_small_file(path);
+  unique_x509 certificate = der_certificate(content.bytes());
+  if (!certificate) certificate = pem_certificate(content.bytes());
+  if (!certificate) return content;
+  return secret_text(pem_of(certificate.get()));
+}
+
 answer install(const store_options& options) {
   const std::string store = options.common.store_dir();
-  const scratch_copy file(options.target);
+  // The library converts each such file to PEM, and takes its certificate for an installed one.
+  if (const auto foreign = foreign_among(listed_names(store)); !foreign.empty()) {
+    throw failed_operation(store, 0, foreign_words(foreign) + "; nothing was installed");
+  }
+  const scratch_copy file(public_part(options.target));
   dl_ca_info record = {};
   if (dl_get_ca_info(file.path(), &record) != 0) {
     throw failed_operation(options.target, -1, "no certificate can be read");
@@ -136,6 +161,7 @@ answer install(const store_options& options) {
     const silenced_stream shell(stderr, options.common.verbosity == 0);
     rc = dl_install_ca(file.path());
   }
+  if (rc == -2 || rc == -3) forget_log();  // it tells of other entries
   if (rc == -2) throw failed_operation(options.target, rc, "a CA of this name is installed already");
   if (rc == -3) throw failed_operation(options.target, rc, "a CA of this name is among the factory CAs");
   if (rc != 0) throw failed_operation(options.target, rc, "cannot be installed");
@@ -177,9 +203,17 @@ std::vector<std::string> names_to_remove(const store_options& options, const std
   const std::string& target = options.target;
   std::vector<std::string> names;
   if (name_exists(target) && lies_in(target, store)) {
-    names.push_back(target);
+    const std::string name = std::filesystem::path(target).filename().string();
+    const bool is_entry = is_hashed_name(name) || as_hash(name);
     dl_ca_info record = {};
-    if (dl_get_ca_info(target.c_str(), &record) != 0) return names;
+    const bool is_certificate =
+        (is_entry || !holds_no_certificate(target)) && dl_get_ca_info(target.c_str(), &record) == 0;
+    if (!is_entry && !is_certificate) {
+      throw failed_operation(target, 0,
+                             "neither the name of a store's entry nor a certificate; it is left as it is");
+    }
+    names.push_back(target);
+    if (!is_certificate) return names;
     std::ranges::copy(names_of(store, hash_name(record.hash)), std::back_inserter(names));
   } else {
     const auto hash = name_exists(target) ? hash_of_file(target) : as_hash(target);

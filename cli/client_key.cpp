@@ -54,4 +54,17 @@ bool client_key::belongs_to(const std::string& certificate_path) const {
   return key && certificate && X509_check_private_key(certificate.get(), key.get()) == 1;
 }
 
+std::string why_irreplaceable(const std::string& certificate_path) {
+  const auto content = find_small_file(certificate_path);
+  if (!content) return "";
+  const std::string& bytes = content->bytes();
+  if (der_key(bytes)) return "it holds a private key in DER";
+  if (bytes.find("PRIVATE KEY-----") == bytes.npos) return "";
+  const unique_pkey key = pem_key(bytes, passphrase::from_option_16);
+  if (!key) return "its private key cannot be opened (a pass phrase comes from FETCHRIG_KEY_PASSPHRASE)";
+  const unique_x509 certificate = pem_certificate(bytes);
+  if (certificate && X509_check_private_key(certificate.get(), key.get()) == 1) return "";
+  return "it holds a private key of another certificate";
+}
+
 }  // namespace fetchrig::cli

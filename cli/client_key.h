@@ -37,5 +37,9 @@ class client_key {
   temporary_path made_;
 };
 
+// Why the file must not be replaced by a new certificate with its key; empty when it may be. A private key goes
+// only with the certificate it belongs to.
+std::string why_irreplaceable(const std::string& certificate_path);
+
 }  // namespace fetchrig::cli
 #endif
