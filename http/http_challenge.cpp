@@ -112,8 +112,7 @@ int take_parameter(digest_challenge& challenge, string_view& text) {
   text = skip_white_space(text);
   const auto found = read_parameter(text);
   if (!found) return HTTP_CHALLENGE_UNKNOWN;
-  // The gathered list of an unquoted qop is longer than what was read, so the value lives in a buffer from
-  // here on.
+  // From here on the value lives in a buffer: an unquoted qop list grows beyond what was read.
   char value[max_value_len + 1];
   copy_text(value, found->value);
   if (equal_ignoring_case(found->name, "qop")) gather_qop_list(text, found->name.size(), value);
@@ -161,8 +160,7 @@ void gather_qop_list(string_view parameters, std::size_t name_len, char* value) 
   string_view more = parameters.substr(name_len + 1);
   if (more.starts_with('"')) return;
   more.remove_prefix(held);
-  // What stands behind the last comma before the next "=" is the next parameter's name. Without a "=" all are
-  // items.
+  // Behind the last comma before the next "=" stands the next parameter's name. Without a "=" all are items.
   if (const std::size_t next = more.find('='); next != string_view::npos) {
     const std::size_t comma = more.substr(0, next).rfind(',');
     more = more.substr(0, comma == string_view::npos ? 0 : comma);

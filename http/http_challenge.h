@@ -13,8 +13,7 @@ namespace fetchrig {
 // The longest value of a parameter.
 inline constexpr std::size_t max_value_len = 1023;
 
-// Notes the scheme that the value names and, of a Digest challenge, its parameters. Returns an
-// http_challenge_result.
+// Notes the scheme that the value names, and a Digest challenge's parameters. An http_challenge_result.
 [[nodiscard]] int read_challenge(const auth_side& side, std::string_view value);
 
 // Completes an unquoted qop list: `parameters` begins at the parameter's name of `name_len` characters, `value`

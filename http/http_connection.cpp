@@ -1,4 +1,4 @@
-// http_connection.cpp: connection, whole sends, reads, and lines read by peeking.
+// http_connection.cpp: connecting, sending whole requests, reading bytes and lines.
 #include "http/http_connection.h"
 
 #include <errno.h>
@@ -63,10 +63,6 @@ int start_tls(http_channel& channel, const char* host) {
   return 0;
 }
 
-int write_failed() {
-  return log_and_return(DL_LOG_HTTP, DL_ERR_SEND, "write error, errno %d\n", errno);
-}
-
 int send_message(http_channel& channel, const http_msg& message) {
   const std::string_view body = message.body.buffer ? *message.body.buffer : std::string_view();
   const std::size_t joined = body.size() <= max_joined_body_bytes ? body.size() : 0;
@@ -74,7 +70,8 @@ int send_message(http_channel& channel, const http_msg& message) {
   head.append(body.substr(0, joined));
   const std::span<const char> rest = body.substr(joined);
   const int rc = with_stream(channel, [&](stream& to) {
-    return to.write_all(head) < 0 || to.write_all(rest) < 0 ? write_failed() : 0;
+    if (to.write_all(head) == 0 && to.write_all(rest) == 0) return 0;
+    return log_and_return(DL_LOG_HTTP, DL_ERR_SEND, "write error, errno %d\n", errno);
   });
   wipe(head);
   return rc;

@@ -6,7 +6,6 @@
 #include "core/boundary.h"
 #include "core/config.h"
 #include "core/download_file.h"
-#include "core/result.h"
 #include "core/text.h"
 #include "core/url.h"
 #include "http/http_response_body.h"

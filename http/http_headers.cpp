@@ -14,7 +14,7 @@ namespace fetchrig {
 namespace {
 
 constexpr std::size_t min_room = 256;
-constexpr std::size_t max_block = 256 * 1024;
+constexpr std::size_t max_block = std::size_t{256} * 1024;
 
 }  // namespace
 

@@ -19,12 +19,10 @@ namespace fetchrig {
 
 // The length of a "content-length: N" line; nothing when it is negative, above 32 bits or no number.
 [[nodiscard]] std::optional<uint32_t> parse_content_length(std::string_view line);
-// Whether the line's value begins with a digit, so that only its size can have been the reason for nothing
-// above.
+// Whether the line's value begins with a digit: then only its size can be why there is nothing above.
 [[nodiscard]] bool announces_number(std::string_view line);
 
-// The value of a stored line whose name has `name_len` characters: what follows the colon and one more
-// character.
+// The value of a stored line whose name has `name_len` characters: it begins two behind the name.
 [[nodiscard]] const char* header_value(const char* line, std::size_t name_len);
 
 // The first line of the block that begins with `name` (lower case) and ":"; null when there is none.

@@ -10,6 +10,7 @@
 #include "core/boundary.h"
 #include "core/config.h"
 #include "core/text.h"
+#include "core/url.h"
 #include "http/http_request_body.h"
 #include "log/log.h"
 #include "log/printable.h"

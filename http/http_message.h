@@ -1,6 +1,6 @@
-// http_message.h: an HTTP request as an editable message (RFC 9112): request line, headers in order, body.
-// Redirects and challenges change it and send it again. Knows bytes, not sockets. One thread at a time per
-// message.
+// http_message.h: an HTTP request as an editable message (RFC 9112): request line, headers in order, body. It
+// is changed by redirects and challenges and sent again. Knows bytes, not sockets. One thread at a time per
+// message, which belongs to one call.
 #ifndef FETCHRIG_HTTP_HTTP_MESSAGE_H
 #define FETCHRIG_HTTP_HTTP_MESSAGE_H
 
@@ -10,7 +10,6 @@
 #include <string_view>
 #include <vector>
 
-#include "core/url.h"
 #include "include/fetchrig_types.h"
 
 namespace fetchrig {
@@ -44,8 +43,8 @@ struct http_msg {
 // A message without anything in it; null without memory.
 [[nodiscard]] std::unique_ptr<http_msg> http_msg_new();
 
-// Adds the header, or replaces the one of that very name in its place. A null value adds nothing. Returns 0
-// or -7.
+// Adds the header, or replaces the one of that very name in its place. A null value adds nothing and leaves
+// what is there. Returns 0 or -7.
 [[nodiscard]] int http_set_header(http_msg& message, std::string_view name, const char* value);
 // Removes the header of that very name.
 void http_remove_header(http_msg& message, std::string_view name);

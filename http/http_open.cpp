@@ -4,6 +4,7 @@
 #include "core/boundary.h"
 #include "core/config.h"
 #include "core/result.h"
+#include "core/url.h"
 #include "http/http_connection.h"
 #include "http/http_response.h"
 #include "http/http_status.h"
@@ -16,8 +17,7 @@ namespace {
 constexpr int status_not_modified = 304;
 constexpr int first_error_status = 400;
 
-// Parses the URL and gives it the request's method; an https URL sets the session's TLS bit. Returns 0 or the
-// parser's code.
+// The parsed URL gets the request's method, an https one sets the session's TLS bit. 0 or the parser's code.
 int http_prepare_url(http_channel& channel, unique_url& url, const dl_http_request& request) {
   if (const int code = parse_url(url, request.url, request.user, request.password); code < 0) return code;
   if (url->scheme == scheme_https) channel.session.flags |= DL_HTTP_FLAG_TLS;

@@ -4,6 +4,7 @@
 #ifndef FETCHRIG_HTTP_HTTP_RESPONSE_H
 #define FETCHRIG_HTTP_HTTP_RESPONSE_H
 
+#include "core/url.h"
 #include "http/http_message.h"
 #include "http/http_session.h"
 

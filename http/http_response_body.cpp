@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <string_view>
 
 #include "core/boundary.h"
 #include "core/config.h"
@@ -27,6 +28,18 @@ constexpr uint32_t max_chunk_capacity = max_held_bytes + line_end_bytes;
 
 bool is_hex_digit(char c) {
   return is_digit(c) || (lower(c) >= 'a' && lower(c) <= 'f');
+}
+
+// The size at the front of a chunk-size line, 0 without digits; UINT32_MAX when it does not fit 32 bits.
+uint64_t parse_chunk_size(std::string_view line) {
+  uint64_t size = 0;
+  for (const char c : skip_white_space(line)) {
+    const char digit = lower(c);
+    if (!is_hex_digit(digit)) break;
+    size = size * 16 + static_cast<uint64_t>(is_digit(digit) ? digit - '0' : digit - 'a' + 10);
+    if (size > UINT32_MAX) return UINT32_MAX;
+  }
+  return size;
 }
 
 // A chunk-size line: what it says, and whether it is one, with digits and its CRLF.
@@ -231,23 +244,18 @@ int read_chunked(http_channel& channel, std::span<char> to, std::size_t wanted, 
   return static_cast<int>(placed);
 }
 
-// The part of `to` that the body can still fill.
-std::span<char> cut_to_remaining(const http_channel& channel, std::span<char> to) {
-  return to.first(std::min<std::size_t>(to.size(), channel.session.remaining));
-}
-
 // Whether a read meets, instead of the end, the place where option 6 cut a body of 4 GiB or more.
 bool is_cut_off(const http_channel& channel, std::span<char> to) {
   return !to.empty() && channel.session.remaining == 0 && channel.own && channel.own->response.is_too_long;
 }
 
-// As read_chunked() for a body of a known length; what a failed call has delivered is lost.
+// As read_chunked(), up to the length of the body; what a failed call has delivered is lost.
 int read_by_length(http_channel& channel, std::span<char> to, std::size_t wanted, dl_result& result) {
   if (is_cut_off(channel, to)) {
     log_line(DL_LOG_HTTP, DL_LOG_ERROR, "exceed max size\n");
     return fail_exceeded(&result, max_file_size());
   }
-  to = cut_to_remaining(channel, to);
+  to = to.first(std::min<std::size_t>(to.size(), channel.session.remaining));
   wanted = std::min(wanted, to.size());
   std::size_t placed = 0;
   while (placed < wanted) {
@@ -266,17 +274,6 @@ int read_body(http_channel& channel, std::span<char> to, std::size_t wanted, dl_
 }
 
 }  // namespace
-
-uint64_t parse_chunk_size(std::string_view line) {
-  uint64_t size = 0;
-  for (const char c : skip_white_space(line)) {
-    const char digit = lower(c);
-    if (!is_hex_digit(digit)) break;
-    size = size * 16 + static_cast<uint64_t>(is_digit(digit) ? digit - '0' : digit - 'a' + 10);
-    if (size > UINT32_MAX) return UINT32_MAX;
-  }
-  return size;
-}
 
 int http_read(dl_http_session* session, char* buffer, int32_t size, dl_result* result) {
   const bool usable = buffer && result && size >= 0 && is_http_session(session) && session->sock != 0;

@@ -5,7 +5,6 @@
 #define FETCHRIG_HTTP_HTTP_RESPONSE_BODY_H
 
 #include <span>
-#include <string_view>
 
 #include "http/http_session.h"
 
@@ -27,9 +26,6 @@ enum class http_drained {
 
 // Reads and discards the rest of the body, at most `limit` bytes.
 [[nodiscard]] http_drained http_drain(http_channel& channel, uint32_t limit);
-
-// The size at the front of a chunk-size line, 0 without digits; UINT32_MAX when it does not fit 32 bits.
-[[nodiscard]] uint64_t parse_chunk_size(std::string_view line);
 
 }  // namespace fetchrig
 #endif

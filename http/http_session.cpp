@@ -19,8 +19,7 @@ namespace fetchrig {
 namespace {
 
 // The private state of every session that an open call made, found by the record's address. Chained in
-// buckets of static storage: nothing is allocated for the table, and nothing is left of it when the library
-// is unloaded.
+// buckets of static storage: the table allocates nothing, and unloading the library leaves nothing of it.
 std::array<http_private*, 64> states;
 
 // The place that holds the session's state, or the null at the end of its bucket. Under process_lock.

@@ -37,17 +37,17 @@ bool ring_cache_file::open() {
   unique_fd fd(::open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
   if (!fd) return false;
   partial_path_ = std::move(name);
-  file_.reset(::fdopen(fd.get(), "wb+"));
+  file_.reset(fdopen(fd.get(), "wb+"));
   if (file_) fd.release();
   return file_ != nullptr;
 }
 
 bool ring_cache_file::write(std::span<const char> bytes) {
-  return ::fwrite(bytes.data(), 1, bytes.size(), file_.get()) == bytes.size();
+  return fwrite(bytes.data(), 1, bytes.size(), file_.get()) == bytes.size();
 }
 
 bool ring_cache_file::finish() {
-  if (::fclose(file_.release()) != 0) return false;
+  if (fclose(file_.release()) != 0) return false;
   if (::rename(partial_path_.c_str(), path_.c_str()) != 0) return false;
   partial_path_.clear();
   return true;

@@ -1,6 +1,6 @@
 // ringtone.h: the steps from an alert text to a ring. Downloads are cached in /tmp under the MD5 of their
-// URL; a file that is there counts as complete, so it gets its name only when it is. No state in memory; any
-// thread.
+// URL; a file that is there counts as complete, so it gets its name only when it is. Any thread;
+// no state in memory.
 #ifndef FETCHRIG_RINGTONE_RINGTONE_H
 #define FETCHRIG_RINGTONE_RINGTONE_H
 
@@ -21,15 +21,13 @@ inline constexpr uint32_t max_ring_bytes = 204800;
 // A host that never resolves (RFC 6761): a URL with it asks for the ring name, as one with 127.0.0.1 does.
 inline constexpr const char* placeholder_ring_host = "ringtone.invalid";
 
-// 1 when the name starts with a prefix of ring_tab; the digits behind it, if any, become the ring number.
-// Else 0.
+// 1 when the name starts with a prefix of ring_tab, else 0. Digits behind it become the ring number.
 int ring_prefix_lookup(const char* name, int32_t* ring_number);
 
 // 1 when the name is found by prefix or among the configured ring entries, else 0. Null is never found.
 int ring_name_lookup(const char* name, int32_t* ring_number);
 
-// Stores the path of the cached file of `url`: 0 after a download, 1 when it was there, -1 (logged) on
-// failure.
+// Stores the path of the cached file of `url`: 0 after a download, 1 when it was there, -1 when it failed.
 int ring_fetch_wave(const char* url, char* path, uint32_t path_size);
 
 // The ring for an alert text, which is a URL or a ring name, else for `ring_name`; either may be null. Returns 1 with

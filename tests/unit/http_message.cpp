@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "core/url.h"
 #include "http/http_headers.h"
 #include "tests/support/descriptors.h"
 #include "tests/support/log_capture.h"
