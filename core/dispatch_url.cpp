@@ -4,6 +4,7 @@
 #include <array>
 
 #include "core/boundary.h"
+#include "core/ports.h"
 #include "core/text.h"
 
 namespace fetchrig {
@@ -15,7 +16,7 @@ struct protocol_entry {
 };
 // By enum dl_proto.
 constexpr std::array<protocol_entry, 4> protocols = {
-    {{"https://", 443}, {"http://", 80}, {"tftp://", 69}, {"ftp://", 21}}};
+    {{"https://", https_port}, {"http://", http_port}, {"tftp://", tftp_port}, {"ftp://", ftp_port}}};
 constexpr std::string_view scheme_end = "://";
 
 uint32_t match_protocol(std::string_view url) {
@@ -73,7 +74,7 @@ url_fault split_port(dl_url_parts& parts, std::optional<std::string_view> text) 
   if (!text) return url_fault::none;
   const auto digits = skip_white_space(*text);
   if (digits.empty()) return url_fault::empty_host;
-  const auto port = whole_number(digits, 65535);
+  const auto port = whole_number(digits, max_port);
   if (!port) return url_fault::authority;
   parts.port = static_cast<uint32_t>(*port);
   return url_fault::none;

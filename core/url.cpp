@@ -15,6 +15,7 @@
 #include "core/boundary.h"
 #include "core/config.h"
 #include "core/owners.h"
+#include "core/ports.h"
 #include "core/text.h"
 #include "log/log.h"
 
@@ -25,7 +26,7 @@ struct scheme_entry {
   std::string_view prefix;
   int default_port;
 };
-constexpr std::array<scheme_entry, 2> schemes = {{{"http://", 80}, {"https://", 443}}};
+constexpr std::array<scheme_entry, 2> schemes = {{{"http://", http_port}, {"https://", https_port}}};
 constexpr int no_scheme_port = -1;
 
 struct url_view {
@@ -83,7 +84,7 @@ int parse_port(std::string_view& rest, url_view& url) {
   const auto text = rest.substr(1, rest.find('/') - 1);
   rest.remove_prefix(1 + text.size());
   if (text.empty()) return 0;
-  const auto port = whole_number(text, 65535);
+  const auto port = whole_number(text, max_port);
   if (!port) return log_and_return(DL_LOG_CMN, DL_ERR_URL, "BAD_PORT_NUMBER\n");
   url.port = static_cast<uint32_t>(*port);
   return 0;

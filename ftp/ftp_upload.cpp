@@ -174,20 +174,24 @@ int finish_transfer(const dl_ftp_session& session, dl_result* result) {
   return 0;
 }
 
+// As the request says, or the local file's; null without a local file.
+const char* remote_name_of(const ftp_upload_request& request) {
+  if (!request.local_path) return nullptr;
+  const bool named = request.remote_name && *request.remote_name;
+  return named ? request.remote_name : base_name(request.local_path).data();
+}
+
 }  // namespace
 
 int ftp_send_open(const ftp_outcome& out, const ftp_server& server, const ftp_upload_request& request) {
-  const char* local_path = request.local_path;
-  const char* name = request.remote_name && *request.remote_name ? request.remote_name
-                     : local_path                                ? base_name(local_path).data()
-                                                                 : nullptr;
-  if (!ftp_check_open(out, server, local_path ? name : nullptr)) return -1;
+  const char* name = remote_name_of(request);
+  if (!ftp_check_open(out, server, name)) return -1;
   ftp_reply_bytes bytes;
   ftp_reply reply(bytes);
   const net_options options = net_settings();
   if (ftp_session_open(out, server, options, reply) < 0) return -1;
-  upload job{**out.handle, ftp_wire_name(name), request.post_mode, request.limit_mode, reply};
-  if (const int rc = start_transfer(job, local_path, options.max_file_size); rc != 0)
+  upload job{**out.handle, ftp_wire_name(or_empty(name)), request.post_mode, request.limit_mode, reply};
+  if (const int rc = start_transfer(job, request.local_path, options.max_file_size); rc != 0)
     return ftp_fail(out, reply, rc);
   log_line(DL_LOG_FTP, DL_LOG_NOTICE, "Post open success\n");
   return 0;
