@@ -228,8 +228,7 @@ int chunks_failed(int code, dl_result& result) {
   return fail(&result, log_and_return(DL_LOG_HTTP, code, "read chunked error\n"));
 }
 
-// Delivers until `wanted` bytes are there or the body has ended. What a failed call has delivered is there
-// for the next.
+// Delivers until `wanted` bytes are there or the body has ended. The next call gets what a failed one had.
 int read_chunked(http_channel& channel, std::span<char> to, std::size_t wanted, dl_result& result) {
   chunk_reader chunks(channel);
   if (const int rc = chunks.open(); rc < 0) return chunks_failed(rc, result);

@@ -17,10 +17,13 @@
 #include "log/printable.h"
 #include "ringtone/ring_cache.h"
 
+// Exported data, never written: the prefixes of ring names, and bytes 8 to 33 of the WAVE files that are taken.
+extern "C" FETCHRIG_API const char* const ring_tab[4];
+extern "C" FETCHRIG_API const unsigned char wave_fmt[26];
+
 const char* const ring_tab[4] = {"ringtone-", "Bellcore-dr", "MyMelody", nullptr};
 
-// The numbers are little-endian: a chunk of 18 bytes, format 7, 1 channel, 8000 samples and bytes per second,
-// blocks of 1.
+// Little-endian: a chunk of 18 bytes, format 7, 1 channel, 8000 samples and bytes per second, blocks of 1.
 const unsigned char wave_fmt[26] = {'W', 'A', 'V', 'E',  'f',  'm', 't', ' ',  18,   0, 0, 0, 7,
                                     0,   1,   0,   0x40, 0x1f, 0,   0,   0x40, 0x1f, 0, 0, 1, 0};
 
@@ -29,7 +32,6 @@ namespace {
 
 constexpr std::size_t wave_fmt_offset = 8;
 constexpr int32_t read_size = 512;
-
 constexpr int fetch_failed = -1;
 
 // A session at the start of the ring's body; null when there is none to be had.
@@ -40,8 +42,8 @@ unique_http_session open_session(const char* url) {
   char redirect[DL_REDIRECT_SIZE] = {};
   dl_result result{};
   unique_http_session session;
-  if (http_open({.request = request, .redirect = redirect, .result = result, .refuse_304 = true}, session) <
-      0) {
+  const http_plan plan = {.request = request, .redirect = redirect, .result = result, .refuse_304 = true};
+  if (http_open(plan, session) < 0) {
     log_line(DL_LOG_HTTP, DL_LOG_ERROR, "http open error, code:%d, msg:%s\n", result.code,
              printable(result.message).c_str());
   }

@@ -6,13 +6,6 @@
 
 #include <stdint.h>
 
-#include "include/fetchrig_types.h"
-
-// Exported data, never written. The prefixes of ring names, up to a null.
-extern "C" FETCHRIG_API const char* const ring_tab[4];
-// Bytes 8 to 33 of every WAVE file that is taken.
-extern "C" FETCHRIG_API const unsigned char wave_fmt[26];
-
 namespace fetchrig {
 
 // The largest WAVE file taken, bytes.
