@@ -64,8 +64,8 @@ FETCHRIG_API void dl_exit(void);
 FETCHRIG_API const char *dl_get_version(void);
 
 /* Ends TLS waits after `seconds` without progress, that is, when no byte has moved on the connection for so long: in
- * the handshake, in every TLS read, in every TLS write. So a large body may take as long as it needs. Against a peer that
- * trickles bytes, a handshake, a read, or one record of a write (16 KiB) takes at most ten times `seconds` altogether.
+ * the handshake, in every TLS read, in every TLS write. So a large body may take as long as it needs. Against a peer
+ * that trickles bytes, a handshake, a read, or one record of a write (16 KiB) takes at most ten times `seconds`.
  * 0, the default, sets no limit. A limit that is passed fails like a broken connection. Holds for connections made
  * afterwards. Any thread. */
 FETCHRIG_API void dl_set_tls_wait_limit(uint32_t seconds);
@@ -170,7 +170,8 @@ FETCHRIG_API int dl_http_open_ex(dl_http_session **session, const dl_http_reques
 
 /* Reads body bytes until `size` are there or the body ends. Returns the count, 0 at the end, -1 on failure. A session
  * holds at most 64 KiB of the body beyond `buffer`: a chunk up to that size is received whole before it is delivered,
- * of a larger one bytes may have been delivered when it fails. */
+ * of a larger one bytes may have been delivered when it fails. What a failed read of a chunked body had placed in
+ * `buffer` is kept for the next read. */
 FETCHRIG_API int dl_http_read(dl_http_session *session, char *buffer, int32_t size, dl_result *result);
 
 /* The final status of the session's response, or 0: no live session, or a record that no open call made. */

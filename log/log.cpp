@@ -1,7 +1,7 @@
-// log.cpp: every message of the library goes through vlog_line(), which filters by module, builds one line of
-// at most 382 characters in a fixed buffer and hands it to the outputs. Takes no lock; the settings are
-// relaxed atomics, so a message logged while a setting changes sees the old or the new value. No call is a
-// point of cancellation, or a thread that is cancelled while it writes would keep its share of the socket.
+// log.cpp: every message of the library goes through vlog_line(), which filters by module, builds one line of at most
+// 382 characters in a fixed buffer and hands it to the outputs. Takes no lock but one around the date; the settings are
+// relaxed atomics, so a message logged while a setting changes sees the old or the new value. No call is a point of
+// cancellation, or a thread that is cancelled while it writes would keep its share of the socket.
 #include "log/log.h"
 
 #include <pthread.h>
@@ -92,10 +92,15 @@ class line_buffer {
   std::size_t length_ = 0;
 };
 
+// libc takes a lock of its own to tell the date, which fork() does not reset in the child: no thread may hold it then.
+pthread_mutex_t date_lock = PTHREAD_MUTEX_INITIALIZER;
+
 void add_syslog_prefix(line_buffer& line, int level) {
   const time_t now = ::time(nullptr);
   char date[64] = {};
+  pthread_mutex_lock(&date_lock);
   if (!ctime_r(&now, date)) date[0] = '\0';
+  pthread_mutex_unlock(&date_lock);
   line.format("<%d>%.15s ", level + facility_local0, strlen(date) > 19 ? date + 4 : "");
 }
 
@@ -175,11 +180,18 @@ void log_open_syslog(const char* identity) {
   state.socket.open();
 }
 
+void before_fork() {
+  pthread_mutex_lock(&date_lock);
+}
+void after_fork() {
+  pthread_mutex_unlock(&date_lock);
+}
 void after_fork_in_child() {
+  after_fork();
   state.socket.forget_writers();
 }
 __attribute__((constructor)) void on_load() {
-  pthread_atfork(nullptr, nullptr, after_fork_in_child);
+  pthread_atfork(before_fork, after_fork, after_fork_in_child);
 }
 // At the end of the process, or when the library is unloaded from it.
 __attribute__((destructor)) void on_unload() {

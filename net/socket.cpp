@@ -71,10 +71,24 @@ int wait_for(int sock, short events, int64_t limit_ms) {
   return poll_within(entry, limit_ms);
 }
 
+bool wait_to_send(int sock) {
+  timeval limit = {};
+  socklen_t length = sizeof limit;
+  ::getsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &limit, &length);
+  const int64_t limit_ms = int64_t{limit.tv_sec} * 1000 + limit.tv_usec / 1000;
+  int ready = 0;
+  do {
+    ready = wait_for(sock, POLLOUT, limit_ms > 0 ? limit_ms : INT_MAX);
+  } while (ready == 0 && limit_ms == 0);
+  if (ready == 0) errno = EAGAIN;
+  return ready > 0;
+}
+
 int dl_send_all(int sock, const char* buffer, std::size_t length) {
   while (length > 0) {
-    const ssize_t sent = ::send(sock, buffer, length, MSG_NOSIGNAL);
+    const ssize_t sent = ::send(sock, buffer, length, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent < 0 && errno == EINTR) continue;
+    if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) && wait_to_send(sock)) continue;
     if (sent < 0) return DL_ERR_SEND;
     buffer += sent;
     length -= static_cast<std::size_t>(sent);

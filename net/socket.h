@@ -32,8 +32,12 @@ inline constexpr int wait_writable = 2;
 // The same for `events` of poll() and a limit in milliseconds.
 [[nodiscard]] int wait_for(int sock, short events, int64_t limit_ms);
 
-// Sends all bytes. Returns 0, or -4 with errno. Never raises SIGPIPE; a send that makes no progress for the
-// socket's send time-out fails.
+// Waits until a send can go on, at most for the socket's send time-out (none: without end). False with errno, EAGAIN
+// after the time. Unlike a blocking send it is not begun anew by every signal.
+[[nodiscard]] bool wait_to_send(int sock);
+
+// Sends all bytes. Returns 0, or -4 with errno. Never raises SIGPIPE; a send that makes no progress for the socket's
+// send time-out fails.
 [[nodiscard]] int dl_send_all(int sock, const char* buffer, std::size_t length);
 
 }  // namespace fetchrig

@@ -36,7 +36,7 @@ bool would_block() {
 }
 
 bool is_blocking(int sock) {
-  const int flags = ::fcntl(sock, F_GETFL);
+  const int flags = fcntl(sock, F_GETFL);
   return flags >= 0 && (flags & O_NONBLOCK) == 0;
 }
 
@@ -48,25 +48,27 @@ int64_t wait_left_ms(const tls_socket& data) {
 
 // False with errno; the end of the time is an error like any other.
 bool wait_ready(const tls_socket& data, short events) {
+  if (data.limit_s == 0) return wait_to_send(data.sock);
   const int ready = wait_for(data.sock, events, std::max<int64_t>(0, wait_left_ms(data)));
   if (ready == 0) errno = ETIMEDOUT;
   return ready > 0;
 }
 
-// Calls `transfer` with the flags for recv() or send() until it moves bytes or fails. Without a limit a
-// blocking socket waits by itself; with one it is tried, then waited for. On a socket that its owner
-// made non-blocking nothing waits.
+// Calls `transfer` with the flags for recv() or send() until it moves bytes or fails. Without a limit a blocking
+// receive waits by itself; with one, and for sending, it is tried, then waited for. On a socket that its owner made
+// non-blocking nothing waits.
 template <typename Transfer>
 int move_bytes(const tls_socket& data, short events, Transfer transfer) {
+  const bool tries_first = data.limit_s > 0 || events == POLLOUT;
   for (;;) {
     if (data.limit_s > 0 && wait_left_ms(data) <= 0) {
       errno = ETIMEDOUT;
       return -1;
     }
-    const ssize_t count = transfer(data.limit_s > 0 ? MSG_DONTWAIT : 0);
+    const ssize_t count = transfer(tries_first ? MSG_DONTWAIT : 0);
     if (count >= 0) return static_cast<int>(count);
     if (errno == EINTR) continue;
-    const bool waits = data.limit_s > 0 && would_block() && is_blocking(data.sock);
+    const bool waits = tries_first && would_block() && is_blocking(data.sock);
     if (!waits || !wait_ready(data, events)) return -1;
   }
 }
@@ -132,8 +134,9 @@ long bio_control(BIO* bio, int command, long number, void* place) {
 // Over a descriptor that SSL_get_fd() finds. Without an index of its own, as OpenSSL never takes one back.
 constexpr int bio_type = BIO_TYPE_SOURCE_SINK | BIO_TYPE_DESCRIPTOR;
 
-// Made at the first connection. Connections refer to it until they are freed, so when the process ends or unloads the
-// library it is freed only if there are none. Who makes a connection counts it before looking for the method.
+// Made at the first connection. Connections refer to it until they are freed, so when the process ends or
+// unloads the library it is freed only if there are none. Who makes a connection counts it before looking for
+// the method.
 std::atomic<BIO_METHOD*> socket_method{nullptr};
 std::atomic<int> num_connections{0};
 

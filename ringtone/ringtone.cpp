@@ -55,10 +55,11 @@ bool is_wanted_wave(std::span<const char> start) {
          memcmp(start.data() + wave_fmt_offset, wave_fmt, sizeof wave_fmt) == 0;
 }
 
-// A peer that closes early looks like the end of the body.
+// A peer that closes early looks like the end of the body, and so does option 6 in a body of no announced length.
 bool is_cut_short(const dl_http_session* session) {
   const dl_body_end end = http_body_end(session);
-  return end != DL_BODY_WHOLE && end != DL_BODY_UNMARKED;
+  if (end == DL_BODY_UNMARKED) return session->remaining == 0;
+  return end != DL_BODY_WHOLE;
 }
 
 // Copies the body into the cache file: what `buffer` holds already, `held` bytes, and then the rest.
