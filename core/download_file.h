@@ -1,9 +1,8 @@
-// download_file.h: the local file of a download. Protocol clients deliver bytes in arbitrary pieces; limits
-// and totals are judged in steps of a fixed size (the block in which the protocol's read call would have
-// handed them out), so that what is logged and where a download fails does not depend on how the network cut
-// the bytes. Unless finish() succeeded, what was written is removed: the file behind the descriptor, where a
-// link led to or wherever it was moved, never another one that took its place, a device or a pipe. One thread
-// at a time.
+// download_file.h: the local file of a download. Protocol clients deliver bytes in arbitrary pieces; limits and
+// totals are judged in steps of a fixed size (the block in which the protocol's read call would have handed them
+// out), so that what is logged and where a download fails does not depend on how the network cut the bytes. Unless
+// finish() succeeded, what was written is removed: the file behind the descriptor, where a link led to or wherever it
+// was moved, never another one that took its place, a device or a pipe. One thread at a time.
 #ifndef FETCHRIG_CORE_DOWNLOAD_FILE_H
 #define FETCHRIG_CORE_DOWNLOAD_FILE_H
 
@@ -30,8 +29,7 @@ class download_file {
   // it throws, and has opened nothing.
   [[nodiscard]] bool open(const char* path);
 
-  // Room for the next bytes: the caller receives straight into it and then calls accept(). At least 4096
-  // bytes.
+  // Room for the next bytes: the caller receives straight into it and then calls accept(). At least 4096 bytes.
   std::span<char> room();
   // Takes the first `count` bytes of room(). Returns 0, or -1 with `result` filled: the limit was passed
   // ("exceed max size\n" is logged), or the local write failed (-8, logged with errno).

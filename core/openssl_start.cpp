@@ -1,6 +1,5 @@
-// openssl_start.cpp: OpenSSL start-up. OpenSSL 1.1 and later initialise themselves and lock by themselves:
-// the callback registrations below are empty macros there, and the table documents what older releases were
-// promised.
+// openssl_start.cpp: OpenSSL start-up. OpenSSL 1.1 and later initialise themselves and lock by themselves: the
+// callback registrations below are empty macros there, and the table documents what older releases were promised.
 #include "core/openssl_start.h"
 
 #include <openssl/crypto.h>

@@ -46,8 +46,7 @@ bool copy_text(std::span<char> to, std::string_view text);
 // Lower-cases ASCII letters up to the first `stop`, the terminator or the end.
 void lower_in_place(std::span<char> text, char stop = '\0');
 
-// The whole text as a decimal number of at most `max`; nothing for an empty text, another character or a
-// larger value.
+// The whole text as a decimal number of at most `max`; nothing for any other text.
 [[nodiscard]] std::optional<uint64_t> whole_number(std::string_view text, uint64_t max);
 
 // The decimal digits that `text` starts with, as a number; nothing without a digit or above `max`. `rest`,
@@ -55,8 +54,7 @@ void lower_in_place(std::span<char> text, char stop = '\0');
 [[nodiscard]] std::optional<uint64_t> leading_number(std::string_view text, uint64_t max,
                                                      std::string_view* rest = nullptr);
 
-// Overwrites a secret before its memory is given back, with what shorter texts left behind it. The text is
-// empty then.
+// Empties a secret; overwrites its memory first, as far as longer texts before it may have reached.
 void wipe(std::string& text);
 
 // Lower-case hexadecimal digits, two per byte. `to` has room for them; no terminator is added.

@@ -31,8 +31,8 @@ constexpr bool is_usable(uint64_t state) {
   return state != 0 && !(state & closing);
 }
 
-// The low bits of the inode number, which the system gives to sockets one after the other; nothing for what
-// is no socket.
+// The low bits of the inode number, which the system gives to sockets one after the other;
+// nothing for what is no socket.
 std::optional<uint64_t> identity(int fd) {
   struct stat status = {};
   if (fstat(fd, &status) != 0 || !S_ISSOCK(status.st_mode)) return std::nullopt;

@@ -37,8 +37,8 @@ class syslog_socket {
   uint64_t acquire();
   void release();
 
-  // From high to low: descriptor plus one (24 bits, 0: closed), its identity (24), to be closed (1), writers
-  // at work (15).
+  // From high to low: descriptor plus one (24 bits, 0: closed), its identity (24), to be closed
+  // (1), writers at work (15).
   std::atomic<uint64_t> state_{0};
 };
 

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Builds and tests everything: style, layers, the tests on 32-bit ARM under an emulator and the library's size there,
-# the tests under the address, undefined-behaviour and thread sanitizers, and the release build. Installs what is
-# missing first. Works from any folder, as root or with sudo, as often as you like.
+# Builds and tests everything: style, layers, clang-tidy, the tests on 32-bit ARM under an emulator and the library's
+# size there, the tests under the address, undefined-behaviour and thread sanitizers, and the release build. Installs
+# what is missing first. Works from any folder, as root or with sudo, as often as you like.
 #   test.sh           all of it
-#   test.sh --quick   style, layers and the release build
+#   test.sh --quick   style, layers, clang-tidy and the release build
 # Ends with the number of test programs that passed, failed and skipped a part (a server that is not there).
 set -uo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -106,6 +106,7 @@ if [ "$quick" = no ]; then
 fi
 step "release" test_preset default
 step "calls between layers" scripts/check-layers.sh build
+step "clang-tidy" scripts/tidy.sh build
 step "no trace of this folder" check_folder
 
 if [ ${#failures[@]} -gt 0 ]; then printf 'FAILED: %s\n' "${failures[@]}"; fi
