@@ -1,4 +1,5 @@
-// config.h: the configuration: its start and end, setting options and reading them. Every function that reads copies
+// config.h: the configuration: its start and end, setting options and reading them. The record itself, g_dl_cfg, belongs
+// to config.cpp, and its lock to process_lock.cpp too; all others use these functions. Every function that reads copies
 // what it returns under the configuration lock and has released the lock when it returns, so no lock is ever held
 // across I/O. Any thread, once the library is initialised.
 #ifndef FETCHRIG_CORE_CONFIG_H
@@ -8,10 +9,6 @@
 #include <span>
 
 #include "include/fetchrig_types.h"
-
-// The record is exported data, zero at load. Inside the library it belongs to config.cpp; process_lock.cpp knows its
-// lock. All others use the functions below.
-extern "C" FETCHRIG_API dl_config g_dl_cfg;
 
 namespace fetchrig {
 

@@ -42,8 +42,6 @@ FETCHRIG_API int dl_get_error_string(int32_t code, char *buffer, uint32_t size);
 
 /* ---------------------------------------------------------------- configuration */
 
-FETCHRIG_API extern dl_config g_dl_cfg;
-
 /* Initialises the library: defaults, log to the system log under "QXFR" (dl_log_init() with flags 1), OpenSSL, which
  * reads its own configuration when TLS or certificates first need it. Harmless when already initialised. The result
  * carries no status. Call it before other threads use the library. */
@@ -325,11 +323,6 @@ FETCHRIG_API int dl_install_ser_ca_separate(const char *path);
 FETCHRIG_API int dl_del_ser_ca(void);
 
 /* ---------------------------------------------------------------- ringtones */
-
-/* The ring-name prefixes "ringtone-", "Bellcore-dr", "MyMelody", then null. */
-FETCHRIG_API extern const char *const ring_tab[4];
-/* Bytes 8 to 33 of an accepted WAVE file: mono mu-law, 8 kHz. */
-FETCHRIG_API extern const unsigned char wave_fmt[26];
 
 /* Turns an alert text (a URL, a ring name, or null) into a ring: 1 with either the ring number stored, or -1 there and
  * the path of a cached WAVE file in `path` (`path_size` bytes); 0 when the default ring is to be played. `ring_name`

@@ -1,6 +1,6 @@
-/* fetchrig_types.h: the numbers and records of libfetchrig's interface: result codes, options, log modules and levels,
- * requests, sessions, certificate records. Included by fetchrig.h, which declares the calls; applications need not
- * name it. Plain C99. */
+/* fetchrig_types.h: the numbers, records and data of libfetchrig's interface: result codes, options, log modules and
+ * levels, requests, sessions, certificate records. Included by fetchrig.h, which declares the calls; applications need
+ * not name it. Plain C99. */
 #ifndef FETCHRIG_TYPES_H
 #define FETCHRIG_TYPES_H
 
@@ -113,6 +113,8 @@ typedef struct dl_config {
   dl_ring_entry rings[10];
   char caller_tag[21];
 } dl_config;
+
+FETCHRIG_API extern dl_config g_dl_cfg;
 
 /* ---------------------------------------------------------------- log */
 
@@ -381,6 +383,13 @@ enum dl_cert_verify_code {
   DL_VERIFY_KEY_MISMATCH = 10,
   DL_VERIFY_OTHER = 11
 };
+
+/* ---------------------------------------------------------------- ringtones */
+
+/* The ring-name prefixes "ringtone-", "Bellcore-dr", "MyMelody", then null. */
+FETCHRIG_API extern const char *const ring_tab[4];
+/* Bytes 8 to 33 of an accepted WAVE file: mono mu-law, 8 kHz. */
+FETCHRIG_API extern const unsigned char wave_fmt[26];
 
 #ifdef __cplusplus
 }

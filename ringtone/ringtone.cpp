@@ -17,10 +17,6 @@
 #include "log/printable.h"
 #include "ringtone/ring_cache.h"
 
-// Exported data, never written: the prefixes of ring names, and bytes 8 to 33 of the WAVE files that are taken.
-extern "C" FETCHRIG_API const char* const ring_tab[4];
-extern "C" FETCHRIG_API const unsigned char wave_fmt[26];
-
 const char* const ring_tab[4] = {"ringtone-", "Bellcore-dr", "MyMelody", nullptr};
 
 // Little-endian: a chunk of 18 bytes, format 7, 1 channel, 8000 samples and bytes per second, blocks of 1.
