@@ -25,7 +25,6 @@ using namespace bench;
 namespace {
 
 constexpr std::size_t piece_bytes = 65536;
-constexpr int rounds = 7;
 constexpr double allowed_download_ratio = 1.3;
 constexpr double allowed_upload_ratio = 0.7;
 
@@ -170,9 +169,10 @@ struct contest {
   transfer ours;
   transfer bare;
   double allowed_ratio;
+  int rounds;
 };
-constexpr contest download = {"download", our_download, bare_download, allowed_download_ratio};
-constexpr contest upload = {"upload", our_upload, bare_upload, allowed_upload_ratio};
+constexpr contest download = {"download", our_download, bare_download, allowed_download_ratio, 7};
+constexpr contest upload = {"upload", our_upload, bare_upload, allowed_upload_ratio, 21};
 
 double measure(transfer run, uint16_t port, const char* path) {
   const double start = cpu_seconds();
@@ -184,7 +184,7 @@ double measure(transfer run, uint16_t port, const char* path) {
 bool compare(const contest& both, uint16_t port, const char* path, long mib) {
   double best_ours = 1e9;
   double best_bare = 1e9;
-  for (int round = 0; round < rounds; ++round) {
+  for (int round = 0; round < both.rounds; ++round) {
     best_bare = std::min(best_bare, measure(both.bare, port, path));
     best_ours = std::min(best_ours, measure(both.ours, port, path));
   }

@@ -21,26 +21,37 @@ namespace {
 constexpr std::size_t piece_bytes = 65536;
 constexpr int max_sendfile_bytes = 1 << 20;
 
-// sendfile() has no flag against SIGPIPE: the signal is held off from the thread meanwhile, and taken back when
-// it was raised here.
-ssize_t sendfile_quietly(int sock, int file, std::size_t count) {
-  sigset_t pipe_signal;
-  sigset_t pending;
-  sigset_t before;
-  sigemptyset(&pipe_signal);
-  sigaddset(&pipe_signal, SIGPIPE);
-  ::pthread_sigmask(SIG_BLOCK, &pipe_signal, &before);
-  ::sigpending(&pending);
-  const bool was_pending = sigismember(&pending, SIGPIPE) == 1;
-  const ssize_t sent = ::sendfile(sock, file, nullptr, count);
-  const int error = errno;
-  const timespec at_once = {};
-  const auto take = [&] { return ::sigtimedwait(&pipe_signal, nullptr, &at_once); };
-  while (sent < 0 && error == EPIPE && !was_pending && take() < 0 && errno == EINTR) continue;
-  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  errno = error;
-  return sent;
+sigset_t pipe_signal() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGPIPE);
+  return set;
 }
+
+// sendfile() has no flag against SIGPIPE: the signal is held off from the thread meanwhile.
+class sigpipe_hold {
+ public:
+  sigpipe_hold() {
+    sigset_t pending;
+    ::pthread_sigmask(SIG_BLOCK, &signal_, &before_);
+    ::sigpending(&pending);
+    was_pending_ = sigismember(&pending, SIGPIPE) == 1;
+  }
+  ~sigpipe_hold() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  sigpipe_hold(const sigpipe_hold&) = delete;
+  sigpipe_hold& operator=(const sigpipe_hold&) = delete;
+
+  // After a send to a closed connection: takes back the signal that it raised.
+  void take_back() {
+    const timespec at_once = {};
+    while (!was_pending_ && ::sigtimedwait(&signal_, nullptr, &at_once) < 0 && errno == EINTR) continue;
+  }
+
+ private:
+  const sigset_t signal_ = pipe_signal();
+  sigset_t before_;
+  bool was_pending_;
+};
 
 // A socket that does not wait by itself; as it was before when this ends. sendfile() cannot be told otherwise.
 class not_blocking {
@@ -118,9 +129,10 @@ void file_sender::await_room() {
 
 void file_sender::pass_on() {
   const not_blocking mode(sock_);
+  sigpipe_hold hold;
   while (mode && !failed() && result_.total < max_bytes_) {
     const int wanted = std::min(max_sendfile_bytes, max_bytes_ - result_.total);
-    const ssize_t sent = sendfile_quietly(sock_, file_, static_cast<std::size_t>(wanted));
+    const ssize_t sent = ::sendfile(sock_, file_, nullptr, static_cast<std::size_t>(wanted));
     if (sent == 0) return;
     if (sent > 0) {
       result_.total += static_cast<int>(sent);
@@ -128,6 +140,7 @@ void file_sender::pass_on() {
       await_room();
     } else if (errno != EINTR) {
       refusal_ = errno;
+      if (refusal_ == EPIPE) hold.take_back();
       return;
     }
   }
