@@ -60,9 +60,8 @@ bool caller_gives_length(const http_msg& message) {
   return message.extra_headers && strstr(message.extra_headers, "Content-Length");
 }
 
-int log_make_error(int code) {
-  if (code < 0) log_line(DL_LOG_HTTP, DL_LOG_ERROR, "make request error\n");
-  return code;
+int make_failed(int code) {
+  return log_and_return(DL_LOG_HTTP, code, "make request error\n");
 }
 
 }  // namespace
@@ -122,12 +121,13 @@ int http_set_host(http_msg& message, const dl_url& url) {
 }
 
 int http_make_request(bool tls, http_msg& message, const dl_http_request& request, const dl_url& url) {
-  if (const int rc = set_standard_headers(tls, message, url); rc < 0) return log_make_error(rc);
+  if (const int rc = set_standard_headers(tls, message, url); rc < 0) return make_failed(rc);
   message.extra_headers = request.headers;
   message.body.text = request.body;
   if (const int rc = http_prepare_body(message); rc < 0) return rc;
   if (!message.body.buffer || caller_gives_length(message)) return 0;
-  return log_make_error(guarded_step([&] { return set_content_length(message); }));
+  const int rc = guarded_step([&] { return set_content_length(message); });
+  return rc < 0 ? make_failed(rc) : 0;
 }
 
 std::string http_serialise_head(const http_msg& message, std::size_t more) {

@@ -2,21 +2,23 @@
 #include "ringtone/ring_cache.h"
 
 #include <fcntl.h>
-#include <openssl/evp.h>
 #include <sys/random.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 
+#include "core/md5.h"
 #include "core/text.h"
 
 namespace fetchrig {
 
 std::string ring_cache_path(const char* url) {
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned length = 0;
-  if (EVP_Digest(url, strlen(url), digest, &length, EVP_md5(), nullptr) != 1) return {};
-  return "/tmp/" + to_hex({digest, length}) + ".wav";
+  md5_digest digest;
+  digest.add(url);
+  md5_text digits;
+  digest.finish(digits);
+  return std::string("/tmp/") + digits.data() + ".wav";
 }
 
 bool is_regular_file(const char* path) {
