@@ -116,6 +116,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string ahead = run(new_http_session().release(), data[0], bytes, size - 1);
   auto* bare = static_cast<dl_http_session*>(calloc(1, sizeof(dl_http_session)));
   FUZZ_CHECK(bare != nullptr);
-  FUZZ_CHECK(ahead == run(bare, data[0], bytes, size - 1));
+  const std::string at_socket = run(bare, data[0], bytes, size - 1);
+  // A bare record, which does not know where a body ends, follows no redirect through a proxy.
+  const bool proxied = data[0] & 1;
+  FUZZ_CHECK(proxied || ahead == at_socket);
   return 0;
 }
