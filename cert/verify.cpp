@@ -4,6 +4,7 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <stdio.h>
+#include <stdlib.h>
 
 #include <algorithm>
 #include <string_view>
@@ -12,6 +13,7 @@
 #include "cert/cert_file.h"
 #include "cert/error_queue.h"
 #include "cert/tls_check.h"
+#include "core/ca_directory.h"
 #include "core/config.h"
 #include "core/openssl_owners.h"
 #include "core/result.h"
@@ -83,28 +85,28 @@ cert_source open_source(const char* path) {
   return source;
 }
 
+// OpenSSL's default place of CAs, which its own variable overrides.
+const char* default_place(const char* variable, const char* built_in) {
+  const char* chosen = secure_getenv(variable);
+  return chosen ? chosen : built_in;
+}
+
 // Without a CA file OpenSSL's default one is used, if there is one.
 bool add_ca_file(X509_STORE* store, const char* ca_file) {
-  X509_LOOKUP* lookup = X509_STORE_add_lookup(store, X509_LOOKUP_file());
-  if (!lookup) return false;
-  if (!ca_file) {
-    X509_LOOKUP_load_file(lookup, nullptr, X509_FILETYPE_DEFAULT);
-    return true;
-  }
-  if (add_ca_certificates(store, open_source(ca_file).stream.get())) return true;
+  const char* path =
+      ca_file ? ca_file : default_place(X509_get_default_cert_file_env(), X509_get_default_cert_file());
+  if (add_ca_certificates(store, open_source(path).stream.get()) || !ca_file) return true;
   fprintf(stderr, "Error loading file %s\n", ca_file);
   print_error_queue();
   return false;
 }
 
 bool add_ca_directory(X509_STORE* store, const char* ca_dir) {
-  X509_LOOKUP* lookup = X509_STORE_add_lookup(store, X509_LOOKUP_hash_dir());
+  X509_LOOKUP* lookup = add_ca_lookup(store);
   if (!lookup) return false;
-  if (!ca_dir) {
-    X509_LOOKUP_add_dir(lookup, nullptr, X509_FILETYPE_DEFAULT);
-    return true;
-  }
-  if (X509_LOOKUP_add_dir(lookup, ca_dir, X509_FILETYPE_PEM) > 0) return true;
+  const char* path =
+      ca_dir ? ca_dir : default_place(X509_get_default_cert_dir_env(), X509_get_default_cert_dir());
+  if (add_ca_directories(lookup, path) || !ca_dir) return true;
   fprintf(stderr, "Error loading directory %s\n", ca_dir);
   print_error_queue();
   return false;

@@ -15,6 +15,7 @@
 
 #include "cert/tls_context.h"
 #include "core/boundary.h"
+#include "core/ca_directory.h"
 #include "core/config.h"
 #include "core/small_file.h"
 #include "core/text.h"
@@ -48,9 +49,15 @@ int make_context(int method, unique_ssl_ctx& ctx) {
   return 0;
 }
 
+// No directories at all fail without a reason.
+bool add_trusted_cas(SSL_CTX* ctx, const char* ca_dir) {
+  X509_LOOKUP* lookup = ca_dir ? add_ca_lookup(SSL_CTX_get_cert_store(ctx)) : nullptr;
+  return lookup && add_ca_directories(lookup, ca_dir);
+}
+
 int load_trusted_cas(SSL_CTX* ctx, const char* ca_dir) {
   ERR_clear_error();
-  if (SSL_CTX_load_verify_locations(ctx, nullptr, ca_dir) == 1) return 0;
+  if (add_trusted_cas(ctx, ca_dir)) return 0;
   const char* reason = ERR_reason_error_string(ERR_get_error());
   log_line(DL_LOG_CMN, DL_LOG_ERROR, "loading CA certificate: %s\n", reason ? reason : "");
   return DL_ERR_CONNECT;
@@ -145,6 +152,7 @@ int hand_shake(int sock, SSL_CTX* ctx, const char* host, unique_ssl& ssl) {
   ERR_clear_error();
   if (SSL_connect(ssl.get()) > 0) {
     end_tls_operation(ssl.get());
+    ERR_clear_error();  // of CA files that were passed over: a read would take it for its own
     return 0;
   }
   const int error = errno;

@@ -1,10 +1,14 @@
 // Verification: every outcome of dl_cert_verify(), its callback, and its advance check.
 #include "cert/verify.h"
 
+#include <openssl/err.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include <set>
 
+#include "core/ca_directory.h"
+#include "core/openssl_owners.h"
 #include "include/fetchrig_openssl.h"
 #include "tests/support/cert_fixture.h"
 
@@ -101,6 +105,74 @@ TEST_F(cert_verify, PlacesOfTheAuthorities) {
     EXPECT_TRUE(row.code != DL_VERIFY_SETUP || out_ + result_.message == "");
   }
   unsetenv("SSL_CERT_FILE");
+}
+
+// OpenSSL's own look-up, given the pipe, never comes back.
+TEST_F(cert_verify, PipesAndJunkInACaDirectoryNeitherHangNorHideTheAuthorities) {
+  const std::string hash = hash_name_of(root_).substr(0, 9);
+  write("junk", pem_of(root_));
+  fs::resize_file(path("junk"), 300 << 20);
+  ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
+  for (const std::string kind : {"pipe", "junk", "store", "/dev/zero"}) {
+    SCOPED_TRACE(kind);
+    const std::string alone = "only " + fs::path(kind).filename().string();
+    write(alone + "/readme", "");
+    for (const std::string& name : {"cas/" + hash + "1", alone + "/" + hash + "0"}) {
+      fs::remove(path(name));
+      fs::create_symlink(kind[0] == '/' ? kind : path(kind), path(name));
+    }
+    EXPECT_EQ(verify("leaf.pem", "cas", "leaf.pem"), DL_VERIFY_OK) << "behind the CA";
+    EXPECT_EQ(verify("leaf.pem", (alone + ":" + path("cas")).c_str(), "leaf.pem"), DL_VERIFY_OK);
+    EXPECT_EQ(verify("leaf.pem", alone.c_str(), "leaf.pem"), DL_VERIFY_UNKNOWN_ISSUER);
+    setenv("SSL_CERT_FILE", path(alone + "/" + hash + "0").c_str(), 1);
+    EXPECT_EQ(verify("leaf.pem", "none", nullptr), DL_VERIFY_UNKNOWN_ISSUER);
+    unsetenv("SSL_CERT_FILE");
+  }
+}
+
+// OpenSSL's own look-up is the judge.
+TEST_F(cert_verify, CaDirectoriesAreReadAsOpensslReadsThem) {
+  const identity old = issued(nullptr, {.extensions = ca_extensions, .valid_until_s = -60}, "Root");
+  const std::string root = pem_of(root_), crl = crl_pem_of(root_), no_base64 = root.substr(0, 60) + "?";
+  const std::string trusted = openssl("x509 -trustout -addtrust serverAuth -in " + root_file_) + "\n";
+  using files = std::vector<std::pair<std::string, std::string>>;  // what follows the hash, and the content
+  // clang-format off
+  const struct { const char* what; files content; unsigned long flags; int error; } rows[] = {
+      {"an old CA of that name first", {{"0", pem_of(old)}, {"1", root}}, 0, X509_V_OK},
+      {"a gap", {{"0", pem_of(old)}, {"2", root}}, 0, X509_V_ERR_CERT_HAS_EXPIRED},
+      {"two in a file", {{"0", pem_of(old) + "words\n" + root}}, 0, X509_V_OK},
+      {"broken behind the CA", {{"0", root + no_base64}}, 0, X509_V_OK},
+      {"broken before the CA", {{"0", no_base64 + root}}, 0, X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY},
+      {"broken file before", {{"0", "junk"}, {"1", root}}, 0, X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY},
+      {"DER", {{"0", der_of(root_)}}, 0, X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY},
+      {"with trust settings", {{"0", trusted}}, 0, X509_V_ERR_CERT_REJECTED},
+      {"no revocation list", {{"0", root}, {"r1", crl}}, X509_V_FLAG_CRL_CHECK, X509_V_ERR_UNABLE_TO_GET_CRL},
+      {"revocation list", {{"0", root}, {"r0", crl}}, X509_V_FLAG_CRL_CHECK, X509_V_OK},
+      {"junk as revocation list", {{"0", root}, {"r0", root}}, X509_V_FLAG_CRL_CHECK, X509_V_ERR_UNABLE_TO_GET_CRL},
+  };
+  // clang-format on
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    const std::string place = "row " + std::to_string(&row - rows) + "/";
+    for (const auto& [end, content] : row.content)
+      write(place + hash_name_of(root_).substr(0, 9) + end, content);
+    for (const bool ours : {true, false}) {
+      const fetchrig::unique_x509_store store(X509_STORE_new());
+      X509_LOOKUP* const lookup = ours ? fetchrig::add_ca_lookup(store.get())
+                                       : X509_STORE_add_lookup(store.get(), X509_LOOKUP_hash_dir());
+      const std::string list = ":" + path("none") + "::" + path(place) + ":" + path(place);
+      ASSERT_TRUE(ours ? fetchrig::add_ca_directories(lookup, list.c_str())
+                       : X509_LOOKUP_add_dir(lookup, list.c_str(), X509_FILETYPE_PEM) == 1);
+      X509_STORE_set_flags(store.get(), row.flags);
+      for (int again = 0; again < 2; ++again) {
+        const fetchrig::unique_x509_store_ctx context(X509_STORE_CTX_new());
+        X509_STORE_CTX_init(context.get(), store.get(), leaf_.certificate.get(), nullptr);
+        X509_verify_cert(context.get());
+        EXPECT_EQ(X509_STORE_CTX_get_error(context.get()), row.error) << ours;
+      }
+    }
+    ERR_clear_error();
+  }
 }
 
 TEST_F(cert_verify, FilesWithoutACertificate) {
