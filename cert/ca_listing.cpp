@@ -11,6 +11,7 @@
 #include "cert/ca_info_ex.h"
 #include "cert/directory.h"
 #include "cert/store_entries.h"
+#include "core/cause.h"
 #include "core/config.h"
 #include "core/result.h"
 #include "core/text.h"
@@ -36,6 +37,7 @@ bool list_store(List& list, Describe describe) {
   const std::span entries(list.entries);
   for (const std::string& name : store_entry_names(directory.get())) {
     if (list.count == entries.size()) {
+      note_cause(DL_CAUSE_LIST_FULL);
       log_line(DL_LOG_CMN, DL_LOG_ERROR, "number of ca file is no less than 10!\n");
       break;
     }

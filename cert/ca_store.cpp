@@ -17,6 +17,7 @@
 #include "cert/shell.h"
 #include "cert/store_entries.h"
 #include "core/boundary.h"
+#include "core/cause.h"
 #include "core/config.h"
 #include "core/files.h"
 #include "core/small_file.h"
@@ -109,6 +110,7 @@ bool copy_into_store(const char* path, const std::string& file) {
   give_owner_access(file, S_IRUSR | S_IWUSR);
   const small_file from(path), to(file.c_str());
   if (from.error() == 0 && to.error() == 0 && from.bytes() == to.bytes()) return true;
+  note_cause(DL_CAUSE_LOCAL_FILE, from.error() != 0 ? from.error() : to.error());
   log_line(DL_LOG_CMN, DL_LOG_ERROR, "Can't copy the ca file to %s\n", printable(file).c_str());
   if (!was_there) ::unlink(file.c_str());
   return false;

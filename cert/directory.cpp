@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include "cert/shell.h"
+#include "core/cause.h"
 
 namespace fetchrig {
 
@@ -26,7 +27,9 @@ int make_directory_by_call(const std::string& path) {
 unique_dir open_or_make_directory(const std::string& path, directory_maker make) {
   if (unique_dir directory = open_directory(path)) return directory;
   make(path);
-  return open_directory(path);
+  unique_dir directory = open_directory(path);
+  if (!directory) note_cause(DL_CAUSE_DIRECTORY);
+  return directory;
 }
 
 void give_owner_access(const std::string& path, mode_t mode) {

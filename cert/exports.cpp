@@ -1,4 +1,6 @@
 // exports.cpp: the exported calls on certificates and keys.
+#include <algorithm>
+
 #include "cert/ca_info.h"
 #include "cert/ca_info_ex.h"
 #include "cert/ca_listing.h"
@@ -10,7 +12,9 @@
 #include "cert/passphrase.h"
 #include "cert/subject.h"
 #include "cert/verify.h"
+#include "cert/verify_problems.h"
 #include "core/boundary.h"
+#include "core/cause.h"
 #include "core/result.h"
 #include "include/fetchrig_openssl.h"
 #include "log/log.h"
@@ -19,10 +23,18 @@ using namespace fetchrig;
 
 namespace {
 
-// Guards a certificate operation, which leaves OpenSSL's error queue of the thread empty.
+// At the start of a certificate operation nothing has failed; it leaves OpenSSL's error queue of the thread empty.
+class certificate_call {
+ public:
+  certificate_call() { clear_cause(); }
+
+ private:
+  clean_error_queue after_;
+};
+
 template <typename Work>
 int certificate_operation(int out_of_memory, Work&& work) {
-  const clean_error_queue after;
+  const certificate_call call;
   return guarded(work, [out_of_memory] { return out_of_memory; });
 }
 
@@ -61,7 +73,7 @@ int dl_get_trust_ca_info(dl_trust_ca_list* list) {
 
 int dl_get_trust_ca_info_ex(dl_trust_ca_list_ex* list, dl_result* result) {
   if (!list || !result) return refuse_parameter(result);
-  const clean_error_queue after;
+  const certificate_call call;
   return guarded([&] { return list_trusted_cas_ex(*list, *result); },
                  [&] { return fail_with_code(result, 2); });
 }
@@ -73,7 +85,7 @@ int dl_install_ca(const char* path) {
 
 int dl_del_ca(const char* path) {
   if (!path) return 0;
-  const clean_error_queue after;
+  const certificate_call call;
   guarded([&] { remove_ca(path); });
   return 0;
 }
@@ -88,6 +100,7 @@ int dl_install_ser_ca_separate(const char* path) {
 }
 
 int dl_del_ser_ca(void) {
+  clear_cause();
   guarded([] { remove_device_cert(); });
   return 0;
 }
@@ -130,13 +143,22 @@ int make_REQ(X509_REQ* request, EVP_PKEY* key, const char* text, int /*unused*/,
 
 int dl_cert_verify(const char* path, const char* ca_dir, const char* ca_file, uint32_t flags,
                    dl_result* result) {
+  clear_verify_problems();
   if (!result || !path) {
     refuse_parameter();
     return fail_with_text(result, DL_VERIFY_PARAMETER, "");
   }
-  const clean_error_queue after;
+  const certificate_call call;
   return guarded([&] { return verify_certificate(*result, path, ca_dir, ca_file, flags); },
                  [result] { return fail_with_text(result, DL_VERIFY_SETUP, ""); });
+}
+
+int dl_cert_verify_problems(int32_t* numbers, int32_t count) {
+  if (!numbers || count < 0) return 0;
+  const auto known = verify_problems();
+  const auto wanted = known.first(std::min(known.size(), static_cast<std::size_t>(count)));
+  std::copy(wanted.begin(), wanted.end(), numbers);
+  return static_cast<int>(wanted.size());
 }
 
 int cb(int ok, X509_STORE_CTX* context) {

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "cert/file_replacement.h"
+#include "core/cause.h"
 #include "core/owners.h"
 #include "log/log.h"
 #include "log/printable.h"
@@ -110,6 +111,7 @@ void remove_plain_file(const char* path) {
 bool write_private_file(const char* path, std::string_view text, at_link choice) {
   const int error = write_file(path, text, choice);
   if (error == 0) return true;
+  note_cause(DL_CAUSE_LOCAL_FILE, error);
   log_line(DL_LOG_CMN, DL_LOG_ERROR, "Can't write %s, errno %d\n", printable(path).c_str(), error);
   return false;
 }

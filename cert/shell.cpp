@@ -10,6 +10,7 @@
 
 #include <algorithm>
 
+#include "core/cause.h"
 #include "core/owners.h"
 #include "core/text.h"
 #include "log/log.h"
@@ -132,11 +133,13 @@ std::optional<std::string> shell_command(std::size_t size, std::string_view prog
 
 int run_shell(const std::optional<std::string>& command, int level) {
   if (!command) {
+    note_cause(DL_CAUSE_COMMAND, -1);
     log_line(DL_LOG_CMN, DL_LOG_ERROR, "command is too long, not run\n");
     return -1;
   }
   const int status = run(*command);
   if (status != 0) {
+    if (level == DL_LOG_ERROR) note_cause(DL_CAUSE_COMMAND, status);
     log_line(DL_LOG_CMN, level, "command ended with status %d: %s\n", status, printable(*command).c_str());
   }
   return status;

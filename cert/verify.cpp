@@ -13,6 +13,7 @@
 #include "cert/cert_file.h"
 #include "cert/error_queue.h"
 #include "cert/tls_check.h"
+#include "cert/verify_problems.h"
 #include "core/ca_directory.h"
 #include "core/config.h"
 #include "core/openssl_owners.h"
@@ -181,6 +182,7 @@ int on_verification(int ok, X509_STORE_CTX* context) {
   const std::string_view shown = or_empty(subject.get()).substr(0, max_subject_len);
   log_line(DL_LOG_CMN, DL_LOG_NOTICE, "%s\n", printable(shown).c_str());
   const int error = X509_STORE_CTX_get_error(context);
+  note_verify_problem(error);
   log_line(DL_LOG_CMN, DL_LOG_NOTICE, "verify cb error %d at %d depth lookup:%s\n", error,
            X509_STORE_CTX_get_error_depth(context), X509_verify_cert_error_string(error));
   const auto* end = std::end(tolerated_errors);

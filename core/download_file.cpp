@@ -8,6 +8,7 @@
 
 #include <algorithm>
 
+#include "core/cause.h"
 #include "core/result.h"
 #include "core/written_file.h"
 #include "log/log.h"
@@ -41,6 +42,7 @@ bool download_file::open(const char* path) {
   fd_.reset(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
   if (fd_) return true;
   const int error = errno;
+  note_cause(DL_CAUSE_LOCAL_FILE, error);
   log_line(module_, DL_LOG_ERROR, "Can't open %s\n", printable(path).c_str());
   log_line(module_, DL_LOG_NOTICE, "open errno %d\n", error);
   return false;
@@ -90,6 +92,7 @@ int download_file::flush(dl_result* result) {
 }
 
 int download_file::write_failed(dl_result* result, const char* operation) {
+  note_cause(DL_CAUSE_LOCAL_FILE, errno);
   log_line(module_, DL_LOG_ERROR, "%s error on %s, errno %d\n", operation, printable(path_.c_str()).c_str(),
            errno);
   return fail(result, DL_ERR_READ);

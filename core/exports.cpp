@@ -10,6 +10,7 @@
 
 #include "core/base64.h"
 #include "core/boundary.h"
+#include "core/cause.h"
 #include "core/config.h"
 #include "core/dispatch.h"
 #include "core/dispatch_request.h"
@@ -75,9 +76,16 @@ int dl_get_error_string(int32_t code, char* buffer, uint32_t size) {
   return snprintf(buffer, buffer ? size : 0, "%s", error_text(code));
 }
 
+int dl_last_cause(dl_cause_info* info) {
+  const dl_cause_info& cause = last_cause();
+  if (info) *info = cause;
+  return cause.cause;
+}
+
 // ------------------------------------------------------------------ transfers over any protocol
 
 int dl_open(const dl_request* request, dl_handle** handle, char* redirect, dl_result* result) {
+  clear_cause();
   return dispatched("dl_open", [&] {
     if (handle) *handle = nullptr;
     if (!request || !request->url || !result || !handle) return invalid_parameter();
@@ -101,6 +109,7 @@ void dl_close(dl_handle* handle) {
 }
 
 int dl_download(const dl_request* request, const char* local_path, char* redirect, dl_result* result) {
+  clear_cause();
   return dispatched("dl_download", [&] {
     if (!request || !request->url || !result || !local_path) return invalid_parameter();
     return download(*request, local_path, redirect, *result);
@@ -109,6 +118,7 @@ int dl_download(const dl_request* request, const char* local_path, char* redirec
 
 int dl_upload(const dl_request* request, const char* local_path, const char* remote_name, char* redirect,
               dl_result* result, const char* headers, int32_t mode, uint32_t limit_mode) {
+  clear_cause();
   return dispatched("dl_upload", [&] {
     if (!result || !request || !request->url || !local_path) return invalid_parameter();
     return upload({*request, local_path, remote_name, redirect, result, headers, mode, limit_mode});

@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <sys/stat.h>
 
+#include "core/cause.h"
 #include "log/log.h"
 #include "log/printable.h"
 
@@ -17,6 +18,7 @@ bool is_upload_file(int module, const char* path) {
 }
 
 void log_unreadable(int module, const char* path, int error) {
+  note_cause(DL_CAUSE_LOCAL_FILE, error);
   log_line(module, DL_LOG_ERROR, "Can't read %s, errno %d\n", printable(path).c_str(), error);
 }
 

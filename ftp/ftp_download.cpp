@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "core/cause.h"
 #include "core/config.h"
 #include "core/download_file.h"
 #include "core/result.h"
@@ -26,6 +27,7 @@ int ask_size(dl_ftp_session& session, std::string_view name, ftp_reply& reply) {
   if (rc >= 0 && !size) rc = DL_ERR_FTP_REPLY;
   if (rc < 0) return log_and_return(DL_LOG_FTP, rc, "Get file size error\n");
   if (*size > UINT32_MAX) {
+    note_cause(DL_CAUSE_TOO_LARGE);
     log_line(DL_LOG_FTP, DL_LOG_WARNING, "File of 4 GiB or more, its end is out of reach\n");
     ftp_mark_cut(session);
   }
@@ -50,8 +52,10 @@ ssize_t receive_some(int sock, std::span<char> to, int timeout_s, dl_result* res
   if (received.wait_failed) {
     ftp_log_failed_wait(received.error);
   } else if (received.count == 0) {
+    note_symptom(DL_CAUSE_FILE_CUT);
     log_line(DL_LOG_FTP, DL_LOG_ERROR, "data connection closed too early\n");
   } else {
+    note_symptom(DL_CAUSE_BROKEN, received.error);
     log_line(DL_LOG_FTP, DL_LOG_ERROR, "read error! errno %d\n", received.error);
   }
   return fail(result, DL_ERR_READ);
@@ -59,6 +63,7 @@ ssize_t receive_some(int sock, std::span<char> to, int timeout_s, dl_result* res
 
 // The file goes on where the count of what remains has ended: this is no complete copy.
 int fail_cut(dl_result* result) {
+  note_cause(DL_CAUSE_TOO_LARGE);
   log_line(DL_LOG_FTP, DL_LOG_ERROR, "File of 4 GiB or more cannot be read to its end\n");
   return fail(result, DL_ERR_READ);
 }

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "core/cause.h"
 #include "core/config.h"
 #include "core/text.h"
 #include "ftp/ftp_codes.h"
@@ -48,6 +49,7 @@ int dl_recv_reply(const dl_ftp_session& session, ftp_reply& reply, ftp_expected 
       return expected.code != 0 && *code != expected.code ? expected.mismatch : *code;
     }
   }
+  note_symptom(DL_CAUSE_NO_REPLY);
   log_line(DL_LOG_FTP, DL_LOG_NOTICE, "no final reply line\n");
   return DL_ERR_READ;
 }

@@ -5,6 +5,7 @@
 #include <stddef.h>
 #include <string.h>
 
+#include "core/cause.h"
 #include "core/config.h"
 #include "core/owners.h"
 #include "core/ports.h"
@@ -99,6 +100,7 @@ int open_connections(dl_ftp_session& session, const ftp_server& server, const ne
 }  // namespace
 
 bool ftp_check_open(const ftp_outcome& out, const ftp_server& server, const char* name) {
+  clear_cause();
   const bool good = out.handle && out.result && server.host && name && server.port <= max_port &&
                     strnlen(server.host, sizeof(dl_ftp_session::host)) < sizeof(dl_ftp_session::host) &&
                     !has_line_break(or_empty(server.user)) && !has_line_break(or_empty(server.password)) &&

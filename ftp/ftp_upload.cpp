@@ -7,6 +7,7 @@
 
 #include <algorithm>
 
+#include "core/cause.h"
 #include "core/config.h"
 #include "core/files.h"
 #include "core/owners.h"
@@ -142,6 +143,7 @@ int send_contents(dl_ftp_session& session, int file, const char* local_path, dl_
       ftp_log_failed_wait(sent.error);
       return fail(result, DL_ERR_SEND);
     case send_end::send_failed:
+      note_symptom(DL_CAUSE_BROKEN, sent.error);
       log_line(DL_LOG_FTP, DL_LOG_ERROR, "read error! errno %d\n", sent.error);
       return fail(result, DL_ERR_SEND);
     case send_end::no_memory:

@@ -7,6 +7,7 @@
 #include <array>
 
 #include "core/boundary.h"
+#include "core/cause.h"
 #include "core/config.h"
 #include "core/text.h"
 #include "log/log.h"
@@ -71,6 +72,7 @@ int send_message(http_channel& channel, const http_msg& message) {
   const std::span<const char> rest = body.substr(joined);
   const int rc = with_stream(channel, [&](stream& to) {
     if (to.write_all(head) == 0 && to.write_all(rest) == 0) return 0;
+    note_symptom(DL_CAUSE_SEND, errno);
     return log_and_return(DL_LOG_HTTP, DL_ERR_SEND, "write error, errno %d\n", errno);
   });
   wipe(head);
@@ -80,8 +82,10 @@ int send_message(http_channel& channel, const http_msg& message) {
 // What a failed read met; nothing is known of one that was not made.
 void log_failed_read(const io_result& outcome) {
   if (outcome.wait_failed) {
+    note_symptom(DL_CAUSE_WAIT, outcome.error);
     log_line(DL_LOG_HTTP, DL_LOG_ERROR, "Select error! errno %d\n", outcome.error);
   } else if (outcome.count < 0) {
+    note_symptom(DL_CAUSE_BROKEN, outcome.error);
     log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "read failed, errno %d\n", outcome.error);
   }
 }

@@ -2,6 +2,7 @@
 #include "http/http_open.h"
 
 #include "core/boundary.h"
+#include "core/cause.h"
 #include "core/config.h"
 #include "core/result.h"
 #include "core/url.h"
@@ -74,6 +75,7 @@ int exchange(const http_plan& plan, http_channel& channel) {
 int open_new_session(const http_plan& plan, unique_http_session& session) {
   clear_result(plan.result);
   set_last_status(0);
+  clear_cause();
   log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "URL : %s\n", printable_url(plan.request.url).c_str());
   session = new_http_session();
   if (!session) return log_and_return(DL_LOG_HTTP, DL_ERR_MEMORY, "Out of Memory\n");

@@ -9,6 +9,7 @@
 #include <optional>
 
 #include "core/boundary.h"
+#include "core/cause.h"
 #include "core/config.h"
 #include "core/owners.h"
 #include "core/text.h"
@@ -87,19 +88,25 @@ int response_loop::read_response() {
   if (length < 0) return length;
   const auto status = parse_status_line({line.data(), static_cast<std::size_t>(length)});
   if (!status) {
+    note_symptom(length == 0 ? DL_CAUSE_SILENT : DL_CAUSE_NOT_HTTP);
     log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "%s\n",
              length == 0 ? "no answer before the end" : "not an HTTP answer");
     return DL_ERR_INVALID_DATA;
   }
   if (*status < 0) {
+    note_symptom(DL_CAUSE_NOT_HTTP);
     log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "not an HTTP answer\n");
     return *status;
   }
+  clear_cause();
   log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "response code: %d\n", *status);
   set_last_status(*status);
   http_response_facts facts{.known = true, .status = *status};
   if (const int rc = read_headers(facts.header_cut); rc < 0) return rc;
-  if (facts.header_cut) log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "the header block ends early\n");
+  if (facts.header_cut) {
+    note_cause(DL_CAUSE_HEADER_CUT);
+    log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "the header block ends early\n");
+  }
   note_body(facts);
   if (channel_.own) channel_.own->response = facts;
   return *status;
@@ -161,7 +168,10 @@ step_outcome response_loop::dispatch(int status) {
 step_outcome response_loop::follow_redirect() {
   if (redirects_ >= redirect_limit_) return DL_ERR_REDIRECTS;
   const char* line = header("location");
-  if (!line) return log_and_return(DL_LOG_HTTP, DL_ERR_REDIRECTS, "Can't find location header\n");
+  if (!line) {
+    note_cause(DL_CAUSE_NO_TARGET);
+    return log_and_return(DL_LOG_HTTP, DL_ERR_REDIRECTS, "Can't find location header\n");
+  }
   if (const int rc = take_target(header_value(line, strlen("location"))); rc < 0) return rc;
   if (const int rc = rebuild_message(); rc < 0) return rc;
   if (const int rc = proxied_ ? drain_proxied() : renew_connection(); rc < 0) return rc;
@@ -294,6 +304,7 @@ int response_loop::resend_with(const auth_work& answer) {
 }
 
 int response_loop::auth_failed(const char* text) {
+  note_cause(DL_CAUSE_CHALLENGE);
   http_session_reset(channel_);
   return log_and_return(DL_LOG_HTTP, DL_ERR_AUTH, "%s", text);
 }

@@ -40,6 +40,13 @@ extern "C" {
  * Any thread. */
 FETCHRIG_API int dl_get_error_string(int32_t code, char *buffer, uint32_t size);
 
+/* Stores in `info` (264 bytes, or null) the most telling cause of what the calling thread's last transfer or
+ * certificate operation met, and returns it (enum dl_cause). A transfer begins with the call that opens a session or
+ * moves a whole file; reading and sending go on with it, and what a later connection or HTTP response makes good is
+ * forgotten. What the other side or OpenSSL said counts before what it led to. Ask it after a failure, or where a
+ * success may leave a cause. Touches nothing else, errno included: a log callback may call it. */
+FETCHRIG_API int dl_last_cause(dl_cause_info *info);
+
 /* ---------------------------------------------------------------- configuration */
 
 /* Initialises the library: defaults, log to the system log under "QXFR" (dl_log_init() with flags 1), OpenSSL, which
@@ -274,7 +281,7 @@ FETCHRIG_API int dl_tftp_send_file(const char *host, uint32_t port, const char *
  * be read. Files that receive a private key are written beside their place, synced and renamed, so that a failure keeps
  * the old file; devices and pipes are written to. Their mode is 0600, or the old file's where that was this user's own
  * and closed to others. Commands of the store (mkdir, ln, rm) run in the shell and read nothing of the standard input;
- * one that fails is logged at error level of DL_LOG_CMN, the call's result stays. */
+ * one that fails is logged at error level of DL_LOG_CMN and noted (DL_CAUSE_COMMAND), the call's result stays. */
 
 /* Issues a client certificate for `subject` ("/O=Acme/CN=0011AB") with the CA in `ca_cert` and `ca_key`. The RSA key
  * comes from `key_file` when that holds one in PEM without a pass phrase; else it is generated with `bits` bits,
@@ -291,6 +298,10 @@ FETCHRIG_API int dl_generate_client_cert(const char *ca_cert, const char *ca_key
  * enum dl_cert_verify_code in `result`. Writes "path: " to standard output. */
 FETCHRIG_API int dl_cert_verify(const char *path, const char *ca_dir, const char *ca_file, uint32_t flags,
                                 dl_result *result);
+/* The problems that the calling thread's last dl_cert_verify() met in the chain, let pass or not, in the order in which
+ * OpenSSL told them: stores at most `count` of its numbers (X509_V_ERR_) in `numbers` and returns how many, at most
+ * DL_MAX_VERIFY_PROBLEMS. A certificate that verified with problems was let pass and is not trusted. */
+FETCHRIG_API int dl_cert_verify_problems(int32_t *numbers, int32_t count);
 /* Describes a certificate file. Returns 0, -1 (null argument) or -2 (not readable); the record is not cleared. */
 FETCHRIG_API int dl_get_ca_info(const char *path, dl_ca_info *info);
 /* The long form; `flags` bit 0 also reads the private key that follows the certificate. A DER file is rewritten as
@@ -298,7 +309,7 @@ FETCHRIG_API int dl_get_ca_info(const char *path, dl_ca_info *info);
 FETCHRIG_API int dl_get_ca_info_ex(const char *path, dl_ca_info_ex *info, uint32_t flags, dl_result *result);
 /* Lists the trusted-CA store (option 1), at most 10 entries. Every name with ".0" in it counts as an entry; one that
  * leads nowhere, or was read to its end and holds no certificate, is removed, which is logged at notice level. Returns
- * 0, -1 (null) or -2 (the directory cannot be opened). */
+ * 0, with DL_CAUSE_LIST_FULL when names were left out, -1 (null) or -2 (the directory cannot be opened). */
 FETCHRIG_API int dl_get_trust_ca_info(dl_trust_ca_list *list);
 /* The long form. Returns 0, or -1 with code 1 (`list` is null) or 2 (the directory cannot be opened) in `result`. After
  * 0 the code is the last looked-at entry's: 0, or 1 when that was no certificate. No text is stored. */
@@ -306,13 +317,15 @@ FETCHRIG_API int dl_get_trust_ca_info_ex(dl_trust_ca_list_ex *list, dl_result *r
 /* Describes the device certificate (option 2). Returns 0, -1, -2, or -3 when its private key does not belong to it. */
 FETCHRIG_API int dl_get_ser_ca_info(dl_ca_info *info);
 /* Installs a CA certificate into the store. Returns 0, -1 (also for a store whose path is too long for dl_del_ca()), -2
- * (already installed) or -3 (among the factory CAs). 0 does not tell that copying and linking worked: see the log. */
+ * (already installed) or -3 (among the factory CAs). 0 does not tell that copying and linking worked; dl_last_cause()
+ * does. */
 FETCHRIG_API int dl_install_ca(const char *path);
-/* Removes the certificate at `path` and its store entries. Returns 0, also when a removal failed: see the log. */
+/* Removes the certificate at `path` and its store entries. Returns 0, also when a removal failed, of which
+ * dl_last_cause() tells. */
 FETCHRIG_API int dl_del_ca(const char *path);
 /* Installs a PEM file with certificate and private key as the device certificate (option 2). Returns 0 or -2 to -8:
  * no key, no certificate, mismatch, set-up, directory, path or method or already installed, factory certificate.
- * When the file cannot be written the result is 0 too, with an error in the log and the old file untouched. Where the
+ * When the file cannot be written the result is 0 too, with DL_CAUSE_LOCAL_FILE and the old file untouched. Where the
  * option names a link, its target is replaced. */
 FETCHRIG_API int dl_install_ser_ca(const char *path);
 /* Installs a certificate or key alone, completed from the current device certificate. Returns 0, or -1 with nothing

@@ -46,10 +46,57 @@ enum dl_code {
   DL_ERR_FTP_PASS = -19         /* FTP PASS refused; "Unknown Error" */
 };
 
+/* Why a call failed, where its code names the step alone: see dl_last_cause(). Brackets say what the record's number
+ * is; elsewhere it is 0. Later versions may add causes. */
+enum dl_cause {
+  DL_CAUSE_NONE = 0, /* nothing noted: the code says all */
+
+  /* No connection came about. */
+  DL_CAUSE_HOST = 1,            /* the host's name does not resolve [getaddrinfo()'s EAI_ number] */
+  DL_CAUSE_CONNECT = 2,         /* no TCP connection [errno, 0: not within option 7] */
+  DL_CAUSE_TRUSTED_CAS = 3,     /* option 11 cannot be loaded [OpenSSL's error; text: its reason] */
+  DL_CAUSE_CLIENT_CERT = 4,     /* the certificate in the file of option 12 cannot be read */
+  DL_CAUSE_CLIENT_KEY = 5,      /* its private key cannot be read */
+  DL_CAUSE_HANDSHAKE_ENDED = 6, /* the connection ended in the TLS handshake [errno, ETIMEDOUT: the TLS wait limit] */
+  DL_CAUSE_CHAIN = 7,           /* the server's certificate chain does not verify [X509_V_ERR_] */
+  DL_CAUSE_SERVER_NAME = 8,     /* the server's certificate does not name the host */
+
+  /* In the TLS handshake or later. */
+  DL_CAUSE_TLS = 9,        /* OpenSSL gave up [OpenSSL's error; text: its reason] */
+  DL_CAUSE_TLS_ALERT = 10, /* the server ended TLS with an alert [its number; text: OpenSSL's name for it] */
+
+  /* On a connection. */
+  DL_CAUSE_WAIT = 11,       /* nothing came, or nothing more was taken, within the limit [errno, 0: the limit passed] */
+  DL_CAUSE_SEND = 12,       /* an HTTP request could not be sent [errno; EAGAIN or ETIMEDOUT: the limit passed] */
+  DL_CAUSE_BROKEN = 13,     /* the connection broke [errno, 0: not known; ETIMEDOUT: the TLS wait limit] */
+  DL_CAUSE_SILENT = 14,     /* an HTTP server closed the connection without an answer */
+  DL_CAUSE_NOT_HTTP = 15,   /* the answer is not HTTP */
+  DL_CAUSE_NO_REPLY = 16,   /* an FTP server closed the connection without a whole reply */
+  DL_CAUSE_FILE_CUT = 17,   /* an FTP data connection ended before the whole file had come */
+  DL_CAUSE_NO_TARGET = 18,  /* a redirect without "Location" */
+  DL_CAUSE_CHALLENGE = 19,  /* a challenge that cannot be answered: not of a kind that is supported */
+  DL_CAUSE_TFTP_ERROR = 20, /* a TFTP server sent an error [its number; text: its message] */
+
+  /* What a call that succeeds may leave, too. */
+  DL_CAUSE_HEADER_CUT = 21, /* the HTTP response ended inside its header block */
+  DL_CAUSE_TOO_LARGE = 22,  /* the file on the FTP server has 4 GiB or more: its end is out of reach */
+  DL_CAUSE_LIST_FULL = 23,  /* the trusted-CA store has names that were not looked at: the list was full */
+  DL_CAUSE_LOCAL_FILE = 24, /* a local file was not written, or not read to its end [errno] */
+  DL_CAUSE_COMMAND = 25,    /* a command of the trusted-CA store failed [its exit status, -1: not run] */
+  DL_CAUSE_DIRECTORY = 26   /* a directory of the certificates can neither be opened nor made */
+};
+
+/* A cause, 264 bytes. */
+typedef struct dl_cause_info {
+  int32_t cause;  /* enum dl_cause */
+  int32_t number; /* what the cause says of it */
+  char text[256]; /* likewise, printable and cut to 255 characters; else empty */
+} dl_cause_info;
+
 /* The outcome of a call, 260 bytes, the caller's. Zero it before the call: opening calls clear it, reads and sends
  * fill it on failure alone, and dl_open(), dl_read(), dl_download() and dl_upload() leave it as it was when they refuse
- * their arguments, as each of them says. A local file that cannot be created fails with code 0 and no text; the log
- * tells why. */
+ * their arguments, as each of them says. A local file that cannot be created fails with code 0 and no text;
+ * dl_last_cause() and the log tell why. */
 typedef struct dl_result {
   int32_t code;      /* 0, a negative dl_code, or a status the server answered with */
   char message[256]; /* text for the code, NUL-terminated; empty on success */
@@ -367,6 +414,9 @@ typedef struct dl_trust_ca_list_ex {
   uint32_t count; /* 0 to 10 */
   dl_ca_info_ex entries[10];
 } dl_trust_ca_list_ex;
+
+/* The most problems that dl_cert_verify_problems() tells of. */
+#define DL_MAX_VERIFY_PROBLEMS 16
 
 /* Codes of dl_cert_verify() in dl_result.code. */
 enum dl_cert_verify_code {

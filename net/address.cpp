@@ -1,6 +1,7 @@
 // address.cpp: look-ups with the IPv6 rule.
 #include "net/address.h"
 
+#include "core/cause.h"
 #include "log/log.h"
 
 namespace fetchrig {
@@ -12,6 +13,7 @@ address_list look_up_host(const char* host, int ipv6, int socket_type) {
   addrinfo* list = nullptr;
   const int error = host ? ::getaddrinfo(host, nullptr, &hints, &list) : EAI_NONAME;
   if (error == 0) return address_list(list);
+  note_cause(DL_CAUSE_HOST, error);
   log_line(DL_LOG_CMN, DL_LOG_ERROR, "getaddrinfo: %s\n", gai_strerror(error));
   return nullptr;
 }

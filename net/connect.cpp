@@ -10,6 +10,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include "core/cause.h"
 #include "core/owners.h"
 #include "log/log.h"
 #include "log/printable.h"
@@ -114,6 +115,12 @@ void set_connection_options(int sock, int seconds) {
   ::setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
 }
 
+// The error that decided; 0 when the time was over.
+int connect_error(const connect_outcome& outcome) {
+  if (outcome.result == 0) return 0;
+  return outcome.pending > 0 ? outcome.pending : outcome.error;
+}
+
 // A connected socket, or an empty owner after logging why.
 unique_fd connect_address(const addrinfo& entry, int port, int seconds) {
   const socket_address address(entry, port);
@@ -128,7 +135,11 @@ unique_fd connect_address(const addrinfo& entry, int port, int seconds) {
   log_line(DL_LOG_CMN, DL_LOG_INFO, "Connecting IP = %s, Port = %d\n", text, port);
   const connect_outcome outcome =
       seconds == 0 ? connect_blocking(sock.get(), address) : connect_within(sock.get(), address, seconds);
-  if (outcome.connected) return sock;
+  if (outcome.connected) {
+    clear_cause();
+    return sock;
+  }
+  note_cause(DL_CAUSE_CONNECT, connect_error(outcome));
   log_line(DL_LOG_CMN, DL_LOG_ERROR, "Connect Failed! ret %d, errno %d timeout %d error %d\n", outcome.result,
            outcome.error, seconds, outcome.pending);
   return unique_fd();
@@ -138,6 +149,7 @@ unique_fd connect_address(const addrinfo& entry, int port, int seconds) {
 
 int connect_to_host(const char* host, int port, int ipv6, int seconds) {
   log_line(DL_LOG_CMN, DL_LOG_INFO, "Connecting %s:%d\n", printable(host).c_str(), port);
+  clear_cause();
   const address_list list = look_up_host(host, ipv6, SOCK_STREAM);
   if (!list) return DL_ERR_HOST;
   const addrinfo* entry = first_usable(list.get(), ipv6);

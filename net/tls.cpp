@@ -16,6 +16,7 @@
 #include "cert/tls_context.h"
 #include "core/boundary.h"
 #include "core/ca_directory.h"
+#include "core/cause.h"
 #include "core/config.h"
 #include "core/small_file.h"
 #include "core/text.h"
@@ -58,7 +59,9 @@ bool add_trusted_cas(SSL_CTX* ctx, const char* ca_dir) {
 int load_trusted_cas(SSL_CTX* ctx, const char* ca_dir) {
   ERR_clear_error();
   if (add_trusted_cas(ctx, ca_dir)) return 0;
-  const char* reason = ERR_reason_error_string(ERR_get_error());
+  const unsigned long error = ERR_get_error();
+  const char* reason = ERR_reason_error_string(error);
+  note_cause(DL_CAUSE_TRUSTED_CAS, static_cast<int>(error), or_empty(reason));
   log_line(DL_LOG_CMN, DL_LOG_ERROR, "loading CA certificate: %s\n", reason ? reason : "");
   return DL_ERR_CONNECT;
 }
@@ -96,15 +99,18 @@ int load_client_certificate(SSL_CTX* ctx, const char* path) {
   const small_file file(path);
   if (file.error() != 0) {
     log_line(DL_LOG_CMN, DL_LOG_NOTICE, "client certificate: errno %d\n", file.error());
+    note_cause(DL_CAUSE_CLIENT_CERT);
     return refuse("load publick key error\n");
   }
   if (!load_certificate(ctx, file)) {
     log_reason("client certificate");
+    note_cause(DL_CAUSE_CLIENT_CERT);
     return refuse("load publick key error\n");
   }
   const unique_pkey key = read_key(file);
   if (!key) {
     log_reason("client key");
+    note_cause(DL_CAUSE_CLIENT_KEY);
     return refuse("Can't load private key from CA_serverfile\n");
   }
   const X509* certificate = SSL_CTX_get0_certificate(ctx);
@@ -156,6 +162,8 @@ int hand_shake(int sock, SSL_CTX* ctx, const char* host, unique_ssl& ssl) {
     return 0;
   }
   const int error = errno;
+  note_tls_error(ERR_peek_error());
+  note_symptom(DL_CAUSE_HANDSHAKE_ENDED, error);
   log_reason("TLS handshake");
   log_line(DL_LOG_CMN, DL_LOG_NOTICE, "TLS handshake errno %d\n", error);
   return refuse("SSL Connect error\n");
@@ -171,10 +179,12 @@ int check_server(SSL* ssl, const char* host, bool check_host) {
   if (!certificate) return distrust("get peer error\n");
   const long verdict = SSL_get_verify_result(ssl);
   if (verdict != X509_V_OK) {
+    note_cause(DL_CAUSE_CHAIN, static_cast<int>(verdict));
     log_line(DL_LOG_CMN, DL_LOG_ERROR, "Certificate doesn't verify and error is %ld\n", verdict);
     return distrust(nullptr);
   }
   if (!check_host || ssl_check_host_name(certificate.get(), host) == 0) return 0;
+  note_cause(DL_CAUSE_SERVER_NAME);
   return distrust("Common name and subject alt name doesn't match host name\n");
 }
 

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 
+#include "core/cause.h"
 #include "log/log.h"
 #include "net/tls_bio.h"
 
@@ -37,6 +38,7 @@ int run(SSL* ssl, Call call) {
 // errno alone.
 void log_reason(const char* operation) {
   const int error = errno;
+  note_tls_error(ERR_peek_error());
   const char* reason = ERR_reason_error_string(ERR_peek_error());
   if (reason) log_line(DL_LOG_CMN, DL_LOG_NOTICE, "%s: %s\n", operation, reason);
   errno = error;

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 
+#include "core/cause.h"
 #include "core/config.h"
 #include "core/cursor.h"
 #include "core/owners.h"
@@ -74,12 +75,14 @@ void log_server_error(std::string_view datagram) {
   const auto code = in.u16be();
   if (!code || *opcode != static_cast<uint16_t>(tftp_opcode::error)) return;
   const std::string_view message = in.rest().substr(0, in.rest().find('\0'));
+  note_cause(DL_CAUSE_TFTP_ERROR, *code, message);
   log_line(DL_LOG_TFTP, DL_LOG_WARNING, "server error %d: %s\n", *code, printable(message).c_str());
 }
 
 }  // namespace
 
 int tftp_check_open(dl_tftp_session** handle, const tftp_target& target, dl_result* result) {
+  clear_cause();
   const bool good = handle && target.host && target.remote_name && target.port <= max_port && result &&
                     ::strnlen(target.remote_name, tftp_max_name_len + 1) <= tftp_max_name_len;
   if (good) {
@@ -203,8 +206,9 @@ ssize_t tftp_receive(dl_tftp_session& session, int timeout_s, tftp_packet_buffer
   // The wait is repeated when a signal came in between, or when the datagram it saw was dropped (a bad checksum).
   do {
     if (const int ready = wait_ready(session.sock, wait_readable, timeout_s); ready <= 0) {
-      // A time-out sets no errno.
-      log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Error Select! errno %d\n", ready < 0 ? errno : 0);
+      const int error = ready < 0 ? errno : 0;  // a time-out sets none
+      note_symptom(DL_CAUSE_WAIT, error);
+      log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Error Select! errno %d\n", error);
       return fail(result, DL_ERR_READ);
     }
     socklen_t sender_len = sizeof sender;

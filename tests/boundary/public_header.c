@@ -16,6 +16,7 @@
 
 /* Records of fixed widths are the same everywhere. */
 ASSERT_LAYOUT(sizeof(dl_result) == 260); AT(dl_result, message, 4);
+ASSERT_LAYOUT(sizeof(dl_cause_info) == 264); AT(dl_cause_info, number, 4); AT(dl_cause_info, text, 8);
 ASSERT_LAYOUT(sizeof(dl_ring_entry) == 128); AT(dl_ring_entry, number, 1); AT(dl_ring_entry, name, 2);
 ASSERT_LAYOUT(sizeof(dl_ca_info) == 260); AT(dl_ca_info, org, 64); AT(dl_ca_info, not_after, 128);
 AT(dl_ca_info, hash, 192); AT(dl_ca_info, path, 196); ASSERT_LAYOUT(sizeof(dl_trust_ca_list) == 4 + 10 * 260);

@@ -119,6 +119,24 @@ TEST_F(http_response, status_and_end_of_the_body_are_known) {
   EXPECT_EQ(0, dl_http_last_status()) << "of an earlier call";
 }
 
+// A cause of an earlier call, or of another thread's, would name a trouble that there was not.
+TEST_F(http_response, causes_are_those_of_the_threads_last_transfer) {
+  const auto cause = [] {
+    dl_cause_info info = {};
+    return dl_last_cause(&info) == info.cause ? std::pair(info.cause, info.number) : std::pair(-1, -1);
+  };
+  const std::pair<int, int> none(DL_CAUSE_NONE, 0);
+  fetch({.url = "http://127.0.0.1:" + std::to_string(free_port()) + "/"});
+  EXPECT_EQ(std::pair(int{DL_CAUSE_CONNECT}, ECONNREFUSED), cause());
+  std::thread([&] { EXPECT_EQ(none, cause()); }).join();
+  EXPECT_EQ(DL_ERR_URL, fetch({.url = "gopher://x/"}).code);
+  EXPECT_EQ(none, cause());
+  EXPECT_EQ(0, talk({answered(head_200 + "Content-Le")}).code);
+  EXPECT_EQ(DL_CAUSE_HEADER_CUT, cause().first);
+  talk({answered(response("200 OK", "body"))});
+  EXPECT_EQ(none, cause());
+}
+
 // clang-format off
 TEST_F(http_response, redirects_and_broken_answers) {
   const string at_b = self + "/b", closed = "http://127.0.0.1:" + std::to_string(free_port()) + "/";
