@@ -14,8 +14,8 @@ namespace fetchrig::cli {
 
 class ca_bundle {
  public:
-  // The library must have been initialised. Throws failure when `pem_file` cannot be read or holds no
-  // certificate.
+  // The library must have been initialised.
+  // Throws failure when `pem_file` cannot be read or holds no certificate.
   explicit ca_bundle(const std::string& pem_file);
 
   const std::string& directory() const { return directory_.path(); }

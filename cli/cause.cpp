@@ -1,14 +1,14 @@
-// cause.cpp: from log lines and codes to causes.
+// cause.cpp: from the library's codes and causes to words.
 #include "cause.h"
 
 #include <errno.h>
+#include <netdb.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
 #include <string.h>
-#include <sys/stat.h>
 
 #include <algorithm>
-#include <charconv>
 #include <iterator>
-#include <optional>
 
 #include "hashed_directory.h"
 #include "options.h"
@@ -17,34 +17,12 @@
 namespace fetchrig::cli {
 namespace {
 
-// The last causes met, empty when there was none.
-struct learnt_causes {
-  std::string host;        // why the name was not found
-  std::string connecting;  // why there is no connection, TLS included
-  std::string talking;     // what went wrong on a connection
-  bool beyond_counting = false;
-  bool answer_cut = false;
-};
-
-// Written by the log callback, which runs on the command's only thread.
-learnt_causes learnt;
-
 std::string within_limit() {
   return " within " + std::to_string(wait_limit_s()) + " s";
 }
 
 std::string in_quotes(std::string_view text) {
   return "\"" + printable(text) + "\"";
-}
-
-// The number at the front of `text`, which may follow `name` somewhere in it.
-std::optional<int> number_after(std::string_view text, std::string_view name) {
-  const std::size_t at = text.find(name);
-  if (at == text.npos) return std::nullopt;
-  text.remove_prefix(at + name.size());
-  int number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  return error == std::errc() ? std::optional(number) : std::nullopt;
 }
 
 bool is_time_out(int error) {
@@ -59,164 +37,148 @@ std::string ca_directory_remark() {
   return "";
 }
 
-std::string host_words(std::string_view rest) {
-  return "host not found: " + printable(rest);
+std::string host_words(const dl_cause_info& cause) {
+  return "host not found: " + printable(gai_strerror(cause.number));
 }
 
-// "ret %d, errno %d timeout %d error %d": the results of connect or of the wait for it.
-std::string connect_words(std::string_view rest) {
-  if (number_after(rest, "ret ") == 0) return "no connection" + within_limit();
-  const int pending = number_after(rest, " error ").value_or(0);
-  const int error = pending > 0 ? pending : number_after(rest, "errno ").value_or(0);
-  return error == ECONNREFUSED ? "connection refused" : std::string("no connection: ") + strerror(error);
+std::string connect_words(const dl_cause_info& cause) {
+  if (cause.number == 0) return "no connection" + within_limit();
+  return cause.number == ECONNREFUSED ? "connection refused"
+                                      : std::string("no connection: ") + strerror(cause.number);
 }
 
-// An alert is what the server said; the rest are OpenSSL's own complaints.
-std::string tls_words(std::string_view rest) {
-  constexpr std::string_view alert = " alert ";
-  const std::size_t at = rest.find(alert);
-  if (at == rest.npos) {
-    const bool other_protocol = rest == "wrong version number" || rest == "http request";
-    return "TLS failed: " + printable(rest) + (other_protocol ? ", is there a TLS server?" : "");
-  }
-  std::string words = "the server ended TLS with the alert " + in_quotes(rest.substr(at + alert.size()));
+std::string tls_words(const dl_cause_info& cause) {
+  const unsigned long error = static_cast<std::uint32_t>(cause.number);
+  const int reason = ERR_GET_LIB(error) == ERR_LIB_SSL ? ERR_GET_REASON(error) : 0;
+  const bool other_protocol = reason == SSL_R_WRONG_VERSION_NUMBER || reason == SSL_R_HTTP_REQUEST;
+  return "TLS failed: " + printable(cause.text) + (other_protocol ? ", is there a TLS server?" : "");
+}
+
+// OpenSSL's name for an alert starts with the TLS version; a few lack the word behind it.
+std::string alert_words(const dl_cause_info& cause) {
+  constexpr std::string_view mark = " alert ";
+  const std::string_view name = cause.text;
+  const std::size_t at = name.find(mark);
+  if (at == name.npos) return tls_words(cause);
+  std::string words = "the server ended TLS with the alert " + in_quotes(name.substr(at + mark.size()));
   // Before TLS 1.3 the lack of a certificate had no alert of its own.
-  if (rest.ends_with("certificate required")) words += ", it needs a client certificate (--cert)";
-  if (rest.ends_with("handshake failure")) words += ", it may need a client certificate (--cert)";
+  if (cause.number == SSL_AD_CERTIFICATE_REQUIRED) words += ", it needs a client certificate (--cert)";
+  if (cause.number == SSL_AD_HANDSHAKE_FAILURE) words += ", it may need a client certificate (--cert)";
   return words;
 }
 
-std::string handshake_words(std::string_view rest) {
-  return rest == "no reason given" ? std::string() : tls_words(rest);
-}
-
-std::string handshake_errno_words(std::string_view rest) {
-  if (number_after(rest, "") == ETIMEDOUT) return "no answer to the TLS handshake" + within_limit();
+std::string handshake_words(const dl_cause_info& cause) {
+  if (cause.number == ETIMEDOUT) return "no answer to the TLS handshake" + within_limit();
   return "the server closed the connection during the TLS handshake";
 }
 
-std::string chain_words(std::string_view rest) {
-  const int number = number_after(rest, "").value_or(0);
-  const char* reason = chain_reason(number);
-  const std::string told = reason ? reason : "OpenSSL's error " + std::to_string(number);
+std::string chain_words(const dl_cause_info& cause) {
+  const char* reason = chain_reason(cause.number);
+  const std::string told = reason ? reason : "OpenSSL's error " + std::to_string(cause.number);
   return "the server's certificate is not trusted: " + told + ca_directory_remark();
 }
 
-std::string host_name_words(std::string_view) {
+std::string server_name_words(const dl_cause_info&) {
   return "the server's certificate does not name this host";
 }
 
-std::string ca_words(std::string_view rest) {
-  return "the trusted CAs cannot be loaded: " + printable(rest);
+std::string ca_words(const dl_cause_info& cause) {
+  return "the trusted CAs cannot be loaded: " + printable(cause.text);
 }
 
-std::string key_words(std::string_view) {
+std::string key_words(const dl_cause_info&) {
   return "the client certificate's private key cannot be read (a pass phrase comes from "
          "FETCHRIG_KEY_PASSPHRASE)";
 }
 
-std::string certificate_words(std::string_view) {
+std::string certificate_words(const dl_cause_info&) {
   return "the client certificate cannot be read";
 }
 
-std::string wait_words(std::string_view rest) {
-  const int error = number_after(rest, "").value_or(0);
-  return is_time_out(error) ? "no answer" + within_limit()
-                            : std::string("waiting failed: ") + strerror(error);
+std::string wait_words(const dl_cause_info& cause) {
+  return is_time_out(cause.number) ? "no answer" + within_limit()
+                                   : std::string("waiting failed: ") + strerror(cause.number);
 }
 
-std::string write_words(std::string_view rest) {
-  const int error = number_after(rest, "").value_or(0);
-  if (is_time_out(error)) return "the server took nothing more" + within_limit();
-  return std::string("the server closed the connection while data were sent: ") + strerror(error);
+std::string send_words(const dl_cause_info& cause) {
+  if (is_time_out(cause.number)) return "the server took nothing more" + within_limit();
+  return std::string("the server closed the connection while data were sent: ") + strerror(cause.number);
 }
 
-std::string broken_words(std::string_view rest) {
-  const int error = number_after(rest, "").value_or(0);
-  if (error == ETIMEDOUT) return "no answer" + within_limit();
-  return error == 0 ? "the connection broke" : std::string("the connection broke: ") + strerror(error);
+std::string broken_words(const dl_cause_info& cause) {
+  if (cause.number == ETIMEDOUT) return "no answer" + within_limit();
+  return cause.number == 0 ? "the connection broke"
+                           : std::string("the connection broke: ") + strerror(cause.number);
 }
 
-std::string silent_words(std::string_view) {
+std::string silent_words(const dl_cause_info&) {
   return "the server closed the connection without an answer";
 }
 
-std::string no_http_words(std::string_view) {
+std::string no_http_words(const dl_cause_info&) {
   return "the server's answer is not HTTP";
 }
 
-std::string no_reply_words(std::string_view) {
+std::string no_reply_words(const dl_cause_info&) {
   return "the server closed the connection without a whole FTP reply";
 }
 
-std::string data_end_words(std::string_view) {
+std::string file_cut_words(const dl_cause_info&) {
   return "the connection ended before the whole file had come";
 }
 
-std::string no_location_words(std::string_view) {
+std::string no_target_words(const dl_cause_info&) {
   return "the server redirects without a target";
 }
 
-std::string challenge_words(std::string_view) {
+std::string challenge_words(const dl_cause_info&) {
   return "the server asks for a kind of login that is not supported";
 }
 
-std::string tftp_words(std::string_view rest) {
-  const std::size_t colon = rest.find(": ");
-  if (colon == rest.npos) return "";
-  return "the server answered " + in_quotes(rest.substr(colon + 2)) + " (TFTP error " +
-         printable(rest.substr(0, colon)) + ")";
+std::string tftp_words(const dl_cause_info& cause) {
+  return "the server answered " + in_quotes(cause.text) + " (TFTP error " + std::to_string(cause.number) +
+         ")";
 }
 
-enum class strength { firm, weak };  // a weak cause does not replace another
+// The steps of a transfer in which a cause can end it.
+enum step : unsigned { looking_up = 1, connecting = 2, talking = 4 };
 
-// A beginning of a log line, and what the rest of it means.
-struct log_sign {
-  std::string_view beginning;
-  std::string learnt_causes::*cause;
-  strength weight;
-  std::string (*words)(std::string_view rest);
+struct cause_entry {
+  dl_cause cause;
+  unsigned steps;
+  std::string (*words)(const dl_cause_info& cause);
 };
-constexpr auto host = &learnt_causes::host;
-constexpr auto connecting = &learnt_causes::connecting;
-constexpr auto talking = &learnt_causes::talking;
-constexpr log_sign signs[] = {
-    {"getaddrinfo: ", host, strength::firm, host_words},
-    {"Connect Failed! ", connecting, strength::firm, connect_words},
-    {"TLS handshake: ", connecting, strength::firm, handshake_words},
-    {"TLS handshake errno ", connecting, strength::weak, handshake_errno_words},
-    {"Certificate doesn't verify and error is ", connecting, strength::firm, chain_words},
-    {"Common name and subject alt name doesn't match", connecting, strength::firm, host_name_words},
-    {"loading CA certificate: ", connecting, strength::firm, ca_words},
-    {"Can't load private key from CA_serverfile", connecting, strength::firm, key_words},
-    {"load publick key error", connecting, strength::firm, certificate_words},
-    {"TLS read: ", talking, strength::firm, tls_words},
-    {"TLS write: ", talking, strength::firm, tls_words},
-    {"Select error! errno ", talking, strength::weak, wait_words},
-    {"dl_select error! errno ", talking, strength::weak, wait_words},
-    {"Error Select! errno ", talking, strength::weak, wait_words},
-    {"write error, errno ", talking, strength::weak, write_words},
-    {"read failed, errno ", talking, strength::weak, broken_words},
-    {"read error! errno ", talking, strength::weak, broken_words},
-    {"no answer before the end", talking, strength::weak, silent_words},
-    {"not an HTTP answer", talking, strength::weak, no_http_words},
-    {"no final reply line", talking, strength::weak, no_reply_words},
-    {"data connection closed too early", talking, strength::weak, data_end_words},
-    {"Can't find location header", talking, strength::firm, no_location_words},
-    {"Input Auth Error", talking, strength::firm, challenge_words},
-    {"Output Auth Error", talking, strength::firm, challenge_words},
-    {"Output SIP XSI Auth Error", talking, strength::firm, challenge_words},
-    {"server error ", talking, strength::firm, tftp_words},
+constexpr cause_entry causes[] = {
+    {DL_CAUSE_HOST, looking_up, host_words},
+    {DL_CAUSE_CONNECT, connecting, connect_words},
+    {DL_CAUSE_TRUSTED_CAS, connecting, ca_words},
+    {DL_CAUSE_CLIENT_CERT, connecting, certificate_words},
+    {DL_CAUSE_CLIENT_KEY, connecting, key_words},
+    {DL_CAUSE_HANDSHAKE_ENDED, connecting, handshake_words},
+    {DL_CAUSE_CHAIN, connecting, chain_words},
+    {DL_CAUSE_SERVER_NAME, connecting, server_name_words},
+    {DL_CAUSE_TLS, connecting | talking, tls_words},
+    {DL_CAUSE_TLS_ALERT, connecting | talking, alert_words},
+    {DL_CAUSE_WAIT, talking, wait_words},
+    {DL_CAUSE_SEND, talking, send_words},
+    {DL_CAUSE_BROKEN, talking, broken_words},
+    {DL_CAUSE_SILENT, talking, silent_words},
+    {DL_CAUSE_NOT_HTTP, talking, no_http_words},
+    {DL_CAUSE_NO_REPLY, talking, no_reply_words},
+    {DL_CAUSE_FILE_CUT, talking, file_cut_words},
+    {DL_CAUSE_NO_TARGET, talking, no_target_words},
+    {DL_CAUSE_CHALLENGE, talking, challenge_words},
+    {DL_CAUSE_TFTP_ERROR, talking, tftp_words},
 };
 
-void learn(const log_sign& sign, std::string_view rest) {
-  std::string words = sign.words(rest);
-  std::string& cause = learnt.*sign.cause;
-  const bool keeps_better = sign.weight == strength::weak && !cause.empty();
-  if (words.empty() || keeps_better) return;
-  cause = std::move(words);
-  // What happens on a connection shows that there is one.
-  if (sign.cause == talking) learnt.host = learnt.connecting = "";
+// The library's last cause in words when it belongs to one of the steps, else empty.
+std::string cause_in(unsigned steps) {
+  dl_cause_info cause = {};
+  dl_last_cause(&cause);
+  for (const cause_entry& entry : causes) {
+    if (entry.cause == cause.cause && (entry.steps & steps)) return entry.words(cause);
+  }
+  return "";
 }
 
 struct status_word {
@@ -263,7 +225,7 @@ bool is_about_login(const location& where, const dl_result& result) {
     case unauthorised:
       return where.is_http();
     case DL_ERR_AUTH:
-      return learnt.talking.empty();
+      return connection_trouble().empty();
     case DL_ERR_FTP_USER:
     case DL_ERR_FTP_PASS:
       return true;
@@ -280,17 +242,18 @@ std::string login_words(const credentials& login, int code) {
          (code == DL_ERR_FTP_USER ? "this user name" : "this user name and password");
 }
 
-// The log's word on the step in which the call failed; empty when it has none.
-std::string learnt_words(int code) {
+// The cause of what a call that returned `code` failed in; empty when none is known. DL_ERR_HOST also stands for a
+// connection that broke.
+std::string cause_of(int code) {
   switch (code) {
     case DL_ERR_HOST:
-      return learnt.host.empty() ? learnt.talking : learnt.host;
+      return cause_in(looking_up | talking);
     case DL_ERR_CONNECT:
-      return learnt.connecting.empty() ? learnt.host : learnt.connecting;
+      return cause_in(looking_up | connecting);
     case DL_ERR_FTP_REPLY:  // the reply says it
       return "";
     default:
-      return learnt.talking;
+      return cause_in(talking);
   }
 }
 
@@ -319,7 +282,7 @@ std::string known_cause(const location& where, const credentials& login, const d
   constexpr std::uint32_t least_tftp_wait_s = 3;
   if (is_about_login(where, result)) return login_words(login, result.code);
   if (result.code >= 100) return words_of_status(where, result.code);
-  if (result.code != DL_ERR_NOT_TFTP) return learnt_words(result.code);
+  if (result.code != DL_ERR_NOT_TFTP) return cause_of(result.code);
   return "no TFTP server answered within " + std::to_string(std::max(wait_limit_s(), least_tftp_wait_s)) +
          " s";
 }
@@ -329,18 +292,6 @@ std::string code_words(int code) {
 }
 
 }  // namespace
-
-bool learn_cause(std::string_view message) {
-  if (message.starts_with("response code: ")) learnt = {};
-  if (message.starts_with("File of 4 GiB or more")) return learnt.beyond_counting = true;
-  if (message.starts_with("the header block ends early")) return learnt.answer_cut = true;
-  for (const log_sign& sign : signs) {
-    if (!message.starts_with(sign.beginning)) continue;
-    learn(sign, message.substr(sign.beginning.size()));
-    return true;
-  }
-  return false;
-}
 
 const char* chain_reason(int number) {
   switch (number) {
@@ -362,16 +313,8 @@ const char* chain_reason(int number) {
   }
 }
 
-bool is_beyond_counting() {
-  return learnt.beyond_counting;
-}
-
-bool answer_was_cut() {
-  return learnt.answer_cut;
-}
-
-const std::string& connection_trouble() {
-  return learnt.talking;
+std::string connection_trouble() {
+  return cause_in(talking);
 }
 
 failure failed_transfer(const location& where, const credentials& login, const dl_result& result) {

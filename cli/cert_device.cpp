@@ -57,7 +57,7 @@ std::string part_words(const cert_options& options) {
   const std::string path = options.device_cert_path();
   const std::size_t at = path.find(mark);
   if (at == path.npos) return "cannot be installed: the path of the device certificate must hold \"server\"";
-  if (logged_errors().find("serverdir") == std::string::npos) return "cannot be installed";
+  if (dl_last_cause(nullptr) != DL_CAUSE_DIRECTORY) return "cannot be installed";
   return "cannot be installed: the path of the device certificate up to its first \"server\", " +
          printable(path.substr(0, at + mark.size())) + ", must be a directory";
 }

@@ -7,9 +7,11 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <array>
 #include <memory>
 #include <new>
 #include <optional>
+#include <span>
 #include <sstream>
 #include <vector>
 
@@ -106,11 +108,22 @@ std::string verification_words(const dl_result& result) {
   return text;
 }
 
+// The problems that the verification met, let pass or not.
+std::vector<std::string> verification_remarks() {
+  std::array<std::int32_t, DL_MAX_VERIFY_PROBLEMS> numbers = {};
+  const int count = dl_cert_verify_problems(numbers.data(), static_cast<int>(numbers.size()));
+  std::vector<std::string> remarks;
+  for (const std::int32_t number : std::span(numbers).first(static_cast<std::size_t>(count))) {
+    remarks.emplace_back(X509_verify_cert_error_string(number));
+  }
+  return remarks;
+}
+
 nlohmann::ordered_json verification_json(const verify_options& options, bool verified) {
-  const std::vector<std::string>& let_pass = verification_remarks();
+  const std::vector<std::string> let_pass = verification_remarks();
   return {{"file", options.file},
           {"verified", verified},
-          {"trusted", verified && verification_was_clean()},
+          {"trusted", verified && let_pass.empty()},
           {"remarks", let_pass}};
 }
 
@@ -160,10 +173,9 @@ answer verify(const verify_options& options) {
     if (result.code == DL_VERIFY_UNKNOWN_ISSUER) words += issuer_remark(options);
     return refusal(options, failed_operation(options.file, result.code, words));
   }
-  const std::vector<std::string>& let_pass = verification_remarks();
-  if (options.strict && !verification_was_clean()) {
-    const std::string reason = let_pass.empty() ? "out of memory" : let_pass.front();
-    return refusal(options, failure(0, printable(options.file) + ": not trusted: " + reason));
+  const std::vector<std::string> let_pass = verification_remarks();
+  if (options.strict && !let_pass.empty()) {
+    return refusal(options, failure(0, printable(options.file) + ": not trusted: " + let_pass.front()));
   }
   answer told;
   told.json = verification_json(options, true);

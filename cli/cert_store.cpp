@@ -29,8 +29,8 @@ struct store_options {
   bool prune = false;
 };
 
-// True for a name in a directory, also that of a link that leads nowhere, and for one in a directory that
-// tells nothing.
+// True for a name in a directory, also that of a link that leads nowhere,
+// and for one in a directory that tells nothing.
 bool name_exists(const std::string& path) {
   struct stat status;
   return lstat(path.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
@@ -96,7 +96,7 @@ answer list(const store_options& options) {
   }
   std::erase_if(removed, [&](const std::string& name) { return name_exists(store + name); });
   const std::span<const dl_ca_info_ex> certificates(found->entries, found->count);
-  const bool cut = logged_errors().find("number of ca file") != std::string::npos;
+  const bool cut = dl_last_cause(nullptr) == DL_CAUSE_LIST_FULL;
   answer told;
   told.json = {{"store", store}, {"certificates", nlohmann::ordered_json::array()}, {"more", cut}};
   told.json["removed"] = removed;

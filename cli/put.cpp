@@ -118,7 +118,7 @@ void put_http(const put_options& options, const location& where, const credentia
     result.code = dl_http_last_status();
     throw failed_transfer(where, login, result);
   }
-  if (answer_was_cut()) {
+  if (dl_last_cause(nullptr) == DL_CAUSE_HEADER_CUT) {
     throw failure(DL_ERR_READ, printable(url) +
                                    ": the server's answer ends inside its header; whether it took the "
                                    "file is not known");

@@ -2,10 +2,8 @@
 #include "report.h"
 
 #include <stdio.h>
-#include <string.h>
 
 #include <algorithm>
-#include <charconv>
 #include <deque>
 #include <optional>
 
@@ -15,21 +13,10 @@ namespace fetchrig::cli {
 namespace {
 
 constexpr std::size_t max_errors_kept = 4;
-constexpr std::size_t max_remarks_kept = 16;
 
-struct recorded_log {
-  int shown_level = DL_LOG_WARNING;  // lines up to this level go to standard error
-  std::deque<std::string> errors;
-  std::vector<std::string> remarks;
-  // Counted before anything can run out of memory: a remark that could not be kept still counts.
-  std::size_t remarks_seen = 0;
-  std::size_t lines_lost = 0;
-};
-
-constexpr std::string_view remark_mark = "verify cb error ";
-
-// Written by the log callback, which runs on the command's only thread.
-recorded_log recorded;
+// Written by start_log() and the log callback, which runs on the command's only thread.
+int shown_level = DL_LOG_WARNING;  // lines up to this level go to standard error
+std::deque<std::string> recorded_errors;
 
 struct log_line {
   std::string_view module;
@@ -50,34 +37,31 @@ std::optional<log_line> parse_log_line(std::string_view line) {
   return log_line{line.substr(0, module_len), level, message};
 }
 
-// What OpenSSL's number for a chain that does not verify means.
+// The meaning of the number that a line on a chain that does not verify ends with.
 std::string chain_words(std::string_view message) {
-  constexpr std::string_view verdict = "Certificate doesn't verify and error is ";
-  if (!message.starts_with(verdict)) return "";
-  int number = 0;
-  message.remove_prefix(verdict.size());
-  std::from_chars(message.data(), message.data() + message.size(), number);
-  const char* reason = chain_reason(number);
-  return reason ? std::string(" (") + reason + ")" : "";
+  dl_cause_info cause = {};
+  if (dl_last_cause(&cause) != DL_CAUSE_CHAIN) return "";
+  const char* reason = chain_reason(cause.number);
+  if (!reason || !message.ends_with(" " + std::to_string(cause.number))) return "";
+  return std::string(" (") + reason + ")";
 }
 
 void record(const log_line& line) {
-  if (line.level <= DL_LOG_ERROR) {
-    recorded.errors.emplace_back(printable(line.message) + chain_words(line.message));
-    if (recorded.errors.size() > max_errors_kept) recorded.errors.pop_front();
-  }
-  if (line.message.starts_with(remark_mark) && recorded.remarks.size() < max_remarks_kept) {
-    const std::size_t words = line.message.find("lookup:");
-    recorded.remarks.emplace_back(
-        printable(words == line.message.npos ? line.message : line.message.substr(words + 7)));
-  }
+  if (line.level > DL_LOG_ERROR) return;
+  recorded_errors.emplace_back(printable(line.message) + chain_words(line.message));
+  if (recorded_errors.size() > max_errors_kept) recorded_errors.pop_front();
 }
 
-void show(const log_line& line, bool tells_cause) {
-  const bool chatty = recorded.shown_level > DL_LOG_WARNING;
-  // An error or a cause ends up in the failure that is told at the end; it is repeated only among the lines
-  // around it.
-  if (line.level > recorded.shown_level || (!chatty && (line.level != DL_LOG_WARNING || tells_cause))) return;
+// A warning of what the failure will tell: a server's error, a file that is too large.
+bool is_told_later() {
+  const int cause = dl_last_cause(nullptr);
+  return cause == DL_CAUSE_TFTP_ERROR || cause == DL_CAUSE_TOO_LARGE;
+}
+
+void show(const log_line& line) {
+  const bool chatty = shown_level > DL_LOG_WARNING;
+  // An error or a cause ends up in the failure that is told at the end; it is repeated only among the lines around it.
+  if (line.level > shown_level || (!chatty && (line.level != DL_LOG_WARNING || is_told_later()))) return;
   const std::string text = printable(line.message);
   if (!chatty) {
     tell("warning: " + text);
@@ -91,13 +75,11 @@ int log_callback(const char* text, int32_t length) {
   if (!text || length <= 0) return 0;
   const auto line = parse_log_line({text, static_cast<std::size_t>(length)});
   if (!line || line->module == "DANY") return 0;  // the log module about itself
-  if (line->message.starts_with(remark_mark)) ++recorded.remarks_seen;
   try {
     record(*line);
-    show(*line, learn_cause(line->message));
+    show(*line);
   } catch (const std::bad_alloc&) {
-    // It must not throw through the library, which is plain C to its callers.
-    ++recorded.lines_lost;
+    // A line lost for lack of memory must not throw through the library, which is plain C to its callers.
   }
   return 0;
 }
@@ -111,35 +93,23 @@ std::string with_cause(std::string message) {
 
 void start_log(int verbosity) {
   constexpr int levels[] = {DL_LOG_WARNING, DL_LOG_NOTICE, DL_LOG_INFO, DL_LOG_DEBUG};
-  recorded.shown_level = levels[std::clamp(verbosity, 0, 3)];
+  shown_level = levels[std::clamp(verbosity, 0, 3)];
   dl_config_init();
   dl_log_init(0, log_callback);
-  // Notices carry causes of failures, which are wanted whatever is shown.
-  dl_set_log_module_level(DL_LOG_ANY,
-                          static_cast<uint32_t>(std::max<int>(recorded.shown_level, DL_LOG_NOTICE)));
+  dl_set_log_module_level(DL_LOG_ANY, static_cast<uint32_t>(shown_level));
 }
 
 void forget_log() {
-  recorded.errors.clear();
-  recorded.remarks.clear();
-  recorded.remarks_seen = recorded.lines_lost = 0;
+  recorded_errors.clear();
 }
 
 std::string logged_errors() {
   std::string all;
-  for (const std::string& line : recorded.errors) {
+  for (const std::string& line : recorded_errors) {
     if (!all.empty()) all += "; ";
     all += line;
   }
   return all;
-}
-
-const std::vector<std::string>& verification_remarks() {
-  return recorded.remarks;
-}
-
-bool verification_was_clean() {
-  return recorded.remarks_seen == 0 && recorded.lines_lost == 0;
 }
 
 failure failed_operation(std::string_view subject, int code, std::string_view words) {

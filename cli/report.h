@@ -6,7 +6,6 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "fetchrig.h"
 #include "printable.h"
@@ -21,8 +20,8 @@ class usage_error : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// An operation that failed: ends the command with exit_failed. The code is the library's, 0 when there is
-// none.
+// An operation that failed: ends the command with exit_failed.
+// The code is the library's, 0 when there is none.
 class failure : public std::runtime_error {
  public:
   failure(int code, const std::string& message) : std::runtime_error(message), code_(code) {}
@@ -41,12 +40,6 @@ void forget_log();
 
 // The last few error lines, the cause first, joined by "; "; empty when there was none.
 std::string logged_errors();
-
-// The problems that certificate verification met and let pass.
-const std::vector<std::string>& verification_remarks();
-
-// Whether there was no such problem; false also when a line of the log was lost for lack of memory.
-bool verification_was_clean();
 
 // A failure of an operation on `subject` whose codes are its own, told in `words`, with the logged cause.
 failure failed_operation(std::string_view subject, int code, std::string_view words);

@@ -112,7 +112,8 @@ std::size_t http_source::read(std::span<char> buffer) {
 // A length that was announced is held against what came by the reader.
 void http_source::check_end() const {
   const int end = dl_http_body_end(session_.get());
-  if (end != DL_BODY_WHOLE && !connection_trouble().empty()) throw cut_short(connection_trouble());
+  const std::string trouble = connection_trouble();
+  if (end != DL_BODY_WHOLE && !trouble.empty()) throw cut_short(trouble);
   if (end == DL_BODY_CUT && chunked()) throw cut_short("the connection ended before the last chunk");
 }
 
@@ -141,7 +142,7 @@ handle_source::handle_source(const source_request& request) : where_(request.whe
   // An FTP session counts down from the size that the server told.
   if (handle_->proto == DL_PROTO_FTP) {
     announced_bytes_ = static_cast<const dl_ftp_session*>(handle_->session)->remaining;
-    if (is_beyond_counting())
+    if (dl_last_cause(nullptr) == DL_CAUSE_TOO_LARGE)
       throw failure(DL_ERR_READ, printable(where_.url) + ": the file has 4 GiB or more (code -8)");
   }
 }

@@ -105,7 +105,7 @@ bool make_own_directory(char* pattern) {
 
 bool write_whole(int fd, std::string_view bytes) {
   while (!bytes.empty()) {
-    const ssize_t count = ::write(fd, bytes.data(), bytes.size());
+    const ssize_t count = write(fd, bytes.data(), bytes.size());
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return false;
     bytes.remove_prefix(static_cast<std::size_t>(count));

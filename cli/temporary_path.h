@@ -28,8 +28,8 @@ class temporary_path {
   std::string path_;  // empty: none
 };
 
-// A new file with mode 0600 whose name begins with `stem`, and its descriptor; on failure no path, -1 and
-// errno.
+// A new file with mode 0600 whose name begins with `stem`, and its descriptor;
+// on failure no path, -1 and errno.
 temporary_path new_temporary_file(const std::string& stem, int& fd);
 
 // A directory for this user alone, under TMPDIR or else /tmp, with what is written into it.
@@ -49,8 +49,8 @@ class private_directory {
   std::vector<temporary_path> files_;  // removed before the directory
 };
 
-// While `fd` is set here, a signal that ends the command empties that file: it holds a part of a whole. -1:
-// none.
+// While `fd` is set here, a signal that ends the command empties that file: it holds a part of a whole.
+// -1: none.
 void empty_on_signal(int fd);
 
 }  // namespace fetchrig::cli
