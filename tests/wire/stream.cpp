@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <limits.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -164,6 +165,25 @@ TEST_F(stream_test, what_stops_a_file_is_told_without_a_signal) {
   sigset_t pending;
   sigpending(&pending);
   EXPECT_FALSE(sigismember(&pending, SIGPIPE));
+}
+
+// Symptom: the program was killed, as sendfile() had sent a part when it met the peer's reset.
+TEST_F(stream_test, a_reset_in_the_middle_of_sendfile_raises_no_signal) {
+  const test::temp_dir dir;
+  const std::string path = dir.file("file");
+  test::write_file(path, test::make_bytes(4000000));
+  const unique_fd listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+  socklen_t length = sizeof address;
+  auto* any = reinterpret_cast<sockaddr*>(&address);
+  ASSERT_TRUE(bind(listener.get(), any, length) == 0 && listen(listener.get(), 1) == 0);
+  getsockname(listener.get(), any, &length);
+  near.reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(connect(near.get(), any, length), 0);
+  far.reset(accept(listener.get(), nullptr, nullptr));
+  far.reset();
+  const unique_fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  EXPECT_EQ(send_file(near.get(), file.get(), INT_MAX, 5).end, send_end::send_failed);
 }
 
 }  // namespace
