@@ -124,8 +124,27 @@ TEST_F(cli_cert, keys_of_generated_certificates_are_random_unless_a_seed_is_give
       {read_file(files.key), "", "ca.key", "/CN=a", "no RSA key"}, {"-", "", files.key, "/CN=a", "RSA"},
       {"-", "", "a.key", "/CN=a", "do not match"}, {"-", "", "ca.key", "CN=a", "start with \"/\""},
       {"-", "", "ca.key", "/CN=\u00e4", "ASCII"}, {"-", "s", "ca.key", "/CN=", "/TYPE=VALUE"},
+      {"-", "s", "ca.key", "/CN=a/XCN=b", "\"XCN\""}, {"-", "s", "ca.key", "/C=GER", "C has 3 characters"},
   };
   // clang-format on
+  const std::string issuer_key = read_file(path("ca.key"));
+  write_file(path("keys"), read_file(path("a.key")));
+  EXPECT_EQ(0, symlink("nowhere", path("dangling").c_str()));
+  const std::pair<std::pair<const char*, const char*>, const char*> refused[] = {
+      {{"b.key", "ca.key"}, "belongs to the CA"},     {{"b.key", "locked.key"}, "cannot be opened"},
+      {{"b.key", "keys"}, "another certificate"},     {{"b.key", "/dev/stdout"}, "descriptor"},
+      {{"b.key", "/dev/null"}, "not a regular file"}, {{"new", "./new"}, "same file"},
+      {{"dangling", "c"}, "leads nowhere"},
+  };
+  for (const auto& [names, why] : refused) {
+    EXPECT_TRUE(holds(ask({"generate", "--ca", "ca", "--ca-key", "ca.key", "--key", names.first, "--cert",
+                           names.second, "--subject", "/CN=a"},
+                          "seed")["message"],
+                      why))
+        << why;
+  }
+  EXPECT_EQ(issuer_key, read_file(path("ca.key")));
+  EXPECT_EQ(locked, read_file(path("locked.key")));
   for (const auto& row : rows) {
     const std::string file = path("refused.key");
     if (row.key_file != "-") write_file(file, row.key_file);
@@ -153,6 +172,10 @@ TEST_F(cli_cert, keys_of_generated_certificates_are_random_unless_a_seed_is_give
 
 TEST_F(cli_cert, store) {
   write_file(der_, der_bytes_);
+  write_file(path("with key"), read_file(root_) + pem_of(ca_.root().key.get()));
+  check({{{"install", "with key"}, "hash", hash_}});
+  EXPECT_EQ(read_file(root_), read_file(path("store/" + hash_))) << "and nothing of the key";
+  check({{{"remove", hash_}, "ok", true}});
   const std::string entry = "store/" + hash_ + ".0";
   check({{{"install", der_}, "hash", hash_}, {{"install", root_, "--store", "store/"}, "code", -2}});
   // Links made from a relative store name must lead somewhere from everywhere.
@@ -176,6 +199,9 @@ TEST_F(cli_cert, a_listing_removes_foreign_files_only_when_told_and_names_them) 
   EXPECT_EQ(0, symlink("nothing", path("store/01234567.0").c_str()));
   expect_failed(tell({"list"}), 1, {": lib.so.0; --prune", "removes 01234567.0, lib.so.0"});
   EXPECT_EQ("program", read_file(path("store/lib.so.0")));
+  write_file(path("store/README"), "foreign");
+  check({{{"install", root_}, "code", 0}, {{"remove", "store/README"}, "ok", false}});
+  EXPECT_EQ("foreign", read_file(path("store/README")));
   check({{{"list", "--prune"}, "removed", {"01234567.0", "lib.so.0"}}, {{"list"}, "removed", json::array()}});
   EXPECT_EQ(hash_, ask({"list"})["certificates"][0]["hash"]);
 }
