@@ -46,7 +46,7 @@ void add_store_option(CLI::App& app, cert_options& options) {
 void add_device_option(CLI::App& app, cert_options& options) {
   app.add_option("--device-cert", options.device_cert,
                  "The device certificate file, such as certs/server/WebServer.pem; "
-                 "install-part wants \"server\" in its path")
+                 "for install-part the path up to its first \"server\" must be a directory")
       ->envname("FETCHRIG_DEVICE_CERT")
       ->type_name("FILE");
 }

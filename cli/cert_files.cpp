@@ -170,6 +170,8 @@ answer verify(const verify_options& options) {
   }
   if (rc != 0) {
     std::string words = verification_words(result);
+    const std::string locked = result.code == DL_VERIFY_NO_KEY ? locked_key_words_of_file(options.file) : "";
+    if (!locked.empty()) words = locked;
     if (result.code == DL_VERIFY_UNKNOWN_ISSUER) words += issuer_remark(options);
     return refusal(options, failed_operation(options.file, result.code, words));
   }

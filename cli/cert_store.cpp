@@ -1,5 +1,6 @@
 // cert_store.cpp: "fetchrig cert list", "install" and "remove", which work on the trusted-CA store.
 #include <errno.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -85,6 +86,10 @@ void refuse_foreign(const std::string& store, const std::vector<std::string>& na
   throw failed_operation(store, 0, words);
 }
 
+std::string opening_trouble(const std::string& store) {
+  return access(store.c_str(), R_OK | X_OK) == 0 ? "" : std::string(": ") + strerror(errno);
+}
+
 answer list(const store_options& options) {
   const std::string store = options.common.store_dir();
   std::vector<std::string> removed = listed_names(store);
@@ -92,7 +97,8 @@ answer list(const store_options& options) {
   const auto found = std::make_unique<dl_trust_ca_list_ex>();
   dl_result result = {};
   if (dl_get_trust_ca_info_ex(found.get(), &result) != 0) {
-    throw failed_operation(store, result.code, "the store cannot be opened");
+    const std::string trouble = opening_trouble(store);
+    throw failed_operation(store, result.code, "the store cannot be opened" + trouble);
   }
   std::erase_if(removed, [&](const std::string& name) { return name_exists(store + name); });
   const std::span<const dl_ca_info_ex> certificates(found->entries, found->count);
@@ -164,6 +170,9 @@ answer install(const store_options& options) {
   if (rc == -2 || rc == -3) forget_log();  // it tells of other entries
   if (rc == -2) throw failed_operation(options.target, rc, "a CA of this name is installed already");
   if (rc == -3) throw failed_operation(options.target, rc, "a CA of this name is among the factory CAs");
+  if (const std::string trouble = opening_trouble(store); rc != 0 && !trouble.empty()) {
+    throw failure(rc, printable(store) + ": the store cannot be opened or made" + trouble);
+  }
   if (rc != 0) throw failed_operation(options.target, rc, "cannot be installed");
   check_installed(options.target, record.hash, names, free_names);
   const std::string& entry = names.front();

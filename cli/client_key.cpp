@@ -14,9 +14,7 @@ unique_pkey der_key(const std::string& content) {
 }
 
 std::string why_unusable(const std::string& content) {
-  if (content.find("ENCRYPTED") != content.npos) {
-    return "its private key is encrypted and FETCHRIG_KEY_PASSPHRASE does not open it";
-  }
+  if (const std::string locked = locked_key_words(content); !locked.empty()) return locked;
   if (der_key(content)) return "its private key is in DER, and only PEM can be used";
   return "it holds no private key that can be read";
 }

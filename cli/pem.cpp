@@ -84,6 +84,14 @@ int no_passphrase(char*, int, int, void*) {
   return -1;
 }
 
+// Whether the bytes begin with an encrypted private key in DER.
+bool is_locked_der(const std::string& content) {
+  const auto* bytes = reinterpret_cast<const unsigned char*>(content.data());
+  const std::unique_ptr<X509_SIG, openssl_free<X509_SIG_free>> key(
+      d2i_X509_SIG(nullptr, &bytes, static_cast<long>(content.size())));
+  return key != nullptr;
+}
+
 }  // namespace
 
 secret_text::~secret_text() {
@@ -145,6 +153,21 @@ std::string pem_of(X509* certificate) {
 unique_pkey pem_key(const std::string& content, passphrase source) {
   const auto callback = source == passphrase::none ? no_passphrase : password_cb;
   return unique_pkey(PEM_read_bio_PrivateKey(reader_of(content).get(), nullptr, callback, nullptr));
+}
+
+std::string locked_key_words(const std::string& content) {
+  if (is_locked_der(content)) return "its private key is encrypted in DER, and only PEM can be opened";
+  const bool is_encrypted =
+      content.find("BEGIN ENCRYPTED ") != content.npos ||  // PKCS #8, else the older form
+      content.find(",ENCRYPTED") != content.npos;
+  if (!is_encrypted || pem_key(content, passphrase::from_option_16)) return "";
+  return "its private key is encrypted and FETCHRIG_KEY_PASSPHRASE does not open it";
+}
+
+std::string locked_key_words_of_file(const std::string& path) {
+  struct stat status;
+  if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return "";
+  return locked_key_words(read_small_file(path).bytes());
 }
 
 secret_text pem_of(EVP_PKEY* key) {

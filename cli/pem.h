@@ -55,6 +55,10 @@ std::string pem_of(X509* certificate);
 enum class passphrase { none, from_option_16 };
 // The first private key of a PEM text, or null. Nobody is ever asked for a pass phrase.
 unique_pkey pem_key(const std::string& content, passphrase source);
+// Says that a file holds a private key that the pass phrase of option 16 does not open; else empty.
+std::string locked_key_words(const std::string& content);
+// The same of the file with this name; empty also for what is no regular file.
+std::string locked_key_words_of_file(const std::string& path);
 // Unencrypted.
 secret_text pem_of(EVP_PKEY* key);
 

@@ -2,8 +2,10 @@
 #include "report.h"
 
 #include <stdio.h>
+#include <string.h>
 
 #include <algorithm>
+#include <charconv>
 #include <deque>
 #include <optional>
 
@@ -46,9 +48,24 @@ std::string chain_words(std::string_view message) {
   return std::string(" (") + reason + ")";
 }
 
+// A line for a person: ", errno 13" becomes ": Permission denied".
+std::string with_error_words(std::string line) {
+  constexpr std::string_view mark = " errno ";
+  const std::size_t at = line.rfind(mark);
+  if (at == line.npos) return line;
+  int error = 0;
+  const char* const last = line.c_str() + line.size();
+  const char* digits = line.c_str() + at + mark.size();
+  const char* end = std::from_chars(digits, last, error).ptr;
+  if (error <= 0) return line;
+  const std::string rest(end, last);
+  line.resize(line.find_last_not_of(",!", at - 1) + 1);
+  return line + ": " + strerror(error) + rest;
+}
+
 void record(const log_line& line) {
   if (line.level > DL_LOG_ERROR) return;
-  recorded_errors.emplace_back(printable(line.message) + chain_words(line.message));
+  recorded_errors.emplace_back(with_error_words(printable(line.message)) + chain_words(line.message));
   if (recorded_errors.size() > max_errors_kept) recorded_errors.pop_front();
 }
 

@@ -190,7 +190,10 @@ TEST_F(cli_cert, store) {
     expect_done(tell({"install", root_}), "installed root as " + path(entry) + "\n");
   }
   EXPECT_EQ(der_bytes_, read_file(der_)) << "a file outside the store is neither rewritten nor removed";
-  check({{{"remove", "no-such-thing"}, "ok", false}, {{"list", "--store", "missing"}, "ok", false}});
+  check({{{"remove", "no-such-thing"}, "ok", false},
+         {{"list", "--store", "/nope"},
+          "message",
+          "/nope/: the store cannot be opened: No such file or directory (code 2)"}});
 }
 
 TEST_F(cli_cert, a_listing_removes_foreign_files_only_when_told_and_names_them) {
@@ -237,15 +240,54 @@ TEST_F(cli_cert, device_certificate) {
          {{"device", "install-part", other.key}, "complete", true},
          {{"device", "show"}, "key_belongs", true},
          {{"device", "install-part", "/dev/null"}, "code", -1},
+         {{"device", "install-part", "nope"}, "message", "nope: No such file or directory (code -1)"},
+         {{"device", "install", "nope"}, "message", "nope: No such file or directory (code -5)"},
          {{"device", "remove"}, "ok", true},
          {{"device", "remove"}, "ok", false},
-         {{"device", "show"}, "ok", false},
+         {{"device", "show"}, "message", device_ + ": No such file or directory (code -2)"},
          {{"device", "install", pair.both, "--device-cert", "W.pem"}, "installed", "W.pem"},
          {{"device", "install", pair.both, "--device-cert", "d/W.pem"}, "installed", "d/W.pem"},
          {{"device", "install", pair.both, "--device-cert", "/dev/full"}, "ok", false}});
   // clang-format on
-  expect_failed(tell({"device", "install-part", pair.key, "--device-cert", "W.pem"}), 1,
-                {"must hold \"server\""});
+  // A message of mkdir's own would come before the command's.
+  expect_failed(tell({"device", "install", pair.both, "--device-cert", "no/such/deep/W.pem"}), 1,
+                {"no/such: No such file or directory"});
+  EXPECT_EQ(0, mkdir(path("server").c_str(), 0755));
+  expect_failed(tell({"device", "install-part", pair.key, "--device-cert", "server/no/W.pem"}), 1,
+                {"Can't write server/no/W.pem: No such file or directory"});
+}
+
+TEST_F(cli_cert, a_pass_phrase_that_is_needed_is_named) {
+  const auto key = new_rsa_key(2048);
+  const std::string certificate = pem_of(make_identity("phone", key).certificate.get());
+  const std::string locked = pem_of(key.get(), "open sesame");
+  write_file(path("c"), certificate);
+  write_file(path("k"), locked);
+  write_file(path("both"), certificate + locked);
+  const std::vector<std::string> commands[] = {{"device", "install", "both"},
+                                               {"device", "install-part", "k"},
+                                               {"verify", "both", "--ca-file", "c", "--with-key"}};
+  for (const auto& command : commands) {
+    expect_failed(tell(command), 1, {"encrypted and FETCHRIG_KEY_PASSPHRASE does not open it"});
+  }
+  write_file(device_, certificate + locked);
+  EXPECT_TRUE(holds(ask({"device", "show"})["remark"], "FETCHRIG_KEY_PASSPHRASE"));
+  EXPECT_TRUE(
+      holds(ask({"device", "install-part", "c"})["message"], device_ + ": its private key is encrypted"));
+}
+
+TEST_F(cli_cert, a_part_goes_into_the_server_directory_that_was_typed) {
+  const cert_files pair = ca_.issue("pair");
+  const std::string inside = place_.make_dir("work/server1");
+  const std::pair<const char*, const char*> rows[] = {{"W.pem", "must hold \"server\""},
+                                                      {"server.pem", "./server, must be a directory"},
+                                                      {"servers/W.pem", " server, must be a directory"}};
+  for (const auto& [name, why] : rows) {
+    expect_failed(run({fetchrig_binary, "cert", "device", "install-part", pair.key, "--device-cert", name},
+                      {.directory = inside}),
+                  1, {why});
+  }
+  EXPECT_TRUE(names_in(inside).empty());
 }
 
 }  // namespace
