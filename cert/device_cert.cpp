@@ -6,7 +6,7 @@
 #include <openssl/x509.h>
 #include <sys/stat.h>
 
-#include <memory>
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,6 +26,10 @@ namespace fetchrig {
 namespace {
 
 constexpr off_t max_file_bytes = max_small_file_bytes;
+
+// Tags of DER.
+constexpr char der_integer = 0x02, der_object_name = 0x06, der_sequence = 0x30;
+constexpr char der_version = static_cast<char>(0xA0);
 
 struct device_paths {
   std::string directory;  // of the device certificate
@@ -80,26 +84,33 @@ std::string content_digest(const std::string& path) {
   return digits.data();
 }
 
-using unique_encrypted_key = std::unique_ptr<X509_SIG, openssl_deleter<X509_SIG_free>>;
-
 struct key_pair {
   unique_x509 certificate;
   unique_pkey key;
 };
 
-// Whether there is a private key in the file, be it encrypted or damaged.
-bool holds_key(const cert_source& source) {
-  if (source.encoding == encoding_pem) {
-    return source.file.bytes().find("PRIVATE KEY-----") != std::string_view::npos;
-  }
-  const unique_bio bio = source.file.stream();
-  return bio && unique_encrypted_key(d2i_PKCS8_bio(bio.get(), nullptr));
+// What stands in the DER sequence that the bytes begin with, which may be cut; empty without one.
+std::string_view inside_sequence(std::string_view bytes) {
+  if (bytes.size() < 2 || bytes[0] != der_sequence) return {};
+  const std::size_t length = static_cast<unsigned char>(bytes[1]);
+  const std::size_t length_bytes = length > 0x80 ? length - 0x80 : 0;
+  return bytes.substr(std::min(2 + length_bytes, bytes.size()));
 }
 
-// Whether there is a certificate in the file, be it damaged or of a kind that is not read.
+// Whether there is a private key in the file, be it encrypted or damaged. In DER it begins with its version; encrypted,
+// with the algorithm.
+bool holds_key(const cert_source& source) {
+  const std::string_view bytes = source.file.bytes(), content = inside_sequence(bytes);
+  if (source.encoding == encoding_pem) return bytes.find("PRIVATE KEY-----") != std::string_view::npos;
+  return content.starts_with(der_integer) || inside_sequence(content).starts_with(der_object_name);
+}
+
+// Whether there is a certificate in the file, be it damaged or of a kind that is not read. In DER it begins with the
+// part that is signed, that with the version or, in the first version, with the serial number.
 bool holds_certificate(const cert_source& source) {
-  return source.encoding == encoding_pem &&
-         source.file.bytes().find("CERTIFICATE-----") != std::string_view::npos;
+  const std::string_view bytes = source.file.bytes(), content = inside_sequence(inside_sequence(bytes));
+  if (source.encoding == encoding_pem) return bytes.find("CERTIFICATE-----") != std::string_view::npos;
+  return content.starts_with(der_version) || content.starts_with(der_integer);
 }
 
 // What the file holds of the two. False when it cannot be opened or holds neither, or when one of the two is there

@@ -179,7 +179,9 @@ TEST_F(DeviceCert, PartsAreCompletedFromTheCurrentFile) {
   openssl("pkcs8 -topk8 -outform DER -passout pass:x -in " + write("key", old_.key) + " -out " + locked_der);
   const std::string giant = old_.both + std::string(16 << 20, ' '),
                     damaged = old_.cert + old_.key.substr(0, 90);
-  for (const std::string& present : {old_.cert + foreign_key_, read_file(locked_der), giant, damaged}) {
+  const std::string cut_key = der_of(pair_.made.get()).substr(0, 90);
+  for (const std::string& present : {old_.cert + foreign_key_, read_file(locked_der),
+                                     read_file(locked_der).substr(0, 90), cut_key, giant, damaged}) {
     SCOPED_TRACE(present.substr(0, 30));
     write(custom, present);
     install(pair_.cert, part, custom_, -1);
@@ -191,6 +193,9 @@ TEST_F(DeviceCert, PartsAreCompletedFromTheCurrentFile) {
   write(custom, trusted + old_.key);
   install(pair_.key, part, custom_, -1, "the present device certificate can't be read\n");
   EXPECT_EQ(read(custom), trusted + old_.key);
+  write(custom, cert_der_.substr(0, 100));
+  install(pair_.key, part, custom_, -1, "the present device certificate can't be read\n");
+  EXPECT_EQ(read(custom), cert_der_.substr(0, 100));
   write(custom, pair_.both);
   for (const std::string& nothing : {pair_.cert.substr(0, 300), cert_der_.substr(0, 100), foreign_key_}) {
     install(nothing, part, custom_, -1, "load dev cert err\n");
