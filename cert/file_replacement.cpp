@@ -6,6 +6,7 @@
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,6 +29,15 @@ void sync_folder(const std::string& path) {
   if (fd) (void)::fsync(fd.get());
 }
 
+// Whether the folder shows the descriptors of this process, its own or a thread's in /proc.
+bool shows_descriptors(const std::string& folder) {
+  char own[PATH_MAX], found[PATH_MAX];
+  if (!::realpath("/proc/self/fd", own) || !::realpath(folder.c_str(), found)) return false;
+  const std::string threads = std::string(own, strlen(own) - strlen("fd")) + "task/";
+  const std::string_view shown(found);
+  return shown == own || (shown.starts_with(threads) && shown.ends_with("/fd"));
+}
+
 }  // namespace
 
 std::string_view folder_of(std::string_view path) {
@@ -45,14 +55,10 @@ int read_link(std::string& path) {
 }
 
 std::optional<int> own_descriptor(std::string path) {
-  char own[PATH_MAX], folder[PATH_MAX];
-  if (!::realpath("/proc/self/fd", own)) return std::nullopt;
   for (int links = 0; links <= max_links; ++links) {
     const std::string around(folder_of(path));
     const auto number = whole_number(std::string_view(path).substr(around.size()), INT_MAX);
-    if (number && ::realpath(around.c_str(), folder) && std::string_view(folder) == own) {
-      return static_cast<int>(*number);
-    }
+    if (number && shows_descriptors(around)) return static_cast<int>(*number);
     if (read_link(path) != 0) break;
   }
   return std::nullopt;

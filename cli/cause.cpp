@@ -123,6 +123,10 @@ std::string no_reply_words(const dl_cause_info&) {
   return "the server closed the connection without a whole FTP reply";
 }
 
+std::string long_reply_words(const dl_cause_info&) {
+  return "the server's FTP reply is too long";
+}
+
 std::string file_cut_words(const dl_cause_info&) {
   return "the connection ended before the whole file had come";
 }
@@ -165,6 +169,7 @@ constexpr cause_entry causes[] = {
     {DL_CAUSE_SILENT, talking, silent_words},
     {DL_CAUSE_NOT_HTTP, talking, no_http_words},
     {DL_CAUSE_NO_REPLY, talking, no_reply_words},
+    {DL_CAUSE_LONG_REPLY, talking, long_reply_words},
     {DL_CAUSE_FILE_CUT, talking, file_cut_words},
     {DL_CAUSE_NO_TARGET, talking, no_target_words},
     {DL_CAUSE_CHALLENGE, talking, challenge_words},

@@ -17,18 +17,26 @@
 namespace fetchrig::cli {
 namespace {
 
+// Whether the directory shows the descriptors of this process: /dev/fd, or its own or a thread's in /proc.
+bool shows_descriptors(const std::string& directory) {
+  char own[PATH_MAX], found[PATH_MAX];
+  if (directory == "/dev/fd/") return true;
+  if (!realpath("/proc/self/fd", own) || !realpath(directory.c_str(), found)) return false;
+  const std::string threads = std::string(own, strlen(own) - strlen("fd")) + "task/";
+  const std::string_view shown = found;
+  return shown == own || (shown.starts_with(threads) && shown.ends_with("/fd"));
+}
+
 // The descriptor that `path` says it is.
-std::optional<int> spelt_descriptor(std::string_view path) {
+std::optional<int> spelt_descriptor(const std::string& path) {
   if (path == "-" || path == "/dev/stdout") return STDOUT_FILENO;
   if (path == "/dev/stderr") return STDERR_FILENO;
-  for (const std::string_view directory : {"/dev/fd/", "/proc/self/fd/"}) {
-    if (!path.starts_with(directory)) continue;
-    const std::string_view digits = path.substr(directory.size());
-    int fd = -1;
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), fd);
-    if (error == std::errc() && end == digits.data() + digits.size() && fd >= 0) return fd;
-  }
-  return std::nullopt;
+  const std::size_t digits = path.rfind('/') + 1;  // 0 without a directory
+  int fd = -1;
+  const auto [end, error] = std::from_chars(path.data() + digits, path.data() + path.size(), fd);
+  const bool is_number = error == std::errc() && end == path.data() + path.size() && fd >= 0;
+  if (!is_number || digits == 0 || !shows_descriptors(path.substr(0, digits))) return std::nullopt;
+  return fd;
 }
 
 // What the link at `path` holds, seen from where `path` is seen; empty when there is no link.

@@ -18,6 +18,12 @@ namespace {
 
 constexpr int line_too_long = -1;
 
+int reply_too_long(int code) {
+  note_symptom(DL_CAUSE_LONG_REPLY);
+  log_line(DL_LOG_FTP, DL_LOG_NOTICE, "FTP reply too long\n");
+  return code;
+}
+
 // Reads one line into `reply`: when the peer closed, what had arrived of it. Returns 0, -8 or -1.
 int read_reply_line(int sock, ftp_reply& reply, line_state& state) {
   const std::span<char> buffer = reply.buffer();
@@ -31,7 +37,7 @@ int read_reply_line(int sock, ftp_reply& reply, line_state& state) {
     log_line(DL_LOG_FTP, DL_LOG_NOTICE, "read failed, errno %d\n", read.io.error);
   }
   if (read.io.count < 0) return DL_ERR_READ;
-  return state == line_state::too_long ? line_too_long : 0;
+  return state == line_state::too_long ? reply_too_long(line_too_long) : 0;
 }
 
 }  // namespace
@@ -49,6 +55,7 @@ int dl_recv_reply(const dl_ftp_session& session, ftp_reply& reply, ftp_expected 
       return expected.code != 0 && *code != expected.code ? expected.mismatch : *code;
     }
   }
+  if (state != line_state::closed) return reply_too_long(DL_ERR_READ);
   note_symptom(DL_CAUSE_NO_REPLY);
   log_line(DL_LOG_FTP, DL_LOG_NOTICE, "no final reply line\n");
   return DL_ERR_READ;

@@ -86,7 +86,7 @@ TEST_F(cli_get, where_the_file_goes) {
   };
   expect_failed(in_shell("exec 3>&-", "/dev/fd/3"), 1, {"/dev/fd/3", "Bad file descriptor"});
   expect_failed(in_shell("ulimit -f 1", path("long")), 1, {"long", "File too large"});
-  ASSERT_EQ(0, symlink("/dev/stdout", path("through").c_str()));
+  ASSERT_EQ(0, symlink("/proc/thread-self/fd/1", path("through").c_str()));
   expect_done(in_shell("exec > " + path("target") + "; echo 1", path("through")));
   EXPECT_TRUE("1\n" + content == read_file(path("target")));
 }
@@ -219,6 +219,12 @@ TEST_F(cli_get, missing_files) {
   tcp_peer resets({{send("220 hi\r\n"), expect_until("\r\n"), reset()}});
   expect_failed(fetchrig({"get", resets.url("ftp", "/x")}), 1,
                 {"the connection broke: Connection reset by peer (code -8)"});
+  std::string lines;
+  while (lines.size() < 70000) lines += "220-\r\n";
+  tcp_peer babbler({{send("220 " + std::string(600, 'x') + "\r\n")}, {send(lines)}});
+  for (const std::string code : {"-1", "-8"}) {
+    expect_failed(fetchrig({"get", babbler.url("ftp", "/x")}), 1, {"FTP reply is too long (code " + code});
+  }
   EXPECT_TRUE(work_names().empty());
 }
 

@@ -95,7 +95,7 @@ TEST_F(ClientCert, WhatIsNoPlainFileStays) {
   const fetchrig::unique_fd out(open(path("out").c_str(), O_RDWR | O_CREAT, 0600));
   ASSERT_EQ(::write(out.get(), "before\n", 7), 7);
   key_ = cert_ = path("stdout");  // a link to a descriptor, as /dev/stdout is one
-  fs::create_symlink("/proc/self/fd/" + std::to_string(out.get()), key_);
+  fs::create_symlink("/proc/thread-self/fd/" + std::to_string(out.get()), key_);
   EXPECT_EQ(generate("/CN=a"), 0);
   EXPECT_TRUE(fs::is_symlink(key_));
   EXPECT_TRUE(read("out").starts_with("before\n-----BEGIN CERT")) << read("out");
