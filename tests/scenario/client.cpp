@@ -1,0 +1,393 @@
+// client.cpp: the verbs, the run around them, and the comparison with what was expected.
+#include "tests/scenario/client.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "include/fetchrig.h"
+
+namespace scenario {
+namespace {
+
+using std::string;
+
+std::vector<log_line> log_lines;
+
+// "QXFR[42]: HTTP<3+error > text\n".
+int take_line(const char* bytes, int32_t length) {
+  const host hold;
+  string line(bytes, static_cast<std::size_t>(length));
+  if (line.ends_with('\n')) line.pop_back();
+  const std::size_t at = line.find("]: ");
+  const bool whole = at != string::npos && line.size() >= at + 18;
+  log_lines.push_back(whole ? log_line{line[at + 8] - '0', trim(line.substr(at + 3, 4)), line.substr(at + 18)}
+                            : log_line{0, "", line});
+  return 0;
+}
+
+// One call of the library, under the plan of the run.
+template <typename Call>
+auto made(Call one) {
+  plan.active = true;
+  const auto rc = one();
+  plan.active = false;
+  return rc;
+}
+
+// What a verb works with.
+struct call_record {
+  const story& told;
+  outcome& seen;
+  string local, upload;
+  dl_result result = {};
+  char redirect[DL_REDIRECT_SIZE] = {};
+
+  const char* word(std::size_t at) const { return told.words.at(at).c_str(); }
+  const char* local_path() const {
+    return told.argument("to") && !*told.argument("to") ? nullptr : local.c_str();
+  }
+  dl_request request() const {
+    return {word(0), told.argument("user"), told.argument("password"), told.argument("proxy")};
+  }
+  dl_http_request http_request(int32_t method) const {
+    return {method,
+            word(0),
+            told.argument("user"),
+            told.argument("password"),
+            told.argument("proxy"),
+            told.argument("headers"),
+            told.argument("body")};
+  }
+  void finish(int rc) {
+    seen.rc = rc;
+    seen.code = result.code;
+    seen.message.assign(result.message, strnlen(result.message, sizeof result.message));
+    seen.redirect = redirect;
+  }
+};
+
+// Reads to the end by `read(buffer, size, result)`.
+template <typename Read>
+void read_all(call_record& call, Read read) {
+  string buffer(static_cast<std::size_t>(call.told.number("size", 64)), '\0');
+  for (;;) {
+    dl_result result = {};
+    const int count = made([&] { return read(buffer.data(), static_cast<int32_t>(buffer.size()), &result); });
+    call.seen.read_code = result.code;
+    if (count < 0 && result.code == 0) call.seen.read_code = -1;
+    if (count <= 0) return;
+    call.seen.reads.push_back(count);
+    call.seen.body.append(buffer, 0, static_cast<std::size_t>(count));
+  }
+}
+
+void download(call_record& call) {
+  const dl_request request = call.request();
+  call.finish(made([&] { return dl_download(&request, call.local_path(), call.redirect, &call.result); }));
+}
+
+void upload(call_record& call) {
+  const dl_request request = call.request();
+  const int mode = call.told.number("mode", DL_HTTP_PUT), limit = call.told.number("limit", 0);
+  const char* headers = call.told.argument("headers") ? call.told.argument("headers") : "";
+  call.finish(made([&] {
+    return dl_upload(&request, call.upload.c_str(), call.told.argument("remote"), call.redirect, &call.result,
+                     headers, mode, static_cast<uint32_t>(limit));
+  }));
+}
+
+void open_by_url(call_record& call) {
+  const dl_request request = call.request();
+  dl_handle* handle = nullptr;
+  call.finish(made([&] { return dl_open(&request, &handle, call.redirect, &call.result); }));
+  if (!handle) return;
+  read_all(call,
+           [&](char* to, int32_t size, dl_result* result) { return dl_read(handle, to, size, result); });
+  made([&] { return dl_close(handle), 0; });
+}
+
+// "a:1,b:2".
+std::vector<std::pair<string, string>> credentials_of(string list) {
+  std::vector<std::pair<string, string>> pairs;
+  for (std::replace(list.begin(), list.end(), ',', ' '); const string& word : words_of(list)) {
+    const std::size_t colon = word.find(':');
+    pairs.emplace_back(word.substr(0, colon), word.substr(colon + 1));
+  }
+  return pairs;
+}
+
+int open_http(call_record& call, dl_http_session** session, const dl_http_request& request) {
+  if (const char* list = call.told.argument("list")) {
+    const auto pairs = credentials_of(list);
+    std::vector<dl_auth_info> infos;
+    for (const auto& [user, password] : pairs) infos.push_back({user.c_str(), password.c_str()});
+    return made([&] {
+      return dl_http_post_multi_auth(session, &request, infos.data(), static_cast<int32_t>(infos.size()),
+                                     call.redirect, &call.result);
+    });
+  }
+  const dl_http_request_ex extended = {&request, static_cast<uint32_t>(call.told.number("auth", 0))};
+  return made([&] {
+    return call.told.argument("auth") ? dl_http_open_ex(session, &extended, call.redirect, &call.result)
+                                      : dl_http_open(session, &request, call.redirect, &call.result);
+  });
+}
+
+void read_session(call_record& call, dl_http_session* session) {
+  read_all(call, [&](char* to, int32_t size, dl_result* result) {
+    return dl_http_read(session, to, size, result);
+  });
+  call.seen.left = session->remaining;
+}
+
+template <int32_t method>
+void open_and_read(call_record& call) {
+  const dl_http_request request = call.http_request(method);
+  dl_http_session* session = nullptr;
+  call.finish(open_http(call, &session, request));
+  if (!session) return;
+  call.seen.status = dl_http_get_status(session);
+  for (const auto& [name, value] : call.told.expected.headers) {
+    const char* line = dl_http_find_header_by_name(session, name.c_str());
+    call.seen.headers.emplace_back(name, line ? line : "none");
+  }
+  read_session(call, session);
+  call.seen.end = dl_http_body_end(session);
+  made([&] { return dl_http_close(session), 0; });
+}
+
+void fetch(call_record& call) {
+  const dl_http_request request = call.http_request(DL_METHOD_GET);
+  const dl_http_request_ex extended = {&request, static_cast<uint32_t>(call.told.number("auth", 0))};
+  call.finish(made([&] {
+    return call.told.argument("auth")
+               ? dl_http_recv_to_file_ex(&extended, call.local_path(), call.redirect, &call.result)
+               : dl_http_recv_to_file(&request, call.local_path(), call.redirect, &call.result);
+  }));
+}
+
+void send_form(call_record& call) {
+  const dl_http_request request = call.http_request(call.told.number("method", DL_METHOD_PUT));
+  dl_http_session* session = nullptr;
+  call.finish(made([&] {
+    return dl_http_post_file(&session, &request, call.upload.c_str(), call.redirect, &call.result);
+  }));
+}
+
+// A record that the caller made, with the stated fields alone.
+void read_bare(call_record& call) {
+  const string at = call.word(0);
+  const std::size_t colon = at.rfind(':');
+  const string host = call.told.hosts.contains(at.substr(0, colon))
+                          ? call.told.hosts.at(at.substr(0, colon))[0]
+                          : at.substr(0, colon);
+  auto* session = static_cast<dl_http_session*>(calloc(1, sizeof(dl_http_session)));
+  session->magic = DL_HTTP_MAGIC;
+  session->sock = net.socket(AF_INET, SOCK_STREAM);
+  net.connect(session->sock, {host, std::stoi(at.substr(colon + 1))});
+  session->flags = static_cast<uint32_t>(call.told.number("flags", 0));
+  session->remaining = static_cast<uint32_t>(std::stoul(call.told.argument("remaining")));
+  read_session(call, session);
+  made([&] { return dl_http_close(session), 0; });
+}
+
+void ring(call_record& call) {
+  char path[64] = {};
+  const char* name = call.told.argument("name");
+  call.finish(made([&] {
+    return dl_distinctive_ringtone_download(call.word(0), name, &call.seen.ring, path, sizeof path);
+  }));
+  if (path[0]) call.local = path;
+}
+
+struct verb {
+  const char* name;
+  void (*play)(call_record&);
+};
+constexpr verb verbs[] = {{"download", download},
+                          {"upload", upload},
+                          {"open", open_by_url},
+                          {"get", open_and_read<DL_METHOD_GET>},
+                          {"post", open_and_read<DL_METHOD_POST>},
+                          {"put", open_and_read<DL_METHOD_PUT>},
+                          {"delete", open_and_read<DL_METHOD_DELETE>},
+                          {"fetch", fetch},
+                          {"send", send_form},
+                          {"read", read_bare},
+                          {"ring", ring}};
+
+// Options by their names; text or a number.
+struct option {
+  const char* name;
+  uint32_t number;
+  bool is_text;
+};
+constexpr option option_names[] = {{"USER_AGENT", DL_OPT_USER_AGENT, true},
+                                   {"TRUST_CA_DIR", DL_OPT_TRUST_CA_DIR, true},
+                                   {"DEVICE_CERT_FILE", DL_OPT_DEVICE_CERT_FILE, true},
+                                   {"SSL_METHOD", DL_OPT_SSL_METHOD, false},
+                                   {"VERIFY_PEER", DL_OPT_VERIFY_PEER, false},
+                                   {"MAX_REDIRECTS", DL_OPT_MAX_REDIRECTS, false},
+                                   {"MAX_FILE_SIZE", DL_OPT_MAX_FILE_SIZE, false},
+                                   {"NET_TIMEOUT", DL_OPT_NET_TIMEOUT, false},
+                                   {"IPV6", DL_OPT_IPV6, false},
+                                   {"VERIFY_HOST", DL_OPT_VERIFY_HOST, false},
+                                   {"HTTPS_CA_DIR", DL_OPT_HTTPS_CA_DIR, true},
+                                   {"HTTPS_CERT_FILE", DL_OPT_HTTPS_CERT_FILE, true},
+                                   {"AUTH_RETRY_LIMIT", DL_OPT_AUTH_RETRY_LIMIT, false}};
+
+void set_number(uint32_t option, uint32_t value) {
+  if (dl_set_option(option, &value) != 0) throw std::runtime_error("an option was refused");
+}
+
+void set_option(const string& name, const string& value) {
+  if (name == "TLS_WAIT") return dl_set_tls_wait_limit(static_cast<uint32_t>(std::stoul(value)));
+  if (name == "RING_ENTRY") {  // slot, number, name
+    const auto words = words_of(value);
+    dl_ring_entry entry = {static_cast<uint8_t>(std::stoi(words.at(0))),
+                           static_cast<uint8_t>(std::stoi(words.at(1))), ""};
+    words.at(2).copy(entry.name, sizeof entry.name - 1);
+    dl_set_option(DL_OPT_RING_ENTRY, &entry);
+    return;
+  }
+  for (const option& one : option_names) {
+    if (name != one.name) continue;
+    if (!one.is_text) return set_number(one.number, static_cast<uint32_t>(std::stoul(value)));
+    dl_set_option(one.number, value.c_str());
+    return;
+  }
+  throw std::runtime_error("unknown option " + name);
+}
+
+std::vector<bool> open_descriptors() {
+  std::vector<bool> open(128);
+  for (std::size_t fd = 0; fd < open.size(); ++fd) open[fd] = syscall(SYS_fcntl, fd, F_GETFD) >= 0;
+  return open;
+}
+
+void write_unless_there(const string& path, const string& content) {
+  if (test::file_exists(path) && test::read_file(path) == content) return;
+  test::write_file(path, content);
+}
+
+}  // namespace
+
+std::vector<log_line> outcome::errors() const {
+  std::vector<log_line> found;
+  std::copy_if(lines.begin(), lines.end(), std::back_inserter(found),
+               [](const log_line& one) { return one.level <= 3; });
+  return found;
+}
+
+stage::stage() {
+  if (chdir(place_.path().c_str()) != 0) throw std::runtime_error("chdir");
+}
+
+void stage::set_options(const story& told) {
+  dl_config_init();
+  dl_log_init(0, take_line);
+  dl_set_log_module_level(DL_LOG_ANY, DL_LOG_DEBUG);
+  dl_set_tls_wait_limit(5);
+  dl_set_option(DL_OPT_HTTPS_CA_DIR, certificates_.trusted_dir().c_str());
+  set_number(DL_OPT_SSL_METHOD, 3);
+  set_number(DL_OPT_VERIFY_PEER, 1);
+  set_number(DL_OPT_VERIFY_HOST, 1);
+  for (const auto& [name, value] : told.options) set_option(name, value);
+}
+
+outcome stage::play(const story& told, const run& with) {
+  outcome seen;
+  call_record call{told, seen, place_.file("got"), place_.file("local")};
+  if (const char* to = told.argument("to")) call.local = *to ? to : told.argument("as");
+  unlink(call.local.c_str());
+  if (told.expected.file == "kept") test::write_file(call.local, old_file);
+  if (const char* content = told.argument("file")) write_unless_there(call.upload, content);
+
+  conversation talk(told, certificates_);
+  net.start(talk, with.network);
+  net.hosts = told.hosts;
+  set_options(told);
+  log_lines.clear();
+  const auto before = open_descriptors();
+  const int64_t start_us = net.clock_us;
+  plan = {.what = with.what, .lasting = with.lasting, .nth = with.nth};
+  const auto known = std::find_if(std::begin(verbs), std::end(verbs),
+                                  [&](const verb& one) { return told.verb == one.name; });
+  if (known == std::end(verbs)) throw std::runtime_error("unknown verb " + told.verb);
+  known->play(call);
+  seen.counts = plan.counts;
+  seen.struck = plan.happened || net.struck;
+  plan.what = nullptr;
+
+  net.settle();
+  seen.took_us = net.clock_us - start_us;
+  seen.problems = talk.problems();
+  seen.num_waits = net.num_waits;
+  seen.links = net.links;
+  if (net.num_open() > 0) seen.broken.push_back("a socket is left open");
+  if (!net.failure.empty()) seen.broken.push_back(net.failure);
+  if (open_descriptors() != before) seen.broken.push_back("a descriptor is left open");
+  net.stop();
+  dl_exit();
+  seen.lines = log_lines;
+  if (test::file_exists(call.local)) seen.file = test::read_file(call.local);
+  for (const log_line& line : seen.lines) {
+    for (const string& secret : told.secrets) {
+      if (line.text.find(secret) != string::npos)
+        seen.broken.push_back("the log tells a secret: " + line.text);
+    }
+  }
+  return seen;
+}
+
+std::vector<string> complaints(const story& told, const outcome& seen) {
+  std::vector<string> found = seen.problems;
+  const expectation& wanted = told.expected;
+  const auto compare = [&](const string& what, const string& expected, const string& actual) {
+    if (expected != actual) found.push_back(what + ": expected \"" + expected + "\", got \"" + actual + "\"");
+  };
+  const auto compare_number = [&](const string& what, const auto& expected, long actual) {
+    if (expected) compare(what, std::to_string(*expected), std::to_string(actual));
+  };
+  const auto compare_bytes = [&](const string& what, const string& expected, const string& actual) {
+    if (expected != actual) compare(what, test::summary(expected), test::summary(actual));
+  };
+  char message[256] = "";
+  if (wanted.code != 0) dl_get_error_string(wanted.code, message, sizeof message);
+  compare("code", std::to_string(wanted.code), std::to_string(seen.code));
+  const bool succeeds = wanted.code == 0 && !wanted.untouched;
+  if (told.verb != "ring") compare("return value", succeeds ? "0" : "-1", std::to_string(seen.rc));
+  compare("message", wanted.message.value_or(message), seen.message);
+  if (wanted.file) {
+    const string kept = *wanted.file == "kept" ? string("=") + old_file : *wanted.file;
+    compare_bytes("file", kept, seen.file ? "=" + *seen.file : "none");
+  }
+  if (wanted.body) compare_bytes("body", *wanted.body, seen.body);
+  compare("read", std::to_string(wanted.read_code.value_or(0)), std::to_string(seen.read_code));
+  if (wanted.redirect) compare("redirect", *wanted.redirect, seen.redirect);
+  compare_number("status", wanted.status, seen.status);
+  compare_number("end", wanted.end, seen.end);
+  compare_number("ring", wanted.ring, seen.ring);
+  compare_number("left", wanted.left, seen.left);
+  if (wanted.reads && *wanted.reads != seen.reads) found.push_back("the counts of the reads differ");
+  for (std::size_t i = 0; i < std::min(wanted.headers.size(), seen.headers.size()); ++i)
+    compare("header " + wanted.headers[i].first, wanted.headers[i].second, seen.headers[i].second);
+
+  string expected_lines, actual_lines;
+  for (const log_line& line : wanted.lines) {
+    if (line.level <= 3) expected_lines += "\n" + line.module + " " + line.text;
+    if (line.level > 3 && std::find(seen.lines.begin(), seen.lines.end(), line) == seen.lines.end())
+      found.push_back("not logged: " + line.text);
+  }
+  for (const log_line& line : seen.errors()) actual_lines += "\n" + line.module + " " + line.text;
+  compare("error lines", expected_lines, actual_lines);
+  return found;
+}
+
+}  // namespace scenario

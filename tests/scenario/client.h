@@ -1,0 +1,66 @@
+// client.h: one run of a story: what the library is asked to do and all that can be seen of it.
+#ifndef FETCHRIG_TESTS_SCENARIO_CLIENT_H
+#define FETCHRIG_TESTS_SCENARIO_CLIENT_H
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tests/scenario/faults.h"
+#include "tests/scenario/network.h"
+#include "tests/scenario/peers.h"
+#include "tests/scenario/script.h"
+#include "tests/scenario/text.h"
+#include "tests/support/temp_dir.h"
+
+namespace scenario {
+
+struct run {
+  conditions network;
+  const fault* what = nullptr;
+  bool lasting = false;
+  long nth = 0;
+};
+
+struct outcome {
+  int rc = 0;
+  int code = 0;
+  std::string message, redirect, body;
+  std::optional<std::string> file;
+  std::vector<int> reads;
+  int read_code = 0;
+  int status = 0, end = 0, ring = 0;
+  long left = 0;
+  std::vector<std::pair<std::string, std::string>> headers;
+  std::vector<log_line> lines;        // of every level
+  std::vector<std::string> problems;  // of the conversation
+  std::vector<std::string> broken;    // rules that hold in every run
+  bool struck = false;                // what the run was to suffer has come
+  long num_waits = 0;
+  int64_t took_us = 0;
+  std::vector<std::shared_ptr<link>> links;
+  decltype(fault_plan::counts) counts = {};
+
+  std::vector<log_line> errors() const;
+};
+
+class stage {
+ public:
+  stage();
+  outcome play(const story& told, const run& with);
+  std::string directory() const { return place_.path(); }
+
+ private:
+  void set_options(const story& told);
+  test::temp_dir place_;
+  certificates certificates_{place_};
+};
+
+// What differs from the story's expectations in a run without faults.
+std::vector<std::string> complaints(const story& told, const outcome& seen);
+
+inline constexpr const char* old_file = "old file";
+
+}  // namespace scenario
+#endif

@@ -1,0 +1,204 @@
+// modes.cpp: the ways in which a story is played and the rules for each.
+#include "tests/scenario/modes.h"
+
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
+
+namespace scenario {
+namespace {
+
+using std::string;
+
+constexpr unsigned run_limit_s = 60;  // of real time
+
+char now_playing[256];
+
+void on_alarm(int) {
+  const char text[] = "\nnever ends: ";
+  [[maybe_unused]] ssize_t told = ::write(STDERR_FILENO, text, sizeof text - 1);
+  told = ::write(STDERR_FILENO, now_playing, strlen(now_playing));
+  _exit(3);
+}
+
+// A connection that ends early ends a body without an error, as the calls state: with such a cut, less may arrive, and
+// a status that was cut may read as another. Nothing of the kind passes a certificate that is not trusted.
+bool may_end_early(const story& told, const outcome& whole, const run& with) {
+  const bool http = told.words.at(0).find("http") == 0 || told.verb == "read";
+  return http && with.network.how == cut::end && whole.code != -3;
+}
+
+bool is_known_code(int code) {
+  return (code >= -19 && code <= 0 && code != -10) || (code >= 100 && code <= 999);
+}
+
+std::vector<string> broken_rules(const story& told, const outcome& whole, const outcome& seen,
+                                 const run& with) {
+  std::vector<string> broken = seen.broken;
+  const bool early = may_end_early(told, whole, with);
+  const bool ring = told.verb == "ring";
+  const auto rule = [&](bool holds, const char* what) {
+    if (!holds) broken.push_back(what);
+  };
+  rule(is_known_code(seen.code) || seen.code == whole.code, "a code that is none");
+  rule(ring || seen.rc == -1 || seen.code == 0, "success with a code");
+  rule(ring || seen.rc == 0 || seen.rc == -1, "a return value that is none");
+  const bool whole_ok = whole.rc >= 0 && whole.code == 0, ok = seen.rc >= 0 && seen.code == 0;
+  rule(whole_ok || !ok || early, "accepts what is refused without a fault");
+  const string before = told.expected.file == "kept" ? old_file : "";
+  const bool kept = seen.file && *seen.file == before && !before.empty();
+  const bool part = seen.file && whole.file && whole.file->starts_with(*seen.file);
+  rule(!seen.file || kept || seen.file == whole.file || (early && part), "a partial file");
+  rule(!ok || !whole_ok || ring || seen.file == whole.file || (early && part), "success with another file");
+  rule(early || !whole_ok || whole.body.starts_with(seen.body), "another body");
+  const bool read_ok = ok && seen.read_code == 0, whole_read_ok = whole_ok && whole.read_code == 0;
+  rule(!read_ok || early || (whole_read_ok && seen.body == whole.body),
+       "a body that ends well, but is another");
+  const int64_t limit_us = int64_t{60} * 1000000;
+  rule(seen.took_us - whole.took_us <= (whole.num_waits + 4) * limit_us, "waits longer than its waits imply");
+  return broken;
+}
+
+// Nothing may come of the fault.
+std::vector<string> differences(const story& told, const outcome& seen) {
+  std::vector<string> found = complaints(told, seen);
+  found.insert(found.end(), seen.broken.begin(), seen.broken.end());
+  return found;
+}
+
+const char* name_of(cut how) {
+  return how == cut::end ? "cut" : "reset";
+}
+
+}  // namespace
+
+bool player::takes(const story& told, const string& mode, long n) {
+  if (!chosen_.mode.empty() && chosen_.mode != mode) return false;
+  if (chosen_.n > 0
+          ? chosen_.n != n
+          : chosen_.every > 1 &&
+                (n + static_cast<long>(std::hash<string>()(told.name + mode) % 997)) % chosen_.every != 0)
+    return false;
+  playing_ = told.name + ": --mode " + mode + " --n " + std::to_string(n);
+  snprintf(now_playing, sizeof now_playing, "%s\n", playing_.c_str());
+  alarm(run_limit_s);
+  return true;
+}
+
+void player::report(const std::vector<string>& found) {
+  if (found.empty()) return;
+  ++tally_.failures;
+  printf("FAILED %s\n", playing_.c_str());
+  for (const string& one : found) printf("  %s\n", one.c_str());
+  fflush(stdout);
+}
+
+void player::check(const story& told, const run& with, long& struck, bool harmless) {
+  const outcome seen = stage_.play(told, with);
+  ++tally_.runs;
+  struck += seen.struck;
+  // A fault that never came changes nothing either.
+  std::vector<string> found =
+      harmless || !seen.struck ? differences(told, seen) : broken_rules(told, whole_, seen, with);
+  if (found.empty()) return;
+  found.push_back("came to " + std::to_string(seen.rc) + ", code " + std::to_string(seen.code) + ", read " +
+                  std::to_string(seen.read_code) + ", after " + std::to_string(seen.num_waits) +
+                  " waits; log:");
+  for (const log_line& line : seen.lines)
+    if (chosen_.tells || line.level <= 4) found.push_back("  " + line.module + " " + line.text);
+  report(found);
+}
+
+bool player::play_whole(const story& told) {
+  const long failures = tally_.failures;
+  long ignored = 0;
+  const std::pair<const char*, delivery> ways[] = {
+      {"as-sent", delivery::as_sent}, {"bytes", delivery::byte_by_byte}, {"glued", delivery::glued}};
+  for (const auto& [mode, pieces] : ways) {
+    const string wanted = std::exchange(chosen_.mode, "");
+    const bool first = pieces == delivery::as_sent;
+    if (first) {  // the measure of all others
+      takes(told, mode, chosen_.n);
+      whole_ = stage_.play(told, {});
+      ++tally_.runs;
+      std::vector<string> found = complaints(told, whole_);
+      found.insert(found.end(), whole_.broken.begin(), whole_.broken.end());
+      for (const log_line& line : whole_.lines)
+        if (!found.empty())
+          found.push_back("  " + std::to_string(line.level) + " " + line.module + " " + line.text);
+      report(found);
+    }
+    chosen_.mode = wanted;
+    const bool chosen = wanted.empty() || wanted == mode;
+    if (first || !chosen) continue;
+    playing_ = told.name + ": --mode " + mode;
+    check(told, {.network = {.pieces = pieces}}, ignored, true);
+  }
+  return failures == tally_.failures;
+}
+
+void player::cut_everywhere(const story& told) {
+  for (std::size_t i = 0; i < whole_.links.size(); ++i) {
+    for (const bool up : {false, true}) {
+      const auto size = static_cast<long>(up ? whole_.links[i]->num_up : whole_.links[i]->num_down);
+      for (const cut how : {cut::end, cut::reset}) {
+        const string mode = string(name_of(how)) + "-" + std::to_string(i) + (up ? "-up" : "-down");
+        for (long n = 1; n <= size; ++n) {
+          if (!takes(told, mode, n)) continue;
+          const run with = {
+              .network = {
+                  .how = how, .cut_link = i, .cut_up = up, .cut_at = static_cast<std::size_t>(n - 1)}};
+          check(told, with, tally_.offsets, false);
+        }
+      }
+    }
+  }
+}
+
+void player::fall_silent(const story& told) {
+  for (long n = 1; n <= whole_.num_waits; ++n) {
+    if (takes(told, "silent", n)) check(told, {.network = {.silent_from = n}}, tally_.waits, false);
+  }
+}
+
+void player::fail_each_call(const story& told) {
+  for (const fault& one : faults) {
+    for (const bool lasting : {false, true}) {
+      if (lasting && !one.may_last) continue;
+      const string mode = string(one.name) + (lasting ? "-lasting" : "");
+      const long count = whole_.counts[static_cast<std::size_t>(one.which)];
+      for (long n = 1; n <= count; ++n) {
+        if (takes(told, mode, n))
+          check(told, {.network = {}, .what = &one, .lasting = lasting, .nth = n}, tally_.faults,
+                one.harmless);
+      }
+    }
+  }
+}
+
+void player::play(const story& told) {
+  if (!chosen_.only.empty() && told.name.find(chosen_.only) == string::npos) return;
+  signal(SIGALRM, on_alarm);
+  ++tally_.stories;
+  const bool sound = play_whole(told);
+  if (sound) {
+    cut_everywhere(told);
+    fall_silent(told);
+    fail_each_call(told);
+  }
+  alarm(0);
+#if defined(__SANITIZE_ADDRESS__)
+  playing_ = told.name;
+  if (__lsan_do_recoverable_leak_check() != 0) report({"leaks memory"});
+#endif
+}
+
+}  // namespace scenario

@@ -1,0 +1,225 @@
+// peers.cpp: one cursor over the steps of all connections.
+#include "tests/scenario/peers.h"
+
+#include <openssl/err.h>
+
+#include <algorithm>
+
+namespace scenario {
+namespace {
+
+std::string shown(std::string_view bytes) {
+  std::string text;
+  for (const char byte : bytes.substr(0, 200)) {
+    char code[8];
+    snprintf(code, sizeof code, "\\x%02x", static_cast<unsigned char>(byte));
+    text += byte == '\n'               ? "\\n"
+            : byte == '\r'             ? "\\r"
+            : byte < ' ' || byte > '~' ? code
+                                       : std::string(1, byte);
+  }
+  return "\"" + text + "\"" + (bytes.size() > 200 ? " and more" : "");
+}
+
+}  // namespace
+
+certificates::certificates(const test::temp_dir& place) : ca_(place), stranger_(place, "stranger") {}
+
+SSL_CTX* certificates::context(const std::string& name) {
+  auto found = contexts_.find(name);
+  if (found == contexts_.end()) {
+    test::cert_request request = {"a.test", "DNS:a.test,DNS:b.test,IP:10.0.0.3"};
+    if (name == "elsewhere") request = {"other.test", ""};
+    if (name == "expired") request.valid_from_s = -7200, request.valid_until_s = -3600;
+    const test::cert_files files = (name == "foreign" ? stranger_ : ca_).issue(name, request);
+    found = contexts_.emplace(name, owned_context(SSL_CTX_new(TLS_server_method()), SSL_CTX_free)).first;
+    SSL_CTX_use_certificate_file(found->second.get(), files.cert.c_str(), SSL_FILETYPE_PEM);
+    SSL_CTX_use_PrivateKey_file(found->second.get(), files.key.c_str(), SSL_FILETYPE_PEM);
+    SSL_CTX_set_session_cache_mode(found->second.get(), SSL_SESS_CACHE_OFF);
+    SSL_CTX_set_security_level(found->second.get(), 0);
+  }
+  return found->second.get();
+}
+
+// One connection: the way to the client and what was received on it.
+struct conversation::party {
+  std::shared_ptr<link> way;
+  std::string inbox;
+  std::unique_ptr<SSL, decltype(&SSL_free)> tls{nullptr, SSL_free};
+  bool secured = false;  // the handshake is over
+  int port = 0;          // datagrams come from here
+};
+
+conversation::conversation(const story& told, certificates& known) : told_(told), known_(known) {
+  for (const connection& one : told.connections) {
+    parties_.push_back(std::make_unique<party>());
+    parties_.back()->port = one.at.port;
+    if (!one.certificate.empty()) known.context(one.certificate);  // made in nobody's call
+  }
+}
+conversation::~conversation() = default;
+
+std::shared_ptr<link> conversation::accept(const endpoint& server, bool datagrams) {
+  for (std::size_t i = 0; i < parties_.size(); ++i) {
+    party& by = *parties_[i];
+    const connection& plan = told_.connections[i];
+    if (by.way || plan.at != server || plan.datagrams != datagrams) continue;
+    by.way = std::make_shared<link>();
+    if (plan.certificate.empty()) return by.way;
+    by.tls.reset(SSL_new(known_.context(plan.certificate)));
+    SSL_set_bio(by.tls.get(), BIO_new(BIO_s_mem()), BIO_new(BIO_s_mem()));
+    SSL_set_accept_state(by.tls.get());
+    return by.way;
+  }
+  return nullptr;
+}
+
+// Client and server share a thread, and with it OpenSSL's queue of errors.
+void conversation::pump_tls(party& by) {
+  ERR_set_mark();
+  SSL* const tls = by.tls.get();
+  for (; !by.way->received.empty(); by.way->received.pop_front()) {
+    const std::string& bytes = by.way->received.front().bytes;
+    BIO_write(SSL_get_rbio(tls), bytes.data(), static_cast<int>(bytes.size()));
+  }
+  int rc = 1;
+  if (!by.secured && (rc = SSL_do_handshake(tls)) == 1) by.secured = true;
+  char buffer[4096];
+  while (by.secured && (rc = SSL_read(tls, buffer, sizeof buffer)) > 0)
+    by.inbox.append(buffer, static_cast<std::size_t>(rc));
+  const bool broken = rc <= 0 && SSL_get_error(tls, rc) == SSL_ERROR_SSL;
+  std::string out(static_cast<std::size_t>(BIO_ctrl_pending(SSL_get_wbio(tls))), '\0');
+  if (!out.empty()) BIO_read(SSL_get_wbio(tls), out.data(), static_cast<int>(out.size()));
+  if (!out.empty() && !by.way->dead) by.way->on_way.push_back({std::move(out), 0});
+  if (broken) by.way->dead = by.way->ended = true;
+  ERR_pop_to_mark();
+}
+
+void conversation::play() {
+  for (const auto& by : parties_) {
+    if (!by->way) continue;
+    if (by->tls && !by->way->dead) {
+      pump_tls(*by);
+    } else if (!by->way->datagrams) {
+      for (; !by->way->received.empty(); by->way->received.pop_front())
+        by->inbox += by->way->received.front().bytes;
+    }
+  }
+  while (next_ < told_.steps.size() &&
+         advance(told_.steps[next_], *parties_[told_.steps[next_].connection])) {
+    ++next_;
+    matched_ = 0;
+  }
+}
+
+// False while it has to wait.
+bool conversation::advance(const step& now, party& by) {
+  if (!by.way) return false;
+  if (by.way->dead) return true;
+  if (now.what == action::connect) return true;
+  if (by.tls && !by.secured) return by.way->client_closed;
+  switch (now.what) {
+    case action::connect:
+      return true;
+    case action::expect:
+      return by.way->datagrams ? take_datagram(now, by) : take(now, by);
+    case action::until:
+      return take_until(now, by);
+    case action::send:
+      put(by, now.bytes);
+      return true;
+    case action::port:
+      by.port = std::stoi(now.bytes);
+      return true;
+    case action::closed:
+      return by.way->client_closed;
+    case action::close:
+    case action::hang_up:
+      end(by, now.what == action::close);
+      return true;
+    case action::reset:
+      by.way->dead = by.way->reset = by.way->ended = true;
+      by.way->error = ECONNRESET;
+      return true;
+    case action::deaf:
+      by.way->deaf = true;
+      return true;
+  }
+  return true;
+}
+
+bool conversation::take(const step& now, party& by) {
+  const std::string_view wanted = std::string_view(now.bytes).substr(matched_);
+  const std::size_t count = std::min(wanted.size(), by.inbox.size());
+  if (wanted.substr(0, count) != std::string_view(by.inbox).substr(0, count)) {
+    problem(now, "expected " + shown(wanted) + ", received " + shown(by.inbox));
+    by.way->dead = by.way->ended = true;
+    return true;
+  }
+  by.inbox.erase(0, count);
+  matched_ += count;
+  if (matched_ == now.bytes.size()) return true;
+  if (by.way->client_closed) problem(now, "closed in front of " + shown(wanted.substr(count)));
+  return by.way->client_closed;
+}
+
+bool conversation::take_until(const step& now, party& by) {
+  const std::size_t at = by.inbox.find(now.bytes);
+  if (at != std::string::npos) {
+    by.inbox.erase(0, at + now.bytes.size());
+    return true;
+  }
+  if (by.way->client_closed) problem(now, "closed in front of " + shown(now.bytes));
+  return by.way->client_closed;
+}
+
+bool conversation::take_datagram(const step& now, party& by) {
+  if (by.way->received.empty()) {
+    if (by.way->client_closed) problem(now, "closed in front of " + shown(now.bytes));
+    return by.way->client_closed;
+  }
+  const packet first = std::move(by.way->received.front());
+  by.way->received.pop_front();
+  if (first.bytes == now.bytes && first.port == by.port) return true;
+  problem(now, "expected " + shown(now.bytes) + ", received " + shown(first.bytes) + " at " +
+                   std::to_string(first.port));
+  by.way->dead = true;
+  return true;
+}
+
+void conversation::put(party& by, const std::string& bytes) {
+  if (!by.tls) {
+    by.way->on_way.push_back({bytes, by.port});
+    return;
+  }
+  ERR_set_mark();
+  SSL_write(by.tls.get(), bytes.data(), static_cast<int>(bytes.size()));
+  ERR_pop_to_mark();
+  pump_tls(by);
+}
+
+void conversation::end(party& by, bool farewell) {
+  if (by.tls && farewell && by.secured) {
+    ERR_set_mark();
+    SSL_shutdown(by.tls.get());
+    ERR_pop_to_mark();
+    pump_tls(by);
+  }
+  by.way->ended = true;
+}
+
+void conversation::problem(const step& at, const std::string& what) {
+  problems_.push_back("line " + std::to_string(at.line) + ": " + what);
+}
+
+std::vector<std::string> conversation::problems() {
+  if (next_ < told_.steps.size()) problem(told_.steps[next_], "never came to this step");
+  for (const auto& by : parties_) {
+    if (!by->inbox.empty()) problems_.push_back("received behind the last step: " + shown(by->inbox));
+    if (by->way && by->way->datagrams && !by->way->received.empty() && !by->way->dead)
+      problems_.push_back("a datagram behind the last step: " + shown(by->way->received.front().bytes));
+  }
+  return std::exchange(problems_, {});
+}
+
+}  // namespace scenario

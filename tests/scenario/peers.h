@@ -1,0 +1,59 @@
+// peers.h: the servers of a story: plays its steps in their order over the network in memory, plain or behind TLS.
+#ifndef FETCHRIG_TESTS_SCENARIO_PEERS_H
+#define FETCHRIG_TESTS_SCENARIO_PEERS_H
+
+#include <openssl/ssl.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/scenario/network.h"
+#include "tests/scenario/script.h"
+#include "tests/support/pki.h"
+
+namespace scenario {
+
+// The certificates of the TLS servers, made once, and the CA directory that trusts all but the foreign one.
+class certificates {
+ public:
+  explicit certificates(const test::temp_dir& place);
+  std::string trusted_dir() const { return ca_.hashed_dir(); }
+  SSL_CTX* context(const std::string& name);
+
+ private:
+  using owned_context = std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)>;
+  test::test_ca ca_, stranger_;
+  std::map<std::string, owned_context> contexts_;
+};
+
+class conversation : public peers {
+ public:
+  conversation(const story& told, certificates& known);
+  ~conversation() override;
+  std::shared_ptr<link> accept(const endpoint& server, bool datagrams) override;
+  void play() override;
+  // What went otherwise than told; after the call.
+  std::vector<std::string> problems();
+
+ private:
+  struct party;
+  bool advance(const step& now, party& by);
+  bool take(const step& now, party& by);
+  bool take_until(const step& now, party& by);
+  bool take_datagram(const step& now, party& by);
+  void put(party& by, const std::string& bytes);
+  void end(party& by, bool farewell);
+  void problem(const step& at, const std::string& what);
+  static void pump_tls(party& by);
+
+  const story& told_;
+  certificates& known_;
+  std::vector<std::unique_ptr<party>> parties_;
+  std::vector<std::string> problems_;
+  std::size_t next_ = 0;     // step
+  std::size_t matched_ = 0;  // bytes of it
+};
+
+}  // namespace scenario
+#endif

@@ -1,0 +1,123 @@
+// script.h: scenarios as data. A file holds blocks of lines; each block becomes one scenario, or one for each row of
+// its table and each of its variants.
+//
+//   # to the end of the line: a comment                == what happens          begins a scenario
+//   download http://a.test/f user=u password=p         the call: a verb, what it is about, named arguments; a value
+//                                                      with spaces stands in quotes ("X: 1\r\n")
+//   set MAX_FILE_SIZE 1000                             an option (enum dl_option without its prefix; TLS_WAIT too)
+//   host b.test = 10.0.0.9 fd00::9                     a name; a.test to z.test are 10.0.0.1 to .26, others unknown
+//   secret s3cret                                      no log line may hold it; password= is one by itself
+//   also tls                                           the same again as https, at port 443 instead of 80
+//   also bare                                          `get` again as `read`: by a record with the stated fields only
+//   each a b c                                         a table: {a} is replaced in every line by the cell of each row;
+//   | 1 | two | - |                                    a line that uses a cell "-" is left out
+//
+// The other side, in the order in which things happen, whatever the connection:
+//   @ a.test:80                 the client connects here; `tls` or `tls=foreign` behind it makes it a TLS server with
+//                               that certificate (server, foreign, expired, elsewhere); `udp` makes it datagrams;
+//                               `as NAME` names it
+//   @ NAME                      goes on with that connection
+//   ask PUT /f host=h.test      the head of a request as the library composes it, with this Host (default: the
+//                               connection's name); lines "+ X: y" follow as headers; "= BYTES" behind it adds the
+//                               Content-Length and the body
+//   < text                      exactly this line is received;  << BYTES  these bytes (a datagram, where it is udp)
+//   <~ BYTES                    anything up to and with these
+//   answer 200 OK = BYTES       the head of a response; "+ X: y" and "= BYTES" as above
+//   > text                      sends this line;  >> BYTES  these bytes (a datagram)
+//   from 5000                   further datagrams come from this port
+//   closed                      the client closes its end here
+//   hang up | reset | hold | deaf   closes without TLS's farewell; with RST; stays open when the steps are done; takes
+//                               nothing from here on. Without one of them a connection ends in good order.
+//   take FILE BLOCK BYTES / serve BLOCK BYTES   the blocks of a TFTP transfer and their ACKs, from block 1 on
+//
+// What comes of it:
+//   = 0                         the result's code, -1 being returned when it is not 0; the message is that of the code
+//                               unless it follows; "= untouched" for -1 with no code
+//   file BYTES | file none | file kept   the local file afterwards (kept: what lay there before, "old file")
+//   body BYTES   read -8   reads 3 3 1   what was read, the code of the read that failed, the counts of the reads
+//   redirect URL   status 200   end 1   left 5   header X = X: y   ring 6   as the calls tell them
+//   log 3 HTTP text             the lines of levels 0 to 3, exactly these in this order; other levels: is among them
+//
+// BYTES may hold \r \n \t \s \0 \\ \xNN and {bytes N} (N bytes of generated content), {bytes N@M} (from its byte M on),
+// {repeat N TEXT}, {chunk BYTES}, {md5 TEXT}, {base64 TEXT}, {wave N}, {dir}, {got} (the local file), and for TFTP
+// {rrq NAME} {wrq NAME} {data N BYTES} {ack N} {oack NAME VALUE} {error N TEXT}.
+//
+// A new verb: a function in client.cpp and a row in its table. A new step: a word in script.cpp and its case in
+// peers.cpp. A new expectation: a word in script.cpp and its comparison in client.cpp.
+#ifndef FETCHRIG_TESTS_SCENARIO_SCRIPT_H
+#define FETCHRIG_TESTS_SCENARIO_SCRIPT_H
+
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tests/scenario/network.h"
+
+namespace scenario {
+
+enum class action { connect, expect, until, send, port, closed, close, hang_up, reset, deaf };
+
+struct step {
+  action what;
+  std::size_t connection;
+  std::string bytes = {};
+  int line = 0;
+};
+
+struct connection {
+  endpoint at;
+  std::string host;  // as written
+  std::string name;
+  std::string certificate;  // empty: no TLS
+  bool datagrams = false;
+};
+
+struct log_line {
+  int level = 0;
+  std::string module;
+  std::string text;
+  bool operator==(const log_line&) const = default;
+};
+
+// What is told of a call and what it must be; nothing: not asked for.
+struct expectation {
+  int code = 0;
+  bool untouched = false;
+  std::optional<std::string> message, body, redirect, file;  // file: "none", "kept" or "=" and the bytes
+  std::optional<int> read_code, status, end, ring;
+  std::optional<long> left;
+  std::optional<std::vector<int>> reads;
+  std::vector<std::pair<std::string, std::string>> headers;
+  std::vector<log_line> lines;
+};
+
+struct story {
+  std::string name;  // with its row and variant
+  std::string verb;
+  std::vector<std::string> words;  // behind the verb
+  std::map<std::string, std::string> arguments;
+  std::vector<std::pair<std::string, std::string>> options;
+  std::map<std::string, std::vector<std::string>> hosts;
+  std::vector<std::string> secrets;
+  std::vector<connection> connections;
+  std::vector<step> steps;
+  expectation expected;
+
+  // Null when it was not given.
+  const char* argument(const std::string& key) const {
+    const auto found = arguments.find(key);
+    return found == arguments.end() ? nullptr : found->second.c_str();
+  }
+  int number(const std::string& key, int otherwise) const {
+    const char* text = argument(key);
+    return text ? std::stoi(text) : otherwise;
+  }
+};
+
+// `directory` is what {dir} stands for. A fault in the file ends the program with its line.
+std::vector<story> read_stories(const std::string& file, const std::string& directory);
+
+}  // namespace scenario
+#endif

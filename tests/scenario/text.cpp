@@ -1,0 +1,150 @@
+// text.cpp: escapes and generators, from the inside out.
+#include "tests/scenario/text.h"
+
+#include <stdio.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "core/base64.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/wave.h"
+
+namespace scenario {
+namespace {
+
+using std::string;
+using std::string_view;
+
+string big_endian(int value) {
+  return {static_cast<char>(value >> 8 & 0xff), static_cast<char>(value & 0xff)};
+}
+
+// Splits the first word off.
+string first_word(string& text) {
+  const std::size_t end = std::min(text.find(' '), text.size());
+  const string word = text.substr(0, end);
+  text.erase(0, std::min(end + 1, text.size()));
+  return word;
+}
+
+string content(const string& amount) {
+  const std::size_t at = amount.find('@');
+  const std::size_t size = std::stoul(amount),
+                    from = at == string::npos ? 0 : std::stoul(amount.substr(at + 1));
+  return test::make_bytes(from + size).substr(from);
+}
+
+string chunk(const string& data) {
+  char size[16];
+  snprintf(size, sizeof size, "%zx\r\n", data.size());
+  return size + data + "\r\n";
+}
+
+string base64(const string& bytes) {
+  fetchrig::unique_text text;
+  const std::size_t length = fetchrig::base64_encode(text, bytes);
+  return {text.get(), length};
+}
+
+string repeated(int times, const string& text) {
+  string all;
+  while (times-- > 0) all += text;
+  return all;
+}
+
+// An acknowledgement of options: names and values in turn.
+string oack(const string& options) {
+  string packet = big_endian(6);
+  for (const string& text : words_of(options)) packet += text + '\0';
+  return packet;
+}
+
+string request(int opcode, const string& name) {
+  using namespace std::string_literals;
+  return big_endian(opcode) + name + "\0octet\0blksize\0"s + "1432\0"s;
+}
+
+string generated(const string& name, string rest, const places& where) {
+  if (name == "bytes") return content(rest);
+  if (name == "chunk") return chunk(rest);
+  if (name == "md5") return test::md5_hex(rest);
+  if (name == "base64") return base64(rest);
+  if (name == "wave") return test::make_wave(static_cast<uint32_t>(std::stoul(rest)));
+  if (name == "dir") return where.directory;
+  if (name == "got") return where.local_file();
+  if (name == "rrq" || name == "wrq") return request(name == "rrq" ? 1 : 2, rest);
+  if (name == "oack") return oack(rest);
+  const bool numbered = name == "repeat" || name == "data" || name == "ack" || name == "error";
+  if (!numbered) throw std::runtime_error("unknown {" + name + "}");
+  const int number = std::stoi(first_word(rest));
+  if (name == "repeat") return repeated(number, rest);
+  if (name == "data") return big_endian(3) + big_endian(number) + rest;
+  if (name == "ack") return big_endian(4) + big_endian(number);
+  return big_endian(5) + big_endian(number) + rest + '\0';
+}
+
+// Where the brace at `open` is closed.
+std::size_t closing(string_view text, std::size_t open) {
+  int depth = 0;
+  for (std::size_t at = open; at < text.size(); ++at) {
+    depth += (text[at] == '{') - (text[at] == '}');
+    if (depth == 0) return at;
+  }
+  throw std::runtime_error("a brace is not closed");
+}
+
+// The byte behind a backslash; `at` moves to its last character.
+char escaped(string_view text, std::size_t& at) {
+  const char code = ++at < text.size() ? text[at] : '\0';
+  if (code == 'x') return static_cast<char>(std::stoi(string(text.substr((at += 2) - 1, 2)), nullptr, 16));
+  constexpr string_view codes = "rnts0", bytes("\r\n\t \0", 5);
+  const std::size_t known = codes.find(code);
+  return known == string_view::npos ? code : bytes[known];
+}
+
+}  // namespace
+
+string trim(string_view text) {
+  const std::size_t first = text.find_first_not_of(" \t");
+  return first == string_view::npos ? ""
+                                    : string(text.substr(first, text.find_last_not_of(" \t") + 1 - first));
+}
+
+std::vector<string> words_of(string_view text) {
+  std::vector<string> words(1);
+  bool quoted = false;
+  int braces = 0;
+  for (const char byte : text) {
+    if (byte == '"') {
+      quoted = !quoted;
+    } else if (byte == ' ' && !quoted && braces == 0) {
+      if (!words.back().empty()) words.emplace_back();
+    } else {
+      braces += (byte == '{') - (byte == '}');
+      words.back() += byte;
+    }
+  }
+  if (words.back().empty()) words.pop_back();
+  return words;
+}
+
+string bytes_of(string_view text, const places& where) {
+  string bytes;
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    if (text[at] == '\\') {
+      bytes += escaped(text, at);
+    } else if (text[at] == '{') {
+      const std::size_t end = closing(text, at);
+      string inside(text.substr(at + 1, end - at - 1));
+      const string name = first_word(inside);
+      bytes += generated(name, bytes_of(inside, where), where);
+      at = end;
+    } else {
+      bytes += text[at];
+    }
+  }
+  return bytes;
+}
+
+}  // namespace scenario
