@@ -21,6 +21,7 @@ int poll_within(pollfd& entry, int64_t limit_ms) {
   for (int64_t left = limit_ms;; left = std::max<int64_t>(0, end - now_ms())) {
     const int ready = ::poll(&entry, 1, static_cast<int>(std::min<int64_t>(left, INT_MAX)));
     if (ready >= 0 || errno != EINTR) return ready;
+    errno = 0;  // the interruption is over; a wait that runs out has no error to tell
   }
 }
 
