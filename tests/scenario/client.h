@@ -40,7 +40,7 @@ struct outcome {
   long num_waits = 0;
   int64_t took_us = 0;
   std::vector<std::shared_ptr<link>> links;
-  decltype(fault_plan::counts) counts = {};
+  std::vector<long> counts;  // of each call
 
   std::vector<log_line> errors() const;
 };
@@ -59,8 +59,6 @@ class stage {
 
 // What differs from the story's expectations in a run without faults.
 std::vector<std::string> complaints(const story& told, const outcome& seen);
-
-inline constexpr const char* old_file = "old file";
 
 }  // namespace scenario
 #endif

@@ -8,8 +8,6 @@
 #include <netdb.h>
 #include <stddef.h>
 
-#include <array>
-
 namespace scenario {
 
 // clang-format off
@@ -83,7 +81,7 @@ struct fault_plan {
   bool lasting = false;  // all further calls fail as well
   long nth = 0;
   bool happened = false;
-  std::array<long, static_cast<size_t>(call::num_calls)> counts = {};
+  long counts[static_cast<int>(call::num_calls)] = {};  // of each call
 };
 extern constinit fault_plan plan;
 

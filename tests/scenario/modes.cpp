@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <functional>
 
+#include "include/fetchrig_types.h"
+
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/lsan_interface.h>
 #endif
@@ -19,6 +21,7 @@ namespace {
 using std::string;
 
 constexpr unsigned run_limit_s = 60;  // of real time
+constexpr long least_runs = 2;        // of each mode, however few are asked for
 
 char now_playing[256];
 
@@ -32,8 +35,11 @@ void on_alarm(int) {
 // A connection that ends early ends a body without an error, as the calls state: with such a cut, less may arrive, and
 // a status that was cut may read as another. Nothing of the kind passes a certificate that is not trusted.
 bool may_end_early(const story& told, const outcome& whole, const run& with) {
-  const bool http = told.words.at(0).find("http") == 0 || told.verb == "read";
-  return http && with.network.how == cut::end && whole.code != -3;
+  const std::string& url = told.words.at(0);
+  const bool http = !url.starts_with("ftp:") && !url.starts_with("tftp:");
+  const bool behind_tls = !told.connections.empty() && !told.connections.back().certificate.empty();
+  const bool untrusted = whole.code == DL_ERR_CONNECT && behind_tls;
+  return http && with.network.how == cut::end && !untrusted;
 }
 
 bool is_known_code(int code) {
@@ -53,9 +59,8 @@ std::vector<string> broken_rules(const story& told, const outcome& whole, const 
   rule(ring || seen.rc == 0 || seen.rc == -1, "a return value that is none");
   const bool whole_ok = whole.rc >= 0 && whole.code == 0, ok = seen.rc >= 0 && seen.code == 0;
   rule(whole_ok || !ok || early, "accepts what is refused without a fault");
-  const string before = told.expected.file == "kept" ? old_file : "";
-  const bool kept = seen.file && *seen.file == before && !before.empty();
-  const bool part = seen.file && whole.file && whole.file->starts_with(*seen.file);
+  const bool kept = seen.file && told.old_content() && *seen.file == told.old_content();
+  const bool part = seen.file && (!whole.file || whole.file->starts_with(*seen.file));
   rule(!seen.file || kept || seen.file == whole.file || (early && part), "a partial file");
   rule(!ok || !whole_ok || ring || seen.file == whole.file || (early && part), "success with another file");
   rule(early || !whole_ok || whole.body.starts_with(seen.body), "another body");
@@ -80,13 +85,11 @@ const char* name_of(cut how) {
 
 }  // namespace
 
-bool player::takes(const story& told, const string& mode, long n) {
+bool player::takes(const story& told, const string& mode, long n, long count) {
   if (!chosen_.mode.empty() && chosen_.mode != mode) return false;
-  if (chosen_.n > 0
-          ? chosen_.n != n
-          : chosen_.every > 1 &&
-                (n + static_cast<long>(std::hash<string>()(told.name + mode) % 997)) % chosen_.every != 0)
-    return false;
+  const long stride = std::clamp<long>(count / least_runs, 1, chosen_.every * std::max<long>(told.sample, 1));
+  const long offset = static_cast<long>(std::hash<string>()(told.name + mode) % 997);
+  if (chosen_.n > 0 ? chosen_.n != n : (n + offset) % stride != 0) return false;
   playing_ = told.name + ": --mode " + mode + " --n " + std::to_string(n);
   snprintf(now_playing, sizeof now_playing, "%s\n", playing_.c_str());
   alarm(run_limit_s);
@@ -126,7 +129,7 @@ bool player::play_whole(const story& told) {
     const string wanted = std::exchange(chosen_.mode, "");
     const bool first = pieces == delivery::as_sent;
     if (first) {  // the measure of all others
-      takes(told, mode, chosen_.n);
+      takes(told, mode, chosen_.n, 1);
       whole_ = stage_.play(told, {});
       ++tally_.runs;
       std::vector<string> found = complaints(told, whole_);
@@ -152,7 +155,7 @@ void player::cut_everywhere(const story& told) {
       for (const cut how : {cut::end, cut::reset}) {
         const string mode = string(name_of(how)) + "-" + std::to_string(i) + (up ? "-up" : "-down");
         for (long n = 1; n <= size; ++n) {
-          if (!takes(told, mode, n)) continue;
+          if (!takes(told, mode, n, size)) continue;
           const run with = {
               .network = {
                   .how = how, .cut_link = i, .cut_up = up, .cut_at = static_cast<std::size_t>(n - 1)}};
@@ -165,7 +168,8 @@ void player::cut_everywhere(const story& told) {
 
 void player::fall_silent(const story& told) {
   for (long n = 1; n <= whole_.num_waits; ++n) {
-    if (takes(told, "silent", n)) check(told, {.network = {.silent_from = n}}, tally_.waits, false);
+    if (takes(told, "silent", n, whole_.num_waits))
+      check(told, {.network = {.silent_from = n}}, tally_.waits, false);
   }
 }
 
@@ -176,7 +180,7 @@ void player::fail_each_call(const story& told) {
       const string mode = string(one.name) + (lasting ? "-lasting" : "");
       const long count = whole_.counts[static_cast<std::size_t>(one.which)];
       for (long n = 1; n <= count; ++n) {
-        if (takes(told, mode, n))
+        if (takes(told, mode, n, count))
           check(told, {.network = {}, .what = &one, .lasting = lasting, .nth = n}, tally_.faults,
                 one.harmless);
       }
@@ -189,7 +193,7 @@ void player::play(const story& told) {
   signal(SIGALRM, on_alarm);
   ++tally_.stories;
   const bool sound = play_whole(told);
-  if (sound) {
+  if (sound && told.sample > 0) {
     cut_everywhere(told);
     fall_silent(told);
     fail_each_call(told);

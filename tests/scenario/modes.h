@@ -33,8 +33,8 @@ class player {
   void cut_everywhere(const story& told);
   void fall_silent(const story& told);
   void fail_each_call(const story& told);
-  // Whether the n-th run of the mode is to be played; sets the watchdog.
-  bool takes(const story& told, const std::string& mode, long n);
+  // Whether the n-th of `count` runs of the mode is to be played; sets the watchdog.
+  bool takes(const story& told, const std::string& mode, long n, long count);
   void check(const story& told, const run& with, long& struck, bool harmless);
   void report(const std::vector<std::string>& found);
 

@@ -162,9 +162,11 @@ void network::arrive(scenario::link& way) {
       again = lost || with_.pieces == delivery::glued;
       continue;
     }
-    if (with_.pieces == delivery::byte_by_byte && next.bytes.size() > 1) {
-      way.on_way.push_front({next.bytes.substr(1), 0});
-      next.bytes.resize(1);
+    if (with_.pieces == delivery::byte_by_byte && next.taken + 1 < next.bytes.size()) {
+      const char byte = next.bytes[next.taken++];
+      way.on_way.push_front(std::exchange(next, {std::string(1, byte)}));
+    } else {
+      next.bytes.erase(0, next.taken);
     }
     const std::size_t room = cut_here ? with_.cut_at - way.num_down : next.bytes.size();
     const bool over = cut_here && next.bytes.size() >= room;
@@ -225,6 +227,7 @@ ssize_t network::send(int fd, const char* from, std::size_t count, int flags) {
   socket_state& socket = at(fd);
   const auto way = socket.way;
   if (!way) return fails(ENOTCONN);
+  if (!(flags & MSG_NOSIGNAL)) failure = "a send that may raise SIGPIPE";
   if (way->error) return fails(std::exchange(way->error, 0));
   if (way->reset) return fails(EPIPE);
   if (way->dead) {  // nobody takes it; the answer to it is a reset

@@ -28,6 +28,7 @@ struct endpoint {
 struct packet {
   std::string bytes;
   int port = 0;
+  std::size_t taken = 0;  // bytes at its front that have arrived already
 };
 
 // What lies between the client and one peer.

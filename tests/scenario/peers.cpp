@@ -69,6 +69,11 @@ std::shared_ptr<link> conversation::accept(const endpoint& server, bool datagram
     by.tls.reset(SSL_new(known_.context(plan.certificate)));
     SSL_set_bio(by.tls.get(), BIO_new(BIO_s_mem()), BIO_new(BIO_s_mem()));
     SSL_set_accept_state(by.tls.get());
+    const int version = plan.version == "1.0"   ? TLS1_VERSION
+                        : plan.version == "1.2" ? TLS1_2_VERSION
+                                                : TLS1_3_VERSION;
+    if (!plan.version.empty()) SSL_set_min_proto_version(by.tls.get(), version);
+    if (!plan.version.empty()) SSL_set_max_proto_version(by.tls.get(), version);
     return by.way;
   }
   return nullptr;

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <fstream>
 #include <functional>
+#include <set>
 #include <stdexcept>
 #include <utility>
 
@@ -43,7 +44,6 @@ std::vector<string> cells_of(const string& line) {
     cells.push_back(trim(line.substr(at, end - at)));
     at = end + 1;
   }
-  if (!cells.empty() && cells.back().empty()) cells.pop_back();
   return cells;
 }
 
@@ -166,6 +166,7 @@ class reader {
     for (std::size_t i = 1; i < words.size(); ++i) {
       if (words[i] == "tls") one.certificate = "server";
       if (words[i].starts_with("tls=")) one.certificate = words[i].substr(4);
+      if (words[i].starts_with("version=")) one.version = words[i].substr(8);
       if (words[i] == "udp") one.datagrams = true;
       if (words[i] == "as") one.name = words.at(++i);
     }
@@ -180,6 +181,9 @@ class reader {
   }
   void call(const string& verb, const string& rest) {
     into_.verb = verb;
+    arguments(rest);
+  }
+  void arguments(const string& rest) {
     for (const string& word : words_of(rest)) {
       const std::size_t equals = word.find('=');
       const bool named =
@@ -213,6 +217,10 @@ class reader {
     if (space < rest.size()) into_.expected.message = bytes(rest.substr(space + 1));
   }
   void log(const string& rest) {
+    if (rest == "any") {
+      into_.expected.any_lines = true;
+      return;
+    }
     const std::vector<string> words = words_of(rest.substr(0, 16));
     const std::size_t at = words.at(0).size() + 1 + words.at(1).size() + 1;
     into_.expected.lines.push_back(
@@ -239,6 +247,10 @@ class reader {
                       into_.options.emplace_back(rest.substr(0, space), bytes(rest.substr(space + 1))); }},
         {"host", [&] { auto words = words_of(rest);
                        into_.hosts[words.at(0)] = {words.begin() + 2, words.end()}; }},
+        {"with", [&] { arguments(rest); }},
+        {"sample", [&] { into_.sample = std::stol(rest); }},
+        {"link", [&] { const auto words = words_of(rest);
+                       into_.link_files.emplace_back(words.at(0), words.at(1)); }},
         {"secret", [&] { into_.secrets.push_back(bytes(rest)); }},
         {"@", [&] { connect(rest); }},
         {"ask", [&] { ask(rest); }},
@@ -257,7 +269,7 @@ class reader {
         {"serve", [&] { blocks(true, rest); }},
         {"take", [&] { blocks(false, rest); }},
         {"=", [&] { result(rest); }},
-        {"file", [&] { expected.file = rest == "none" || rest == "kept" ? rest : "=" + bytes(rest); }},
+        {"file", [&] { expected.file = rest == "none" || rest == "kept" || rest == "special" ? rest : "=" + bytes(rest); }},
         {"body", [&] { expected.body = bytes(rest); }},
         {"redirect", [&] { expected.redirect = bytes(rest); }},
         {"read", [&] { expected.read_code = std::stoi(rest); }},
@@ -272,7 +284,9 @@ class reader {
         {"log", [&] { log(rest); }},
     };
     // clang-format on
-    const auto found = into_.verb.empty() && word != "set" && word != "host" ? known.end() : known.find(word);
+    static const std::set<string> before_call = {"set", "host", "sample", "link"};
+    const bool is_call = into_.verb.empty() && !before_call.contains(word);
+    const auto found = is_call ? known.end() : known.find(word);
     if (found != known.end()) return found->second();
     if (!into_.verb.empty()) throw std::runtime_error("unknown word " + word);
     call(word, rest);

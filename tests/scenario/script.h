@@ -4,9 +4,12 @@
 //   # to the end of the line: a comment                == what happens          begins a scenario
 //   download http://a.test/f user=u password=p         the call: a verb, what it is about, named arguments; a value
 //                                                      with spaces stands in quotes ("X: 1\r\n")
+//   with auth=2                                        further arguments of the call
 //   set MAX_FILE_SIZE 1000                             an option (enum dl_option without its prefix; TLS_WAIT too)
 //   host b.test = 10.0.0.9 fd00::9                     a name; a.test to z.test are 10.0.0.1 to .26, others unknown
 //   secret s3cret                                      no log line may hold it; password= is one by itself
+//   link full /dev/full                               a symbolic link {dir}/full
+//   sample 50                                          faults and offsets of this one only every 50th time; 0: none
 //   also tls                                           the same again as https, at port 443 instead of 80
 //   also bare                                          `get` again as `read`: by a record with the stated fields only
 //   each a b c                                         a table: {a} is replaced in every line by the cell of each row;
@@ -14,7 +17,7 @@
 //
 // The other side, in the order in which things happen, whatever the connection:
 //   @ a.test:80                 the client connects here; `tls` or `tls=foreign` behind it makes it a TLS server with
-//                               that certificate (server, foreign, expired, elsewhere); `udp` makes it datagrams;
+//                               that certificate (server, foreign, expired, elsewhere), version=1.2; `udp` makes it datagrams;
 //                               `as NAME` names it
 //   @ NAME                      goes on with that connection
 //   ask PUT /f host=h.test      the head of a request as the library composes it, with this Host (default: the
@@ -33,10 +36,12 @@
 // What comes of it:
 //   = 0                         the result's code, -1 being returned when it is not 0; the message is that of the code
 //                               unless it follows; "= untouched" for -1 with no code
-//   file BYTES | file none | file kept   the local file afterwards (kept: what lay there before, "old file")
+//   file BYTES | file none | file kept | file special   the local file afterwards (kept: what lay there before, which
+//                               is old=BYTES of the call or "old file"; special: no regular file, and still there)
 //   body BYTES   read -8   reads 3 3 1   what was read, the code of the read that failed, the counts of the reads
 //   redirect URL   status 200   end 1   left 5   header X = X: y   ring 6   as the calls tell them
-//   log 3 HTTP text             the lines of levels 0 to 3, exactly these in this order; other levels: is among them
+//   log 3 HTTP text             the lines of levels 0 to 3, exactly these in this order; other levels: is among them;
+//                               log any: whatever the errors
 //
 // BYTES may hold \r \n \t \s \0 \\ \xNN and {bytes N} (N bytes of generated content), {bytes N@M} (from its byte M on),
 // {repeat N TEXT}, {chunk BYTES}, {md5 TEXT}, {base64 TEXT}, {wave N}, {dir}, {got} (the local file), and for TFTP
@@ -71,6 +76,7 @@ struct connection {
   std::string host;  // as written
   std::string name;
   std::string certificate;  // empty: no TLS
+  std::string version;      // of TLS, empty: any
   bool datagrams = false;
 };
 
@@ -85,12 +91,14 @@ struct log_line {
 struct expectation {
   int code = 0;
   bool untouched = false;
-  std::optional<std::string> message, body, redirect, file;  // file: "none", "kept" or "=" and the bytes
+  std::optional<std::string> message, body, redirect,
+      file;  // file: "none", "kept", "special" or "=" and the bytes
   std::optional<int> read_code, status, end, ring;
   std::optional<long> left;
   std::optional<std::vector<int>> reads;
   std::vector<std::pair<std::string, std::string>> headers;
   std::vector<log_line> lines;
+  bool any_lines = false;
 };
 
 struct story {
@@ -104,11 +112,18 @@ struct story {
   std::vector<connection> connections;
   std::vector<step> steps;
   expectation expected;
+  long sample = 1;  // of offsets and faults every so-manyth; 0: none
+  std::vector<std::pair<std::string, std::string>> link_files;  // symbolic links: name, target
 
   // Null when it was not given.
   const char* argument(const std::string& key) const {
     const auto found = arguments.find(key);
     return found == arguments.end() ? nullptr : found->second.c_str();
+  }
+  // The local file before the call; null: none.
+  const char* old_content() const {
+    const char* given = argument("old");
+    return given ? given : expected.file == "kept" ? "old file" : nullptr;
   }
   int number(const std::string& key, int otherwise) const {
     const char* text = argument(key);

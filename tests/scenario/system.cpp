@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -26,14 +27,17 @@ constinit fault_plan plan;
 
 namespace {
 
-bool at_work() {
+// The sanitizers' own start allocates, before any memory is known to them.
+#define EARLY __attribute__((no_sanitize("address", "undefined")))
+
+EARLY bool at_work() {
   return plan.active && plan.host_depth == 0;
 }
 
 // Counts a call of the library; true with errno when it is to fail.
-bool strikes(call which) {
+EARLY bool strikes(call which) {
   if (!at_work()) return false;
-  const long count = ++plan.counts[static_cast<size_t>(which)];
+  const long count = ++plan.counts[static_cast<int>(which)];
   if (!plan.what || plan.what->which != which) return false;
   if (plan.lasting ? count < plan.nth : count != plan.nth) return false;
   plan.happened = true;
@@ -130,13 +134,13 @@ void* REAL(malloc)(size_t);
 void* REAL(calloc)(size_t, size_t);
 void* REAL(realloc)(void*, size_t);
 
-REPLACED void* malloc(size_t size) noexcept {
+REPLACED EARLY void* malloc(size_t size) noexcept {
   return strikes(call::memory) ? nullptr : REAL(malloc)(size);
 }
-REPLACED void* calloc(size_t count, size_t size) noexcept {
+REPLACED EARLY void* calloc(size_t count, size_t size) noexcept {
   return strikes(call::memory) ? nullptr : REAL(calloc)(count, size);
 }
-REPLACED void* realloc(void* old, size_t size) noexcept {
+REPLACED EARLY void* realloc(void* old, size_t size) noexcept {
   return strikes(call::memory) ? nullptr : REAL(realloc)(old, size);
 }
 
@@ -193,7 +197,10 @@ REPLACED ssize_t sendfile64(int to, int from, off64_t* offset, size_t count) noe
     std::string bytes(std::min<size_t>(size, 65536), '\0');
     const ssize_t held = pread(from, bytes.data(), bytes.size(), lseek(from, 0, SEEK_CUR));
     if (held <= 0) return held;
-    const ssize_t sent = net.send(to, bytes.data(), static_cast<size_t>(held), MSG_DONTWAIT);
+    sigset_t blocked;
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    const int held_off = sigismember(&blocked, SIGPIPE) == 1 ? MSG_NOSIGNAL : 0;
+    const ssize_t sent = net.send(to, bytes.data(), static_cast<size_t>(held), MSG_DONTWAIT | held_off);
     if (sent > 0) lseek(from, sent, SEEK_CUR);
     return sent;
   });
