@@ -14,7 +14,7 @@ namespace fetchrig {
 namespace {
 
 constexpr uint32_t with_private_key = 1;
-constexpr int not_described = 1;
+constexpr int undescribed = 1;
 constexpr int setup_failed = 2;
 
 // The common name, failing that the organisational unit, failing that the organisation.
@@ -94,7 +94,7 @@ certificate_read describe_ca_ex(dl_ca_info_ex& info, const char* path) {
 
 int get_ca_info_ex(dl_ca_info_ex& info, const char* path, uint32_t flags) {
   const cert_source source(path);
-  if (describe(info, source, path) != certificate_read::fine) return not_described;
+  if (describe(info, source, path) != certificate_read::fine) return undescribed;
   return flags & with_private_key ? fill_private_key(info, source) : 0;
 }
 

@@ -36,7 +36,7 @@ int run(SSL* ssl, Call call) {
 
 // Why OpenSSL gave up, such as an alert of the peer; callers learn only that the connection failed. Leaves
 // errno alone.
-void log_reason(const char* operation) {
+void log_tls_reason(const char* operation) {
   const int error = errno;
   note_tls_error(ERR_peek_error());
   const char* reason = ERR_reason_error_string(ERR_peek_error());
@@ -53,12 +53,12 @@ void log_refusal(SSL* ssl) {
     SSL_peek(ssl, &unused, 1);
   }
   errno = error;
-  log_reason("TLS write");
+  log_tls_reason("TLS write");
 }
 
 // An alert that ends the session reads like the end of the stream, with a reason.
 io_result as_result(int count) {
-  if (count <= 0) log_reason("TLS read");
+  if (count <= 0) log_tls_reason("TLS read");
   return {count, false, count < 0 ? errno : 0};
 }
 
