@@ -24,8 +24,8 @@ using unique_openssl_text = std::unique_ptr<char, openssl_text_deleter>;
 // The time as "Mar  1 00:00:00 2014 GMT". Returns 0, or -1 (logged, nothing written) for a time it cannot read.
 [[nodiscard]] int asn1_time_to_text(const ASN1_TIME* time, std::span<char> text);
 
-// A serial number of at most 4 bytes as "4096 (0x1000)", a longer one as "01:a2:ff " with "(Negative)" before it when
-// it is below zero.
+// A serial number of at most 4 bytes as "4096 (0x1000)", a longer one as "01:a2:ff " with "(Negative)"
+// before it when it is below zero.
 void asn1_serial_to_text(const ASN1_INTEGER* serial, std::span<char> text);
 
 // The value of the first element of type `nid`, with bytes outside printable ASCII written "\xC3", up to its first "/".

@@ -61,8 +61,8 @@ struct read_messages {
 [[nodiscard]] unique_x509 load_cert_bio(int encoding, BIO* bio);
 // The next private key, opened with option 16; null as above.
 [[nodiscard]] unique_pkey load_key_bio(int encoding, BIO* bio);
-// Adds all certificates and revocation lists of the PEM text to the store; false when there is none, or one could
-// not be added.
+// Adds all certificates and revocation lists of the PEM text to the store; false when there is
+// none, or one could not be added.
 [[nodiscard]] bool add_ca_certificates(X509_STORE* store, BIO* bio);
 // Rewrites a DER file as PEM, in place: a link at `path` becomes a regular file. Returns the subject-name hash of the
 // certificate in the file; 0 when there is none, or it could not be rewritten.

@@ -31,8 +31,7 @@ void remove_plain_file(const char* path);
 // has placed elsewhere keeps its place; a name that others may have planted becomes a file of our own.
 enum class at_link { replace_target, replace_link };
 
-// Replaces the file by one with that text. False, with an error in the log and the old file untouched,
-// when that fails.
+// Replaces the file by one with that text. False, with an error in the log and the old file untouched, when that fails.
 [[nodiscard]] bool write_private_file(const char* path, std::string_view text, at_link choice);
 
 }  // namespace fetchrig

@@ -32,7 +32,7 @@ bool is_time_out(int error) {
 // What is wrong with the directories of trusted CAs, where that can be seen.
 std::string ca_directory_remark() {
   for (const std::string& directory : ca_directories()) {
-    if (const std::string fault = hashed_directory_fault(directory); !fault.empty()) return fault;
+    if (std::string fault = hashed_directory_fault(directory); !fault.empty()) return fault;
   }
   return "";
 }
@@ -216,7 +216,7 @@ constexpr status_word status_words[] = {
 };
 
 std::string words_of_status(const location& where, int status) {
-  const std::string words = "the server answered " + std::to_string(status);
+  std::string words = "the server answered " + std::to_string(status);
   const auto* known = std::find_if(std::begin(status_words), std::end(status_words),
                                    [&](const status_word& entry) { return entry.status == status; });
   if (!where.is_http() || known == std::end(status_words)) return words;

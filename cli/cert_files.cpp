@@ -78,7 +78,7 @@ void check_places(const verify_options& options) {
 // Why an issuer may not have been found.
 std::string issuer_remark(const verify_options& options) {
   for (const std::string& directory : directories_in(options.ca_dir)) {
-    if (const std::string fault = hashed_directory_fault(directory); !fault.empty()) return fault;
+    if (std::string fault = hashed_directory_fault(directory); !fault.empty()) return fault;
   }
   return "";
 }

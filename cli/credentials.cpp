@@ -70,10 +70,9 @@ std::string ask_password(const std::string& user) {
 
 }  // namespace
 
-credentials::credentials(const location& where, std::optional<std::string> user,
-                         std::optional<std::string> password)
-    : user_(where.user ? where.user : std::move(user)) {
-  password_ = where.user ? where.password : std::move(password);
+credentials::credentials(const location& where, const std::optional<std::string>& user,
+                         const std::optional<std::string>& password)
+    : user_(where.user ? where.user : user), password_(where.user ? where.password : password) {
   if (!user_ || password_) return;
   if (const char* from_environment = getenv("FETCHRIG_PASSWORD")) {
     password_ = from_environment;

@@ -15,7 +15,8 @@ class credentials {
   // The URL's own win over `user` and `password`; a user without a password takes it from FETCHRIG_PASSWORD,
   // or is asked when standard input and standard error are terminals.
   // Throws failure when the question is cancelled.
-  credentials(const location& where, std::optional<std::string> user, std::optional<std::string> password);
+  credentials(const location& where, const std::optional<std::string>& user,
+              const std::optional<std::string>& password);
   credentials(const credentials&) = delete;
   credentials& operator=(const credentials&) = delete;
   ~credentials();

@@ -14,7 +14,7 @@
 namespace fetchrig::cli {
 namespace {
 
-constexpr std::size_t copy_buffer_bytes = 64 * 1024;
+constexpr std::size_t copy_buffer_bytes = std::size_t{64} * 1024;
 
 struct get_options {
   std::string url;

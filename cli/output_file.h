@@ -26,8 +26,8 @@ class output_file {
   output_file& operator=(const output_file&) = delete;
   ~output_file();
 
-  // Comes before all that follows. Throws usage_error when the path is a directory, failure when nothing can
-  // be created there.
+  // Comes before all that follows. Throws usage_error when the path is a directory, failure
+  // when nothing can be created there.
   void open();
   // Throws failure when the bytes cannot be written whole.
   void write(std::span<const char> bytes);

@@ -11,6 +11,7 @@
 
 #include <new>
 #include <string_view>
+#include <utility>
 
 #include "fetchrig_openssl.h"
 #include "report.h"
@@ -18,7 +19,7 @@
 namespace fetchrig::cli {
 namespace {
 
-constexpr std::size_t max_small_file_bytes = 16 * 1024 * 1024;  // as in the library
+constexpr std::size_t max_small_file_bytes = std::size_t{16} * 1024 * 1024;  // as in the library
 
 class descriptor {
  public:

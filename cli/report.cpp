@@ -40,7 +40,7 @@ std::optional<log_line> parse_log_line(std::string_view line) {
 }
 
 // The meaning of the number that a line on a chain that does not verify ends with.
-std::string chain_words(std::string_view message) {
+std::string chain_remark(std::string_view message) {
   dl_cause_info cause = {};
   if (dl_last_cause(&cause) != DL_CAUSE_CHAIN) return "";
   const char* reason = chain_reason(cause.number);
@@ -65,7 +65,7 @@ std::string with_error_words(std::string line) {
 
 void record(const log_line& line) {
   if (line.level > DL_LOG_ERROR) return;
-  recorded_errors.emplace_back(with_error_words(printable(line.message)) + chain_words(line.message));
+  recorded_errors.emplace_back(with_error_words(printable(line.message)) + chain_remark(line.message));
   if (recorded_errors.size() > max_errors_kept) recorded_errors.pop_front();
 }
 

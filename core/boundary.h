@@ -12,9 +12,8 @@
 
 namespace fetchrig {
 
-// Runs `work`; when it throws (only allocations do), runs `failed` instead and returns what that returns.
-// Neither this nor what it calls is noexcept: a log callback that ends its thread, against its contract,
-// unwinds through.
+// Runs `work`; when it throws (only allocations do), runs `failed` instead and returns what that returns. Neither this
+// nor what it calls is noexcept: a log callback that ends its thread, against its contract, unwinds through.
 template <typename Work, typename Failed>
 auto guarded(Work&& work, Failed&& failed) -> decltype(work()) {
   const cancel_hold hold;
@@ -37,8 +36,7 @@ int guarded_step(Work&& work) {
   return guarded(work, [] { return int{DL_ERR_MEMORY}; });
 }
 
-// The same for a transfer call, which fails with -1 and DL_ERR_MEMORY in the caller's record, if there is
-// one.
+// The same for a transfer call, which fails with -1 and DL_ERR_MEMORY in the caller's record, if there is one.
 template <typename Work>
 int guarded_transfer(dl_result* result, Work&& work) {
   return guarded(work, [result] { return fail(result, DL_ERR_MEMORY); });

@@ -1,6 +1,5 @@
-// Certificate bytes, PEM or DER as they come, through everything that turns a certificate into text. Every
-// field must be a terminated text of printable characters, and what is shown must come from OpenSSL's own
-// rendering.
+// Certificate bytes, PEM or DER as they come, through everything that turns a certificate into text. Every field must
+// be a terminated text of printable characters, and what is shown must come from OpenSSL's own rendering.
 #include <openssl/err.h>
 #include <string.h>
 

@@ -1,5 +1,4 @@
-// Fuzzes the subject-text parser. What comes out as a name, written as a subject text again, must give the
-// same name.
+// Fuzzes the subject-text parser. What comes out as a name, written as a subject text again, must give the same name.
 #include <openssl/err.h>
 #include <openssl/x509.h>
 #include <stdint.h>

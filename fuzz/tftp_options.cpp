@@ -1,6 +1,5 @@
-// tftp_options.cpp: received datagrams and the option list of an OACK. Inside, every view must lie within the
-// input, an accepted block size must be in range, and a list that we format must parse back to the size we
-// put in.
+// tftp_options.cpp: received datagrams and the option list of an OACK. Inside, every view must lie within the input, an
+// accepted block size must be in range, and a list that we format must parse back to the size we put in.
 #include <stddef.h>
 #include <stdint.h>
 

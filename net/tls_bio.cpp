@@ -134,9 +134,8 @@ long bio_control(BIO* bio, int command, long number, void* place) {
 // Over a descriptor that SSL_get_fd() finds. Without an index of its own, as OpenSSL never takes one back.
 constexpr int bio_type = BIO_TYPE_SOURCE_SINK | BIO_TYPE_DESCRIPTOR;
 
-// Made at the first connection. Connections refer to it until they are freed, so when the process ends or
-// unloads the library it is freed only if there are none. Who makes a connection counts it before looking for
-// the method.
+// Made at the first connection. Connections refer to it until they are freed, so when the process ends or unloads the
+// library it is freed only if there are none. Who makes a connection counts it before looking for the method.
 std::atomic<BIO_METHOD*> socket_method{nullptr};
 std::atomic<int> num_connections{0};
 

@@ -34,8 +34,7 @@ int run(SSL* ssl, Call call) {
   }
 }
 
-// Why OpenSSL gave up, such as an alert of the peer; callers learn only that the connection failed. Leaves
-// errno alone.
+// Why OpenSSL gave up, such as an alert of the peer; callers learn only that the connection failed. Leaves errno alone.
 void log_tls_reason(const char* operation) {
   const int error = errno;
   note_tls_error(ERR_peek_error());
