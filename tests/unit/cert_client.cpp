@@ -9,9 +9,9 @@
 namespace test {
 namespace {
 
-class ClientCert : public cert_test {
+class client_cert : public cert_test {
  protected:
-  ClientCert() { dl_set_option(DL_OPT_KEY_SEED, "factory seed"); }
+  client_cert() { dl_set_option(DL_OPT_KEY_SEED, "factory seed"); }
 
   int generate(const char* subject, int bits = 512) {
     forget_log();
@@ -28,7 +28,7 @@ class ClientCert : public cert_test {
   std::string key_ = path("key.pem"), cert_ = path("client.pem");
 };
 
-TEST_F(ClientCert, TheOpensslToolAgrees) {
+TEST_F(client_cert, the_openssl_tool_agrees) {
   fs::create_symlink(write("precious", "precious"), cert_);
   ASSERT_EQ(generate("/O=Acme/CN=0011AB", 2048), 0);
   const std::string text = openssl("x509 -noout -text -in " + cert_);
@@ -48,7 +48,7 @@ TEST_F(ClientCert, TheOpensslToolAgrees) {
   EXPECT_EQ(read("precious"), "precious") << "a link is replaced, not followed";
 }
 
-TEST_F(ClientCert, SerialNumberIsTheRawCommonName) {
+TEST_F(client_cert, serial_number_is_the_raw_common_name) {
   ca_cert_ = "ca.der";
   write(ca_cert_, der_of(root_.certificate.get()));
   const std::pair<const char*, std::string> rows[] = {
@@ -67,7 +67,7 @@ TEST_F(ClientCert, SerialNumberIsTheRawCommonName) {
   }
 }
 
-TEST_F(ClientCert, KeyFollowsFromCommonNameAndSeedUnlessTheFileHoldsOne) {
+TEST_F(client_cert, key_follows_from_common_name_and_seed_unless_the_file_holds_one) {
   ASSERT_EQ(generate("/CN=other"), 0);
   const std::string other = read("key.pem");
   fs::remove(key_);
@@ -87,7 +87,7 @@ TEST_F(ClientCert, KeyFollowsFromCommonNameAndSeedUnlessTheFileHoldsOne) {
   }
 }
 
-TEST_F(ClientCert, WhatIsNoPlainFileStays) {
+TEST_F(client_cert, what_is_no_plain_file_stays) {
   key_ = cert_ = "/dev/null";
   EXPECT_EQ(generate("/CN=a"), 0);
   EXPECT_TRUE(fs::is_character_file("/dev/null"));
@@ -118,7 +118,7 @@ TEST_F(ClientCert, WhatIsNoPlainFileStays) {
   EXPECT_TRUE(fs::is_directory(key_));
 }
 
-TEST_F(ClientCert, FailuresLeaveTheFilesAlone) {
+TEST_F(client_cert, failures_leave_the_files_alone) {
   const std::shared_ptr<EVP_PKEY> ed(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"), EVP_PKEY_free);
   write("ed.pem", pem_of(make_identity("Ed", ed, {.digest = nullptr}).certificate.get()));
   write("ed.key", pem_of(ed.get()));

@@ -19,9 +19,9 @@ struct pem_pair {
   std::string key = pem_of(made.get()), both = cert + key;
 };
 
-class DeviceCert : public cert_test {
+class device_cert : public cert_test {
  protected:
-  DeviceCert() { dl_set_option(DL_OPT_KEY_PASSPHRASE, "open sesame"); }
+  device_cert() { dl_set_option(DL_OPT_KEY_PASSPHRASE, "open sesame"); }
 
   // Installs a file with the bytes `by` one of the two functions, to `path`; its code and whether `line` was
   // logged.
@@ -44,7 +44,7 @@ class DeviceCert : public cert_test {
   const std::string foreign_key_ = pem_of(pair_.made.get(), "another pass phrase");
 };
 
-TEST_F(DeviceCert, IsCopiedIntoNewDirectoriesForItsOwnerAloneAndDeleted) {
+TEST_F(device_cert, is_copied_into_new_directories_for_its_owner_alone_and_deleted) {
   for (const char* name : {custom, "$(touch owned)/server/x.pem", "q'u\";ls/-server/x.pem"}) {
     SCOPED_TRACE(name);
     for (const std::string& content : {"a comment\n" + old_.both, pair_.cert + locked_key_}) {
@@ -62,7 +62,7 @@ TEST_F(DeviceCert, IsCopiedIntoNewDirectoriesForItsOwnerAloneAndDeleted) {
   EXPECT_EQ(read("config/server/own.pem"), pair_.both) << "a file copied to itself";
 }
 
-TEST_F(DeviceCert, RefusalsLeaveTheInstalledOne) {
+TEST_F(device_cert, refusals_leave_the_installed_one) {
   const std::string crl = crl_pem_of(make_identity("CA", pair_.made));
   const std::string factory = write("config/phonedev/WebServer.pem", pem_pair().both);
   // clang-format off
@@ -89,7 +89,7 @@ TEST_F(DeviceCert, RefusalsLeaveTheInstalledOne) {
   }
 }
 
-TEST_F(DeviceCert, FullDiskKeepsTheInstalledOne) {
+TEST_F(device_cert, full_disk_keeps_the_installed_one) {
   write(custom, old_.both);
   const std::string target = write("config/server/link's target.pem", old_.cert),
                     link = path("config/server/x.pem");
@@ -108,7 +108,7 @@ TEST_F(DeviceCert, FullDiskKeepsTheInstalledOne) {
   EXPECT_EQ(std::distance(fs::directory_iterator(path("config/server")), {}), 3) << "and nothing beside it";
 }
 
-TEST_F(DeviceCert, LinksDevicesAndModesStayAsTheAdministratorSetThem) {
+TEST_F(device_cert, links_devices_and_modes_stay_as_the_administrator_set_them) {
   const std::string target = write("elsewhere/own.pem", old_.both), link = path("config/server/x.pem");
   fs::create_directories(path("config/server"));
   fs::create_symlink("../../elsewhere/own.pem", link);
@@ -133,7 +133,7 @@ TEST_F(DeviceCert, LinksDevicesAndModesStayAsTheAdministratorSetThem) {
   EXPECT_EQ(read_file(target), pair_.both);
 }
 
-TEST_F(DeviceCert, UnusablePathsAndSources) {
+TEST_F(device_cert, unusable_paths_and_sources) {
   write("config/server", "a file where the directory should be");
   install(pair_.both, whole, "", -7, "Wrong server ca path\n");
   install(pair_.both, whole, "/WebServer.pem", -7, "Wrong server ca path\n");
@@ -150,7 +150,7 @@ TEST_F(DeviceCert, UnusablePathsAndSources) {
   EXPECT_TRUE(was_logged("Invaild paramter\n"));
 }
 
-TEST_F(DeviceCert, PartsAreCompletedFromTheCurrentFile) {
+TEST_F(device_cert, parts_are_completed_from_the_current_file) {
   const std::string new_cert = pair_.cert + old_.key, new_key = old_.cert + pair_.key;
   // clang-format off
   const struct { const char* name; std::string part, current, result; bool belong; } rows[] = {

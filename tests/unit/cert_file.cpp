@@ -32,7 +32,7 @@ class cert_file : public cert_test {
   const std::string pem_file_ = write("ca.pem", pem_), der_file_ = write("ca.der", der_);
 };
 
-TEST_F(cert_file, ToldApartByContent) {
+TEST_F(cert_file, told_apart_by_content) {
   const auto format_of = [this](const std::string& content) {
     return cert_file_format(write("file", content).c_str());
   };
@@ -44,7 +44,7 @@ TEST_F(cert_file, ToldApartByContent) {
   EXPECT_EQ(cert_file_format(nullptr), encoding_none);
 }
 
-TEST_F(cert_file, DerIsReplacedByPemOfTheSameMode) {
+TEST_F(cert_file, der_is_replaced_by_pem_of_the_same_mode) {
   const std::string link = path("link");
   fs::create_symlink(der_file_, link);
   fs::permissions(der_file_, fs::perms(0640));
@@ -63,7 +63,7 @@ TEST_F(cert_file, DerIsReplacedByPemOfTheSameMode) {
   EXPECT_FALSE(fs::exists(scratch));
 }
 
-TEST_F(cert_file, DerThatCannotBeReplacedStays) {
+TEST_F(cert_file, der_that_cannot_be_replaced_stays) {
   fs::create_directory(scratch);
   EXPECT_EQ(ca_file_hash(der_file_.c_str()), 0u);
   EXPECT_TRUE(was_logged("3 open file err\n")) << log();
@@ -85,7 +85,7 @@ TEST_F(cert_file, DerThatCannotBeReplacedStays) {
 }
 
 // As with a /tmp in memory: the scratch file cannot be renamed across file systems.
-TEST_F(cert_file, DerOnAnotherFileSystemIsReplaced) {
+TEST_F(cert_file, der_on_another_file_system_is_replaced) {
   struct stat here, there;
   std::string file = "/dev/shm/fetchrig-test.XXXXXX";
   const unique_fd made(mkostemp(file.data(), O_CLOEXEC));
@@ -99,7 +99,7 @@ TEST_F(cert_file, DerOnAnotherFileSystemIsReplaced) {
   fs::remove(file);
 }
 
-TEST_F(cert_file, ProcessesThatConvertAtOnceGetTheirOwnCertificates) {
+TEST_F(cert_file, processes_that_convert_at_once_get_their_own_certificates) {
   std::vector<pid_t> children;
   for (const std::string name : {"a", "b", "c"}) {
     children.push_back(fork());
@@ -122,7 +122,7 @@ TEST_F(cert_file, ProcessesThatConvertAtOnceGetTheirOwnCertificates) {
   EXPECT_EQ(read_file(der_file_), pem_);
 }
 
-TEST_F(cert_file, FilesWithoutACertificateHaveNoHash) {
+TEST_F(cert_file, files_without_a_certificate_have_no_hash) {
   const std::string no_certificate = "3 unable to load certificate ca_file\n";
   EXPECT_EQ(ca_file_hash(nullptr), 0u);
   EXPECT_EQ(ca_file_hash(path("absent").c_str()), 0u);
@@ -140,7 +140,7 @@ TEST_F(cert_file, FilesWithoutACertificateHaveNoHash) {
 }
 
 // Each of them has no end, or one that is far away.
-TEST_F(cert_file, DevicesPipesAndGiantsAreRefusedUnread) {
+TEST_F(cert_file, devices_pipes_and_giants_are_refused_unread) {
   const std::string pipe = path("pipe"), giant = write("giant", pem_), entry = store() + "entry.0";
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
   fs::resize_file(giant, 16 << 20);
@@ -171,7 +171,7 @@ TEST_F(cert_file, DevicesPipesAndGiantsAreRefusedUnread) {
   EXPECT_EQ(fs::file_size(giant), 300u << 20) << "no key file to be replaced";
 }
 
-TEST_F(cert_file, PassPhraseIsCutToTheBuffer) {
+TEST_F(cert_file, pass_phrase_is_cut_to_the_buffer) {
   char given[] = "user data", buffer[] = "########";
   dl_set_option(DL_OPT_KEY_PASSPHRASE, "secret");
   EXPECT_EQ(password_cb(buffer, 0, 0, given), 0);
@@ -185,7 +185,7 @@ TEST_F(cert_file, PassPhraseIsCutToTheBuffer) {
 }
 
 // The shell itself is the judge: "printf" shows the words it makes of a command.
-TEST_F(cert_file, AnyPathStaysOneWordOfTheCommand) {
+TEST_F(cert_file, any_path_stays_one_word_of_the_command) {
   EXPECT_EQ(shell_command(8, "rm", {"/a/b"}), "rm /a/b") << "an ordinary path stands as it is";
   EXPECT_EQ(shell_command(7, "rm", {"/a/b"}), std::nullopt);
   EXPECT_EQ(run_shell(std::nullopt), -1);
@@ -200,7 +200,7 @@ TEST_F(cert_file, AnyPathStaysOneWordOfTheCommand) {
 }
 
 // A question that nobody sees would hang: "rm" asks on a terminal.
-TEST_F(cert_file, CommandsReadNothingOfTheStandardInput) {
+TEST_F(cert_file, commands_read_nothing_of_the_standard_input) {
   const unique_fd input(dup(STDIN_FILENO)), answers(open(write("answers", "y\n").c_str(), O_RDONLY));
   dup2(answers.get(), STDIN_FILENO);
   EXPECT_EQ(run_shell("read answer"), 1) << "the end of its input";

@@ -25,7 +25,7 @@ class cert_info : public cert_test {
   }
 };
 
-TEST_F(cert_info, TimesAndSerialNumbers) {
+TEST_F(cert_info, times_and_serial_numbers) {
   constexpr int utc = V_ASN1_UTCTIME, general = V_ASN1_GENERALIZEDTIME;
   constexpr int positive = V_ASN1_INTEGER, negative = V_ASN1_NEG_INTEGER;
   const std::string refused = "refused", long_serial(22, 'a');
@@ -60,7 +60,7 @@ TEST_F(cert_info, TimesAndSerialNumbers) {
   }
 }
 
-TEST_F(cert_info, RecordsSayWhatTheToolSays) {
+TEST_F(cert_info, records_say_what_the_tool_says) {
   const std::string long_name(64, 'c'), cut_name(63, 'c');
   const std::string version_1 =
       "-newkey rsa:1024 -set_serial 77 -config " + write("v1", "[req]\ndistinguished_name=d\n[d]\n");
@@ -107,7 +107,7 @@ TEST_F(cert_info, RecordsSayWhatTheToolSays) {
   }
 }
 
-TEST_F(cert_info, FilesWithAndWithoutCertificateAndKey) {
+TEST_F(cert_info, files_with_and_without_certificate_and_key) {
   const std::string file = make_cert("cert.pem", "/CN=Device", "-newkey rsa:1024");
   const std::string other = read_file(make_cert("other.pem", "/CN=Other") + ".key");
   openssl("pkcs8 -topk8 -in " + file + ".key -passout pass:opensesame -out " + path("locked"));

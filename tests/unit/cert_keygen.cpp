@@ -55,7 +55,7 @@ class reference_generator {
   uint32_t counter_;
 };
 
-TEST(SeededRand, DrawsEqualTheReference) {
+TEST(seeded_rand, draws_equal_the_reference) {
   // clang-format off
   const struct { const char* common_name; const char* seed; uint32_t counter; } rows[] = {
       {"0011AB", "", 14873},
@@ -78,7 +78,7 @@ TEST(SeededRand, DrawsEqualTheReference) {
   }
 }
 
-using Keygen = test::cert_test;
+using keygen = test::cert_test;
 
 reference_generator* current_reference = nullptr;
 
@@ -117,7 +117,7 @@ int ready() {
   return 1;
 }
 
-TEST_F(Keygen, KeysEqualTheReferenceWhateverOtherThreadsDo) {
+TEST_F(keygen, keys_equal_the_reference_whatever_other_threads_do) {
   const std::string short_key = reference_modulus("0011AB", "seed", 512);
   const std::string long_key = reference_modulus("0011AB", "seed", 2048);
   constexpr RAND_METHOD bytes_alone = {nullptr, serve_bytes, nullptr, nullptr, serve_bytes, ready};
@@ -146,7 +146,7 @@ TEST_F(Keygen, KeysEqualTheReferenceWhateverOtherThreadsDo) {
   RAND_set_rand_method(before);
 }
 
-TEST_F(Keygen, FailsAfterTheApplicationHasCleanedUpOpenssl) {
+TEST_F(keygen, fails_after_the_application_has_cleaned_up_openssl) {
   const keygen_state start = initial_keygen_state("name", "seed");
   const auto build = [&] {
     device_key result;
@@ -163,7 +163,7 @@ TEST_F(Keygen, FailsAfterTheApplicationHasCleanedUpOpenssl) {
   EXPECT_EQ(status, 0);
 }
 
-TEST_F(Keygen, ExportedFormMakesRandomKeysOrTakesTheFiles) {
+TEST_F(keygen, exported_form_makes_random_keys_or_takes_the_files) {
   const std::string file = path("key.pem");
   std::set<std::string> moduli;
   for (int round = 0; round < 3; ++round) {

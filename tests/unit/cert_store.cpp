@@ -64,7 +64,7 @@ bool owner_may(const std::string& path, fs::perms access) {
   return (fs::status(path).permissions() & access) == access;
 }
 
-TEST_F(cert_store, InstalledOnceFoundByOpensslAndRemovedWhole) {
+TEST_F(cert_store, installed_once_found_by_openssl_and_removed_whole) {
   const std::string store = path("it's a *;# store/"), other = write("other", pem_of(make_identity("Other")));
   set_option(DL_OPT_TRUST_CA_DIR, store);
   {
@@ -103,7 +103,7 @@ TEST_F(cert_store, InstalledOnceFoundByOpensslAndRemovedWhole) {
   EXPECT_EQ(snapshot(store), before);
 }
 
-TEST_F(cert_store, WhatStandsInTheWayStays) {
+TEST_F(cert_store, what_stands_in_the_way_stays) {
   const identity ca = make_identity("CA");
   const std::string input = write("ca.pem", pem_of(ca)), text = "no certificate";
   // clang-format off
@@ -126,7 +126,7 @@ TEST_F(cert_store, WhatStandsInTheWayStays) {
   }
 }
 
-TEST_F(cert_store, WhatHoldsNoCertificateIsNotInstalledButRemoved) {
+TEST_F(cert_store, what_holds_no_certificate_is_not_installed_but_removed) {
   for (const std::string& file : {path("absent"), path("."), write("text", "no certificate")}) {
     EXPECT_EQ(dl_install_ca(file.c_str()), -1) << file;
     EXPECT_EQ(dl_del_ca(file.c_str()), 0) << file;
@@ -136,7 +136,7 @@ TEST_F(cert_store, WhatHoldsNoCertificateIsNotInstalledButRemoved) {
   EXPECT_TRUE(snapshot(path("")).empty()) << "the text is gone, no store was made";
 }
 
-TEST_F(cert_store, PathsBeyondTheCommandBuffersChangeNothing) {
+TEST_F(cert_store, paths_beyond_the_command_buffers_change_nothing) {
   const std::string ca = write(std::string(100, 'c'), pem_of(make_identity("Long")));
   const auto before = snapshot(path(""));
   EXPECT_EQ(dl_del_ca(ca.c_str()), 0);
@@ -150,7 +150,7 @@ TEST_F(cert_store, PathsBeyondTheCommandBuffersChangeNothing) {
   EXPECT_EQ(snapshot(path("")), before);
 }
 
-TEST_F(cert_store, CopiesAndCommandsThatFailAreNamedInTheLog) {
+TEST_F(cert_store, copies_and_commands_that_fail_are_named_in_the_log) {
   const identity ca = make_identity("CA");
   const std::string file = write("ca.pem", pem_of(ca)), link = store() + hash_name_of(ca);
   const std::string installed = link.substr(0, link.size() - 2), programs = getenv("PATH");
@@ -171,7 +171,7 @@ TEST_F(cert_store, CopiesAndCommandsThatFailAreNamedInTheLog) {
   EXPECT_TRUE(was_logged("3 command ended with status 127: rm " + installed + "\n")) << log();
 }
 
-TEST_F(cert_store, ListingsTellTenAtMost) {
+TEST_F(cert_store, listings_tell_ten_at_most) {
   EXPECT_EQ(list(false).rc, -2) << "no directory";
   EXPECT_EQ(list(true).rc, -1);
   EXPECT_EQ(list(true).code, 2);
@@ -197,7 +197,7 @@ TEST_F(cert_store, ListingsTellTenAtMost) {
 }
 
 // The record's own path is cut, so that of a long name could be taken for another file's.
-TEST_F(cert_store, ListingRemovesByTheirWholeNamesWhatHoldsNoCertificate) {
+TEST_F(cert_store, listing_removes_by_their_whole_names_what_holds_no_certificate) {
   const std::string root = path(std::string(60, 'd') + "/"), cut = root.substr(0, 63);
   set_option(DL_OPT_TRUST_CA_DIR, root);
   fs::create_directories(root + "directory.0");
@@ -219,7 +219,7 @@ TEST_F(cert_store, ListingRemovesByTheirWholeNamesWhatHoldsNoCertificate) {
   }
 }
 
-TEST_F(cert_store, ListingKeepsWhatCouldNotBeReadForLackOfDescriptors) {
+TEST_F(cert_store, listing_keeps_what_could_not_be_read_for_lack_of_descriptors) {
   ASSERT_EQ(dl_install_ca(write("ca.pem", pem_of(make_identity("Kept"))).c_str()), 0);
   const auto before = snapshot(store());
   rlimit limit;

@@ -25,7 +25,7 @@ std::string text_of(const X509_NAME* name) {
   return text;
 }
 
-TEST(CertSubject, NamesFromTexts) {
+TEST(cert_subject, names_from_texts) {
   const std::string refused = "refused", longest = "/CN=" + std::string(64, 'n');
   // clang-format off
   const struct { const char* name; std::string text, entries; int string_type = MBSTRING_ASC; } rows[] = {
@@ -72,7 +72,7 @@ TEST(CertSubject, NamesFromTexts) {
   EXPECT_EQ(do_subject(nullptr, MBSTRING_ASC), nullptr);
 }
 
-TEST(CertSubject, RawCommonName) {
+TEST(cert_subject, raw_common_name) {
   EXPECT_EQ(raw_common_name("/O=xCN=y/CN=z"), "y") << "wherever it stands";
   EXPECT_EQ(raw_common_name("/CN=" + std::string(512, 'n')).value().size(), 511u);
 }

@@ -48,7 +48,7 @@ class cert_verify : public cert_test {
   std::string out_, diagnostics_;
 };
 
-TEST_F(cert_verify, VerdictsOfOpenssl) {
+TEST_F(cert_verify, verdicts_of_openssl) {
   const identity impostor = issued(nullptr, authority, "Root"), middle = issued(&root_, authority, "Middle");
   const identity no_ca = issued(nullptr, {.extensions = {{"basicConstraints", "CA:FALSE"}}}, "No CA");
   const identity md5 =
@@ -85,7 +85,7 @@ TEST_F(cert_verify, VerdictsOfOpenssl) {
   }
 }
 
-TEST_F(cert_verify, PlacesOfTheAuthorities) {
+TEST_F(cert_verify, places_of_the_authorities) {
   write("other.pem", pem_of(issued(nullptr, authority, "Other")));
   // clang-format off
   const struct { const char *ca_dir, *ca_file, *systems; int code; std::string diagnostics; } rows[] = {
@@ -108,7 +108,7 @@ TEST_F(cert_verify, PlacesOfTheAuthorities) {
 }
 
 // OpenSSL's own look-up, given the pipe, never comes back.
-TEST_F(cert_verify, PipesAndJunkInACaDirectoryNeitherHangNorHideTheAuthorities) {
+TEST_F(cert_verify, pipes_and_junk_in_a_ca_directory_neither_hang_nor_hide_the_authorities) {
   const std::string hash = hash_name_of(root_).substr(0, 9);
   write("junk", pem_of(root_));
   fs::resize_file(path("junk"), 300 << 20);
@@ -131,7 +131,7 @@ TEST_F(cert_verify, PipesAndJunkInACaDirectoryNeitherHangNorHideTheAuthorities) 
 }
 
 // OpenSSL's own look-up is the judge.
-TEST_F(cert_verify, CaDirectoriesAreReadAsOpensslReadsThem) {
+TEST_F(cert_verify, ca_directories_are_read_as_openssl_reads_them) {
   const identity old = issued(nullptr, {.extensions = ca_extensions, .valid_until_s = -60}, "Root");
   const std::string root = pem_of(root_), crl = crl_pem_of(root_), no_base64 = root.substr(0, 60) + "?";
   const std::string trusted = openssl("x509 -trustout -addtrust serverAuth -in " + root_file_) + "\n";
@@ -175,7 +175,7 @@ TEST_F(cert_verify, CaDirectoriesAreReadAsOpensslReadsThem) {
   }
 }
 
-TEST_F(cert_verify, FilesWithoutACertificate) {
+TEST_F(cert_verify, files_without_a_certificate) {
   write("key", key_);
   for (const std::string file : {"key", "cas", "absent"}) {
     EXPECT_EQ(verify(file, "cas", "root.pem"), DL_VERIFY_OTHER) << file;
@@ -195,7 +195,7 @@ TEST_F(cert_verify, FilesWithoutACertificate) {
   EXPECT_EQ(dl_cert_verify(leaf_file_.c_str(), nullptr, nullptr, 0, nullptr), -1);
 }
 
-TEST_F(cert_verify, AdvanceCheck) {
+TEST_F(cert_verify, advance_check) {
   const std::string locked = pem_of(leaf_.key.get(), "open sesame"), foreign = pem_of(new_ec_key().get());
   const std::string expired = pem_of(issued(nullptr, {.valid_until_s = -60})), crl = crl_pem_of(root_);
   const char *no_key = "Can't load private key", *no_cert = "Can't load public key\n";
@@ -227,7 +227,7 @@ TEST_F(cert_verify, AdvanceCheck) {
   EXPECT_EQ(verify("pair", "cas", "root.pem", ~advance), DL_VERIFY_EXPIRED) << "bit 0 alone asks for it";
 }
 
-TEST_F(cert_verify, CallbackPassesItsListAlone) {
+TEST_F(cert_verify, callback_passes_its_list_alone) {
   const std::set<int> passing = {X509_V_ERR_CRL_NOT_YET_VALID,           X509_V_ERR_CRL_HAS_EXPIRED,
                                  X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT, X509_V_ERR_INVALID_CA,
                                  X509_V_ERR_PATH_LENGTH_EXCEEDED,        X509_V_ERR_INVALID_PURPOSE,
