@@ -26,11 +26,11 @@ struct run {
 struct outcome {
   int rc = 0;
   int code = 0;
-  std::string message, redirect, body;
+  std::string message, redirect, body, rest;
   std::optional<std::string> file;
   std::vector<int> reads;
   int read_code = 0;
-  int status = 0, end = 0, ring = 0;
+  int status = 0, last_status = 0, end = 0, ring = 0;
   long left = 0;
   std::vector<std::pair<std::string, std::string>> headers;
   std::vector<log_line> lines;        // of every level

@@ -220,7 +220,9 @@ void conversation::problem(const step& at, const std::string& what) {
 std::vector<std::string> conversation::problems() {
   if (next_ < told_.steps.size()) problem(told_.steps[next_], "never came to this step");
   for (const auto& by : parties_) {
-    if (!by->inbox.empty()) problems_.push_back("received behind the last step: " + shown(by->inbox));
+    const bool listens = by->way && !by->way->deaf && !by->way->reset;
+    if (listens && !by->inbox.empty())
+      problems_.push_back("received behind the last step: " + shown(by->inbox));
     if (by->way && by->way->datagrams && !by->way->received.empty() && !by->way->dead)
       problems_.push_back("a datagram behind the last step: " + shown(by->way->received.front().bytes));
   }

@@ -212,8 +212,10 @@ class reader {
   }
   void result(const string& rest) {
     const std::size_t space = std::min(rest.find(' '), rest.size());
-    into_.expected.untouched = rest.substr(0, space) == "untouched";
-    if (!into_.expected.untouched) into_.expected.code = std::stoi(rest);
+    const string first = rest.substr(0, space);
+    into_.expected.fails = first == "untouched" || first == "cleared";
+    if (!into_.expected.fails) into_.expected.code = std::stoi(rest);
+    if (first == "untouched") into_.expected.code = untouched_code;
     if (space < rest.size()) into_.expected.message = bytes(rest.substr(space + 1));
   }
   void log(const string& rest) {
@@ -271,6 +273,8 @@ class reader {
         {"=", [&] { result(rest); }},
         {"file", [&] { expected.file = rest == "none" || rest == "kept" || rest == "special" ? rest : "=" + bytes(rest); }},
         {"body", [&] { expected.body = bytes(rest); }},
+        {"rest", [&] { expected.rest = bytes(rest); }},
+        {"last", [&] { expected.last_status = std::stoi(rest); }},
         {"redirect", [&] { expected.redirect = bytes(rest); }},
         {"read", [&] { expected.read_code = std::stoi(rest); }},
         {"status", [&] { expected.status = std::stoi(rest); }},
@@ -319,6 +323,7 @@ void make_bare(story& told) {
   told.arguments["remaining"] =
       length == std::string::npos ? "0" : head.substr(length + 16, head.find("\r\n", length) - length - 16);
   told.expected.status = told.expected.end = std::nullopt;
+  told.expected.last_status = std::nullopt;
   told.expected.headers.clear();
 }
 

@@ -4,7 +4,8 @@
 //   # to the end of the line: a comment                == what happens          begins a scenario
 //   download http://a.test/f user=u password=p         the call: a verb, what it is about, named arguments; a value
 //                                                      with spaces stands in quotes ("X: 1\r\n")
-//   with auth=2                                        further arguments of the call
+//   with auth=2                                        further arguments of the call; null=redirect,result are the
+//                                                      pointers that it gets as null
 //   set MAX_FILE_SIZE 1000                             an option (enum dl_option without its prefix; TLS_WAIT too)
 //   host b.test = 10.0.0.9 fd00::9                     a name; a.test to z.test are 10.0.0.1 to .26, others unknown
 //   secret s3cret                                      no log line may hold it; password= is one by itself
@@ -35,11 +36,12 @@
 //
 // What comes of it:
 //   = 0                         the result's code, -1 being returned when it is not 0; the message is that of the code
-//                               unless it follows; "= untouched" for -1 with no code
+//                               unless it follows; "= cleared": -1 with code 0; "= untouched": -1, no result stored
 //   file BYTES | file none | file kept | file special   the local file afterwards (kept: what lay there before, which
 //                               is old=BYTES of the call or "old file"; special: no regular file, and still there)
 //   body BYTES   read -8   reads 3 3 1   what was read, the code of the read that failed, the counts of the reads
-//   redirect URL   status 200   end 1   left 5   header X = X: y   ring 6   as the calls tell them
+//   rest BYTES                  what a bare record left in the stream
+//   redirect URL   status 200   last 200   end 1   left 5   header X = X: y   ring 6   as the calls tell them
 //   log 3 HTTP text             the lines of levels 0 to 3, exactly these in this order; other levels: is among them;
 //                               log any: whatever the errors
 //
@@ -61,6 +63,8 @@
 #include "tests/scenario/network.h"
 
 namespace scenario {
+
+inline constexpr int untouched_code = 77;  // in the result before the call
 
 enum class action { connect, expect, until, send, port, closed, close, hang_up, reset, deaf };
 
@@ -90,10 +94,10 @@ struct log_line {
 // What is told of a call and what it must be; nothing: not asked for.
 struct expectation {
   int code = 0;
-  bool untouched = false;
-  std::optional<std::string> message, body, redirect,
+  bool fails = false;  // whatever the code
+  std::optional<std::string> message, body, rest, redirect,
       file;  // file: "none", "kept", "special" or "=" and the bytes
-  std::optional<int> read_code, status, end, ring;
+  std::optional<int> read_code, status, last_status, end, ring;
   std::optional<long> left;
   std::optional<std::vector<int>> reads;
   std::vector<std::pair<std::string, std::string>> headers;
