@@ -421,7 +421,7 @@ std::vector<string> complaints(const story& told, const outcome& seen) {
   const auto compare = [&](const string& what, const string& expected, const string& actual) {
     if (expected != actual) found.push_back(what + ": expected \"" + expected + "\", got \"" + actual + "\"");
   };
-  const auto compare_number = [&](const string& what, const auto& expected, long actual) {
+  const auto compare_number = [&](const string& what, const auto& expected, int64_t actual) {
     if (expected) compare(what, std::to_string(*expected), std::to_string(actual));
   };
   const auto compare_bytes = [&](const string& what, const string& expected, const string& actual) {

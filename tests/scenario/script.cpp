@@ -280,7 +280,7 @@ class reader {
         {"status", [&] { expected.status = std::stoi(rest); }},
         {"end", [&] { expected.end = std::stoi(rest); }},
         {"ring", [&] { expected.ring = std::stoi(rest); }},
-        {"left", [&] { expected.left = std::stol(rest); }},
+        {"left", [&] { expected.left = std::stoll(rest); }},
         {"reads", [&] { expected.reads.emplace();
                         for (const string& one : words_of(rest)) expected.reads->push_back(std::stoi(one)); }},
         {"header", [&] { const auto equals = rest.find(" = ");

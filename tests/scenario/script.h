@@ -98,7 +98,7 @@ struct expectation {
   std::optional<std::string> message, body, rest, redirect,
       file;  // file: "none", "kept", "special" or "=" and the bytes
   std::optional<int> read_code, status, last_status, end, ring;
-  std::optional<long> left;
+  std::optional<int64_t> left;
   std::optional<std::vector<int>> reads;
   std::vector<std::pair<std::string, std::string>> headers;
   std::vector<log_line> lines;
