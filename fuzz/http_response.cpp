@@ -14,8 +14,8 @@
 #include <utility>
 
 #include "fuzz/support/check.h"
-#include "http/http_response_body.h"
 #include "http/http_response.h"
+#include "http/http_response_body.h"
 #include "include/fetchrig.h"
 
 using namespace fetchrig;

@@ -355,16 +355,16 @@ TEST_F(faults, memory_makes_no_server_trusted) {
       {ca_.issue("elsewhere", {"other.test", ""}), 16}};
   for (const auto& [files, stride] : untrusted) {
     const tls_settings tls{.cert_file = files.cert, .key_file = files.key};
-    tcp_peer server({sized_answer_}, {.tls = tls, .repeat_last = true});
-    const std::string url = server.url("https", "/a");
     for (long n = stride, happened = 1; happened && !HasFailure(); n += stride) {
+      tcp_peer server({sized_answer_}, {.tls = tls, .repeat_last = true});
+      const std::string url = server.url("https", "/a");
       dl_result result = {};
       ::plan = {.what = target::memory, .calls_left = n};
       EXPECT_EQ(download(url.c_str(), &result), -1) << files.cert << " " << n;
       happened = std::exchange(::plan, {}).happened;
       EXPECT_TRUE(happened || n > 100 * stride);
+      server.problems();
     }
-    server.problems();
   }
 }
 
