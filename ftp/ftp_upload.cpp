@@ -114,10 +114,8 @@ int start_transfer(upload& job, const char* local_path, uint32_t limit) {
   return log_and_return(DL_LOG_FTP, code != 0 ? code : DL_ERR_FTP_REPLY, "Open data transfer conn err\n");
 }
 
-// A local file that cannot be read: the data connection is dropped. To the server a regular end would be the
-// end of the file. Returns -1 with the result filled.
+// A local file that cannot be read: the data connection is dropped. Returns -1 with the result filled.
 int drop_upload(dl_ftp_session& session, dl_result* result) {
-  reset_on_close(session.data_sock);
   close_socket(session.data_sock);
   return fail(result, DL_ERR_READ);
 }
@@ -161,10 +159,7 @@ int send_local_file(dl_ftp_session& session, const char* local_path, dl_result* 
   }
   struct stat status = {};
   if (::fstat(file.get(), &status) == 0 && status.st_size > INT_MAX) return too_large(result);
-  const int count = send_contents(session, file.get(), local_path, result);
-  // Whenever the connection is closed then, the server does not take the part for the whole.
-  if (count < 0) reset_on_close(session.data_sock);
-  return count;
+  return send_contents(session, file.get(), local_path, result);
 }
 
 // Reads the server's verdict on the transfer and takes leave. Returns 0, or -1 with the result filled.
@@ -192,6 +187,8 @@ int ftp_send_open(const ftp_outcome& out, const ftp_server& server, const ftp_up
   ftp_reply reply(bytes);
   const net_options options = net_settings();
   if (ftp_session_open(out, server, options, reply) < 0) return -1;
+  // To the server a regular end is the end of the file: only a whole one has it, whatever happens until then.
+  reset_on_close((*out.handle)->data_sock);
   upload job{**out.handle, ftp_wire_name(or_empty(name)), request.post_mode, request.limit_mode, reply};
   if (const int rc = start_transfer(job, request.local_path, options.max_file_size); rc != 0)
     return ftp_fail(out, reply, rc);
@@ -200,9 +197,10 @@ int ftp_send_open(const ftp_outcome& out, const ftp_server& server, const ftp_up
 }
 
 int ftp_send(dl_ftp_session& session, const char* local_path, dl_result* result) {
+  reset_on_close(session.data_sock);  // the caller may have opened it by itself
   const int count = send_local_file(session, local_path, result);
   if (count < 0) return -1;
-  close_socket(session.data_sock);
+  close_in_order(session.data_sock);
   return finish_transfer(session, result) < 0 ? -1 : count;
 }
 

@@ -18,10 +18,11 @@ namespace {
 // poll() until ready or the time is over; an interrupted wait goes on with the time that is left.
 int poll_within(pollfd& entry, int64_t limit_ms) {
   const int64_t end = now_ms() + limit_ms;
+  const int error = errno;
   for (int64_t left = limit_ms;; left = std::max<int64_t>(0, end - now_ms())) {
     const int ready = ::poll(&entry, 1, static_cast<int>(std::min<int64_t>(left, INT_MAX)));
     if (ready >= 0 || errno != EINTR) return ready;
-    errno = 0;  // the interruption is over; a wait that runs out has no error to tell
+    errno = error;  // the interruption is over; a wait that runs out has no error to tell
   }
 }
 
@@ -42,6 +43,12 @@ void reset_on_close(int sock) {
   if (sock <= STDERR_FILENO) return;
   const linger discard = {.l_onoff = 1, .l_linger = 0};
   ::setsockopt(sock, SOL_SOCKET, SO_LINGER, &discard, sizeof discard);
+}
+
+void close_in_order(int32_t& sock) {
+  const linger deliver = {};
+  if (sock > STDERR_FILENO) ::setsockopt(sock, SOL_SOCKET, SO_LINGER, &deliver, sizeof deliver);
+  close_socket(sock);
 }
 
 // poll() stands in for select(), whose descriptor sets end at 1023. The result counts like select's: one for each set

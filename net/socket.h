@@ -20,6 +20,8 @@ void close_socket(int32_t& sock);
 
 // Makes closing the socket reset the connection instead of ending it in good order; nothing for a standard stream.
 void reset_on_close(int sock);
+// Closes it in good order after all.
+void close_in_order(int32_t& sock);
 
 // Bits of wait_ready()'s mode.
 inline constexpr int wait_readable = 1;
