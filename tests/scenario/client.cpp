@@ -12,6 +12,7 @@
 #include <stdexcept>
 
 #include "include/fetchrig.h"
+#include "include/fetchrig_openssl.h"
 
 namespace scenario {
 namespace {
@@ -84,21 +85,33 @@ struct call_record {
   }
 };
 
-// Reads to the end by `read(buffer, size, result)`.
+// "1,2,3".
+std::vector<string> parts_of(string list) {
+  std::replace(list.begin(), list.end(), ',', ' ');
+  return words_of(list);
+}
+
+// Reads to the end by `read(buffer, size, result)`, each time as much as `size` says next, and goes on after so many
+// failures as `tries` allows.
 template <typename Read>
 void read_all(call_record& call, Read read) {
-  string buffer(static_cast<std::size_t>(call.told.number("size", 64)), '\0');
-  for (;;) {
+  const auto sizes = parts_of(call.told.argument("size") ? call.told.argument("size") : "64");
+  int tries = call.told.number("tries", 1);
+  string buffer;
+  const auto next = [&](dl_result* result) {
+    return made([&] { return read(buffer.data(), static_cast<int32_t>(buffer.size()), result); });
+  };
+  for (std::size_t i = 0;; ++i) {
+    buffer.assign(std::stoul(sizes[std::min(i, sizes.size() - 1)]), '\0');
     dl_result result = {};
-    const int count = made([&] { return read(buffer.data(), static_cast<int32_t>(buffer.size()), &result); });
-    call.seen.read_code = result.code;
+    const int count = next(&result);
+    if (count >= 0 || tries-- > 0) call.seen.read_code = result.code;
     if (count < 0 && result.code == 0) call.seen.read_code = -1;
-    if (count == 0 && !plan.what && !net.struck &&
-        made([&] { return read(buffer.data(), static_cast<int32_t>(buffer.size()), &result); }) != 0)
+    if (count == 0 && !plan.what && !net.struck && !buffer.empty() && next(&result) != 0)
       call.seen.broken.push_back("behind the end comes something else");
-    if (count <= 0) return;
+    if (count < 0 ? tries == 0 : count == 0 && !buffer.empty()) return;
     call.seen.reads.push_back(count);
-    call.seen.body.append(buffer, 0, static_cast<std::size_t>(count));
+    if (count > 0) call.seen.body.append(buffer, 0, static_cast<std::size_t>(count));
   }
 }
 
@@ -151,7 +164,7 @@ void use_handle(call_record& call) {
 // "a:1,b:2".
 std::vector<std::pair<string, string>> credentials_of(string list) {
   std::vector<std::pair<string, string>> pairs;
-  for (std::replace(list.begin(), list.end(), ',', ' '); const string& word : words_of(list)) {
+  for (const string& word : parts_of(std::move(list))) {
     const std::size_t colon = word.find(':');
     pairs.emplace_back(word.substr(0, colon), word.substr(colon + 1));
   }
@@ -255,6 +268,138 @@ void ring(call_record& call) {
   }));
 }
 
+// HOST PORT IPV6 SECONDS behind the verb.
+void connect_alone(call_record& call) {
+  const auto number = [&](std::size_t at) { return std::stoi(call.told.words.at(at)); };
+  int32_t sock = made([&] { return dl_connect(call.word(0), number(1), number(2), number(3)); });
+  call.result.code = std::min(sock, 0);
+  if (sock < 0) dl_get_error_string(sock, call.result.message, sizeof call.result.message);
+  call.finish(sock > 2 ? 0 : -1);
+  if (sock >= 0) close(sock);
+}
+
+// HOST PORT NAME behind the verb.
+struct target {
+  const char* host;
+  uint32_t port;
+  const char* name;
+
+  explicit target(const call_record& call)
+      : host(call.given("host", call.word(0))),
+        port(static_cast<uint32_t>(std::stoul(call.told.words.at(1)))),
+        name(call.given("name", call.told.words.size() > 2 ? call.word(2) : "")) {}
+};
+
+// Opens a session by `open(place, result)`, works with it and closes it.
+template <typename Session, typename Open, typename Work, typename Close>
+void with_session(call_record& call, Open open, Work work, Close close) {
+  auto* session = reinterpret_cast<Session*>(&call);
+  call.finish(
+      made([&] { return open(call.given("session", &session), call.given("result", &call.result)); }));
+  const bool has_place = call.given("session", &session) != nullptr;
+  if (call.seen.rc < 0 && has_place && session) call.seen.broken.push_back("a failed call stores a session");
+  if (call.seen.rc < 0) return;
+  work(session);
+  made([&] { return close(session), 0; });
+}
+
+// Sends the files that `sends` lists, "local" being the one of `file`; tells counts and codes as reads.
+template <typename Send>
+void send_each(call_record& call, Send send) {
+  for (const string& name : parts_of(call.told.arguments.at("sends"))) {
+    dl_result result = {};
+    const string& path = name == "local" ? call.upload : name;
+    const int count = made([&] { return send(name == "null" ? nullptr : path.c_str(), &result); });
+    call.seen.reads.push_back(count < 0 ? result.code : count);
+  }
+}
+
+void ftp_fetch(call_record& call) {
+  const target at(call);
+  call.finish(made([&] {
+    return dl_ftp_recv_to_file(at.host, at.port, call.told.argument("user"), call.told.argument("password"),
+                               at.name, call.local_path(), call.given("result", &call.result));
+  }));
+}
+
+void ftp_read(call_record& call) {
+  const target at(call);
+  const auto open = [&](dl_ftp_session** place, dl_result* result) {
+    return dl_ftp_open(place, at.host, at.port, call.told.argument("user"), call.told.argument("password"),
+                       at.name, result);
+  };
+  const auto work = [&](dl_ftp_session* session) {
+    if (const char* left = call.told.argument("left"))
+      session->remaining = static_cast<uint32_t>(std::stoul(left));
+    read_all(call, [&](char* to, int32_t size, dl_result* result) {
+      return dl_ftp_read(session, to, size, result);
+    });
+    call.seen.left = session->remaining;
+  };
+  with_session<dl_ftp_session>(call, open, work, dl_ftp_close);
+}
+
+void ftp_send(call_record& call) {
+  const target at(call);
+  const char *user = call.told.argument("user"), *password = call.told.argument("password");
+  const char* local = call.given("file", call.upload.c_str());
+  const int mode = call.told.number("mode", DL_FTP_STORE);
+  const auto limit = static_cast<uint32_t>(call.told.number("limit", DL_FTP_LIMIT_STOP));
+  if (!call.told.argument("sends")) {
+    call.finish(made([&] {
+      return dl_ftp_send_file(at.host, at.port, user, password, at.name, local, mode, limit,
+                              call.given("result", &call.result));
+    }));
+    return;
+  }
+  const auto open = [&](dl_ftp_session** place, dl_result* result) {
+    return dl_ftp_send_open(place, at.host, at.port, user, password, local, at.name, mode, limit, result);
+  };
+  const auto work = [&](dl_ftp_session* session) {
+    send_each(call, [&](const char* path, dl_result* result) { return dl_ftp_send(session, path, result); });
+  };
+  with_session<dl_ftp_session>(call, open, work, dl_ftp_close);
+}
+
+void tftp_fetch(call_record& call) {
+  const target at(call);
+  call.finish(made([&] {
+    return dl_tftp_recv_to_file(at.host, at.port, at.name, call.local_path(),
+                                call.given("result", &call.result));
+  }));
+}
+
+void tftp_read(call_record& call) {
+  const target at(call);
+  const auto open = [&](dl_tftp_session** place, dl_result* result) {
+    return dl_tftp_open(place, at.host, at.port, at.name, result);
+  };
+  const auto work = [&](dl_tftp_session* session) {
+    read_all(call, [&](char* to, int32_t size, dl_result* result) {
+      return dl_tftp_read(session, to, size, result);
+    });
+  };
+  with_session<dl_tftp_session>(call, open, work, dl_tftp_close);
+}
+
+void tftp_send(call_record& call) {
+  const target at(call);
+  if (!call.told.argument("sends")) {
+    call.finish(made([&] {
+      return dl_tftp_send_file(at.host, at.port, at.name, call.given("file", call.upload.c_str()),
+                               call.given("result", &call.result));
+    }));
+    return;
+  }
+  const auto open = [&](dl_tftp_session** place, dl_result* result) {
+    return dl_tftp_send_open(place, at.host, at.port, at.name, result);
+  };
+  const auto work = [&](dl_tftp_session* session) {
+    send_each(call, [&](const char* path, dl_result* result) { return dl_tftp_send(session, path, result); });
+  };
+  with_session<dl_tftp_session>(call, open, work, dl_tftp_close);
+}
+
 struct verb {
   const char* name;
   void (*play)(call_record&);
@@ -270,7 +415,14 @@ constexpr verb verbs[] = {{"download", download},
                           {"fetch", fetch},
                           {"send", send_form},
                           {"read", read_bare},
-                          {"ring", ring}};
+                          {"ring", ring},
+                          {"connect", connect_alone},
+                          {"ftp-fetch", ftp_fetch},
+                          {"ftp-read", ftp_read},
+                          {"ftp-send", ftp_send},
+                          {"tftp-fetch", tftp_fetch},
+                          {"tftp-read", tftp_read},
+                          {"tftp-send", tftp_send}};
 
 // Options by their names; text or a number.
 struct option {
@@ -373,16 +525,28 @@ outcome stage::play(const story& told, const run& with) {
     unlink(name.c_str());
     if (symlink(target.c_str(), name.c_str()) != 0) throw std::runtime_error("symlink");
   }
+  for (const auto& [name, size] : told.sparse_files) {
+    test::write_file(name, "");
+    if (truncate(name.c_str(), size) != 0) throw std::runtime_error("truncate");
+  }
+  if (const char* from = told.argument("from")) call.upload = from;
   if (told.argument("file")) write_unless_there(call.upload, told.arguments.at("file"));
 
   conversation talk(told, certificates_);
   net.start(talk, with.network);
   net.hosts = told.hosts;
+  net.num_busy_ports = told.num_busy_ports;
   set_options(told);
   log_lines.clear();
   const auto before = open_descriptors();
   const int64_t start_us = net.clock_us;
   plan = {.what = with.what, .lasting = with.lasting, .nth = with.nth};
+  if (!told.fault.empty()) {
+    const auto own = std::find_if(std::begin(faults), std::end(faults),
+                                  [&](const fault& one) { return told.fault == one.name; });
+    if (own == std::end(faults)) throw std::runtime_error("unknown fault " + told.fault);
+    plan = {.what = own, .lasting = told.fault_lasts, .nth = told.fault_at};
+  }
   const auto known = std::find_if(std::begin(verbs), std::end(verbs),
                                   [&](const verb& one) { return told.verb == one.name; });
   if (known == std::end(verbs)) throw std::runtime_error("unknown verb " + told.verb);
@@ -394,6 +558,7 @@ outcome stage::play(const story& told, const run& with) {
 
   net.settle();
   seen.struck = plan.happened || net.struck;
+  seen.port = net.bound_port;
   seen.took_us = net.clock_us - start_us;
   seen.problems = talk.problems();
   seen.num_waits = net.num_waits;
@@ -448,6 +613,7 @@ std::vector<string> complaints(const story& told, const outcome& seen) {
   compare_number("status", wanted.status, seen.status);
   compare_number("end", wanted.end, seen.end);
   compare_number("ring", wanted.ring, seen.ring);
+  compare_number("port", wanted.port, seen.port);
   compare_number("left", wanted.left, seen.left);
   if (wanted.reads && *wanted.reads != seen.reads) found.push_back("the counts of the reads differ");
   for (std::size_t i = 0; i < std::min(wanted.headers.size(), seen.headers.size()); ++i)

@@ -30,7 +30,7 @@ struct outcome {
   std::optional<std::string> file;
   std::vector<int> reads;
   int read_code = 0;
-  int status = 0, last_status = 0, end = 0, ring = 0;
+  int status = 0, last_status = 0, end = 0, ring = 0, port = 0;
   int64_t left = 0;
   std::vector<std::pair<std::string, std::string>> headers;
   std::vector<log_line> lines;        // of every level

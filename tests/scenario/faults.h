@@ -46,6 +46,7 @@ inline constexpr fault faults[] = {
     {"sendto-EINTR", call::sendto, EINTR, false, true},
     {"sendto-short", call::sendto, short_count, true},
     {"recvfrom-ECONNREFUSED", call::recvfrom, ECONNREFUSED, true},
+    {"recvfrom-EAGAIN", call::recvfrom, EAGAIN, false, true},  // the datagram was damaged
     {"recvfrom-EINTR", call::recvfrom, EINTR, false, true},
     {"poll-EINTR", call::poll, EINTR, false, true},
     {"poll-ENOMEM", call::poll, ENOMEM, true},

@@ -68,6 +68,14 @@ std::vector<string> broken_rules(const story& told, const outcome& whole, const 
   const bool read_ok = ok && seen.read_code == 0, whole_read_ok = whole_ok && whole.read_code == 0;
   rule(!read_ok || early || (whole_read_ok && seen.body == whole.body),
        "a body that ends well, but is another");
+  for (std::size_t i = 1; i < std::min(seen.links.size(), whole.links.size()); ++i) {
+    const link &now = *seen.links[i], &then = *whole.links[i];
+    const bool in_order = now.client_closed && !now.client_aborted && !now.dead;
+    const bool sends_file = then.client_closed && then.num_up > 0 && then.num_down == 0 && !then.datagrams;
+    std::size_t sent = now.num_up;
+    for (const packet& late : now.in_flight) sent += late.bytes.size();
+    rule(!sends_file || !in_order || sent == then.num_up, "part of a file that ends in good order");
+  }
   const int64_t limit_us = int64_t{60} * 1000000;
   rule(seen.took_us - whole.took_us <= (whole.num_waits + 4) * limit_us, "waits longer than its waits imply");
   return broken;

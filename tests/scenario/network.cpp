@@ -43,8 +43,8 @@ void network::start(peers& others, const conditions& with) {
   others_ = &others;
   with_ = with;
   links.clear();
-  num_waits = 0;
-  struck = silent_ = false;
+  num_waits = bound_port = 0;
+  struck = silent_ = interrupts = false;
   failure.clear();
   clock_us = noon_us;
 }
@@ -73,7 +73,9 @@ int network::duplicate(int fd, int first) {
 void network::close(int fd) {
   const auto last = sockets_.at(fd);
   sockets_.erase(fd);
-  if (last.use_count() == 1 && last->way) last->way->client_closed = true;
+  if (last.use_count() != 1 || !last->way) return;
+  last->way->client_closed = true;
+  last->way->client_aborted = last->aborts || last->connecting;
 }
 
 std::shared_ptr<link> network::attach(socket_state& socket, const endpoint& to) {
@@ -89,11 +91,15 @@ std::shared_ptr<link> network::attach(socket_state& socket, const endpoint& to) 
 int network::connect(int fd, const endpoint& to) {
   socket_state& socket = at(fd);
   if (!silent_ && !attach(socket, to)) return fails(ECONNREFUSED);
-  socket.connecting = (socket.status_flags & O_NONBLOCK) != 0;
-  return socket.connecting ? fails(EINPROGRESS) : 0;
+  const bool waits = (socket.status_flags & O_NONBLOCK) == 0;
+  const bool interrupted = socket.way && socket.way->interrupted;
+  socket.connecting = !waits || interrupted;
+  return socket.connecting ? fails(waits ? EINTR : EINPROGRESS) : 0;
 }
 
-int network::bind(int) {
+int network::bind(int port) {
+  if (num_busy_ports > 0) return --num_busy_ports, fails(EADDRINUSE);
+  bound_port = port;
   return 0;
 }
 
@@ -147,7 +153,7 @@ void network::move() {
   }
 }
 
-// The next piece arrives, or all that is on the way when it is glued; behind the last one the end.
+// The next piece arrives, or all that is on the way when it is glued or datagrams; behind the last one the end.
 void network::arrive(scenario::link& way) {
   bool again = !silent_;
   while (again && !way.on_way.empty()) {
@@ -159,7 +165,6 @@ void network::arrive(scenario::link& way) {
       ++way.num_down;
       struck |= lost;
       if (!lost) way.arrived.push_back(std::move(next));
-      again = lost || with_.pieces == delivery::glued;
       continue;
     }
     if (with_.pieces == delivery::byte_by_byte && next.taken + 1 < next.bytes.size()) {
@@ -194,12 +199,11 @@ short network::ready(const socket_state& socket) const {
   if (!way->arrived.empty() || way->end_arrived || way->error) events |= POLLIN;
   if (way->datagrams || way->dead || size_of(way->in_flight) < send_room) events |= POLLOUT;
   if (way->error) events |= POLLERR;
-  return silent_ && socket.connecting ? 0 : events;
+  return (silent_ || way->mute) && socket.connecting ? 0 : events;
 }
 
-int network::poll(pollfd* entries, nfds_t count, int limit_ms) {
-  const bool alive = wait_begins();
-  int num_ready = 0;
+int network::num_ready(pollfd* entries, nfds_t count, bool alive) {
+  int number = 0;
   for (pollfd* entry = entries; entry < entries + count; ++entry) {
     entry->revents = 0;
     if (entry->fd < 0) continue;
@@ -212,14 +216,30 @@ int network::poll(pollfd* entries, nfds_t count, int limit_ms) {
       entry->revents = static_cast<short>(shown & (entry->events | POLLERR));
       if (entry->revents && alive) socket.connecting = false;
     }
-    num_ready += entry->revents != 0;
+    number += entry->revents != 0;
   }
-  if (num_ready > 0) return num_ready;
+  return number;
+}
+
+int network::poll(pollfd* entries, nfds_t count, int limit_ms) {
+  const bool alive = wait_begins();
+  const int64_t end_us = clock_us + int64_t{limit_ms} * 1000;
+  int number = num_ready(entries, count, alive);
+  while (number == 0 && alive && others_) {
+    const int64_t wakes_us = others_->wakes_us();
+    if (wakes_us == 0 || (limit_ms >= 0 && wakes_us > end_us)) break;
+    clock_us = wakes_us;
+    move();
+    number = num_ready(entries, count, alive);
+    if (interrupts) break;
+  }
+  if (std::exchange(interrupts, false)) return fails(EINTR);
+  if (number > 0) return number;
   if (limit_ms < 0 || limit_ms > for_ever_ms) {
     failure = "waits for ever";
     return fails(EBADF);
   }
-  clock_us += int64_t{limit_ms} * 1000;
+  clock_us = end_us;
   return 0;
 }
 

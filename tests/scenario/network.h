@@ -46,8 +46,11 @@ struct link {
   bool reset = false;
   int error = 0;  // that the next call reports
   bool client_closed = false;
-  std::size_t num_down = 0;  // bytes to the client, datagrams counting 1
-  std::size_t num_up = 0;    // from it
+  bool client_aborted = false;  // and so that the peer does not take it for an end in good order
+  bool mute = false;            // no connection comes about
+  bool interrupted = false;     // a signal ends the connect() that waits
+  std::size_t num_down = 0;     // bytes to the client, datagrams counting 1
+  std::size_t num_up = 0;       // from it
 };
 
 // Who is at the other end.
@@ -58,6 +61,8 @@ class peers {
   virtual std::shared_ptr<link> accept(const endpoint& server, bool datagrams) = 0;
   // Takes what was received and puts answers on the way.
   virtual void play() = 0;
+  // When they go on by themselves; 0: not at all.
+  virtual int64_t wakes_us() const { return 0; }
 };
 
 enum class delivery { as_sent, byte_by_byte, glued };
@@ -89,6 +94,9 @@ class network {
   bool struck = false;  // the cut or the silence has come
   std::string failure;  // a wait that would never end
   int64_t clock_us = noon_us;
+  bool interrupts = false;  // a signal comes to the next wait
+  int num_busy_ports = 0;   // so many more are taken
+  int bound_port = 0;       // the last one
 
   bool owns(int fd) const { return sockets_.contains(fd); }
   std::size_t num_open() const { return sockets_.size(); }
@@ -96,12 +104,13 @@ class network {
   int duplicate(int fd, int first);
   void close(int fd);
   int connect(int fd, const endpoint& to);
-  int bind(int fd);
+  int bind(int port);
   ssize_t send(int fd, const char* from, std::size_t count, int flags);
   ssize_t send_to(int fd, const char* from, std::size_t count, const endpoint& to);
   ssize_t receive(int fd, char* to, std::size_t count, int flags, endpoint* sender);
   int poll(pollfd* entries, nfds_t count, int limit_ms);
   int pending_error(int fd);
+  void abort_on_close(int fd, bool aborts) { at(fd).aborts = aborts; }
   endpoint peer_of(int fd) const;
   int type_of(int fd) const;
   int64_t& send_limit_us(int fd);
@@ -114,6 +123,7 @@ class network {
     int status_flags = 0;
     int64_t send_limit_us = 0;
     bool connecting = false;
+    bool aborts = false;
     std::shared_ptr<scenario::link> way;
   };
   socket_state& at(int fd) const { return *sockets_.at(fd); }
@@ -124,6 +134,7 @@ class network {
   bool is_cut(const scenario::link& way, bool up) const;
   bool wait_begins();
   short ready(const socket_state& socket) const;
+  int num_ready(pollfd* entries, nfds_t count, bool alive);
   std::shared_ptr<scenario::link> attach(socket_state& socket, const endpoint& to);
 
   std::map<int, std::shared_ptr<socket_state>> sockets_;

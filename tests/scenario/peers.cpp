@@ -65,6 +65,8 @@ std::shared_ptr<link> conversation::accept(const endpoint& server, bool datagram
     const connection& plan = told_.connections[i];
     if (by.way || plan.at != server || plan.datagrams != datagrams) continue;
     by.way = std::make_shared<link>();
+    by.way->mute = plan.mute;
+    by.way->interrupted = plan.interrupted;
     if (plan.certificate.empty()) return by.way;
     by.tls.reset(SSL_new(known_.context(plan.certificate)));
     SSL_set_bio(by.tls.get(), BIO_new(BIO_s_mem()), BIO_new(BIO_s_mem()));
@@ -117,14 +119,24 @@ void conversation::play() {
   }
 }
 
+bool conversation::pause(const step& now, const party& by) {
+  if (wakes_us_ == 0) wakes_us_ = net.clock_us + std::stol(now.bytes) * 1000000;
+  const bool nobody = !by.way || by.way->client_closed;
+  if (net.clock_us < wakes_us_ && !nobody) return false;
+  wakes_us_ = 0;
+  return true;
+}
+
 // False while it has to wait.
 bool conversation::advance(const step& now, party& by) {
+  if (now.what == action::pause) return pause(now, by);
   if (!by.way) return false;
   if (by.way->dead) return true;
   if (now.what == action::connect) return true;
   if (by.tls && !by.secured) return by.way->client_closed;
   switch (now.what) {
     case action::connect:
+    case action::pause:
       return true;
     case action::expect:
       return by.way->datagrams ? take_datagram(now, by) : take(now, by);
@@ -133,10 +145,16 @@ bool conversation::advance(const step& now, party& by) {
     case action::send:
       put(by, now.bytes);
       return true;
+    case action::signal:
+      net.interrupts = true;
+      return true;
     case action::port:
       by.port = std::stoi(now.bytes);
       return true;
     case action::closed:
+      return by.way->client_closed;
+    case action::aborted:
+      if (by.way->client_closed && !by.way->client_aborted) problem(now, "closed in good order");
       return by.way->client_closed;
     case action::close:
     case action::hang_up:

@@ -33,12 +33,14 @@ class conversation : public peers {
   ~conversation() override;
   std::shared_ptr<link> accept(const endpoint& server, bool datagrams) override;
   void play() override;
+  int64_t wakes_us() const override { return wakes_us_; }
   // What went otherwise than told; after the call.
   std::vector<std::string> problems();
 
  private:
   struct party;
   bool advance(const step& now, party& by);
+  bool pause(const step& now, const party& by);
   bool take(const step& now, party& by);
   bool take_until(const step& now, party& by);
   bool take_datagram(const step& now, party& by);
@@ -53,6 +55,7 @@ class conversation : public peers {
   std::vector<std::string> problems_;
   std::size_t next_ = 0;     // step
   std::size_t matched_ = 0;  // bytes of it
+  int64_t wakes_us_ = 0;     // when it goes on
 };
 
 }  // namespace scenario

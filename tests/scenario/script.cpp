@@ -51,23 +51,35 @@ std::vector<block> blocks_of(const string& file) {
   std::ifstream in(file);
   if (!in) throw std::runtime_error("cannot read " + file);
   std::vector<block> blocks;
+  std::map<string, std::vector<source_line>> named;
+  std::vector<source_line>* into = nullptr;
   int number = 0;
   for (string line; std::getline(in, line);) {
     ++number;
     line.erase(line.find_last_not_of(" \t\r") + 1);
     if (line.empty() || line[0] == '#') continue;
+    const bool of_table = line.starts_with("each ") || line.starts_with("|") || line.starts_with("also ");
     if (line.starts_with("== ")) {
       blocks.push_back({line.substr(3)});
-    } else if (blocks.empty()) {
+      into = &blocks.back().lines;
+    } else if (line.starts_with("-- ")) {
+      into = &named[line.substr(3)];
+    } else if (!into || (of_table && blocks.empty())) {
       throw std::runtime_error(file + ": a line in front of the first scenario");
+    } else if (line.starts_with("do ")) {
+      const auto& lines = named.at(line.substr(3));
+      into->insert(into->end(), lines.begin(), lines.end());
     } else if (line.starts_with("each ")) {
       blocks.back().columns = words_of(line.substr(5));
     } else if (line.starts_with("|")) {
       blocks.back().rows.push_back(cells_of(line));
-    } else if (line.starts_with("also ")) {
+    } else if (of_table) {
       blocks.back().variants.push_back(line.substr(5));
     } else {
-      blocks.back().lines.push_back({line, number});
+      const std::size_t times = line.find_first_not_of("0123456789");
+      const bool repeats = times > 0 && line.substr(times).starts_with("x ");
+      into->insert(into->end(), repeats ? std::stoul(line) : 1,
+                   {repeats ? line.substr(times + 2) : line, number});
     }
   }
   return blocks;
@@ -168,6 +180,8 @@ class reader {
       if (words[i].starts_with("tls=")) one.certificate = words[i].substr(4);
       if (words[i].starts_with("version=")) one.version = words[i].substr(8);
       if (words[i] == "udp") one.datagrams = true;
+      if (words[i] == "mute") one.mute = true;
+      if (words[i] == "interrupted") one.interrupted = true;
       if (words[i] == "as") one.name = words.at(++i);
     }
     at_ = into_.connections.size();
@@ -253,6 +267,14 @@ class reader {
         {"sample", [&] { into_.sample = std::stol(rest); }},
         {"link", [&] { const auto words = words_of(rest);
                        into_.link_files.emplace_back(words.at(0), words.at(1)); }},
+        {"sparse", [&] { const auto words = words_of(rest);
+                         into_.sparse_files.emplace_back(words.at(0), std::stol(words.at(1))); }},
+        {"fails", [&] { const auto words = words_of(rest);
+                        into_.fault = words.at(0);
+                        into_.fault_at = std::stol(words.at(1));
+                        into_.fault_lasts = words.size() > 2;
+                        into_.sample = 0; }},
+        {"busy", [&] { into_.num_busy_ports = std::stoi(rest); }},
         {"secret", [&] { into_.secrets.push_back(bytes(rest)); }},
         {"@", [&] { connect(rest); }},
         {"ask", [&] { ask(rest); }},
@@ -263,7 +285,10 @@ class reader {
         {">", [&] { add(action::send, bytes(rest) + "\r\n"); }},
         {">>", [&] { add(action::send, bytes(rest)); }},
         {"from", [&] { add(action::port, rest); }},
+        {"after", [&] { add(action::pause, rest); }},
+        {"signal", [&] { add(action::signal); }},
         {"closed", [&] { add(action::closed); }},
+        {"aborted", [&] { add(action::aborted); }},
         {"hang", [&] { ends_by(action::hang_up); }},
         {"reset", [&] { ends_by(action::reset); }},
         {"hold", [&] { stays_open_.at(at_) = true; }},
@@ -279,6 +304,7 @@ class reader {
         {"read", [&] { expected.read_code = std::stoi(rest); }},
         {"status", [&] { expected.status = std::stoi(rest); }},
         {"end", [&] { expected.end = std::stoi(rest); }},
+        {"port", [&] { expected.port = std::stoi(rest); }},
         {"ring", [&] { expected.ring = std::stoi(rest); }},
         {"left", [&] { expected.left = std::stoll(rest); }},
         {"reads", [&] { expected.reads.emplace();
@@ -288,7 +314,7 @@ class reader {
         {"log", [&] { log(rest); }},
     };
     // clang-format on
-    static const std::set<string> before_call = {"set", "host", "sample", "link"};
+    static const std::set<string> before_call = {"set", "host", "sample", "link", "sparse", "busy", "fails"};
     const bool is_call = into_.verb.empty() && !before_call.contains(word);
     const auto found = is_call ? known.end() : known.find(word);
     if (found != known.end()) return found->second();

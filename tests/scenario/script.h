@@ -10,6 +10,12 @@
 //   host b.test = 10.0.0.9 fd00::9                     a name; a.test to z.test are 10.0.0.1 to .26, others unknown
 //   secret s3cret                                      no log line may hold it; password= is one by itself
 //   link full /dev/full                               a symbolic link {dir}/full
+//   sparse huge 3000000000                            a file {dir}/huge of so many zeros
+//   fails sendto-EINTR 2                              a fault (faults.h) that is part of it, at this call; with
+//                                                     "lasting" behind it at all later ones too; without any others
+//   busy 29                                           local ports that are taken before one is free
+//   -- login ... do login                             lines that have a name of their own instead of "==", and
+//                                                     their place;  5x < NOOP  is a line five times
 //   sample 50                                          faults and offsets of this one only every 50th time; 0: none
 //   also tls                                           the same again as https, at port 443 instead of 80
 //   also bare                                          `get` again as `read`: by a record with the stated fields only
@@ -19,7 +25,8 @@
 // The other side, in the order in which things happen, whatever the connection:
 //   @ a.test:80                 the client connects here; `tls` or `tls=foreign` behind it makes it a TLS server with
 //                               that certificate (server, foreign, expired, elsewhere), version=1.2; `udp` makes it datagrams;
-//                               `as NAME` names it
+//                               `as NAME` names it; `mute` lets no connection come about; `interrupted`:
+//                               a signal comes while the client connects
 //   @ NAME                      goes on with that connection
 //   ask PUT /f host=h.test      the head of a request as the library composes it, with this Host (default: the
 //                               connection's name); lines "+ X: y" follow as headers; "= BYTES" behind it adds the
@@ -29,7 +36,8 @@
 //   answer 200 OK = BYTES       the head of a response; "+ X: y" and "= BYTES" as above
 //   > text                      sends this line;  >> BYTES  these bytes (a datagram)
 //   from 5000                   further datagrams come from this port
-//   closed                      the client closes its end here
+//   after 5                     so many seconds go by;  signal  interrupts the wait of the client
+//   closed | aborted            the client closes its end here; so that it cannot be taken for a regular end
 //   hang up | reset | hold | deaf   closes without TLS's farewell; with RST; stays open when the steps are done; takes
 //                               nothing from here on. Without one of them a connection ends in good order.
 //   take FILE BLOCK BYTES / serve BLOCK BYTES   the blocks of a TFTP transfer and their ACKs, from block 1 on
@@ -42,6 +50,7 @@
 //   body BYTES   read -8   reads 3 3 1   what was read, the code of the read that failed, the counts of the reads
 //   rest BYTES                  what a bare record left in the stream
 //   redirect URL   status 200   last 200   end 1   left 5   header X = X: y   ring 6   as the calls tell them
+//   port 1025                   the local port of the datagrams
 //   log 3 HTTP text             the lines of levels 0 to 3, exactly these in this order; other levels: is among them;
 //                               log any: whatever the errors
 //
@@ -66,7 +75,11 @@ namespace scenario {
 
 inline constexpr int untouched_code = 77;  // in the result before the call
 
-enum class action { connect, expect, until, send, port, closed, close, hang_up, reset, deaf };
+// clang-format off
+enum class action {
+  connect, expect, until, send, pause, signal, port, closed, aborted, close, hang_up, reset, deaf
+};
+// clang-format on
 
 struct step {
   action what;
@@ -82,6 +95,7 @@ struct connection {
   std::string certificate;  // empty: no TLS
   std::string version;      // of TLS, empty: any
   bool datagrams = false;
+  bool mute = false, interrupted = false;
 };
 
 struct log_line {
@@ -97,7 +111,7 @@ struct expectation {
   bool fails = false;  // whatever the code
   std::optional<std::string> message, body, rest, redirect,
       file;  // file: "none", "kept", "special" or "=" and the bytes
-  std::optional<int> read_code, status, last_status, end, ring;
+  std::optional<int> read_code, status, last_status, end, ring, port;
   std::optional<int64_t> left;
   std::optional<std::vector<int>> reads;
   std::vector<std::pair<std::string, std::string>> headers;
@@ -118,6 +132,11 @@ struct story {
   expectation expected;
   long sample = 1;  // of offsets and faults every so-manyth; 0: none
   std::vector<std::pair<std::string, std::string>> link_files;  // symbolic links: name, target
+  std::vector<std::pair<std::string, long>> sparse_files;       // and their sizes
+  int num_busy_ports = 0;
+  std::string fault;  // of its own
+  long fault_at = 0;
+  bool fault_lasts = false;
 
   // Null when it was not given.
   const char* argument(const std::string& key) const {

@@ -59,7 +59,10 @@ Function* next(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-endpoint endpoint_of(const sockaddr* address) {
+// Nowhere when the length does not fit the family.
+endpoint endpoint_of(const sockaddr* address, socklen_t length) {
+  const socklen_t least = address->sa_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+  if (length < least) return {};
   char text[INET6_ADDRSTRLEN] = "";
   in_port_t port = 0;
   if (address->sa_family == AF_INET) {
@@ -151,11 +154,12 @@ REPLACED int socket(int family, int type, int protocol) noexcept {
 REPLACED int connect(int fd, const sockaddr* address, socklen_t length) {
   if (!net.owns(fd)) return static_cast<int>(syscall(SYS_connect, fd, address, length));
   return static_cast<int>(
-      faulty(call::connect, 0, [&](size_t) { return net.connect(fd, endpoint_of(address)); }));
+      faulty(call::connect, 0, [&](size_t) { return net.connect(fd, endpoint_of(address, length)); }));
 }
 REPLACED int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
   if (!net.owns(fd)) return static_cast<int>(syscall(SYS_bind, fd, address, length));
-  return static_cast<int>(faulty(call::bind, 0, [&](size_t) { return net.bind(fd); }));
+  return static_cast<int>(
+      faulty(call::bind, 0, [&](size_t) { return net.bind(endpoint_of(address, length).port); }));
 }
 REPLACED int getaddrinfo(const char* name, const char*, const addrinfo* hints, addrinfo** list) {
   if (strikes(call::getaddrinfo)) return plan.what->error;
@@ -176,7 +180,7 @@ REPLACED ssize_t sendto(int fd, const void* from, size_t count, int flags, const
                         socklen_t length) {
   if (!net.owns(fd)) return syscall(SYS_sendto, fd, from, count, flags, to, length);
   return faulty(call::sendto, count, [&](size_t size) {
-    return net.send_to(fd, static_cast<const char*>(from), size, endpoint_of(to));
+    return net.send_to(fd, static_cast<const char*>(from), size, endpoint_of(to, length));
   });
 }
 REPLACED ssize_t recvfrom(int fd, void* to, size_t count, int flags, sockaddr* sender, socklen_t* length) {
@@ -222,6 +226,8 @@ REPLACED int setsockopt(int fd, int level, int name, const void* value, socklen_
   const auto* limit = static_cast<const timeval*>(value);
   if (level == SOL_SOCKET && name == SO_SNDTIMEO)
     net.send_limit_us(fd) = int64_t{limit->tv_sec} * 1000000 + limit->tv_usec;
+  if (level == SOL_SOCKET && name == SO_LINGER)
+    net.abort_on_close(fd, static_cast<const linger*>(value)->l_onoff != 0);
   return 0;
 }
 REPLACED int getpeername(int fd, sockaddr* address, socklen_t* length) noexcept {

@@ -113,19 +113,21 @@ string trim(string_view text) {
 
 std::vector<string> words_of(string_view text) {
   std::vector<string> words(1);
-  bool quoted = false;
+  bool quoted = false, kept = false;  // "" is a word
   int braces = 0;
   for (const char byte : text) {
     if (byte == '"') {
       quoted = !quoted;
+      kept = true;
     } else if (byte == ' ' && !quoted && braces == 0) {
-      if (!words.back().empty()) words.emplace_back();
+      if (!words.back().empty() || kept) words.emplace_back();
+      kept = false;
     } else {
       braces += (byte == '{') - (byte == '}');
       words.back() += byte;
     }
   }
-  if (words.back().empty()) words.pop_back();
+  if (words.back().empty() && !kept) words.pop_back();
   return words;
 }
 
