@@ -8,6 +8,7 @@
 
 #include <span>
 
+#include "core/cause.h"
 #include "core/owners.h"
 #include "log/log.h"
 #include "log/printable.h"
@@ -58,6 +59,7 @@ int ftp_command(const dl_ftp_session& session, std::string_view word,
   if (!line) return DL_ERR_MEMORY;
   tcp_stream control(session.ctrl_sock);
   if (control.write_all(line.bytes()) < 0) {
+    note_symptom(DL_CAUSE_SEND, errno);
     log_line(DL_LOG_FTP, DL_LOG_NOTICE, "write error, errno %d\n", errno);
     const std::string_view shown = word == password_word ? masked_password : line.without_end();
     return log_and_return(DL_LOG_FTP, DL_ERR_SEND, "Error send command %s\r\n\n", printable(shown).c_str());

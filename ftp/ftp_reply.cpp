@@ -34,6 +34,7 @@ int read_reply_line(int sock, ftp_reply& reply, line_state& state) {
   if (read.io.wait_failed) {
     ftp_log_failed_wait(read.io.error);
   } else if (read.io.count < 0) {
+    note_symptom(DL_CAUSE_BROKEN, read.io.error);
     log_line(DL_LOG_FTP, DL_LOG_NOTICE, "read failed, errno %d\n", read.io.error);
   }
   if (read.io.count < 0) return DL_ERR_READ;

@@ -67,7 +67,7 @@ enum dl_cause {
 
   /* On a connection. */
   DL_CAUSE_WAIT = 11,       /* nothing came, or nothing more was taken, within the limit [errno, 0: the limit passed] */
-  DL_CAUSE_SEND = 12,       /* an HTTP request could not be sent [errno; EAGAIN or ETIMEDOUT: the limit passed] */
+  DL_CAUSE_SEND = 12,       /* a request was not sent [errno; EAGAIN, ETIMEDOUT: the limit passed] */
   DL_CAUSE_BROKEN = 13,     /* the connection broke [errno, 0: not known; ETIMEDOUT: the TLS wait limit] */
   DL_CAUSE_SILENT = 14,     /* an HTTP server closed the connection without an answer */
   DL_CAUSE_NOT_HTTP = 15,   /* the answer is not HTTP */

@@ -157,6 +157,7 @@ int tftp_send_request(const dl_tftp_session& session, tftp_opcode opcode, const 
   const std::size_t length = tftp_build_request(opcode, remote_name, packet);
   const ssize_t sent = tftp_send_packet(session, {packet.data(), length});
   if (sent == static_cast<ssize_t>(length)) return 0;
+  note_symptom(DL_CAUSE_SEND, errno);
   log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Send Error error! errno = %d ret = %d send_size = %d\n", errno,
            static_cast<int>(sent), static_cast<int>(length));
   return DL_ERR_SEND;
