@@ -9,7 +9,7 @@ packages=(
   libgtest-dev libbenchmark-dev libcli11-dev nlohmann-json3-dev
   clang clang-format clang-tidy libclang-rt-14-dev
   nginx apache2-bin vsftpd python3-pyftpdlib tftpd-hpa libpcre3 libwrap0
-  python3 valgrind
+  python3 python3-pytest python3-pexpect valgrind
   gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user-static
 )
 
