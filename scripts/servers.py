@@ -51,7 +51,7 @@ class Authority:
                 self.file)
         openssl("rehash", self.hashed)
 
-    def issue(self, file_name, common_name="127.0.0.1", alt_name="IP:127.0.0.1", days=2, passphrase=None):
+    def issue(self, file_name, common_name="127.0.0.1", alt_name="IP:127.0.0.1,IP:::1", days=2, passphrase=None):
         """A file with a certificate and its P-256 key; "-1 days" has expired."""
         request, key, made = (self.directory / (file_name + end) for end in (".csr", ".key", ".pem"))
         secrecy = ["-passout", f"pass:{passphrase}"] if passphrase else ["-nodes"]
@@ -97,7 +97,7 @@ http {
     listen 127.0.0.1:$http;
     listen 127.0.0.1:$https ssl;
     $ipv6
-    ssl_protocols TLSv1.2 TLSv1.3;
+    ssl_protocols $protocols;
     root $root;
     location /upload/ { dav_methods PUT; }
     location /chunked/ { alias $root/; ssi on; ssi_types *; }
@@ -142,12 +142,14 @@ def have_ipv6():
 
 
 # What follows makes the command line of a server: place, host, its ports by scheme, further options.
-def nginx(place, _host, ports, _options):
+def nginx(place, _host, ports, protocols):
     users = place.write("users", f"{USER}:{{PLAIN}}{PASSWORD}\n")
     kinds = ["client_body", "proxy", "fastcgi", "uwsgi", "scgi"]
     temporary = "\n".join(f"{kind}_temp_path {place.directory}/tmp-{kind};" for kind in kinds)
     ipv6 = f"listen [::1]:{ports['https']} ssl ipv6only=on;" if have_ipv6() else ""
-    conf = place.write("nginx.conf", NGINX, users=users, temporary=temporary, ipv6=ipv6, **ports)
+    protocols = " ".join(protocols) or "TLSv1.2 TLSv1.3"
+    values = {"users": users, "temporary": temporary, "ipv6": ipv6, "protocols": protocols, **ports}
+    conf = place.write("nginx.conf", NGINX, **values)
     return ["nginx", "-p", place.directory, "-c", conf, "-e", "stderr"]
 
 

@@ -30,12 +30,11 @@ namespace {
 TEST(exports, are_the_listed_symbols) {
   const std::string listed =
       "sed -n '/global:/,/local:/s/^ *\\([A-Za-z_0-9]*\\);$/\\1/p' '" FETCHRIG_SOURCE_DIR
-      "/cmake/fetchrig.map' | sort";
+      "/cmake/fetchrig.map'";
   const std::string exported = "nm -D --defined-only --without-symbol-versions '" FETCHRIG_BINARY_DIR
-                               "/libfetchrig.so' | awk '$2 != \"A\" {print $3}' | sort";
-  const auto compared = run(
-      {"bash", "-c", "[ $(" + listed + " | wc -l) -gt 100 ] && diff <(" + listed + ") <(" + exported + ")"});
-  EXPECT_EQ(compared.status, 0) << compared.output << compared.errors;
+                               "/libfetchrig.so' | awk '$2 != \"A\" {print $3}'";
+  EXPECT_GT(std::stoi(run(listed + " | wc -l").output), 100);
+  EXPECT_EQ(run("{ " + listed + "; " + exported + "; } | sort | uniq -u").output, "");
 }
 
 using own_calls = cert_test;

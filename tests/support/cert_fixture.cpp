@@ -61,8 +61,8 @@ full_disk::~full_disk() {
 }
 
 std::string openssl(const std::string& arguments) {
-  run_result ended = run({"sh", "-c", "exec openssl " + arguments});
-  EXPECT_EQ(ended.status, 0) << "openssl " << arguments << "\n" << ended.errors;
+  run_result ended = run("openssl " + arguments);
+  EXPECT_EQ(ended.status, 0) << "openssl " << arguments;
   if (ended.output.ends_with('\n')) ended.output.pop_back();
   return ended.output;
 }

@@ -45,10 +45,6 @@ std::string temp_dir::make_dir(std::string_view name) const {
   return file(name);
 }
 
-void temp_dir::let_others_read() const {
-  fs::permissions(path_, fs::perms(0755));
-}
-
 void write_file(const std::string& path, std::string_view content) {
   std::ofstream out(path, std::ios::binary);
   if (!(out << content << std::flush)) throw std::runtime_error("cannot write " + path);
@@ -92,10 +88,6 @@ std::string summary(std::string_view bytes) {
 
 std::string md5_hex(std::string_view data) {
   return digest_hex(EVP_md5(), data);
-}
-
-std::string sha256_hex(std::string_view data) {
-  return digest_hex(EVP_sha256(), data);
 }
 
 }  // namespace test

@@ -25,8 +25,6 @@ class temp_dir {
   std::string file(std::string_view name) const;
   // Creates a directory `name`, with its parents, in it and returns its path.
   std::string make_dir(std::string_view name) const;
-  // Lets every user read the directory, for servers that give up root.
-  void let_others_read() const;
 
  private:
   std::string path_;
@@ -44,9 +42,8 @@ std::string make_bytes(std::size_t size, uint64_t seed = 1);
 // "N bytes, MD5": what comparisons of long contents show when they fail.
 std::string summary(std::string_view bytes);
 
-// Digests as lower-case hexadecimal digits.
+// As lower-case hexadecimal digits.
 std::string md5_hex(std::string_view data);
-std::string sha256_hex(std::string_view data);
 
 }  // namespace test
 #endif

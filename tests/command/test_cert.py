@@ -1,0 +1,273 @@
+"""fetchrig cert: what it says about certificates, judged by the openssl tool and by a server, and what it leaves on
+the disk."""
+import json
+import os
+import ssl
+
+import pytest
+from conftest import ASK, DEVICE, response, tls_server
+from servers import Authority, openssl
+
+
+class Cert:
+    """Runs "fetchrig cert"."""
+
+    def __init__(self, fetchrig):
+        self.fetchrig, self.path, self.root = fetchrig, fetchrig.work, fetchrig.places["root"]
+        self.hash = openssl("x509", "-in", self.root, "-noout", "-subject_hash").decode().strip()
+        self.der = openssl("x509", "-in", self.root, "-outform", "DER")
+        fetchrig.write("root.der", self.der)
+        for name in "good", "other", "locked":
+            certificate, end, key = fetchrig.places[name].read_bytes().partition(b"-----END CERTIFICATE-----\n")
+            fetchrig.write(f"{name}.cert", certificate + end)
+            fetchrig.write(f"{name}.key", key)
+        (self.path / DEVICE).parent.mkdir(parents=True)
+
+    def fails(self, line, *parts, **how):
+        self.fetchrig.fails(f"cert {line}", *parts, **how)
+
+    def ask(self, line, **env):
+        """The answer in JSON: there is one, whatever the outcome, and it fits the exit status."""
+        ended = self.fetchrig.run(f"cert {line} --json", env=env)
+        answer = json.loads(ended.stdout)
+        assert ended.returncode == (0 if answer["ok"] else 1), answer
+        return answer
+
+    def steps(self, *steps):
+        """One after the other: what is asked, a field of the answer, and its value."""
+        for line, field, value in steps:
+            answer = self.ask(line)
+            assert (line, answer.get(field)) == (line, value), answer
+
+
+@pytest.fixture
+def cert(fetchrig):
+    return Cert(fetchrig)
+
+
+@pytest.mark.parametrize("line, field, value", [
+    ("info {good}", "issuer", "root"),
+    ("info {good} --key", "private_key", {"algorithm": "id-ecPublicKey", "bits": 256}),
+    ("info root.der --key", "private_key", None),
+    ("info none", "code", 1),
+    ("info missing", "message", "missing: No such file or directory"),
+    ("info .", "message", ". is not a regular file"),
+    ("verify {good} --ca-dir {ca}", "ok", True),
+    ("verify {good} --ca-file {root} --with-key", "ok", True),
+    ("verify good.cert --ca-file {root} --with-key", "code", 9),
+    ("verify {good} --ca-file missing", "code", 2),
+    ("verify missing", "message", "missing: No such file or directory"),
+    ("verify {good} --ca-dir {ca}:missing", "code", 2),
+    ("verify {root}", "remarks", ["self-signed certificate"]),
+    ("verify {root}", "trusted", False),
+    ("verify {root} --strict", "ok", False),
+    ("verify {root} --strict --ca-file {root}", "trusted", True),
+    ("verify {good}", "code", 6),
+    ("verify {expired} --ca-file {root}", "code", 5),
+])
+def test_info_and_verify(cert, line, field, value):
+    cert.fetchrig.write("none", "no certificate")
+    cert.steps((line, field, value))
+    assert (cert.path / "root.der").read_bytes() == cert.der, "describing it must not rewrite it"
+
+
+@pytest.mark.parametrize("line, part, has_defaults", [
+    ("verify {good} --ca-file {expired}", "not among the trusted CAs", True),
+    ("verify {good} --ca-dir device", "not among the trusted CAs", True),
+    ("verify {good} --ca-dir .", ". is not hashed", False),
+])
+def test_certificates_that_are_not_trusted(cert, line, part, has_defaults):
+    """Whatever OpenSSL would trust by itself."""
+    env = {"SSL_CERT_FILE": cert.root, "SSL_CERT_DIR": cert.root.parent} if has_defaults else {}
+    cert.fails(line, part, env=env)
+
+
+def test_words_for_people(cert):
+    odd = cert.fetchrig.places.authority.issue("odd", "Anna \x1b[1m")
+    told = cert.fetchrig.run(f"cert info {odd}").stdout
+    assert b"issuer:       root\n" in told and b"Anna" in told and b"\x1b" not in told
+    cert.fetchrig.done("cert verify good.cert --ca-file {root}", b"good.cert: verified\n")
+    cert.fails("info root.der", "missing: No such file", env={"TMPDIR": "missing"})
+
+
+def generate(cert, name, ca_key="ca.key", subject="/CN=0011AB", seed="", certificate=None, **env):
+    return cert.ask(f"generate --ca ca --ca-key '{ca_key}' --key '{name}.key' --cert '{certificate or name}' "
+                    f"--subject '{subject}' --bits 1024", FETCHRIG_KEY_SEED=seed, **env)
+
+
+@pytest.fixture(scope="session")
+def rsa(tmp_path_factory):
+    """A CA with an RSA key, and other RSA keys, by file name."""
+    authority = Authority(tmp_path_factory.mktemp("rsa") / "ca", "Issuer", ("-newkey", "rsa:2048"))
+    return {"ca": authority.file.read_bytes(), "ca.key": authority.key.read_bytes(), "rsa.key": openssl("genrsa", 1024),
+            "locked.key": openssl("genrsa", "-aes256", "-passout", "pass:open sesame", 1024)}
+
+
+@pytest.fixture
+def issuer(cert, rsa):
+    for name, content in rsa.items():
+        cert.fetchrig.write(name, content)
+    return cert
+
+
+def test_keys_of_generated_certificates_are_random_unless_a_seed_is_given(issuer):
+    def content(name):
+        return (issuer.path / name).read_bytes()
+
+    made = generate(issuer, "a")
+    assert (made["subject"], made["private_key"]["bits"], made["key_generated"]) == ("0011AB", 1024, True)
+    assert generate(issuer, "a", seed="a seed")["key_generated"] is False
+    for name, seed in ("b", ""), ("seed 1", "seed"), ("seed 2", "seed"):
+        assert generate(issuer, name, seed=seed)["key_generated"] is True
+    assert content("a.key") != content("b.key") and content("seed 1.key") == content("seed 2.key")
+    locked = content("locked.key")
+    assert generate(issuer, "locked", FETCHRIG_KEY_PASSPHRASE="open sesame")["key_generated"] is False
+    moduli = [openssl("rsa", "-noout", "-modulus", "-passin", "pass:open sesame", "-in", issuer.path / name)
+              for name in ("locked", "locked.key")]
+    assert moduli[0] == moduli[1] and content("locked.key") == locked
+
+
+@pytest.mark.parametrize("key, seed, ca_key, subject, why", [
+    ("locked", "", "ca.key", "/CN=a", "encrypted"), ("der", "s", "ca.key", "/CN=a", "DER"),
+    ("garbage", "", "ca.key", "/CN=a", "no private key"), ("empty", "s", "ca.key", "/CN=a", "no private key"),
+    ("ec", "", "ca.key", "/CN=a", "no RSA key"), (None, "", "good.key", "/CN=a", "RSA"),
+    (None, "", "rsa.key", "/CN=a", "do not match"), (None, "", "ca.key", "CN=a", 'start with "/"'),
+    (None, "", "ca.key", "/CN=\u00e4", "ASCII"), (None, "s", "ca.key", "/CN=", "/TYPE=VALUE"),
+    (None, "s", "ca.key", "/CN=a/XCN=b", '"XCN"'), (None, "s", "ca.key", "/C=GER", "C has 3 characters"),
+])
+def test_what_cannot_be_generated_leaves_the_key_as_it_was(issuer, key, seed, ca_key, subject, why):
+    content = {
+        "locked": (issuer.path / "locked.key").read_bytes(), "garbage": b"garbage", "empty": b"",
+        "der": openssl("pkey", "-in", issuer.path / "rsa.key", "-outform", "DER"),
+        "ec": (issuer.path / "good.key").read_bytes(), None: None,
+    }[key]
+    if content is not None:
+        issuer.fetchrig.write("refused.key", content)
+    assert why in generate(issuer, "refused", ca_key, subject, seed)["message"]
+    files = issuer.fetchrig.files()
+    assert "refused" not in files
+    assert (issuer.path / "refused.key").read_bytes() == content if key else "refused.key" not in files
+
+
+@pytest.mark.parametrize("key, certificate, why", [
+    ("b", "ca.key", "belongs to the CA"), ("b", "locked.key", "cannot be opened"),
+    ("b", "rsa.key", "another certificate"),
+    ("b", "/dev/stdout", "descriptor"), ("b", "/dev/null", "not a regular file"), ("new", "./new.key", "same file"),
+    ("dangling", "c", "leads nowhere"),
+])
+def test_a_generated_certificate_replaces_no_key(issuer, key, certificate, why):
+    (issuer.path / "dangling.key").symlink_to("nowhere")
+    before = {name: (issuer.path / name).read_bytes() for name in ("ca.key", "locked.key", "rsa.key")}
+    assert why in generate(issuer, key, certificate=certificate, seed="seed")["message"]
+    assert {name: (issuer.path / name).read_bytes() for name in before} == before
+    assert not {"new.key", "b.key", "c"} & set(os.listdir(issuer.path))
+
+
+def test_a_generated_certificate_is_taken_by_a_server(issuer, peer):
+    generate(issuer, "a")
+    assert issuer.ask("device install a")["ok"], "for all its MD5 signature and short key"
+    tls = tls_server(issuer.fetchrig.places["good"], issuer.path / "ca", ssl.TLSVersion.TLSv1)
+    line = "get -o - https://{peer}/a --ca-dir store/ca --cert {cert} --tls-method {method}"
+    how = {"peer": peer([ASK, response(body=b"ok")], tls=tls).address}
+    assert issuer.ask("install {root}")["ok"]
+    for method in "auto", "tls1.0":
+        issuer.fetchrig.done(line, b"ok", cert="a", method=method, **how)
+        issuer.fetchrig.fails(line, "alert", cert=issuer.fetchrig.places["good"], method=method, **how)
+    assert issuer.ask(f"remove {issuer.hash}")["ok"]
+    issuer.fetchrig.fails(line, "trust", cert="a", method="auto", **how)
+
+
+def test_store(cert):
+    cert.fetchrig.write("with key", cert.root.read_bytes() + cert.fetchrig.places.authority.key.read_bytes())
+    cert.steps(("install 'with key'", "hash", cert.hash))
+    assert (cert.path / "store" / cert.hash).read_bytes() == cert.root.read_bytes(), "and nothing of the key"
+    cert.steps((f"remove {cert.hash}", "ok", True), ("install root.der", "hash", cert.hash),
+               ("install {root} --store store/", "code", -2))
+    # Links made from a relative store name must lead somewhere from everywhere.
+    assert (cert.path / f"store/ca/{cert.hash}.0").read_bytes() == cert.root.read_bytes()
+    assert f"{cert.hash}  root".encode() in cert.fetchrig.run("cert list").stdout
+    assert cert.ask("list")["certificates"][0]["hash"] == cert.hash
+    for by in "root.der", cert.hash, f"store/{cert.hash}.0":
+        cert.steps((f"remove {by}", "ok", True), ("list", "certificates", []), (f"remove {cert.hash}", "ok", False))
+        assert os.listdir(cert.path / "store/ca") == []
+        cert.fetchrig.done("cert install {root}", f"installed root as {cert.path}/store/{cert.hash}.0\n".encode())
+    assert (cert.path / "root.der").read_bytes() == cert.der, "a file outside the store stays as it is"
+    cert.steps(("remove no-such-thing", "ok", False),
+               ("list --store /nope", "message",
+                "/nope/: the store cannot be opened: No such file or directory (code 2)"))
+
+
+def test_a_listing_removes_foreign_files_only_when_told_and_names_them(cert):
+    cert.ask("install {root}")
+    (cert.path / "store/lib.so.0").write_text("program")
+    (cert.path / "store/01234567.0").symlink_to("nothing")
+    cert.fails("list", ": lib.so.0; --prune", "removes 01234567.0, lib.so.0")
+    assert (cert.path / "store/lib.so.0").read_text() == "program"
+    (cert.path / "store/README").write_text("foreign")
+    cert.steps(("install {root}", "code", 0), ("remove store/README", "ok", False))
+    assert (cert.path / "store/README").read_text() == "foreign"
+    cert.steps(("list --prune", "removed", ["01234567.0", "lib.so.0"]), ("list", "removed", []))
+    assert cert.ask("list")["certificates"][0]["hash"] == cert.hash
+
+
+def test_a_store_command_that_fails_leaves_no_half_and_never_reads_our_input(cert):
+    def with_failing(program):
+        (cert.path / program).mkdir()
+        script = cert.path / program / program
+        script.write_text("#!/bin/sh\ncat >>seen\nexit 1\n")
+        script.chmod(0o755)
+        return {"env": {"PATH": f"{script.parent}:{os.environ['PATH']}"}}
+
+    cert.fails("install {root}", "nothing was installed", **with_failing("ln"))
+    assert sorted(os.listdir(cert.path / "store")) == ["ca", "phoneca"]
+    cert.steps(("install {root}", "ok", True))
+    cert.fails("remove {root}", "could not be removed", f"{cert.hash}.0", **with_failing("rm"))
+    assert (cert.path / "seen").read_bytes() == b""
+    (cert.path / f"store/{cert.hash}.0").unlink()
+    cert.steps((f"remove {cert.hash}", "ok", True))
+    assert os.listdir(cert.path / "store/ca") == []
+
+
+def test_device_certificate(cert):
+    cert.steps(
+        ("device install good.cert", "code", -2),
+        ("device install {good}", "installed", DEVICE),
+        ("device install {good}", "code", -7),
+        ("device show", "subject", "127.0.0.1"),
+        ("device install-part other.cert", "complete", False),
+        ("device show", "key_belongs", False),
+        ("device install-part other.key", "complete", True),
+        ("device show", "key_belongs", True),
+        ("device install-part /dev/null", "code", -1),
+        ("device install-part nope", "message", "nope: No such file or directory (code -1)"),
+        ("device install nope", "message", "nope: No such file or directory (code -5)"),
+        ("device remove", "ok", True),
+        ("device remove", "ok", False),
+        ("device show", "message", f"{DEVICE}: No such file or directory (code -2)"),
+        ("device install {good} --device-cert W.pem", "installed", "W.pem"),
+        ("device install {good} --device-cert d/W.pem", "installed", "d/W.pem"),
+        ("device install {good} --device-cert /dev/full", "ok", False))
+
+
+@pytest.mark.parametrize("line, why", [
+    # A message of mkdir's own would come before the command's.
+    ("device install {good} --device-cert no/such/deep/W.pem", "no/such: No such file or directory"),
+    ("device install-part good.key --device-cert device/server/no/W.pem",
+     "Can't write device/server/no/W.pem: No such file or directory"),
+    ("device install-part good.key --device-cert W.pem", 'must hold "server"'),
+    ("device install-part good.key --device-cert server.pem", "./server, must be a directory"),
+    ("device install-part good.key --device-cert servers/W.pem", " server, must be a directory"),
+])
+def test_places_that_take_no_device_certificate(cert, line, why):
+    before = cert.fetchrig.files()
+    cert.fails(line, why)
+    assert cert.fetchrig.files() == before
+
+
+def test_a_pass_phrase_that_is_needed_is_named(cert):
+    verify = "verify {locked} --ca-file {root} --with-key"
+    for line in "device install {locked}", "device install-part locked.key", verify:
+        cert.fails(line, "encrypted and FETCHRIG_KEY_PASSPHRASE does not open it")
+    cert.fetchrig.write(DEVICE, cert.fetchrig.places["locked"].read_bytes())
+    assert "FETCHRIG_KEY_PASSPHRASE" in cert.ask("device show")["remark"]
+    cert.fails("device install-part locked.cert", f"{DEVICE}: its private key is encrypted")

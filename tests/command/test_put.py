@@ -1,0 +1,102 @@
+"""fetchrig put: every scheme and way of sending, remote names, limits and refusals."""
+import email
+
+import pytest
+from conftest import CONTENT, brief, response, until, wait_for
+
+PASSWORD = {"FETCHRIG_PASSWORD": "s3cret"}
+CREATED = response("201 Created", "Content-Length: 0\r\n")
+
+
+@pytest.fixture(autouse=True)
+def sources(fetchrig):
+    fetchrig.write("up file.bin", CONTENT)
+    fetchrig.write("s.txt", "short")
+
+
+@pytest.mark.parametrize("line, remote", [
+    ("{http}/upload/x", "x"),
+    ("{http}/upload/", "up file.bin"),
+    ("--user phone {http}/closed/y", "y"),
+    ("--ca-dir {ca} {https}/upload/z", "z"),
+    ("{ftp}/upload/x", "x"),
+    ("{ftp}/upload/", "up file.bin"),
+    ("--user phone --name upload/n {ftp_login}/", "n"),
+    ("{tftp}/upload/x", "x"),
+    ("{tftp}/upload/", "up file.bin"),
+])
+def test_every_scheme(fetchrig, places, line, remote):
+    arrived = places.served / "upload" / remote
+    arrived.unlink(missing_ok=True)
+    fetchrig.done(f"put 'up file.bin' {line}", env=PASSWORD)
+    # A TFTP server may still be writing when it has acknowledged the last block.
+    wait_for(lambda: arrived.exists() and arrived.stat().st_size >= len(CONTENT))
+    assert brief(arrived.read_bytes()) == brief(CONTENT)
+
+
+@pytest.mark.parametrize("option, content_type", [
+    ("", b"Content-Type: application/octet-stream"),
+    ("--header 'content-type: text/plain'", b"content-type: text/plain"),
+])
+def test_a_put_sends_the_file_itself(fetchrig, peer, option, content_type):
+    server = peer([until(b"\r\n\r\nshort"), CREATED])
+    fetchrig.done(f"put {option} s.txt 'http://{server.address}/d?q=1'")
+    lines = server.received[0].split(b"\r\n")
+    assert lines[0] == b"PUT /d?q=1 HTTP/1.1"
+    assert [line for line in lines if line.lower().startswith(b"content-type")] == [content_type]
+
+
+def test_a_post_sends_a_form_with_a_boundary_of_its_own(fetchrig, peer):
+    server = peer([until(b"--\r\n"), CREATED])
+    boundaries = set()
+    for number in range(2):
+        fetchrig.done(f"put --method post s.txt 'http://{server.address}/d?q=1'")
+        line, message = server.received[number].split(b"\r\n", 1)
+        assert line == b"POST /d?q=1 HTTP/1.1"
+        form = email.message_from_bytes(message)
+        assert [part.get_payload() for part in form.get_payload()] == ["short"]
+        boundaries.add(form.get_boundary())
+    assert len(boundaries) == 2 and len(min(boundaries, key=len)) >= 32
+
+
+def test_ftp_append_and_the_limit(fetchrig, places):
+    log = places.served / "upload/log"
+    log.unlink(missing_ok=True)
+    for _ in range(2):
+        fetchrig.done("put --append 'up file.bin' {ftp}/upload/log")
+    assert brief(log.read_bytes()) == brief(CONTENT + CONTENT)
+    limited = "put --append --max-size 500000 'up file.bin' {ftp}/upload/log"
+    fetchrig.fails(limited, "exceed max file size", "code -15")
+    assert brief(log.read_bytes()) == brief(CONTENT + CONTENT)
+    fetchrig.done(limited + " --when-full store")
+    assert brief(log.read_bytes()) == brief(CONTENT)
+
+
+@pytest.mark.parametrize("line, status, complaints", [
+    ("missing {http}/upload/no", 1, ["missing", "No such file"]),
+    ("/tmp {http}/upload/no", 1, ["not a regular file"]),
+    ("--max-size 1K 'up file.bin' {http}/upload/no", 1, ["limit of 1024 bytes"]),
+    ("'up file.bin' {http}/a.bin", 1, ["the server answered 405"]),
+    ("--user x --password y 'up file.bin' {http}/closed/no", 1, ["login refused"]),
+    ("'up file.bin' {ftp}/no/such/dir", 1, ["the server answered 55"]),
+    ("--append 'up file.bin' {http}/upload/no", 2, ["--append"]),
+    ("--name no 'up file.bin' {http}/upload/no", 2, ["--name"]),
+    ("--append 'up file.bin' tftp://127.0.0.1/no", 2, ["--append is for ftp"]),
+    ("--header 'A: b' 'up file.bin' {ftp}/x", 2, ["--header"]),
+    ("--method post 'up file.bin' {ftp}/x", 2, ["--method"]),
+    ("--proxy http://127.0.0.1:1 'up file.bin' {https}/x", 2, ["--proxy"]),
+    ("--name 'a\tb' 'up file.bin' {ftp}/x", 2, ["--name holds control characters"]),
+    ("--method post --header 'Content-Type: text/plain' 'up file.bin' {http}/upload/no", 2, ["boundary="]),
+])
+def test_refusals(fetchrig, places, line, status, complaints):
+    fetchrig.fails(f"put {line}", *complaints, status=status)
+    assert not (places.served / "upload/no").exists()
+
+
+@pytest.mark.parametrize("answer, complaint", [
+    (response("308 Permanent Redirect", "Location: /b\r\nContent-Length: 0\r\n"), "308 (permanent redirect)"),
+    (b"HTTP/1.1 201 Created\r\nCont", "ends inside its header"),
+])
+def test_answers_that_are_no_success(fetchrig, peer, answer, complaint):
+    server = peer([until(CONTENT[-8:]), answer])
+    fetchrig.fails(f"put 'up file.bin' http://{server.address}/a", complaint)

@@ -1,0 +1,64 @@
+"""Transfers with real servers, as they understand the protocols: sizes around a block, an empty and a large file, both
+ways, with every option that servers negotiate."""
+import os
+
+import pytest
+from conftest import CONTENT, brief, wait_for
+from servers import have_ipv6
+
+PHONE = "--user phone --password s3cret"
+MIB = 1 << 20
+WRAPS = 65537 * 512 + 1  # block numbers start again
+
+
+def contents(path, size):
+    """Waits for the whole of a file: a TFTP server may acknowledge the last block before it has written it."""
+    wait_for(lambda: path.exists() and path.stat().st_size >= size)
+    return brief(path.read_bytes())
+
+
+@pytest.mark.parametrize("program, host, started_with, options, sizes", [
+    ("nginx", "127.0.0.1", [], "", [0, 1, 2 * MIB, 200 * MIB]),
+    ("nginx https", "127.0.0.1", ["TLSv1.2"], "", [0, 1, 200 * MIB]),
+    ("nginx https", "127.0.0.1", ["TLSv1.3"], "", [0, 1, 2 * MIB, 200 * MIB]),
+    ("nginx https", "[::1]", [], "--ipv6", [2 * MIB]),
+    ("vsftpd", "127.0.0.1", [], "", [0, 100000, 40 * MIB]),
+    ("vsftpd", "127.0.0.1", [], "--ipv6 --user anonymous --password a@b", [100000]),  # EPSV works on IPv4, too
+    ("pyftpd", "127.0.0.1", [], PHONE, [0, 100000, 40 * MIB]),
+    ("pyftpd", "::1", [], f"--ipv6 {PHONE}", [100000]),
+    ("tftpd", "127.0.0.1", [], "", [0, 1432, 1433, 100000]),
+    ("tftpd", "127.0.0.1", ["--refuse", "blksize"], "", [0, 512, 513, WRAPS]),
+    ("tftpd", "::1", [], "--ipv6", [100000]),
+    ("atftpd", "127.0.0.1", [], "", [0, 1432, 1433, 100000]),
+    ("atftpd", "127.0.0.1", ["--no-blksize"], "", [0, 512, 513, WRAPS]),
+])
+def test_files_go_both_ways(fetchrig, places, program, host, started_with, options, sizes):
+    if ":" in host and not have_ipv6():
+        pytest.skip("no IPv6 here")
+    name, _, scheme = program.partition(" ")
+    server = places.start(name, "127.0.0.1" if scheme else host, started_with)  # nginx is at home in both families
+    base = server.url(scheme or next(iter(server.ports))).replace("127.0.0.1", host)
+    remote, local = places.served / "upload/file", fetchrig.work / "file"
+    for size in sizes:
+        remote.unlink(missing_ok=True)
+        local.write_bytes(os.urandom(size))
+        sent = brief(local.read_bytes())
+        limit = "--max-size 300M --timeout 20 --ca-dir {ca} " + options
+        fetchrig.done(f"put {limit} file {base}/upload/file")
+        assert contents(remote, size) == sent
+        got = fetchrig.run(f"get -vv {limit} {base}/upload/file")
+        assert (got.returncode, contents(local, size)) == (0, sent), got.stderr
+        if "tftp" in name:
+            assert ("using blksize 1432" in got.stderr) == (not started_with)
+    remote.unlink()
+
+
+@pytest.mark.parametrize("password, status", [("s3cret", 0), ("wrong", 1)])
+def test_digest(fetchrig, password, status):
+    ended = fetchrig.run(f"get --user phone --password {password} {{digest}}/a.bin")
+    assert (ended.returncode, "a.bin" in fetchrig.files()) == (status, status == 0)
+
+
+def test_a_redirect_to_https(fetchrig):
+    ended = fetchrig.run("get -o - --ca-dir {ca} {http}/to-https/a.bin")
+    assert (ended.returncode, brief(ended.stdout)) == (0, brief(CONTENT)), ended.stderr

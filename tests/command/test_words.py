@@ -1,0 +1,93 @@
+"""What the command says and how it ends when nothing is transferred: wrong usage, help, rings; and the talk with a
+person at a terminal."""
+import json
+
+import pexpect
+import pytest
+from conftest import ASK, BINARY, LIMIT_S, response
+
+URL = "http://127.0.0.1:1/a"  # refused connections would end in 1
+
+
+@pytest.mark.parametrize("line, complaint", [
+    ("", "subcommand"), ("get", "URL is required"), (f"gett --wrong=5 {URL}", 'unknown option "--wrong"\n'),
+    (f"gett {URL}", 'unknown subcommand "gett"\n'), (f"cert lst {URL}", 'unknown subcommand "lst"\n'),
+    (f"get {URL} b c", 'unexpected word "b"\n'), (f"get -o '' {URL}", "name of a file"),
+    ("get gopher://127.0.0.1/a", "only http, https, ftp and tftp"), ("get http:///a", "no host"),
+    ("get ftp://:secret@127.0.0.1/a", "no user name"),
+    ("get 'http://127.0.0.1/a\r\nX: y'", "control characters"),
+    (f"get --timeout 0 {URL}", "--timeout"),
+    (f"get --max-size 4G {URL}", "--max-size"),
+    (f"get --header 'A: b\r\nC: d' {URL}", "--header"),
+    ("get --header 'A: b' ftp://127.0.0.1/a", "--header"),
+    (f"get --auth ntlm {URL}", "--auth"), (f"get --proxy {URL} https://127.0.0.1/a", "--proxy"),
+    (f"get --cert missing.pem {URL}", "missing.pem"),
+    (f"get --option user-agent={'d' * 512} {URL}", "too long"),
+    (f"get --ca-dir missing {URL}", "missing is not a directory"),
+    (f"get --option colour=red {URL}", "colour"),
+    (f"get --option net-timeout=61 {URL}", "net-timeout"),
+    (f"ring x --entry {'n' * 126}=1", "--entry"),
+    ("cert list", "--store"), ("cert device show", "--device-cert"),
+])
+def test_wrong_usage(fetchrig, line, complaint):
+    fetchrig.fails(line, complaint, "--help", status=2, shell='unset FETCHRIG_STORE FETCHRIG_DEVICE_CERT; exec "$@"')
+
+
+def test_help_and_version(fetchrig):
+    fetchrig.fails("--help", "standard output cannot be written", shell='exec "$@" >/dev/full')
+    fetchrig.done("--version", b"fetchrig 5.3.0.4\n")
+    told = fetchrig.run("cert device install --help")
+    assert told.returncode == 0 and b"Examples:" in told.stdout
+
+
+@pytest.mark.parametrize("line, number", [
+    ("Bellcore-dr3", 3), ("unknown --name ringtone-5", 5), ("'Door Bell' --entry 'door bell=7' --entry x=1", 7),
+    ("a=b --entry a=b=0", 0), ("bell --option ring-entry=9:4:Bell", 4), ("http://127.0.0.1/x.wav --name MyMelody2", 2), ("unknown", None),
+])
+def test_rings(fetchrig, line, number):
+    told = fetchrig.run(f"ring {line}")
+    status, words = (1, b"") if number is None else (0, f"ring {number}\n".encode())
+    assert (told.returncode, told.stdout) == (status, words)
+    answer = json.loads(fetchrig.run(f"ring {line} --json").stdout)
+    assert (answer["ok"], answer["number"], answer["file"]) == (number is not None, number, None)
+
+
+@pytest.fixture
+def terminal(fetchrig):
+    """Starts the command on a terminal of its own."""
+    return lambda line: pexpect.spawn(BINARY, fetchrig.words(line, {})[1:], cwd=fetchrig.work, timeout=LIMIT_S)
+
+
+def screen_and_status(shown):
+    screen = shown.read()
+    shown.close()
+    return screen, shown.exitstatus
+
+
+@pytest.mark.parametrize("options, shows", [
+    ("-o a", [b"% of 2.0 MiB", b"a: 2.0 MiB in "]), ("-q -o a", []), ("-o -", []),
+])
+def test_progress_on_a_terminal(fetchrig, terminal, peer, options, shows):
+    body = b"x" * (2 << 20)
+    server = peer([ASK, response(headers=f"Content-Length: {len(body)}\r\n", body=body)])
+    screen, status = screen_and_status(terminal(f"get {options} http://{server.address}/a"))
+    assert status == 0
+    assert [part in screen for part in shows] == [True] * len(shows)
+    assert (b"MiB" in screen) == bool(shows)
+    if "-o a" in options:
+        assert (fetchrig.work / "a").read_bytes() == body
+        assert bool(screen) == bool(shows)
+
+
+@pytest.mark.parametrize("typed, status, shows", [
+    ("wrong\x15s3crex\x7ft\n", 0, b"KiB in"), ("s3\x03", 1, b"no password given"),
+])
+def test_a_password_is_asked_for_without_echo(fetchrig, terminal, typed, status, shows):
+    talk = terminal("get --user phone -o a {http}/private/a.bin")
+    talk.expect_exact("Password for phone: ")
+    talk.delaybeforesend = None
+    talk.send(typed)
+    screen, ended = screen_and_status(talk)
+    assert ended == status and shows in screen
+    assert b"wrong" not in screen and b"s3" not in screen
+    assert (fetchrig.work / "a").exists() == (status == 0)
