@@ -101,7 +101,7 @@ int log_callback(const char* text, int32_t length) {
   return 0;
 }
 
-std::string with_cause(std::string message) {
+std::string with_cause(const std::string& message) {
   const std::string cause = logged_errors();
   return cause.empty() ? message : message + ": " + cause;
 }
