@@ -361,6 +361,13 @@ void ftp_send(call_record& call) {
   with_session<dl_ftp_session>(call, open, work, dl_ftp_close);
 }
 
+// What a caller may have written into the record.
+void overwrite(const call_record& call, dl_tftp_session& session) {
+  session.block = static_cast<uint16_t>(call.told.number("block", session.block));
+  session.blksize = call.told.number("blksize", session.blksize);
+  session.recv_size = call.told.number("recv", session.recv_size);
+}
+
 void tftp_fetch(call_record& call) {
   const target at(call);
   call.finish(made([&] {
@@ -375,6 +382,7 @@ void tftp_read(call_record& call) {
     return dl_tftp_open(place, at.host, at.port, at.name, result);
   };
   const auto work = [&](dl_tftp_session* session) {
+    overwrite(call, *session);
     read_all(call, [&](char* to, int32_t size, dl_result* result) {
       return dl_tftp_read(session, to, size, result);
     });
@@ -395,6 +403,7 @@ void tftp_send(call_record& call) {
     return dl_tftp_send_open(place, at.host, at.port, at.name, result);
   };
   const auto work = [&](dl_tftp_session* session) {
+    overwrite(call, *session);
     send_each(call, [&](const char* path, dl_result* result) { return dl_tftp_send(session, path, result); });
   };
   with_session<dl_tftp_session>(call, open, work, dl_tftp_close);

@@ -52,12 +52,19 @@ std::vector<block> blocks_of(const string& file) {
   if (!in) throw std::runtime_error("cannot read " + file);
   std::vector<block> blocks;
   std::map<string, std::vector<source_line>> named;
+  std::map<string, string> texts;
   std::vector<source_line>* into = nullptr;
   int number = 0;
   for (string line; std::getline(in, line);) {
     ++number;
     line.erase(line.find_last_not_of(" \t\r") + 1);
     if (line.empty() || line[0] == '#') continue;
+    for (const auto& [name, text] : texts) replace_all(line, "{" + name + "}", text);
+    if (line.starts_with("let ")) {
+      const std::size_t equals = line.find(" = ");
+      texts[line.substr(4, equals - 4)] = line.substr(equals + 3);
+      continue;
+    }
     const bool of_table = line.starts_with("each ") || line.starts_with("|") || line.starts_with("also ");
     if (line.starts_with("== ")) {
       blocks.push_back({line.substr(3)});

@@ -14,6 +14,7 @@
 //   fails sendto-EINTR 2                              a fault (faults.h) that is part of it, at this call; with
 //                                                     "lasting" behind it at all later ones too; without any others
 //   busy 29                                           local ports that are taken before one is free
+//   let refused = Connect Failed!                     {refused} stands for the text from here on
 //   -- login ... do login                             lines that have a name of their own instead of "==", and
 //                                                     their place;  5x < NOOP  is a line five times
 //   sample 50                                          faults and offsets of this one only every 50th time; 0: none
