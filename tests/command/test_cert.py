@@ -5,30 +5,28 @@ import os
 import ssl
 
 import pytest
-from conftest import ASK, DEVICE, response, tls_server
+from conftest import ASK, DEVICE, Fetchrig, response, tls_server
 from servers import Authority, openssl
 
 
-class Cert:
-    """Runs "fetchrig cert"."""
+class Cert(Fetchrig):
+    """Certificates in the working directory, and "fetchrig cert" there."""
 
     def __init__(self, fetchrig):
-        self.fetchrig, self.path, self.root = fetchrig, fetchrig.work, fetchrig.places["root"]
+        super().__init__(fetchrig.work, fetchrig.places)
+        self.root = self.places["root"]
         self.hash = openssl("x509", "-in", self.root, "-noout", "-subject_hash").decode().strip()
         self.der = openssl("x509", "-in", self.root, "-outform", "DER")
-        fetchrig.write("root.der", self.der)
+        self.write("root.der", self.der)
         for name in "good", "other", "locked":
-            certificate, end, key = fetchrig.places[name].read_bytes().partition(b"-----END CERTIFICATE-----\n")
-            fetchrig.write(f"{name}.cert", certificate + end)
-            fetchrig.write(f"{name}.key", key)
-        (self.path / DEVICE).parent.mkdir(parents=True)
-
-    def fails(self, line, *parts, **how):
-        self.fetchrig.fails(f"cert {line}", *parts, **how)
+            certificate, end, key = self.places[name].read_bytes().partition(b"-----END CERTIFICATE-----\n")
+            self.write(f"{name}.cert", certificate + end)
+            self.write(f"{name}.key", key)
+        (self.work / DEVICE).parent.mkdir(parents=True)
 
     def ask(self, line, **env):
         """The answer in JSON: there is one, whatever the outcome, and it fits the exit status."""
-        ended = self.fetchrig.run(f"cert {line} --json", env=env)
+        ended = self.run(f"cert {line} --json", env=env)
         answer = json.loads(ended.stdout)
         assert ended.returncode == (0 if answer["ok"] else 1), answer
         return answer
@@ -66,9 +64,9 @@ def cert(fetchrig):
     ("verify {expired} --ca-file {root}", "code", 5),
 ])
 def test_info_and_verify(cert, line, field, value):
-    cert.fetchrig.write("none", "no certificate")
+    cert.write("none", "no certificate")
     cert.steps((line, field, value))
-    assert (cert.path / "root.der").read_bytes() == cert.der, "describing it must not rewrite it"
+    assert (cert.work / "root.der").read_bytes() == cert.der, "describing it must not rewrite it"
 
 
 @pytest.mark.parametrize("line, part, has_defaults", [
@@ -79,15 +77,15 @@ def test_info_and_verify(cert, line, field, value):
 def test_certificates_that_are_not_trusted(cert, line, part, has_defaults):
     """Whatever OpenSSL would trust by itself."""
     env = {"SSL_CERT_FILE": cert.root, "SSL_CERT_DIR": cert.root.parent} if has_defaults else {}
-    cert.fails(line, part, env=env)
+    cert.fails(f"cert {line}", part, env=env)
 
 
 def test_words_for_people(cert):
-    odd = cert.fetchrig.places.authority.issue("odd", "Anna \x1b[1m")
-    told = cert.fetchrig.run(f"cert info {odd}").stdout
+    odd = cert.places.authority.issue("odd", "Anna \x1b[1m")
+    told = cert.run(f"cert info {odd}").stdout
     assert b"issuer:       root\n" in told and b"Anna" in told and b"\x1b" not in told
-    cert.fetchrig.done("cert verify good.cert --ca-file {root}", b"good.cert: verified\n")
-    cert.fails("info root.der", "missing: No such file", env={"TMPDIR": "missing"})
+    cert.done("cert verify good.cert --ca-file {root}", b"good.cert: verified\n")
+    cert.fails("cert info root.der", "missing: No such file", env={"TMPDIR": "missing"})
 
 
 def generate(cert, name, ca_key="ca.key", subject="/CN=0011AB", seed="", certificate=None, **env):
@@ -106,13 +104,13 @@ def rsa(tmp_path_factory):
 @pytest.fixture
 def issuer(cert, rsa):
     for name, content in rsa.items():
-        cert.fetchrig.write(name, content)
+        cert.write(name, content)
     return cert
 
 
 def test_keys_of_generated_certificates_are_random_unless_a_seed_is_given(issuer):
     def content(name):
-        return (issuer.path / name).read_bytes()
+        return (issuer.work / name).read_bytes()
 
     made = generate(issuer, "a")
     assert (made["subject"], made["private_key"]["bits"], made["key_generated"]) == ("0011AB", 1024, True)
@@ -122,7 +120,7 @@ def test_keys_of_generated_certificates_are_random_unless_a_seed_is_given(issuer
     assert content("a.key") != content("b.key") and content("seed 1.key") == content("seed 2.key")
     locked = content("locked.key")
     assert generate(issuer, "locked", FETCHRIG_KEY_PASSPHRASE="open sesame")["key_generated"] is False
-    moduli = [openssl("rsa", "-noout", "-modulus", "-passin", "pass:open sesame", "-in", issuer.path / name)
+    moduli = [openssl("rsa", "-noout", "-modulus", "-passin", "pass:open sesame", "-in", issuer.work / name)
               for name in ("locked", "locked.key")]
     assert moduli[0] == moduli[1] and content("locked.key") == locked
 
@@ -137,16 +135,16 @@ def test_keys_of_generated_certificates_are_random_unless_a_seed_is_given(issuer
 ])
 def test_what_cannot_be_generated_leaves_the_key_as_it_was(issuer, key, seed, ca_key, subject, why):
     content = {
-        "locked": (issuer.path / "locked.key").read_bytes(), "garbage": b"garbage", "empty": b"",
-        "der": openssl("pkey", "-in", issuer.path / "rsa.key", "-outform", "DER"),
-        "ec": (issuer.path / "good.key").read_bytes(), None: None,
+        "locked": (issuer.work / "locked.key").read_bytes(), "garbage": b"garbage", "empty": b"",
+        "der": openssl("pkey", "-in", issuer.work / "rsa.key", "-outform", "DER"),
+        "ec": (issuer.work / "good.key").read_bytes(), None: None,
     }[key]
     if content is not None:
-        issuer.fetchrig.write("refused.key", content)
+        issuer.write("refused.key", content)
     assert why in generate(issuer, "refused", ca_key, subject, seed)["message"]
-    files = issuer.fetchrig.files()
+    files = issuer.files()
     assert "refused" not in files
-    assert (issuer.path / "refused.key").read_bytes() == content if key else "refused.key" not in files
+    assert (issuer.work / "refused.key").read_bytes() == content if key else "refused.key" not in files
 
 
 @pytest.mark.parametrize("key, certificate, why", [
@@ -156,42 +154,42 @@ def test_what_cannot_be_generated_leaves_the_key_as_it_was(issuer, key, seed, ca
     ("dangling", "c", "leads nowhere"),
 ])
 def test_a_generated_certificate_replaces_no_key(issuer, key, certificate, why):
-    (issuer.path / "dangling.key").symlink_to("nowhere")
-    before = {name: (issuer.path / name).read_bytes() for name in ("ca.key", "locked.key", "rsa.key")}
+    (issuer.work / "dangling.key").symlink_to("nowhere")
+    before = {name: (issuer.work / name).read_bytes() for name in ("ca.key", "locked.key", "rsa.key")}
     assert why in generate(issuer, key, certificate=certificate, seed="seed")["message"]
-    assert {name: (issuer.path / name).read_bytes() for name in before} == before
-    assert not {"new.key", "b.key", "c"} & set(os.listdir(issuer.path))
+    assert {name: (issuer.work / name).read_bytes() for name in before} == before
+    assert not {"new.key", "b.key", "c"} & set(os.listdir(issuer.work))
 
 
 def test_a_generated_certificate_is_taken_by_a_server(issuer, peer):
     generate(issuer, "a")
     assert issuer.ask("device install a")["ok"], "for all its MD5 signature and short key"
-    tls = tls_server(issuer.fetchrig.places["good"], issuer.path / "ca", ssl.TLSVersion.TLSv1)
+    tls = tls_server(issuer.places["good"], issuer.work / "ca", ssl.TLSVersion.TLSv1)
     line = "get -o - https://{peer}/a --ca-dir store/ca --cert {cert} --tls-method {method}"
     how = {"peer": peer([ASK, response(body=b"ok")], tls=tls).address}
     assert issuer.ask("install {root}")["ok"]
     for method in "auto", "tls1.0":
-        issuer.fetchrig.done(line, b"ok", cert="a", method=method, **how)
-        issuer.fetchrig.fails(line, "alert", cert=issuer.fetchrig.places["good"], method=method, **how)
+        issuer.done(line, b"ok", cert="a", method=method, **how)
+        issuer.fails(line, "alert", cert=issuer.places["good"], method=method, **how)
     assert issuer.ask(f"remove {issuer.hash}")["ok"]
-    issuer.fetchrig.fails(line, "trust", cert="a", method="auto", **how)
+    issuer.fails(line, "trust", cert="a", method="auto", **how)
 
 
 def test_store(cert):
-    cert.fetchrig.write("with key", cert.root.read_bytes() + cert.fetchrig.places.authority.key.read_bytes())
+    cert.write("with key", cert.root.read_bytes() + cert.places.authority.key.read_bytes())
     cert.steps(("install 'with key'", "hash", cert.hash))
-    assert (cert.path / "store" / cert.hash).read_bytes() == cert.root.read_bytes(), "and nothing of the key"
+    assert (cert.work / "store" / cert.hash).read_bytes() == cert.root.read_bytes(), "and nothing of the key"
     cert.steps((f"remove {cert.hash}", "ok", True), ("install root.der", "hash", cert.hash),
                ("install {root} --store store/", "code", -2))
     # Links made from a relative store name must lead somewhere from everywhere.
-    assert (cert.path / f"store/ca/{cert.hash}.0").read_bytes() == cert.root.read_bytes()
-    assert f"{cert.hash}  root".encode() in cert.fetchrig.run("cert list").stdout
+    assert (cert.work / f"store/ca/{cert.hash}.0").read_bytes() == cert.root.read_bytes()
+    assert f"{cert.hash}  root".encode() in cert.run("cert list").stdout
     assert cert.ask("list")["certificates"][0]["hash"] == cert.hash
     for by in "root.der", cert.hash, f"store/{cert.hash}.0":
         cert.steps((f"remove {by}", "ok", True), ("list", "certificates", []), (f"remove {cert.hash}", "ok", False))
-        assert os.listdir(cert.path / "store/ca") == []
-        cert.fetchrig.done("cert install {root}", f"installed root as {cert.path}/store/{cert.hash}.0\n".encode())
-    assert (cert.path / "root.der").read_bytes() == cert.der, "a file outside the store stays as it is"
+        assert os.listdir(cert.work / "store/ca") == []
+        cert.done("cert install {root}", f"installed root as {cert.work}/store/{cert.hash}.0\n".encode())
+    assert (cert.work / "root.der").read_bytes() == cert.der, "a file outside the store stays as it is"
     cert.steps(("remove no-such-thing", "ok", False),
                ("list --store /nope", "message",
                 "/nope/: the store cannot be opened: No such file or directory (code 2)"))
@@ -199,33 +197,33 @@ def test_store(cert):
 
 def test_a_listing_removes_foreign_files_only_when_told_and_names_them(cert):
     cert.ask("install {root}")
-    (cert.path / "store/lib.so.0").write_text("program")
-    (cert.path / "store/01234567.0").symlink_to("nothing")
-    cert.fails("list", ": lib.so.0; --prune", "removes 01234567.0, lib.so.0")
-    assert (cert.path / "store/lib.so.0").read_text() == "program"
-    (cert.path / "store/README").write_text("foreign")
+    (cert.work / "store/lib.so.0").write_text("program")
+    (cert.work / "store/01234567.0").symlink_to("nothing")
+    cert.fails("cert list", ": lib.so.0; --prune", "removes 01234567.0, lib.so.0")
+    assert (cert.work / "store/lib.so.0").read_text() == "program"
+    (cert.work / "store/README").write_text("foreign")
     cert.steps(("install {root}", "code", 0), ("remove store/README", "ok", False))
-    assert (cert.path / "store/README").read_text() == "foreign"
+    assert (cert.work / "store/README").read_text() == "foreign"
     cert.steps(("list --prune", "removed", ["01234567.0", "lib.so.0"]), ("list", "removed", []))
     assert cert.ask("list")["certificates"][0]["hash"] == cert.hash
 
 
 def test_a_store_command_that_fails_leaves_no_half_and_never_reads_our_input(cert):
     def with_failing(program):
-        (cert.path / program).mkdir()
-        script = cert.path / program / program
+        (cert.work / program).mkdir()
+        script = cert.work / program / program
         script.write_text("#!/bin/sh\ncat >>seen\nexit 1\n")
         script.chmod(0o755)
         return {"env": {"PATH": f"{script.parent}:{os.environ['PATH']}"}}
 
-    cert.fails("install {root}", "nothing was installed", **with_failing("ln"))
-    assert sorted(os.listdir(cert.path / "store")) == ["ca", "phoneca"]
+    cert.fails("cert install {root}", "nothing was installed", **with_failing("ln"))
+    assert sorted(os.listdir(cert.work / "store")) == ["ca", "phoneca"]
     cert.steps(("install {root}", "ok", True))
-    cert.fails("remove {root}", "could not be removed", f"{cert.hash}.0", **with_failing("rm"))
-    assert (cert.path / "seen").read_bytes() == b""
-    (cert.path / f"store/{cert.hash}.0").unlink()
+    cert.fails("cert remove {root}", "could not be removed", f"{cert.hash}.0", **with_failing("rm"))
+    assert (cert.work / "seen").read_bytes() == b""
+    (cert.work / f"store/{cert.hash}.0").unlink()
     cert.steps((f"remove {cert.hash}", "ok", True))
-    assert os.listdir(cert.path / "store/ca") == []
+    assert os.listdir(cert.work / "store/ca") == []
 
 
 def test_device_certificate(cert):
@@ -259,15 +257,15 @@ def test_device_certificate(cert):
     ("device install-part good.key --device-cert servers/W.pem", " server, must be a directory"),
 ])
 def test_places_that_take_no_device_certificate(cert, line, why):
-    before = cert.fetchrig.files()
-    cert.fails(line, why)
-    assert cert.fetchrig.files() == before
+    before = cert.files()
+    cert.fails(f"cert {line}", why)
+    assert cert.files() == before
 
 
 def test_a_pass_phrase_that_is_needed_is_named(cert):
     verify = "verify {locked} --ca-file {root} --with-key"
     for line in "device install {locked}", "device install-part locked.key", verify:
-        cert.fails(line, "encrypted and FETCHRIG_KEY_PASSPHRASE does not open it")
-    cert.fetchrig.write(DEVICE, cert.fetchrig.places["locked"].read_bytes())
+        cert.fails(f"cert {line}", "encrypted and FETCHRIG_KEY_PASSPHRASE does not open it")
+    cert.write(DEVICE, cert.places["locked"].read_bytes())
     assert "FETCHRIG_KEY_PASSPHRASE" in cert.ask("device show")["remark"]
-    cert.fails("device install-part locked.cert", f"{DEVICE}: its private key is encrypted")
+    cert.fails("cert device install-part locked.cert", f"{DEVICE}: its private key is encrypted")

@@ -42,7 +42,8 @@ def test_help_and_version(fetchrig):
 
 @pytest.mark.parametrize("line, number", [
     ("Bellcore-dr3", 3), ("unknown --name ringtone-5", 5), ("'Door Bell' --entry 'door bell=7' --entry x=1", 7),
-    ("a=b --entry a=b=0", 0), ("bell --option ring-entry=9:4:Bell", 4), ("http://127.0.0.1/x.wav --name MyMelody2", 2), ("unknown", None),
+    ("a=b --entry a=b=0", 0), ("bell --option ring-entry=9:4:Bell", 4),
+    ("http://127.0.0.1/x.wav --name MyMelody2", 2), ("unknown", None),
 ])
 def test_rings(fetchrig, line, number):
     told = fetchrig.run(f"ring {line}")
