@@ -130,6 +130,7 @@ def chunked(body):
     ([ASK, b"HTTP/1.1 200 OK\r\nContent-Le"], "", "ends inside its header"),
     (sized(10, b"four") + [reset], "", "the connection broke: Connection reset by peer (code -1)"),
     (sized(10, b"four") + [stall], "--timeout 1", "no answer within 1 s (code -8)"),
+    ([ASK, response("300 Multiple", "Content-Length: 0\r\n")], "", "the server answered 300 (multiple choices)"),
     ([ASK], "", "closed the connection without an answer (code -5)"),
     ([ASK, b"SSH-2.0-x\r\n"], "", "not HTTP (code -5)"),
     (sized(11, b"12345678901"), "--max-size 10", "limit of 10 bytes"),
