@@ -564,6 +564,9 @@ outcome stage::play(const story& told, const run& with) {
   seen.last_status = dl_http_last_status();
   seen.counts.assign(std::begin(plan.counts), std::end(plan.counts));
   plan.what = nullptr;
+  dl_cause_info cause = {};
+  dl_last_cause(&cause);
+  seen.cause = trim(std::to_string(cause.cause) + " " + std::to_string(cause.number) + " " + cause.text);
 
   net.settle();
   seen.struck = plan.happened || net.struck;
@@ -623,6 +626,7 @@ std::vector<string> complaints(const story& told, const outcome& seen) {
   compare_number("end", wanted.end, seen.end);
   compare_number("ring", wanted.ring, seen.ring);
   compare_number("port", wanted.port, seen.port);
+  if (wanted.cause) compare("cause", *wanted.cause, seen.cause);
   compare_number("left", wanted.left, seen.left);
   if (wanted.reads && *wanted.reads != seen.reads) found.push_back("the counts of the reads differ");
   for (std::size_t i = 0; i < std::min(wanted.headers.size(), seen.headers.size()); ++i)

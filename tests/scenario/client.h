@@ -28,6 +28,7 @@ struct outcome {
   int code = 0;
   std::string message, redirect, body, rest;
   std::optional<std::string> file;
+  std::string cause;  // its numbers and its text
   std::vector<int> reads;
   int read_code = 0;
   int status = 0, last_status = 0, end = 0, ring = 0, port = 0;

@@ -311,6 +311,7 @@ class reader {
         {"read", [&] { expected.read_code = std::stoi(rest); }},
         {"status", [&] { expected.status = std::stoi(rest); }},
         {"end", [&] { expected.end = std::stoi(rest); }},
+        {"cause", [&] { expected.cause = rest; }},
         {"port", [&] { expected.port = std::stoi(rest); }},
         {"ring", [&] { expected.ring = std::stoi(rest); }},
         {"left", [&] { expected.left = std::stoll(rest); }},

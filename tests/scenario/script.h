@@ -52,6 +52,7 @@
 //   rest BYTES                  what a bare record left in the stream
 //   redirect URL   status 200   last 200   end 1   left 5   header X = X: y   ring 6   as the calls tell them
 //   port 1025                   the local port of the datagrams
+//   cause 20 1 text             what dl_last_cause() tells: enum dl_cause, number and text
 //   log 3 HTTP text             the lines of levels 0 to 3, exactly these in this order; other levels: is among them;
 //                               log any: whatever the errors
 //
@@ -110,7 +111,7 @@ struct log_line {
 struct expectation {
   int code = 0;
   bool fails = false;  // whatever the code
-  std::optional<std::string> message, body, rest, redirect,
+  std::optional<std::string> message, body, rest, redirect, cause,
       file;  // file: "none", "kept", "special" or "=" and the bytes
   std::optional<int> read_code, status, last_status, end, ring, port;
   std::optional<int64_t> left;

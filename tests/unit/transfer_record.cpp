@@ -166,6 +166,8 @@ TEST_F(transfer_record, waits_tell_readiness_above_descriptor_1023_too) {
     EXPECT_EQ(errno, EBADF);
   }
   setrlimit(RLIMIT_NOFILE, &limit);
+  far_.reset();
+  EXPECT_EQ(dl_send_all(near_.get(), "x", 1), DL_ERR_SEND) << "and no SIGPIPE";
 }
 
 }  // namespace
