@@ -76,16 +76,19 @@ may_use() {
 check_includes() {
   local file included
   while IFS=: read -r file included; do
-    included=${included#*\"}
-    included=${included%%\"*}
-    if [[ $included =~ ^$public$ ]]; then
+    included=${included#*[\"<]}
+    included=${included%%[\">]*}
+    if [[ $included == *..* ]]; then offence "$file: \"$included\" leaves its folder"
+    elif [[ $included =~ ^$public$ ]]; then
       [[ $file == */exports.cpp ]] || is_listed "$file" "$included" public_uses ||
         offence "$file: $included is for applications"
     elif [[ $included != */* ]]; then offence "$file: \"$included\" is without its folder"
     elif [[ $included != include/* ]]; then
       may_use "$file" "$included" || offence "$file: ${file%%/*}/ may not include $included"
     fi
-  done < <(for folder in $folders; do grep -H '^ *# *include *"' "$folder"/*.cpp "$folder"/*.h; done)
+  done < <(for folder in $folders; do
+    grep -HE "^ *# *include *(\"|<(${folders//$'\n'/|}|include|cli)/)" "$folder"/*.cpp "$folder"/*.h
+  done)
 }
 
 # The command sees the public headers alone, beside its own files.
@@ -94,7 +97,7 @@ check_command() {
   while IFS=: read -r file included; do
     included=${included#*\"}
     included=${included%%\"*}
-    [[ $included =~ ^fetchrig(_openssl)?\.h$ ]] || [ -e "cli/$included" ] || [[ $included == cli/* ]] ||
+    [[ $included =~ ^fetchrig(_openssl)?\.h$ ]] || [[ $included != */* && -e cli/$included ]] ||
       offence "$file: cli/ may not include $included"
   done < <(grep -H '^ *# *include *"' cli/*.cpp cli/*.h)
 }
