@@ -7,6 +7,7 @@
 
 #include <string_view>
 
+#include "core/asn1_bytes.h"
 #include "core/cursor.h"
 #include "core/openssl_owners.h"
 #include "core/text.h"
@@ -21,12 +22,6 @@ constexpr const char* month_names[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
 struct calendar_time {
   unsigned year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
 };
-
-std::string_view bytes_of(const ASN1_STRING* string) {
-  const int length = ASN1_STRING_length(string);
-  if (length <= 0) return {};
-  return {reinterpret_cast<const char*>(ASN1_STRING_get0_data(string)), static_cast<std::size_t>(length)};
-}
 
 // The next `count` characters as a number; all must be digits.
 bool read_digits(cursor& in, std::size_t count, unsigned& number) {
@@ -60,9 +55,9 @@ bool read_generalized_time(cursor in, calendar_time& time) {
 bool read_time(const ASN1_TIME* time, calendar_time& into) {
   switch (time ? ASN1_STRING_type(time) : V_ASN1_UNDEF) {
     case V_ASN1_UTCTIME:
-      return read_utc_time(cursor(bytes_of(time)), into);
+      return read_utc_time(cursor(asn1_bytes(time)), into);
     case V_ASN1_GENERALIZEDTIME:
-      return read_generalized_time(cursor(bytes_of(time)), into);
+      return read_generalized_time(cursor(asn1_bytes(time)), into);
     default:
       return false;
   }
@@ -85,7 +80,7 @@ void long_serial_to_text(const ASN1_INTEGER* serial, std::span<char> text) {
     used = copy_text(text.subspan(used), piece) ? used + piece.size() : text.size() - 1;
   };
   append(ASN1_STRING_type(serial) == V_ASN1_NEG_INTEGER ? "(Negative)" : "");
-  const std::string_view content = bytes_of(serial);
+  const std::string_view content = asn1_bytes(serial);
   for (std::size_t i = 0; i < content.size() && used + 1 < text.size(); ++i) {
     const auto byte = static_cast<unsigned char>(content[i]);
     append(to_hex({&byte, 1}));
@@ -113,12 +108,12 @@ int asn1_time_to_text(const ASN1_TIME* time, std::span<char> text) {
     return -1;
   }
   snprintf(text.data(), text.size(), "%s %2u %02u:%02u:%02u %u%s", month_names[read.month - 1], read.day,
-           read.hour, read.minute, read.second, read.year, bytes_of(time).ends_with('Z') ? " GMT" : "");
+           read.hour, read.minute, read.second, read.year, asn1_bytes(time).ends_with('Z') ? " GMT" : "");
   return 0;
 }
 
 void asn1_serial_to_text(const ASN1_INTEGER* serial, std::span<char> text) {
-  if (bytes_of(serial).size() <= 4) {
+  if (asn1_bytes(serial).size() <= 4) {
     short_serial_to_text(serial, text);
   } else {
     long_serial_to_text(serial, text);

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "core/files.h"
 #include "core/text.h"
 
 namespace fetchrig {
@@ -62,17 +63,6 @@ std::optional<int> own_descriptor(std::string path) {
     if (read_link(path) != 0) break;
   }
   return std::nullopt;
-}
-
-int write_all(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t written = ::write(fd, bytes.data(), bytes.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) return errno;
-    if (written == 0) return EIO;
-    bytes.remove_prefix(static_cast<std::size_t>(written));
-  }
-  return 0;
 }
 
 int fill_new_file(unique_fd file, std::string_view bytes, file_access access) {

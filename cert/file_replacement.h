@@ -32,9 +32,6 @@ struct file_access {
 // it need not be open. Such links belong to the whole machine and are never replaced.
 [[nodiscard]] std::optional<int> own_descriptor(std::string path);
 
-// Writes all bytes. 0, or errno.
-[[nodiscard]] int write_all(int fd, std::string_view bytes);
-
 // Fills a new file, brings it to the disk and closes it. 0, or errno.
 [[nodiscard]] int fill_new_file(unique_fd file, std::string_view bytes, file_access access);
 

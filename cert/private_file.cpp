@@ -11,6 +11,7 @@
 
 #include "cert/file_replacement.h"
 #include "core/cause.h"
+#include "core/files.h"
 #include "core/owners.h"
 #include "log/log.h"
 #include "log/printable.h"

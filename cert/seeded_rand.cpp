@@ -13,6 +13,8 @@
 #include <new>
 #include <span>
 
+#include "core/libc_rand.h"
+
 namespace fetchrig {
 
 keygen_state keygen_rand_state;
@@ -26,19 +28,16 @@ constexpr uint32_t counter_start_high = 5;
 using libc_values = std::array<int, sizeof(seed_block)>;
 
 // The first values of libc's rand() after srand(libc_seed), leaving libc's generator behind them. Any thread
-// may draw from or reseed that generator at the same time, and the key would change with it; so where libc
-// can run the same sequence on a state of our own, the values come from there.
+// may draw from or reseed that generator at the same time, and the key would change with it; so the values come
+// from the same sequence on a state of our own.
 libc_values draw_libc_values() {
   libc_values values;
+  libc_rand own(libc_seed);
   srand(libc_seed);
-  for (int& value : values) value = rand();
-#ifdef __GLIBC__
-  char memory[128] = {};  // the size of the state behind rand()
-  random_data own = {};
-  if (initstate_r(libc_seed, memory, sizeof memory, &own) == 0) {
-    for (int& value : values) random_r(&own, &value);
+  for (int& value : values) {
+    static_cast<void>(rand());
+    value = own.next();
   }
-#endif
   return values;
 }
 

@@ -3,6 +3,7 @@
 
 #include <openssl/pem.h>
 
+#include "cert/cert_file.h"
 #include "cert/passphrase.h"
 
 namespace fetchrig {
@@ -35,9 +36,7 @@ bool use_certificate(SSL_CTX* context, const small_file& file) {
 }
 
 unique_pkey read_key(const small_file& file) {
-  const unique_bio bio = file.stream();
-  return unique_pkey(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, option_password_cb, nullptr)
-                         : nullptr);
+  return load_key_bio(encoding_pem, file.stream().get());
 }
 
 }  // namespace fetchrig

@@ -6,6 +6,7 @@
 #include "core/boundary.h"
 #include "core/ports.h"
 #include "core/text.h"
+#include "core/url.h"
 
 namespace fetchrig {
 namespace {
@@ -112,14 +113,10 @@ url_fault split_url(dl_url_parts& parts, std::string_view url, bool allow_ipv6) 
   return guarded([&] { return split_path(parts, rest); }, [] { return url_fault::memory; });
 }
 
-// IPv6 literals stand in brackets (RFC 3986 section 3.2.2).
 std::string clean_url(const dl_url_parts& parts) {
   const protocol_entry& protocol = protocols[parts.proto];
-  const bool ipv6 = parts.host.find(':') != std::string::npos;
   std::string url(protocol.prefix);
-  url.append(ipv6 ? "[" : "").append(parts.host).append(ipv6 ? "]" : "");
-  if (parts.port != protocol.default_port) url.append(":").append(std::to_string(parts.port));
-  return url.append(parts.path);
+  return url.append(host_and_port(parts.host, parts.port, protocol.default_port)).append(parts.path);
 }
 
 }  // namespace fetchrig

@@ -9,6 +9,7 @@
 #include <algorithm>
 
 #include "core/cause.h"
+#include "core/files.h"
 #include "core/result.h"
 #include "core/written_file.h"
 #include "log/log.h"
@@ -64,7 +65,7 @@ int download_file::finish(dl_result* result) {
   if (const int rc = flush(result); rc < 0) return rc;
   const written_file written(fd_.get(), path_.c_str());  // while there still is a descriptor to go by
   if (::close(fd_.release()) == 0) return 0;
-  const int rc = write_failed(result, "close");
+  const int rc = write_failed(result, "close", errno);
   written.remove();
   return rc;
 }
@@ -79,22 +80,16 @@ int download_file::judge(uint64_t total, dl_result* result) {
 }
 
 int download_file::flush(dl_result* result) {
-  const char* from = buffer_.get();
-  for (std::size_t left = held_; left > 0;) {
-    const ssize_t written = ::write(fd_.get(), from, left);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return write_failed(result, "write");
-    from += written;
-    left -= static_cast<std::size_t>(written);
-  }
+  if (const int error = write_all(fd_.get(), {buffer_.get(), held_}); error != 0)
+    return write_failed(result, "write", error);
   held_ = 0;
   return 0;
 }
 
-int download_file::write_failed(dl_result* result, const char* operation) {
-  note_cause(DL_CAUSE_LOCAL_FILE, errno);
+int download_file::write_failed(dl_result* result, const char* operation, int error) {
+  note_cause(DL_CAUSE_LOCAL_FILE, error);
   log_line(module_, DL_LOG_ERROR, "%s error on %s, errno %d\n", operation, printable(path_.c_str()).c_str(),
-           errno);
+           error);
   return fail(result, DL_ERR_READ);
 }
 

@@ -44,7 +44,7 @@ class download_file {
  private:
   int judge(uint64_t total, dl_result* result);
   int flush(dl_result* result);
-  int write_failed(dl_result* result, const char* operation);
+  int write_failed(dl_result* result, const char* operation, int error);
 
   int module_;
   uint32_t step_;

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 #include <span>
@@ -46,6 +47,22 @@ bool is_directory(const char* path) {
   if (!path) return log_and_return(DL_LOG_CMN, 0, null_path);
   struct stat status = {};
   return stat(path, &status) == 0 && (status.st_mode & directory_bit);
+}
+
+int why_not_regular(const struct stat& status) {
+  if (S_ISREG(status.st_mode)) return 0;
+  return S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+}
+
+int write_all(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = ::write(fd, bytes.data(), bytes.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return errno;
+    if (written == 0) return EIO;
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return 0;
 }
 
 int32_t file_size(const char* path) {

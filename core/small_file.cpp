@@ -9,14 +9,14 @@
 
 #include <new>
 
+#include "core/files.h"
 #include "core/owners.h"
 
 namespace fetchrig {
 namespace {
 
 int judge(const struct stat& status) {
-  if (S_ISDIR(status.st_mode)) return EISDIR;
-  if (!S_ISREG(status.st_mode)) return EINVAL;
+  if (const int error = why_not_regular(status); error != 0) return error;
   return static_cast<unsigned long long>(status.st_size) > max_small_file_bytes ? EFBIG : 0;
 }
 

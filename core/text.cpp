@@ -74,6 +74,10 @@ void wipe(std::string& text) {
   text.clear();
 }
 
+void wipe(char* text) {
+  if (text) OPENSSL_cleanse(text, strlen(text));
+}
+
 void write_hex(std::span<char> to, std::span<const unsigned char> bytes) {
   constexpr std::string_view digits = "0123456789abcdef";
   auto out = to.begin();

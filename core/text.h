@@ -56,6 +56,8 @@ void lower_in_place(std::span<char> text, char stop = '\0');
 
 // Empties a secret; overwrites its memory first, as far as longer texts before it may have reached.
 void wipe(std::string& text);
+// Overwrites a terminated secret, up to its end; null is allowed.
+void wipe(char* text);
 
 // Lower-case hexadecimal digits, two per byte. `to` has room for them; no terminator is added.
 void write_hex(std::span<char> to, std::span<const unsigned char> bytes);

@@ -1,10 +1,10 @@
 // upload_file.cpp: the local file of an upload.
 #include "core/upload_file.h"
 
-#include <errno.h>
 #include <sys/stat.h>
 
 #include "core/cause.h"
+#include "core/files.h"
 #include "log/log.h"
 #include "log/printable.h"
 
@@ -12,9 +12,9 @@ namespace fetchrig {
 
 bool is_upload_file(int module, const char* path) {
   struct stat status = {};
-  if (stat(path, &status) != 0 || S_ISREG(status.st_mode)) return true;
-  log_unreadable(module, path, S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
-  return false;
+  const int error = stat(path, &status) == 0 ? why_not_regular(status) : 0;
+  if (error != 0) log_unreadable(module, path, error);
+  return error == 0;
 }
 
 void log_unreadable(int module, const char* path, int error) {

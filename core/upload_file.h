@@ -9,7 +9,7 @@ namespace fetchrig {
 // also where nothing is: opening it tells.
 [[nodiscard]] bool is_upload_file(int module, const char* path);
 
-// Logs that the file could not be read to its end.
+// Logs that the file could not be read to its end, and notes it as the cause.
 void log_unreadable(int module, const char* path, int error);
 
 }  // namespace fetchrig

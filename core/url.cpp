@@ -1,15 +1,11 @@
 // url.cpp: the URL's bytes are parsed as a view; the record is built when everything has been checked.
 #include "core/url.h"
 
-#include <openssl/crypto.h>
 #include <stdlib.h>
-#include <string.h>
 
 #include <algorithm>
 #include <array>
 #include <optional>
-#include <string>
-#include <string_view>
 #include <utility>
 
 #include "core/boundary.h"
@@ -144,10 +140,18 @@ void free_url(dl_url* url) {
   ::free(url->host);
   ::free(url->path);
   for (char* secret : {url->user, url->password}) {
-    if (secret) OPENSSL_cleanse(secret, strlen(secret));
+    wipe(secret);
     ::free(secret);
   }
   ::free(url);
+}
+
+std::string host_and_port(std::string_view host, uint32_t port, uint32_t usual_port) {
+  const bool ipv6 = host.find(':') != std::string_view::npos;
+  std::string text(ipv6 ? "[" : "");
+  text.append(host).append(ipv6 ? "]" : "");
+  if (port != usual_port) text.append(":").append(std::to_string(port));
+  return text;
 }
 
 int default_port(uint32_t scheme) {

@@ -5,6 +5,8 @@
 #define FETCHRIG_CORE_URL_H
 
 #include <memory>
+#include <string>
+#include <string_view>
 
 #include "include/fetchrig_types.h"
 
@@ -24,6 +26,10 @@ using unique_url = std::unique_ptr<dl_url, url_deleter>;
 // Parses `text` and copies user and password, which may be null, into the record. Returns 0, or a negative
 // code with `url` left as it was: DL_ERR_URL, DL_ERR_IPV6_DISABLED or DL_ERR_MEMORY.
 [[nodiscard]] int parse_url(unique_url& url, const char* text, const char* user, const char* password);
+
+// "host" or "host:port", without the port where it is `usual_port`. An IPv6 literal stands in brackets (RFC 3986
+// section 3.2.2).
+[[nodiscard]] std::string host_and_port(std::string_view host, uint32_t port, uint32_t usual_port);
 
 // The scheme's port, or -1 for another scheme.
 [[nodiscard]] int default_port(uint32_t scheme);

@@ -10,6 +10,14 @@
 
 using namespace fetchrig;
 
+namespace {
+
+int refuse(dl_result* result) {
+  return fail(result, log_and_return(DL_LOG_FTP, DL_ERR_PARAMETER, "ftp read with invalid parameter\n"));
+}
+
+}  // namespace
+
 int dl_ftp_open(dl_ftp_session** session, const char* host, uint32_t port, const char* user,
                 const char* password, const char* path, dl_result* result) {
   return guarded_transfer(result, [&] {
@@ -18,10 +26,7 @@ int dl_ftp_open(dl_ftp_session** session, const char* host, uint32_t port, const
 }
 
 int dl_ftp_read(dl_ftp_session* session, char* buffer, int32_t size, dl_result* result) {
-  if (!buffer || !result || size < 0 || !ftp_usable(session)) {
-    log_line(DL_LOG_FTP, DL_LOG_ERROR, "ftp read with invalid parameter\n");
-    return fail(result, DL_ERR_PARAMETER);
-  }
+  if (!buffer || !result || size < 0 || !ftp_usable(session)) return refuse(result);
   return guarded_transfer(result, [&] {
     return ftp_read(*session, {buffer, static_cast<std::size_t>(size)}, result);
   });
@@ -48,10 +53,7 @@ int dl_ftp_send_open(dl_ftp_session** session, const char* host, uint32_t port, 
 }
 
 int dl_ftp_send(dl_ftp_session* session, const char* local_path, dl_result* result) {
-  if (!result || !ftp_usable(session)) {
-    log_line(DL_LOG_FTP, DL_LOG_ERROR, "ftp read with invalid parameter\n");
-    return fail(result, DL_ERR_PARAMETER);
-  }
+  if (!result || !ftp_usable(session)) return refuse(result);
   return guarded_transfer(result, [&] { return ftp_send(*session, local_path, result); });
 }
 

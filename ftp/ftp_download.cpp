@@ -8,6 +8,7 @@
 #include "core/download_file.h"
 #include "core/result.h"
 #include "core/text.h"
+#include "ftp/ftp_codes.h"
 #include "ftp/ftp_command.h"
 #include "ftp/ftp_parse.h"
 #include "ftp/ftp_wait.h"
@@ -20,7 +21,8 @@ namespace {
 // A file is delivered in reads of this size; totals and the size limit are judged in it.
 constexpr uint32_t file_step = 512;
 
-int ask_size(dl_ftp_session& session, std::string_view name, ftp_reply& reply) {
+// Asks for the file's size, which the session then counts down. Returns 0 or a negative code.
+int take_size(dl_ftp_session& session, std::string_view name, ftp_reply& reply) {
   log_line(DL_LOG_FTP, DL_LOG_INFO, "Sending size cmd to get file size\n");
   int rc = ftp_command(session, "SIZE", name, reply, {ftp_size_known});
   const auto size = rc < 0 ? std::nullopt : ftp_size_answer(reply.line());
@@ -102,7 +104,7 @@ int ftp_open(const ftp_outcome& out, const ftp_server& server, const char* path)
   ftp_reply reply(bytes);
   if (ftp_session_open(out, server, net_settings(), reply) < 0) return -1;
   const std::string_view name = ftp_wire_name(path);
-  if (const int rc = ask_size(**out.handle, name, reply); rc < 0) return ftp_fail(out, reply, rc);
+  if (const int rc = take_size(**out.handle, name, reply); rc < 0) return ftp_fail(out, reply, rc);
   if (const int rc = request_file(**out.handle, name, reply); rc < 0) return ftp_fail(out, reply, rc);
   log_line(DL_LOG_FTP, DL_LOG_NOTICE, "Open Success\n");
   return 0;

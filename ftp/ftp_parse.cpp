@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "core/cursor.h"
+#include "core/ports.h"
 #include "core/text.h"
 
 namespace fetchrig {
@@ -40,7 +41,7 @@ std::optional<std::string_view> ftp_parenthesised(std::string_view line) {
 std::optional<uint16_t> ftp_epsv_port(std::string_view text) {
   const auto* digit = std::find_if(text.begin(), text.end(), is_digit);
   if (digit == text.begin() || digit == text.end()) return uint16_t{0};
-  const auto port = leading_number(text.substr(static_cast<std::size_t>(digit - text.begin())), UINT16_MAX);
+  const auto port = leading_number(text.substr(static_cast<std::size_t>(digit - text.begin())), max_port);
   return port ? std::optional(static_cast<uint16_t>(*port)) : std::nullopt;
 }
 

@@ -14,6 +14,7 @@
 #include "core/result.h"
 #include "core/text.h"
 #include "core/upload_file.h"
+#include "ftp/ftp_codes.h"
 #include "ftp/ftp_command.h"
 #include "ftp/ftp_parse.h"
 #include "ftp/ftp_wait.h"
@@ -24,9 +25,6 @@
 
 namespace fetchrig {
 namespace {
-
-enum post_modes : int32_t { post_append = 1, post_store = 2 };
-enum limit_modes : uint32_t { limit_store = 1, limit_stop = 2 };
 
 // The server's part of the goodbye has no effect on the outcome.
 void say_goodbye(const dl_ftp_session& session) {
@@ -68,7 +66,7 @@ int stop_at_limit(const upload& job) {
 
 // The command for an upload that would pass the limit, or null.
 const char* command_beyond_limit(uint32_t limit_mode) {
-  if (limit_mode == limit_store) {
+  if (limit_mode == DL_FTP_LIMIT_STORE) {
     log_line(DL_LOG_FTP, DL_LOG_INFO, "exceed max file size,stor\n");
     return "STOR";
   }
@@ -79,10 +77,10 @@ const char* command_beyond_limit(uint32_t limit_mode) {
 // The command for an upload within the limit, or null.
 const char* command_within_limit(int32_t post_mode) {
   switch (post_mode) {
-    case post_append:
+    case DL_FTP_APPEND:
       log_line(DL_LOG_FTP, DL_LOG_INFO, "FTP APPE\n");
       return "APPE";
-    case post_store:
+    case DL_FTP_STORE:
       log_line(DL_LOG_FTP, DL_LOG_INFO, "FTP STOR\n");
       return "STOR";
     default:
@@ -96,7 +94,7 @@ int start_transfer(upload& job, const char* local_path, uint32_t limit) {
   const remote_file remote = ask_remote_file(job);
   if (remote.missing) {
     log_line(DL_LOG_FTP, DL_LOG_INFO, "File not found, use STOR\n");
-    job.post_mode = post_store;
+    job.post_mode = DL_FTP_STORE;
   }
   const int32_t local_size = file_size(local_path);
   if (local_size == -1) {
@@ -105,7 +103,7 @@ int start_transfer(upload& job, const char* local_path, uint32_t limit) {
   }
   if (!is_upload_file(DL_LOG_FTP, local_path)) return DL_ERR_READ;
   const bool beyond = uint64_t{remote.size} + static_cast<uint32_t>(local_size) > limit;
-  if (beyond && job.limit_mode == limit_stop) return stop_at_limit(job);
+  if (beyond && job.limit_mode == DL_FTP_LIMIT_STOP) return stop_at_limit(job);
   const char* command = beyond ? command_beyond_limit(job.limit_mode) : command_within_limit(job.post_mode);
   if (!command) return DL_ERR_FTP_REPLY;
 

@@ -4,7 +4,7 @@
 
 namespace fetchrig {
 
-// Logs that a wait failed: with its errno, or 0 when the time was over.
+// Logs that a wait failed, and notes it as the cause: with its errno, or 0 when the time was over.
 void ftp_log_failed_wait(int error);
 
 }  // namespace fetchrig

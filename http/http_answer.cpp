@@ -23,9 +23,7 @@ using std::string_view;
 class encoded_secret {
  public:
   explicit encoded_secret(string_view secret) { base64_encode(text_, secret); }
-  ~encoded_secret() {
-    if (text_) OPENSSL_cleanse(text_.get(), strlen(text_.get()));
-  }
+  ~encoded_secret() { wipe(text_.get()); }
   encoded_secret(const encoded_secret&) = delete;
   encoded_secret& operator=(const encoded_secret&) = delete;
   explicit operator bool() const { return text_ != nullptr; }

@@ -1,11 +1,11 @@
 // http_auth.cpp: the working record of one 401.
 #include "http/http_auth.h"
 
-#include <openssl/crypto.h>
 #include <stdlib.h>
-#include <string.h>
 
 #include <initializer_list>
+
+#include "core/text.h"
 
 namespace fetchrig {
 
@@ -36,7 +36,7 @@ void release_challenge(digest_challenge& challenge) {
 }
 
 void release_answer(char*& answer) {
-  if (answer) OPENSSL_cleanse(answer, strlen(answer));
+  wipe(answer);
   free(answer);
   answer = nullptr;
 }

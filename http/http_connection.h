@@ -23,7 +23,9 @@ enum class tls_use { allowed, never };
 [[nodiscard]] int http_recv(http_channel& channel, std::span<char> to,
                             read_ahead_use use = read_ahead_use::fill);
 
-// The most that http_read_line() holds at once.
+// How far http_read_line() looks for a line's end at first, and at most: a status line or header, a chunk's size.
+inline constexpr std::size_t usual_line_bytes = 256;
+inline constexpr std::size_t chunk_line_bytes = 128;
 inline constexpr std::size_t max_line_bytes = 512;
 
 // Reads one line into `line`, terminated, without its CRLF; nothing behind the CRLF is consumed. The search

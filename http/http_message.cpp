@@ -26,16 +26,6 @@ auto find_header(http_msg& message, std::string_view name) {
                       [name](const http_header& header) { return header.name == name; });
 }
 
-// An IPv6 literal stands in brackets (RFC 9110 section 7.2).
-std::string host_value(const dl_url& url) {
-  std::string value = url.host;
-  if (value.find(':') != std::string::npos) value.insert(0, 1, '[').push_back(']');
-  if (url.port != static_cast<uint32_t>(default_port(url.scheme))) {
-    value.append(1, ':').append(std::to_string(url.port));
-  }
-  return value;
-}
-
 int set_user_agent(http_msg& message) {
   const option_text agent = user_agent();
   log_line(DL_LOG_HTTP, DL_LOG_INFO, "User-Agent: %s\n", printable(agent.data()).c_str());
@@ -114,7 +104,8 @@ int http_set_request_line(http_msg& message, const dl_url& url) {
 
 int http_set_host(http_msg& message, const dl_url& url) {
   return guarded_step([&] {
-    const std::string value = host_value(url);
+    const auto usual_port = static_cast<uint32_t>(default_port(url.scheme));
+    const std::string value = host_and_port(url.host, url.port, usual_port);
     log_line(DL_LOG_HTTP, DL_LOG_INFO, "Host: %s\n", printable(value.c_str()).c_str());
     return http_set_header(message, "Host", value.c_str());
   });

@@ -10,6 +10,7 @@
 #include <algorithm>
 
 #include "core/boundary.h"
+#include "core/files.h"
 #include "core/owners.h"
 #include "core/text.h"
 #include "log/log.h"
@@ -41,12 +42,12 @@ int too_large() {
   return log_and_return(DL_LOG_HTTP, DL_ERR_MEMORY, "local file of 2 GiB or more\n");
 }
 
-// A directory, device or pipe has no end to rely on. The size decides how much is reserved, and what is
-// refused before anything is read; how much is sent is what can be read.
+// The size decides how much is reserved, and what is refused before anything is read; how much is sent is what
+// can be read.
 int check_file(int file, std::string& body) {
   struct stat status = {};
   if (::fstat(file, &status) != 0) return read_failed(errno);
-  if (!S_ISREG(status.st_mode)) return read_failed(S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
+  if (const int error = why_not_regular(status); error != 0) return read_failed(error);
   const auto size = static_cast<uint64_t>(status.st_size);
   if (size > max_body_bytes - body.size()) return too_large();
   body.reserve(body.size() + static_cast<std::size_t>(size) + read_block_bytes);

@@ -1,7 +1,6 @@
 // http_response.cpp: reading responses, following redirects, answering challenges.
 #include "http/http_response.h"
 
-#include <openssl/crypto.h>
 #include <string.h>
 
 #include <algorithm>
@@ -27,6 +26,7 @@ namespace fetchrig {
 namespace {
 
 constexpr std::size_t first_block_bytes = 1024;
+constexpr std::size_t max_status_line_bytes = 128;
 
 // The outcome of the loop, or the wish to have the next response read. No status can pose as that wish.
 using step_outcome = std::optional<int>;
@@ -83,8 +83,8 @@ class response_loop {
 
 // Returns the status, or a negative code.
 int response_loop::read_response() {
-  std::array<char, 128> line = {};
-  const int length = http_read_line(channel_, 256, 256, line);
+  std::array<char, max_status_line_bytes> line = {};
+  const int length = http_read_line(channel_, usual_line_bytes, usual_line_bytes, line);
   if (length < 0) return length;
   const auto status = parse_status_line({line.data(), static_cast<std::size_t>(length)});
   if (!status) {
@@ -120,7 +120,7 @@ int response_loop::read_headers(bool& cut) {
   for (;;) {
     const auto room = block.room();
     if (room.empty()) return DL_ERR_MEMORY;
-    const int length = http_read_line(channel_, 256, 512, room, &cut);
+    const int length = http_read_line(channel_, usual_line_bytes, max_line_bytes, room, &cut);
     if (length < 0) return length;
     if (length == 0) break;
     block.take_line(static_cast<std::size_t>(length));
@@ -298,7 +298,7 @@ int response_loop::resend_with(const auth_work& answer) {
   const auto text = duplicate_text(value.substr(0, value.find("\r\n")));
   if (!text) return DL_ERR_MEMORY;
   const int rc = http_set_header(message_, "Authorization", text.get());
-  OPENSSL_cleanse(text.get(), strlen(text.get()));
+  wipe(text.get());
   if (rc < 0) return rc;
   return http_send_request(channel_, message_);
 }

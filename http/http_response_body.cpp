@@ -158,9 +158,9 @@ int chunk_reader::receive(uint32_t wanted) {
 }
 
 int chunk_reader::read_size_line(size_line& line) {
-  std::array<char, 128> text = {};
+  std::array<char, chunk_line_bytes> text = {};
   bool at_end = false;
-  const int length = http_read_line(channel_, 128, 256, text, &at_end);
+  const int length = http_read_line(channel_, chunk_line_bytes, usual_line_bytes, text, &at_end);
   if (length < 0) return log_and_return(DL_LOG_HTTP, length, "read chunked len error\n");
   const std::string_view digits = skip_white_space({text.data(), static_cast<std::size_t>(length)});
   line.size = parse_chunk_size(digits);
@@ -170,8 +170,8 @@ int chunk_reader::read_size_line(size_line& line) {
 
 int chunk_reader::read_last_line(uint32_t how) {
   chunk().finished = how;
-  std::array<char, 128> line = {};
-  const int length = http_read_line(channel_, 128, 256, line);
+  std::array<char, chunk_line_bytes> line = {};
+  const int length = http_read_line(channel_, chunk_line_bytes, usual_line_bytes, line);
   if (channel_.own) channel_.own->response.has_trailer = length > 0;
   return length < 0 ? log_and_return(DL_LOG_HTTP, length, "read last EOL error\n") : 0;
 }

@@ -136,7 +136,7 @@ void file_sender::pass_on() {
     if (sent == 0) return;
     if (sent > 0) {
       result_.total += static_cast<int>(sent);
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+    } else if (would_block()) {
       await_room();
     } else if (errno != EINTR) {
       refusal_ = errno;
@@ -151,7 +151,7 @@ void file_sender::send_piece(std::span<const char> rest) {
     const ssize_t sent = ::send(sock_, rest.data(), rest.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     if (sent >= 0) {
       rest = rest.subspan(static_cast<std::size_t>(sent));
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+    } else if (would_block()) {
       await_room();
     } else if (errno != EINTR) {
       fail(send_end::send_failed, errno);

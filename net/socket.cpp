@@ -92,11 +92,15 @@ bool wait_to_send(int sock) {
   return ready > 0;
 }
 
+bool would_block() {
+  return errno == EAGAIN || errno == EWOULDBLOCK;
+}
+
 int dl_send_all(int sock, const char* buffer, std::size_t length) {
   while (length > 0) {
     const ssize_t sent = ::send(sock, buffer, length, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent < 0 && errno == EINTR) continue;
-    if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) && wait_to_send(sock)) continue;
+    if (sent < 0 && would_block() && wait_to_send(sock)) continue;
     if (sent < 0) return DL_ERR_SEND;
     buffer += sent;
     length -= static_cast<std::size_t>(sent);

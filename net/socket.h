@@ -38,6 +38,9 @@ inline constexpr int wait_writable = 2;
 // after the time. Unlike a blocking send it is not begun anew by every signal.
 [[nodiscard]] bool wait_to_send(int sock);
 
+// Whether errno says that a call on a socket would have had to wait.
+[[nodiscard]] bool would_block();
+
 // Sends all bytes. Returns 0, or -4 with errno. Never raises SIGPIPE; a send that makes no progress for the socket's
 // send time-out fails.
 [[nodiscard]] int dl_send_all(int sock, const char* buffer, std::size_t length);

@@ -43,7 +43,7 @@ io_result tcp_stream::receive(std::span<char> to, int flags, int timeout_s) {
   if (first_ == first_step::receive) {
     const std::ptrdiff_t count = receive_once(sock_, to, flags | MSG_DONTWAIT);
     if (count >= 0) return {count};
-    if (errno != EAGAIN && errno != EWOULDBLOCK) return failed(false);
+    if (!would_block()) return failed(false);
   }
   errno = 0;  // a wait that runs out sets none
   if (wait_ready(sock_, wait_readable, timeout_s) < 1) return failed(true);

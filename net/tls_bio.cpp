@@ -31,10 +31,6 @@ tls_socket* data_of(BIO* bio) {
   return static_cast<tls_socket*>(BIO_get_data(bio));
 }
 
-bool would_block() {
-  return errno == EAGAIN || errno == EWOULDBLOCK;
-}
-
 bool is_blocking(int sock) {
   const int flags = fcntl(sock, F_GETFL);
   return flags >= 0 && (flags & O_NONBLOCK) == 0;

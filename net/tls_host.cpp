@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "core/asn1_bytes.h"
 #include "core/text.h"
 #include "log/log.h"
 
@@ -70,17 +71,12 @@ bool name_matches(std::string_view pattern, std::string_view host) {
   return !tail.empty() && pattern.starts_with("*.") && equal_ignoring_case(pattern.substr(1), tail);
 }
 
-std::string_view bytes_of(const ASN1_STRING* text) {
-  const auto* data = reinterpret_cast<const char*>(ASN1_STRING_get0_data(text));
-  return {data, static_cast<std::size_t>(std::max(0, ASN1_STRING_length(text)))};
-}
-
 bool entry_matches(const GENERAL_NAME& entry, const host_identity& host) {
   if (host.address_len == 0)
-    return entry.type == GEN_DNS && name_matches(bytes_of(entry.d.dNSName), host.name);
+    return entry.type == GEN_DNS && name_matches(asn1_bytes(entry.d.dNSName), host.name);
   if (entry.type != GEN_IPADD) return false;
   const auto* address = reinterpret_cast<const char*>(host.address.data());
-  return bytes_of(entry.d.iPAddress) == std::string_view(address, host.address_len);
+  return asn1_bytes(entry.d.iPAddress) == std::string_view(address, host.address_len);
 }
 
 bool alternative_name_matches(X509* certificate, const host_identity& host) {
@@ -111,7 +107,7 @@ int ssl_check_host_name(X509* certificate, const char* host_text) {
     return -1;
   }
   constexpr std::size_t max_common_name = 255;
-  return name_matches(bytes_of(name).substr(0, max_common_name), host.name) ? 0 : -1;
+  return name_matches(asn1_bytes(name).substr(0, max_common_name), host.name) ? 0 : -1;
 }
 
 }  // namespace fetchrig

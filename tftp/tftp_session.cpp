@@ -3,6 +3,7 @@
 
 #include <errno.h>
 #include <netinet/in.h>
+#include <openssl/crypto.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -10,7 +11,6 @@
 #include <algorithm>
 
 #include "core/cause.h"
-#include "core/config.h"
 #include "core/cursor.h"
 #include "core/owners.h"
 #include "core/ports.h"
@@ -250,7 +250,7 @@ void tftp_close(dl_tftp_session* session) {
   const unique_malloc<dl_tftp_session> record(session);
   const unique_text carry(session->carry);
   close_socket(session->sock);
-  ::explicit_bzero(session, sizeof *session);
+  OPENSSL_cleanse(session, sizeof *session);
 }
 
 }  // namespace fetchrig
