@@ -292,10 +292,6 @@ std::string known_cause(const location& where, const credentials& login, const d
          " s";
 }
 
-std::string code_words(int code) {
-  return code < 0 ? " (code " + std::to_string(code) + ")" : "";
-}
-
 }  // namespace
 
 const char* chain_reason(int number) {
@@ -325,7 +321,8 @@ std::string connection_trouble() {
 failure failed_transfer(const location& where, const credentials& login, const dl_result& result) {
   std::string message = printable(where.url) + ": ";
   const std::string cause = known_cause(where, login, result);
-  message += (cause.empty() ? library_words(result) : cause) + code_words(result.code);
+  message += cause.empty() ? library_words(result) : cause;
+  if (result.code < 0) message += code_words(result.code);
   const std::string lines = logged_errors();
   if (cause.empty() && !lines.empty()) message += ": " + lines;
   if (!where.has_scheme) {

@@ -7,6 +7,8 @@
 #include <array>
 #include <vector>
 
+#include "json_output.h"
+
 namespace fetchrig::cli {
 namespace {
 
@@ -25,10 +27,6 @@ std::string key_text(const char* algorithm, int32_t bits) {
 std::string trimmed(std::string text) {
   text.erase(text.find_last_not_of(' ') + 1);
   return text;
-}
-
-void print_json(const nlohmann::ordered_json& json) {
-  puts(json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace).c_str());
 }
 
 }  // namespace

@@ -59,7 +59,7 @@ bool same_content(const std::string& file, const std::string& other) {
 }
 
 failure with_code(const std::string& message, int code) {
-  return failure(code, message + " (code " + std::to_string(code) + ")");
+  return failure(code, message + code_words(code));
 }
 
 // The library's failure, when reading the file tells why.

@@ -38,9 +38,7 @@ void check_options(const get_options& options, const location& where) {
   if (!where.is_http() && (!options.transfer.headers.empty() || options.xsi)) {
     throw usage_error("--header and --auth are for http and https URLs");
   }
-  if (where.kind != scheme::http && !options.transfer.proxy.empty()) {
-    throw usage_error("--proxy is for http URLs; HTTPS is not tunnelled through a proxy");
-  }
+  check_proxy(options.transfer, where);
 }
 
 failure too_large(const std::string& subject, std::uint32_t limit, const char* how) {

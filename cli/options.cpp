@@ -232,6 +232,11 @@ std::unique_ptr<ca_bundle> configure(const transfer_options& options, const loca
   return bundle;
 }
 
+void check_proxy(const transfer_options& options, const location& where) {
+  if (where.kind == scheme::http || options.proxy.empty()) return;
+  throw usage_error("--proxy is for http URLs; HTTPS is not tunnelled through a proxy");
+}
+
 void set_text_option(std::uint32_t option, const std::string& value) {
   const std::size_t max_len = option == DL_OPT_CALLER_TAG ? 20 : 511;
   if (value.size() > max_len)

@@ -53,6 +53,9 @@ void add_verbosity(CLI::App& app, int& verbosity);
 [[nodiscard]] std::unique_ptr<ca_bundle> configure(const connection_options& options);
 [[nodiscard]] std::unique_ptr<ca_bundle> configure(const transfer_options& options, const location& where);
 
+// Throws usage_error for a proxy that is given for another scheme than http.
+void check_proxy(const transfer_options& options, const location& where);
+
 // Sets text option `option` (enum dl_option), refusing what the library would cut.
 void set_text_option(std::uint32_t option, const std::string& value);
 void set_number_option(std::uint32_t option, std::uint32_t value);

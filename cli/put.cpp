@@ -57,9 +57,7 @@ void check_options(const put_options& options, const location& where) {
     throw usage_error("--header and --method are for http and https URLs");
   }
   if (where.kind == scheme::tftp && options.append) throw usage_error("--append is for ftp URLs");
-  if (where.kind != scheme::http && !options.transfer.proxy.empty()) {
-    throw usage_error("--proxy is for http URLs; HTTPS is not tunnelled through a proxy");
-  }
+  check_proxy(options.transfer, where);
 }
 
 std::string random_boundary() {

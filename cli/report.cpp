@@ -129,10 +129,12 @@ std::string logged_errors() {
   return all;
 }
 
+std::string code_words(int code) {
+  return code == 0 ? "" : " (code " + std::to_string(code) + ")";
+}
+
 failure failed_operation(std::string_view subject, int code, std::string_view words) {
-  std::string message = printable(subject) + ": " + std::string(words);
-  if (code != 0) message += " (code " + std::to_string(code) + ")";
-  return failure(code, with_cause(message));
+  return failure(code, with_cause(printable(subject) + ": " + std::string(words) + code_words(code)));
 }
 
 void tell(std::string_view line) {

@@ -41,6 +41,9 @@ void forget_log();
 // The last few error lines, the cause first, joined by "; "; empty when there was none.
 std::string logged_errors();
 
+// " (code N)"; empty without a code.
+std::string code_words(int code);
+
 // A failure of an operation on `subject` whose codes are its own, told in `words`, with the logged cause.
 failure failed_operation(std::string_view subject, int code, std::string_view words);
 

@@ -5,10 +5,10 @@
 #include <CLI/CLI.hpp>
 #include <array>
 #include <memory>
-#include <nlohmann/json.hpp>
 
 #include "commands.h"
 #include "fetchrig.h"
+#include "json_output.h"
 #include "options.h"
 #include "report.h"
 
@@ -58,7 +58,7 @@ int tell_ring(int number, const std::string& file, bool json) {
     if (number >= 0) out["number"] = number;
     if (!file.empty()) out["file"] = file;
     if (!found) out["message"] = logged_errors();
-    puts(out.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace).c_str());
+    print_json(out);
   } else if (number >= 0) {
     printf("ring %d\n", number);
   } else if (found) {
