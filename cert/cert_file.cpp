@@ -4,6 +4,8 @@
 #include <errno.h>
 #include <openssl/pem.h>
 
+#include <string_view>
+
 #include "cert/der_to_pem.h"
 #include "cert/error_queue.h"
 #include "cert/passphrase.h"
@@ -28,6 +30,20 @@ certificate_read why_not_opened(int error) {
 certificate_read why_not_read(const small_file& file) {
   const bool is_empty = file.bytes().empty();  // the one refusal without a reason
   return !is_empty && ran_out_of_memory() ? certificate_read::failed : certificate_read::unusable;
+}
+
+// PEM when a line contains "BEGIN", else DER. Lines are looked at in parts of at most 1023 characters, each up to its
+// first NUL.
+int encoding_of(std::string_view content) {
+  constexpr std::size_t max_part_len = 1023;
+  while (!content.empty()) {
+    std::string_view part = content.substr(0, max_part_len);
+    if (const std::size_t end = part.find('\n'); end != std::string_view::npos)
+      part = part.substr(0, end + 1);
+    content.remove_prefix(part.size());
+    if (part.substr(0, part.find('\0')).find("BEGIN") != std::string_view::npos) return encoding_pem;
+  }
+  return encoding_der;
 }
 
 }  // namespace
@@ -62,19 +78,6 @@ certificate_read read_certificate(unique_x509& certificate, const cert_source& s
   const certificate_read outcome = why_not_read(source.file);
   log_line(DL_LOG_CMN, DL_LOG_ERROR, "%s", messages.no_certificate);
   return outcome;
-}
-
-// Lines are looked at in parts of at most 1023 characters, each up to its first NUL.
-int encoding_of(std::string_view content) {
-  constexpr std::size_t max_part_len = 1023;
-  while (!content.empty()) {
-    std::string_view part = content.substr(0, max_part_len);
-    if (const std::size_t end = part.find('\n'); end != std::string_view::npos)
-      part = part.substr(0, end + 1);
-    content.remove_prefix(part.size());
-    if (part.substr(0, part.find('\0')).find("BEGIN") != std::string_view::npos) return encoding_pem;
-  }
-  return encoding_der;
 }
 
 int cert_file_format(const char* path) {

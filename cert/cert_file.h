@@ -8,8 +8,6 @@
 #include <openssl/x509_vfy.h>
 #include <stdint.h>
 
-#include <string_view>
-
 #include "core/openssl_owners.h"
 #include "core/small_file.h"
 
@@ -53,9 +51,7 @@ struct read_messages {
 [[nodiscard]] certificate_read read_certificate(unique_x509& certificate, const cert_source& source,
                                                 const read_messages& messages);
 
-// PEM when a line contains "BEGIN", else DER.
-[[nodiscard]] int encoding_of(std::string_view content);
-// The same of a file; -1 when it cannot be opened.
+// PEM when a line of the file contains "BEGIN", else DER; -1 when it cannot be opened.
 [[nodiscard]] int cert_file_format(const char* path);
 // The next certificate of the stream; null for another code or when there is none.
 [[nodiscard]] unique_x509 load_cert_bio(int encoding, BIO* bio);

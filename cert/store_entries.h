@@ -3,10 +3,10 @@
 #ifndef FETCHRIG_CERT_STORE_ENTRIES_H
 #define FETCHRIG_CERT_STORE_ENTRIES_H
 
+#include <dirent.h>
+
 #include <string>
 #include <vector>
-
-#include "cert/directory.h"
 
 namespace fetchrig {
 

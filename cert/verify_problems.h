@@ -3,7 +3,8 @@
 #ifndef FETCHRIG_CERT_VERIFY_PROBLEMS_H
 #define FETCHRIG_CERT_VERIFY_PROBLEMS_H
 
-#include <cstdint>
+#include <stdint.h>
+
 #include <span>
 
 namespace fetchrig {

@@ -1,7 +1,7 @@
 // process_lock.cpp: the lock, and what a fork does with it and the configuration lock.
 #include "core/process_lock.h"
 
-#include "core/config.h"
+#include "include/fetchrig_types.h"
 
 namespace fetchrig {
 namespace {

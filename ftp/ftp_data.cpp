@@ -1,7 +1,6 @@
 // ftp_data.cpp: opening the passive data connection.
 #include "ftp/ftp_data.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <stdio.h>
 #include <string.h>

@@ -12,6 +12,7 @@
 #include "core/process_lock.h"
 #include "core/result.h"
 #include "core/text.h"
+#include "ftp/ftp_codes.h"
 #include "ftp/ftp_command.h"
 #include "ftp/ftp_data.h"
 #include "log/log.h"

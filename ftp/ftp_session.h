@@ -9,7 +9,6 @@
 #include <string_view>
 
 #include "core/config.h"
-#include "ftp/ftp_codes.h"
 #include "ftp/ftp_reply.h"
 #include "include/fetchrig_types.h"
 

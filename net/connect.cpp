@@ -6,7 +6,6 @@
 #include <limits.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <string.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 

@@ -7,10 +7,8 @@
 #include <netinet/in.h>
 #include <openssl/err.h>
 #include <openssl/rand.h>
-#include <string.h>
 #include <unistd.h>
 
-#include <array>
 #include <string>
 
 #include "cert/tls_context.h"

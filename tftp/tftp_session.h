@@ -10,7 +10,6 @@
 #include <sys/types.h>
 
 #include <memory>
-#include <span>
 #include <string_view>
 
 #include "include/fetchrig_types.h"
