@@ -9,7 +9,7 @@
 namespace fetchrig {
 
 unique_dir open_directory(const std::string& path) {
-  return unique_dir(opendir(path.c_str()));
+  return unique_dir(::opendir(path.c_str()));
 }
 
 int make_directory_by_shell(const std::string& path) {

@@ -12,7 +12,7 @@
 namespace fetchrig {
 
 struct directory_closer {
-  void operator()(DIR* directory) const { closedir(directory); }
+  void operator()(DIR* directory) const { ::closedir(directory); }
 };
 using unique_dir = std::unique_ptr<DIR, directory_closer>;
 

@@ -74,7 +74,7 @@ int fill_new_file(unique_fd file, std::string_view bytes, file_access access) {
 
 int replace_file(const std::string& path, std::string_view bytes, const file_access& access) {
   std::string beside = std::string(folder_of(path)) + ".fetchrig-XXXXXX";
-  unique_fd file(mkostemp(beside.data(), O_NOFOLLOW | O_CLOEXEC));  // O_EXCL, mode 0600
+  unique_fd file(::mkostemp(beside.data(), O_NOFOLLOW | O_CLOEXEC));  // O_EXCL, mode 0600
   if (!file) return errno;
   int error = fill_new_file(std::move(file), bytes, access);
   if (error == 0 && ::rename(beside.c_str(), path.c_str()) != 0) error = errno;

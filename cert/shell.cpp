@@ -77,8 +77,8 @@ class shell_settings {
   pid_t start(const std::string& command) const {
     const char* const arguments[] = {"sh", "-c", runner, "sh", command.c_str(), nullptr};
     pid_t shell = -1;
-    if (!complete_ || posix_spawn(&shell, "/bin/sh", &actions_, &attributes_,
-                                  const_cast<char* const*>(arguments), environ) != 0) {
+    if (!complete_ || ::posix_spawn(&shell, "/bin/sh", &actions_, &attributes_,
+                                    const_cast<char* const*>(arguments), environ) != 0) {
       return -1;
     }
     return shell;

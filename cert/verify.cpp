@@ -88,7 +88,7 @@ cert_source open_source(const char* path) {
 
 // OpenSSL's default place of CAs, which its own variable overrides.
 const char* default_place(const char* variable, const char* built_in) {
-  const char* chosen = secure_getenv(variable);
+  const char* chosen = ::secure_getenv(variable);
   return chosen ? chosen : built_in;
 }
 

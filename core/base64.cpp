@@ -33,7 +33,7 @@ std::size_t base64_encode(unique_text& text, std::string_view bytes) {
   text.reset();
   if (bytes.size() > SIZE_MAX / 2) return 0;
   const std::size_t length = (bytes.size() + 2) / 3 * 4;
-  text.reset(static_cast<char*>(::malloc(length + 1)));
+  text.reset(static_cast<char*>(malloc(length + 1)));
   if (!text) return 0;
   char* to = text.get();
   *to = '\0';
@@ -49,7 +49,7 @@ std::size_t base64_decode(unique_malloc<unsigned char>& bytes, std::string_view 
   const auto padding = padding_of(text);
   if (!padding) return 0;
   const std::size_t room = text.size() / 4 * 3;
-  bytes.reset(static_cast<unsigned char*>(::malloc(room + 1)));
+  bytes.reset(static_cast<unsigned char*>(malloc(room + 1)));
   if (!bytes) return 0;
   unsigned char* to = bytes.get();
   for (; !text.empty(); text.remove_prefix(std::min(decode_step, text.size()))) {

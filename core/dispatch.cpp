@@ -115,7 +115,7 @@ void close_transfer(dl_handle* handle) {
     default:
       break;
   }
-  ::free(handle);
+  free(handle);
 }
 
 int download(const dl_request& request, const char* local_path, char* redirect, dl_result& result) {

@@ -293,5 +293,5 @@ timeval curlx_tvnow(void) {
 }
 
 void Curl_safefree(void* memory) {
-  ::free(memory);
+  free(memory);
 }

@@ -23,7 +23,7 @@ constexpr char null_path[] = "NULL path!\n";
 bool is_same_file(FILE* source, const char* target) {
   struct stat from = {};
   struct stat to = {};
-  return fstat(fileno(source), &from) == 0 && stat(target, &to) == 0 && from.st_dev == to.st_dev &&
+  return ::fstat(fileno(source), &from) == 0 && ::stat(target, &to) == 0 && from.st_dev == to.st_dev &&
          from.st_ino == to.st_ino;
 }
 
@@ -46,7 +46,7 @@ bool is_directory(const char* path) {
   constexpr mode_t directory_bit = 040000;
   if (!path) return log_and_return(DL_LOG_CMN, 0, null_path);
   struct stat status = {};
-  return stat(path, &status) == 0 && (status.st_mode & directory_bit);
+  return ::stat(path, &status) == 0 && (status.st_mode & directory_bit);
 }
 
 int why_not_regular(const struct stat& status) {
@@ -68,7 +68,7 @@ int write_all(int fd, std::string_view bytes) {
 int32_t file_size(const char* path) {
   if (!path) return log_and_return(DL_LOG_CMN, -1, null_path);
   struct stat status = {};
-  if (stat(path, &status) != 0 || status.st_size > INT32_MAX) return -1;
+  if (::stat(path, &status) != 0 || status.st_size > INT32_MAX) return -1;
   return static_cast<int32_t>(status.st_size);
 }
 

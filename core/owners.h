@@ -39,7 +39,7 @@ class unique_fd {
 };
 
 struct free_deleter {
-  void operator()(void* memory) const { ::free(memory); }
+  void operator()(void* memory) const { free(memory); }
 };
 
 // Memory of malloc(), for texts and records that cross the C boundary.
@@ -49,7 +49,7 @@ using unique_text = unique_malloc<char>;
 
 // A terminated copy from malloc(); null without memory.
 inline unique_text duplicate_text(std::string_view text) {
-  unique_text copy(static_cast<char*>(::malloc(text.size() + 1)));
+  unique_text copy(static_cast<char*>(malloc(text.size() + 1)));
   if (!copy) return copy;
   if (!text.empty()) memcpy(copy.get(), text.data(), text.size());
   copy.get()[text.size()] = '\0';
@@ -59,11 +59,11 @@ inline unique_text duplicate_text(std::string_view text) {
 // A zeroed record from calloc(), for session records that callers may also hold.
 template <typename T>
 unique_malloc<T> zeroed_record() {
-  return unique_malloc<T>(static_cast<T*>(::calloc(1, sizeof(T))));
+  return unique_malloc<T>(static_cast<T*>(calloc(1, sizeof(T))));
 }
 
 struct file_closer {
-  void operator()(FILE* file) const { ::fclose(file); }
+  void operator()(FILE* file) const { fclose(file); }
 };
 using unique_file = std::unique_ptr<FILE, file_closer>;
 

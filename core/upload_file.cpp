@@ -12,7 +12,7 @@ namespace fetchrig {
 
 bool is_upload_file(int module, const char* path) {
   struct stat status = {};
-  const int error = stat(path, &status) == 0 ? why_not_regular(status) : 0;
+  const int error = ::stat(path, &status) == 0 ? why_not_regular(status) : 0;
   if (error != 0) log_unreadable(module, path, error);
   return error == 0;
 }

@@ -137,13 +137,13 @@ int parse_url(unique_url& url, const char* text, const char* user, const char* p
 
 void free_url(dl_url* url) {
   if (!url) return;
-  ::free(url->host);
-  ::free(url->path);
+  free(url->host);
+  free(url->path);
   for (char* secret : {url->user, url->password}) {
     wipe(secret);
-    ::free(secret);
+    free(secret);
   }
-  ::free(url);
+  free(url);
 }
 
 std::string host_and_port(std::string_view host, uint32_t port, uint32_t usual_port) {

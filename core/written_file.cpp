@@ -8,7 +8,7 @@
 namespace fetchrig {
 
 written_file::written_file(int fd, const char* opened_as) {
-  if (fstat(fd, &status_) != 0 || !S_ISREG(status_.st_mode)) return;
+  if (::fstat(fd, &status_) != 0 || !S_ISREG(status_.st_mode)) return;
   char link[32];
   snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
   const ssize_t length = ::readlink(link, path_.data(), path_.size() - 1);
@@ -23,7 +23,7 @@ void written_file::remove() const {
 
 bool written_file::is_at_path() const {
   struct stat found = {};
-  return path_[0] != '\0' && lstat(path_.data(), &found) == 0 && found.st_dev == status_.st_dev &&
+  return path_[0] != '\0' && ::lstat(path_.data(), &found) == 0 && found.st_dev == status_.st_dev &&
          found.st_ino == status_.st_ino;
 }
 

@@ -25,7 +25,7 @@ class command_line {
  public:
   command_line(std::string_view word, std::optional<std::string_view> argument)
       : length_(word.size() + 2 + (argument ? argument->size() + 1 : 0)),
-        text_(length_ <= INT_MAX ? static_cast<char*>(::malloc(length_)) : nullptr) {
+        text_(length_ <= INT_MAX ? static_cast<char*>(malloc(length_)) : nullptr) {
     if (!text_) return;
     char* to = append(text_.get(), word);
     if (argument) to = append(append(to, " "), *argument);

@@ -96,7 +96,7 @@ class line_buffer {
 pthread_mutex_t date_lock = PTHREAD_MUTEX_INITIALIZER;
 
 void add_syslog_prefix(line_buffer& line, int level) {
-  const time_t now = ::time(nullptr);
+  const time_t now = time(nullptr);
   char date[64] = {};
   pthread_mutex_lock(&date_lock);
   if (!ctime_r(&now, date)) date[0] = '\0';
@@ -114,7 +114,7 @@ void add_time_stamp(line_buffer& line) {
 std::size_t start_line(line_buffer& line, std::size_t module, int level) {
   if (get(state.to_syslog)) add_syslog_prefix(line, level);
   const auto identity = std::bit_cast<identity_text>(get(state.identity));
-  line.format("%.4s[%d]: ", identity.data(), static_cast<int>(getpid()));
+  line.format("%.4s[%d]: ", identity.data(), static_cast<int>(::getpid()));
   const std::size_t console_from = line.length();
   line.format("%s%s ", module_names[module], level_tags[static_cast<std::size_t>(level)]);
   if (get(state.with_time)) add_time_stamp(line);

@@ -35,7 +35,7 @@ constexpr bool is_usable(uint64_t state) {
 // nothing for what is no socket.
 std::optional<uint64_t> identity(int fd) {
   struct stat status = {};
-  if (fstat(fd, &status) != 0 || !S_ISSOCK(status.st_mode)) return std::nullopt;
+  if (::fstat(fd, &status) != 0 || !S_ISSOCK(status.st_mode)) return std::nullopt;
   return uint64_t{status.st_ino} & field_mask;
 }
 
@@ -52,7 +52,7 @@ int log_socket() {
   constexpr int first_descriptor = 3;
   const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0 || fd >= first_descriptor) return fd;
-  const int moved = fcntl(fd, F_DUPFD_CLOEXEC, first_descriptor);
+  const int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, first_descriptor);
   ::close(fd);
   return moved;
 }

@@ -33,11 +33,11 @@ class sigpipe_hold {
  public:
   sigpipe_hold() {
     sigset_t pending;
-    ::pthread_sigmask(SIG_BLOCK, &signal_, &before_);
+    pthread_sigmask(SIG_BLOCK, &signal_, &before_);
     ::sigpending(&pending);
     was_pending_ = sigismember(&pending, SIGPIPE) == 1;
   }
-  ~sigpipe_hold() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  ~sigpipe_hold() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
   sigpipe_hold(const sigpipe_hold&) = delete;
   sigpipe_hold& operator=(const sigpipe_hold&) = delete;
 
@@ -96,7 +96,7 @@ class file_sender {
 
   // sendfile() goes as far as it can. Reading then finds the end of the file, or tells whose fault the stop was.
   send_result run() {
-    const unique_malloc<char> buffer(static_cast<char*>(::malloc(piece_bytes)));
+    const unique_malloc<char> buffer(static_cast<char*>(malloc(piece_bytes)));
     if (!buffer) return {send_end::no_memory};
     if (is_regular(file_) && is_connection(sock_)) pass_on();
     if (!failed()) copy({buffer.get(), piece_bytes});

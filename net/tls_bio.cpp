@@ -32,7 +32,7 @@ tls_socket* data_of(BIO* bio) {
 }
 
 bool is_blocking(int sock) {
-  const int flags = fcntl(sock, F_GETFL);
+  const int flags = ::fcntl(sock, F_GETFL);
   return flags >= 0 && (flags & O_NONBLOCK) == 0;
 }
 

@@ -39,7 +39,7 @@ bool ring_cache_file::open() {
   unique_fd fd(::open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
   if (!fd) return false;
   partial_path_ = std::move(name);
-  file_.reset(fdopen(fd.get(), "wb+"));
+  file_.reset(::fdopen(fd.get(), "wb+"));
   if (file_) fd.release();
   return file_ != nullptr;
 }

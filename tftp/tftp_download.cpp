@@ -152,7 +152,7 @@ int tftp_read(dl_tftp_session& session, std::span<char> to, dl_result* result) {
   // The carry buffer marks a session that has begun: it stays only once a packet that settles the sizes was
   // taken. The block number alone would not tell, as it wraps.
   const bool fresh = !session.carry;
-  if (fresh) session.carry = static_cast<char*>(::malloc(tftp_max_blksize));
+  if (fresh) session.carry = static_cast<char*>(malloc(tftp_max_blksize));
   if (!session.carry) return fail(result, DL_ERR_MEMORY);
   if (fresh) session.carry_len = 0;
 

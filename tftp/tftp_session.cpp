@@ -61,7 +61,7 @@ bool bind_port(int sock, int family, in_port_t port) {
 }
 
 bool bind_random_port(int sock, int family) {
-  tftp_ports ports(static_cast<unsigned>(::time(nullptr)));
+  tftp_ports ports(static_cast<unsigned>(time(nullptr)));
   for (int attempt = 0; attempt < bind_attempts; ++attempt) {
     if (bind_port(sock, family, ports.next())) return true;
   }
@@ -84,7 +84,7 @@ void log_server_error(std::string_view datagram) {
 int tftp_check_open(dl_tftp_session** handle, const tftp_target& target, dl_result* result) {
   clear_cause();
   const bool good = handle && target.host && target.remote_name && target.port <= max_port && result &&
-                    ::strnlen(target.remote_name, tftp_max_name_len + 1) <= tftp_max_name_len;
+                    strnlen(target.remote_name, tftp_max_name_len + 1) <= tftp_max_name_len;
   if (good) {
     clear_result(*result);
     return 0;

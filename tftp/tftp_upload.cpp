@@ -71,8 +71,8 @@ bool read_block(dl_tftp_session& session, FILE* file, const char* local_path, da
   const std::span<char> payload = bytes.subspan<tftp_header_len>();
   const auto wanted = static_cast<std::size_t>(std::clamp<int32_t>(session.blksize, 1, tftp_max_blksize));
   memset(payload.data(), 0, payload.size());
-  const std::size_t count = ::fread(payload.data(), 1, wanted, file);
-  if (count < wanted && ::ferror(file)) {
+  const std::size_t count = fread(payload.data(), 1, wanted, file);
+  if (count < wanted && ferror(file)) {
     log_unreadable(DL_LOG_TFTP, local_path, errno);
     return false;
   }
@@ -125,7 +125,7 @@ int tftp_send(dl_tftp_session& session, const char* local_path, dl_result* resul
     return fail(result, DL_ERR_READ);
   }
   if (!is_upload_file(DL_LOG_TFTP, local_path)) return fail(result, DL_ERR_READ);
-  const unique_file file(::fopen(local_path, "rbe"));
+  const unique_file file(fopen(local_path, "rbe"));
   if (!file) {
     log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Can't open %s\n", printable(local_path).c_str());
     return fail(result, DL_ERR_READ);
