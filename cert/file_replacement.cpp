@@ -16,8 +16,8 @@
 namespace fetchrig {
 namespace {
 
-// Sets group and mode, whatever the umask was. Where the group cannot be had its
-// permissions are not given to another one.
+// Sets group and mode, whatever the umask was. Where the group cannot be had its permissions are not given to
+// another one.
 int apply(int fd, file_access access) {
   if (access.group && ::fchown(fd, static_cast<uid_t>(-1), *access.group) != 0) access.mode &= S_IRWXU;
   return ::fchmod(fd, access.mode) == 0 ? 0 : errno;

@@ -1,5 +1,5 @@
-// main.cpp: the fetchrig command: reads the command line, runs the subcommand,
-// turns the outcome into an exit status.
+// main.cpp: the fetchrig command: reads the command line, runs the subcommand, turns the outcome into an exit
+// status.
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
