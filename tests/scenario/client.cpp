@@ -13,6 +13,7 @@
 
 #include "include/fetchrig.h"
 #include "include/fetchrig_openssl.h"
+#include "tests/scenario/cert_client.h"
 
 namespace scenario {
 namespace {
@@ -31,15 +32,6 @@ int take_line(const char* bytes, int32_t length) {
   log_lines.push_back(whole ? log_line{line[at + 8] - '0', trim(line.substr(at + 3, 4)), line.substr(at + 18)}
                             : log_line{0, "", line});
   return 0;
-}
-
-// One call of the library, under the plan of the run.
-template <typename Call>
-auto made(Call one) {
-  plan.active = true;
-  const auto rc = one();
-  plan.active = false;
-  return rc;
 }
 
 // What a verb works with.
@@ -442,6 +434,8 @@ struct option {
 constexpr option option_names[] = {{"USER_AGENT", DL_OPT_USER_AGENT, true},
                                    {"TRUST_CA_DIR", DL_OPT_TRUST_CA_DIR, true},
                                    {"DEVICE_CERT_FILE", DL_OPT_DEVICE_CERT_FILE, true},
+                                   {"KEY_PASSPHRASE", DL_OPT_KEY_PASSPHRASE, true},
+                                   {"KEY_SEED", DL_OPT_KEY_SEED, true},
                                    {"SSL_METHOD", DL_OPT_SSL_METHOD, false},
                                    {"VERIFY_PEER", DL_OPT_VERIFY_PEER, false},
                                    {"MAX_REDIRECTS", DL_OPT_MAX_REDIRECTS, false},
@@ -459,6 +453,10 @@ void set_number(uint32_t option, uint32_t value) {
 
 void set_option(const string& name, const string& value) {
   if (name == "TLS_WAIT") return dl_set_tls_wait_limit(static_cast<uint32_t>(std::stoul(value)));
+  if (name == "ANY_SSL_METHOD") {  // dl_set_option() takes no number above 3
+    g_dl_cfg.ssl_method = static_cast<uint32_t>(std::stoul(value));
+    return;
+  }
   if (name == "RING_ENTRY") {  // slot, number, name
     const auto words = words_of(value);
     dl_ring_entry entry = {static_cast<uint8_t>(std::stoi(words.at(0))),
@@ -521,6 +519,10 @@ void stage::set_options(const story& told) {
   set_number(DL_OPT_SSL_METHOD, 3);
   set_number(DL_OPT_VERIFY_PEER, 1);
   set_number(DL_OPT_VERIFY_HOST, 1);
+  if (is_certificate_call(told)) {
+    dl_set_option(DL_OPT_TRUST_CA_DIR, (place_.path() + "/w/store/").c_str());
+    dl_set_option(DL_OPT_DEVICE_CERT_FILE, (place_.path() + "/w/config/server/own.pem").c_str());
+  }
   for (const auto& [name, value] : told.options) set_option(name, value);
 }
 
@@ -558,9 +560,14 @@ outcome stage::play(const story& told, const run& with) {
   }
   const auto known = std::find_if(std::begin(verbs), std::end(verbs),
                                   [&](const verb& one) { return told.verb == one.name; });
-  if (known == std::end(verbs)) throw std::runtime_error("unknown verb " + told.verb);
+  if (known == std::end(verbs) && !is_certificate_call(told))
+    throw std::runtime_error("unknown verb " + told.verb);
   if (told.argument("state")) dl_exit();  // the library is not initialised
-  known->play(call);
+  if (is_certificate_call(told)) {
+    play_certificate_call(told, place_.path() + "/w", seen);
+  } else {
+    known->play(call);
+  }
   seen.last_status = dl_http_last_status();
   seen.counts.assign(std::begin(plan.counts), std::end(plan.counts));
   plan.what = nullptr;
@@ -607,10 +614,12 @@ std::vector<string> complaints(const story& told, const outcome& seen) {
     if (expected != actual && !brief) compare(what, test::summary(expected), test::summary(actual));
   };
   char message[256] = "";
-  if (wanted.code != 0 && !wanted.fails) dl_get_error_string(wanted.code, message, sizeof message);
+  if (wanted.code != 0 && !wanted.fails && !is_certificate_call(told))
+    dl_get_error_string(wanted.code, message, sizeof message);
   compare("code", std::to_string(wanted.code), std::to_string(seen.code));
   const bool succeeds = wanted.code == 0 && !wanted.fails;
-  if (told.verb != "ring") compare("return value", succeeds ? "0" : "-1", std::to_string(seen.rc));
+  const bool tells_rc = told.verb != "ring" && !is_certificate_call(told);
+  if (tells_rc) compare("return value", succeeds ? "0" : "-1", std::to_string(seen.rc));
   compare("message", wanted.message.value_or(message), seen.message);
   if (wanted.file) {
     const string kept = *wanted.file == "kept" ? string("=") + told.old_content() : *wanted.file;
@@ -629,13 +638,18 @@ std::vector<string> complaints(const story& told, const outcome& seen) {
   if (wanted.cause) compare("cause", *wanted.cause, seen.cause);
   compare_number("left", wanted.left, seen.left);
   if (wanted.reads && *wanted.reads != seen.reads) found.push_back("the counts of the reads differ");
+  if (is_certificate_call(told)) {
+    const std::vector<string> more = unshown(told, seen);
+    found.insert(found.end(), more.begin(), more.end());
+  }
   for (std::size_t i = 0; i < std::min(wanted.headers.size(), seen.headers.size()); ++i)
     compare("header " + wanted.headers[i].first, wanted.headers[i].second, seen.headers[i].second);
 
   string expected_lines, actual_lines;
   for (const log_line& line : wanted.lines) {
     if (line.level <= 3) expected_lines += "\n" + line.module + " " + line.text;
-    if (line.level > 3 && std::find(seen.lines.begin(), seen.lines.end(), line) == seen.lines.end())
+    const bool among = line.level > 3 || wanted.any_lines;
+    if (among && std::find(seen.lines.begin(), seen.lines.end(), line) == seen.lines.end())
       found.push_back("not logged: " + line.text);
   }
   if (wanted.any_lines) return found;

@@ -2,6 +2,7 @@
 #ifndef FETCHRIG_TESTS_SCENARIO_CLIENT_H
 #define FETCHRIG_TESTS_SCENARIO_CLIENT_H
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -34,6 +35,8 @@ struct outcome {
   int status = 0, last_status = 0, end = 0, ring = 0, port = 0;
   int64_t left = 0;
   std::vector<std::pair<std::string, std::string>> headers;
+  std::map<std::string, std::string> fields;  // of records
+  tree before, after;
   std::vector<log_line> lines;        // of every level
   std::vector<std::string> problems;  // of the conversation
   std::vector<std::string> broken;    // rules that hold in every run
@@ -45,6 +48,15 @@ struct outcome {
 
   std::vector<log_line> errors() const;
 };
+
+// One call of the library, under the plan of the run.
+template <typename Call>
+auto made(Call one) {
+  plan.active = true;
+  const auto rc = one();
+  plan.active = false;
+  return rc;
+}
 
 class stage {
  public:

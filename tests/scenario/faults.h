@@ -13,7 +13,7 @@ namespace scenario {
 // clang-format off
 enum class call {
   memory, socket, connect, bind, getaddrinfo, send, recv, sendto, recvfrom, poll, sendfile,
-  open, fopen, fdopen, read, write, close, fclose, rename, num_calls
+  open, fopen, fdopen, read, write, close, fclose, rename, opendir, mkstemp, fsync, mkdir, pipe, spawn, num_calls
 };
 // clang-format on
 
@@ -71,6 +71,12 @@ inline constexpr fault faults[] = {
     {"fclose-ENOSPC", call::fclose, ENOSPC, true},
     {"rename-EXDEV", call::rename, EXDEV, true},
     {"rename-ENOSPC", call::rename, ENOSPC, true},
+    {"opendir-EMFILE", call::opendir, EMFILE, true},
+    {"mkstemp-ENOSPC", call::mkstemp, ENOSPC, true},
+    {"fsync-EIO", call::fsync, EIO, true},
+    {"mkdir-ENOSPC", call::mkdir, ENOSPC, true},
+    {"pipe-EMFILE", call::pipe, EMFILE, true},
+    {"spawn-EAGAIN", call::spawn, EAGAIN, true},
 };
 // clang-format on
 

@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "tests/scenario/cert_table.h"
 #include "tests/scenario/text.h"
 
 namespace scenario {
@@ -71,6 +72,8 @@ std::vector<block> blocks_of(const string& file) {
       into = &blocks.back().lines;
     } else if (line.starts_with("-- ")) {
       into = &named[line.substr(3)];
+    } else if (!into && line.starts_with("cert ")) {
+      define_certificate(line);
     } else if (!into || (of_table && blocks.empty())) {
       throw std::runtime_error(file + ": a line in front of the first scenario");
     } else if (line.starts_with("do ")) {
@@ -249,6 +252,38 @@ class reader {
     into_.expected.lines.push_back(
         {std::stoi(words[0]), words[1], bytes(rest.substr(std::min(at, rest.size())))});
   }
+  // "PATH [mode=OCTAL] WHAT": before the call, or what is otherwise afterwards.
+  void place(string rest) {
+    const auto next_word = [&rest] {
+      std::size_t end = 0;
+      for (int braces = 0; end < rest.size() && (rest[end] != ' ' || braces > 0); ++end)
+        braces += (rest[end] == '{') - (rest[end] == '}');
+      const string word = rest.substr(0, end);
+      rest.erase(0, end + 1);
+      return word;
+    };
+    string path = bytes(next_word());
+    node one;
+    if (rest.starts_with("mode=")) one.mode = std::stoi(next_word().substr(5), nullptr, 8);
+    const std::map<string, entry> words = {{"none", entry::none}, {"any", entry::any}, {"fifo", entry::pipe}};
+    if (path.ends_with('/')) {
+      one.kind = entry::directory;
+      path.pop_back();
+    } else if (rest.starts_with("-> ")) {
+      one.kind = entry::link;
+      one.content = bytes(rest.substr(3));
+    } else if (words.contains(rest)) {
+      one.kind = words.at(rest);
+    } else {
+      one.kind = entry::file;
+      one.content = bytes(rest);
+    }
+    (into_.verb.empty() ? into_.files : into_.expected.files).emplace_back(path, one);
+  }
+  static std::pair<string, string> split(const string& rest, const string& at) {
+    const std::size_t found = rest.find(at);
+    return {rest.substr(0, found), found == string::npos ? "" : rest.substr(found + at.size())};
+  }
   // A connection without a word about its end closes behind its last step.
   void close_all() {
     for (std::size_t i = 0; i < into_.connections.size(); ++i) {
@@ -319,10 +354,16 @@ class reader {
                         for (const string& one : words_of(rest)) expected.reads->push_back(std::stoi(one)); }},
         {"header", [&] { const auto equals = rest.find(" = ");
                          expected.headers.emplace_back(rest.substr(0, equals), bytes(rest.substr(equals + 3))); }},
+        {"at", [&] { place(rest); }},
+        {"field", [&] { const auto [name, value] = split(rest, " =");
+                        expected.fields.emplace_back(name, bytes(trim(value))); }},
+        {"shows", [&] { const auto [file, text] = split(rest, " ");
+                      expected.shown.emplace_back(file, bytes(text)); }},
         {"log", [&] { log(rest); }},
     };
     // clang-format on
-    static const std::set<string> before_call = {"set", "host", "sample", "link", "sparse", "busy", "fails"};
+    static const std::set<string> before_call = {"set",    "host", "sample", "link",
+                                                 "sparse", "busy", "fails",  "at"};
     const bool is_call = into_.verb.empty() && !before_call.contains(word);
     const auto found = is_call ? known.end() : known.find(word);
     if (found != known.end()) return found->second();

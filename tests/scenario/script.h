@@ -18,6 +18,8 @@
 //   -- login ... do login                             lines that have a name of their own instead of "==", and
 //                                                     their place;  5x < NOOP  is a line five times
 //   sample 50                                          faults and offsets of this one only every 50th time; 0: none
+//   at a/b.pem mode=0640 BYTES                         a file of a certificate's story; "at a/" a directory,
+//                                                      "at a -> b" a link, "at a fifo" a pipe
 //   also tls                                           the same again as https, at port 443 instead of 80
 //   also bare                                          `get` again as `read`: by a record with the stated fields only
 //   each a b c                                         a table: {a} is replaced in every line by the cell of each row;
@@ -53,11 +55,19 @@
 //   redirect URL   status 200   last 200   end 1   left 5   header X = X: y   ring 6   as the calls tell them
 //   port 1025                   the local port of the datagrams
 //   cause 20 1 text             what dl_last_cause() tells: enum dl_cause, number and text
+//   at a/b.pem BYTES            the file is this afterwards, with the mode of before or mode=; "at a none", "at a any";
+//                               all others are as before
+//   shows a/b.pem TEXT          what OpenSSL tells of the certificate in it holds this ("with its key":
+//                               that is behind it)
+//   field NAME = TEXT           of the record that the call filled (cert_client.cpp)
 //   log 3 HTTP text             the lines of levels 0 to 3, exactly these in this order; other levels: is among them;
 //                               log any: whatever the errors
 //
+// A file's certificates are described in front of its stories (cert_table.h).
+//
 // BYTES may hold \r \n \t \s \0 \\ \xNN and {bytes N} (N bytes of generated content), {bytes N@M} (from its byte M on),
-// {repeat N TEXT}, {chunk BYTES}, {md5 TEXT}, {base64 TEXT}, {wave N}, {dir}, {got} (the local file), and for TFTP
+// {repeat N TEXT}, {chunk BYTES}, {md5 TEXT}, {base64 TEXT}, {wave N}, {dir}, {w} (of a certificate's files), {got}
+// (the local file), and for TFTP
 // {rrq NAME} {wrq NAME} {data N BYTES} {ack N} {oack NAME VALUE} {error N TEXT}.
 //
 // A new verb: a function in client.cpp and a row in its table. A new step: a word in script.cpp and its case in
@@ -72,6 +82,7 @@
 #include <vector>
 
 #include "tests/scenario/network.h"
+#include "tests/scenario/tree.h"
 
 namespace scenario {
 
@@ -117,6 +128,9 @@ struct expectation {
   std::optional<int64_t> left;
   std::optional<std::vector<int>> reads;
   std::vector<std::pair<std::string, std::string>> headers;
+  std::vector<std::pair<std::string, std::string>> fields;  // of the records that the call filled
+  std::vector<std::pair<std::string, node>> files;          // that are others afterwards
+  std::vector<std::pair<std::string, std::string>> shown;   // a file, and what OpenSSL shows of it
   std::vector<log_line> lines;
   bool any_lines = false;
 };
@@ -132,7 +146,8 @@ struct story {
   std::vector<connection> connections;
   std::vector<step> steps;
   expectation expected;
-  long sample = 1;  // of offsets and faults every so-manyth; 0: none
+  long sample = 1;                                  // of offsets and faults every so-manyth; 0: none
+  std::vector<std::pair<std::string, node>> files;  // there before the call
   std::vector<std::pair<std::string, std::string>> link_files;  // symbolic links: name, target
   std::vector<std::pair<std::string, long>> sparse_files;       // and their sizes
   int num_busy_ports = 0;

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "core/base64.h"
+#include "tests/scenario/cert_table.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wave.h"
 
@@ -72,10 +73,12 @@ string generated(const string& name, string rest, const places& where) {
   if (name == "base64") return base64(rest);
   if (name == "wave") return test::make_wave(static_cast<uint32_t>(std::stoul(rest)));
   if (name == "dir") return where.directory;
+  if (name == "w") return where.directory + "/w";
   if (name == "got") return where.local_file();
   if (name == "rrq" || name == "wrq") return request(name == "rrq" ? 1 : 2, rest);
   if (name == "oack") return oack(rest);
   const bool numbered = name == "repeat" || name == "data" || name == "ack" || name == "error";
+  if (const auto text = certificate_text(name, rest)) return *text;
   if (!numbered) throw std::runtime_error("unknown {" + name + "}");
   const int number = std::stoi(first_word(rest));
   if (name == "repeat") return repeated(number, rest);

@@ -43,14 +43,26 @@ void add_extension(X509* certificate, const char* name, const char* value) {
   require(extension && X509_add_ext(certificate, extension.get(), -1) == 1);
 }
 
-void set_name(X509_NAME* name, const std::string& common_name) {
-  const auto add = [name](const char* type, const std::string& value) {
-    require(X509_NAME_add_entry_by_txt(name, type, MBSTRING_UTF8,
-                                       reinterpret_cast<const unsigned char*>(value.data()),
-                                       static_cast<int>(value.size()), -1, 0) == 1);
-  };
-  add("O", "Test");
-  add("CN", common_name);
+void add_entry(X509_NAME* name, const std::string& element) {
+  const std::size_t equals = element.find('=');
+  require(equals != std::string::npos);
+  const std::string value = element.substr(equals + 1);
+  require(X509_NAME_add_entry_by_txt(name, element.substr(0, equals).c_str(), MBSTRING_UTF8,
+                                     reinterpret_cast<const unsigned char*>(value.data()),
+                                     static_cast<int>(value.size()), -1, 0) == 1);
+}
+
+void set_name(X509_NAME* name, const std::string& subject) {
+  std::string element;
+  for (std::size_t at = 1; at < subject.size(); ++at) {
+    if (subject[at] == '/') {
+      add_entry(name, std::exchange(element, {}));
+    } else {
+      if (subject[at] == '\\') ++at;
+      element += subject.at(at);
+    }
+  }
+  add_entry(name, element);
 }
 
 }  // namespace
@@ -67,8 +79,9 @@ identity make_identity(const std::string& common_name, std::shared_ptr<EVP_PKEY>
   static long serial = 1000;
   const std::shared_ptr<X509> certificate(X509_new(), X509_free);
   X509* x = certificate.get();
-  require(x && X509_set_version(x, 2) == 1 && ASN1_INTEGER_set(X509_get_serialNumber(x), ++serial) == 1);
-  set_name(X509_get_subject_name(x), common_name);
+  require(x && X509_set_version(x, options.version) == 1);
+  require(ASN1_INTEGER_set(X509_get_serialNumber(x), options.serial ? options.serial : ++serial) == 1);
+  set_name(X509_get_subject_name(x), options.subject.empty() ? "/O=Test/CN=" + common_name : options.subject);
   const X509_NAME* issuer = X509_get_subject_name(options.issuer ? options.issuer->certificate.get() : x);
   require(X509_set_issuer_name(x, issuer) == 1 && X509_set_pubkey(x, key.get()) == 1);
   require(X509_gmtime_adj(X509_getm_notBefore(x), options.valid_from_s) != nullptr);

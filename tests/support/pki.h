@@ -26,6 +26,9 @@ struct identity_options {
   long valid_from_s = -3600;                                         // from now
   long valid_until_s = 86400;
   const EVP_MD* digest = EVP_sha256();
+  std::string subject = {};  // "/C=DE/O=Acme"; a backslash takes the next character as it is
+  long version = 2;          // its field: one less than people say
+  long serial = 0;           // 0: the next one
 };
 
 // The extensions of a CA.

@@ -32,73 +32,6 @@ class cert_file : public cert_test {
   const std::string pem_file_ = write("ca.pem", pem_), der_file_ = write("ca.der", der_);
 };
 
-TEST_F(cert_file, told_apart_by_content) {
-  const auto format_of = [this](const std::string& content) {
-    return cert_file_format(write("file", content).c_str());
-  };
-  EXPECT_EQ(format_of(""), encoding_der);
-  EXPECT_EQ(format_of(std::string(5000, 'a') + "\nmore\n-----BEGIN X-----"), encoding_pem);
-  EXPECT_EQ(format_of(std::string(1018, 'a') + "BEGIN"), encoding_pem) << "ends a part of a line";
-  EXPECT_EQ(format_of(std::string(1019, 'a') + "BEGIN"), encoding_der) << "across two parts of a line";
-  EXPECT_EQ(cert_file_format(path("absent").c_str()), encoding_none);
-  EXPECT_EQ(cert_file_format(nullptr), encoding_none);
-}
-
-TEST_F(cert_file, der_is_replaced_by_pem_of_the_same_mode) {
-  const std::string link = path("link");
-  fs::create_symlink(der_file_, link);
-  fs::permissions(der_file_, fs::perms(0640));
-  fs::create_symlink(write("victim", "precious"), scratch);
-  const auto hash = std::stoul(openssl("x509 -noout -subject_hash -in " + pem_file_), nullptr, 16);
-  EXPECT_EQ(ca_file_hash(pem_file_.c_str()), hash);
-  EXPECT_EQ(ca_file_hash(link.c_str()), hash);
-  EXPECT_EQ(read("ca.der"), der_) << "a link is replaced, its target kept";
-  EXPECT_EQ(ca_file_hash(der_file_.c_str()), hash);
-  for (const std::string& file : {link, der_file_}) {
-    EXPECT_EQ(read_file(file), pem_);
-    EXPECT_EQ(fs::symlink_status(file).permissions(), fs::perms(0640));
-  }
-  EXPECT_EQ(read("victim"), "precious") << "a link under the scratch name is not followed";
-  EXPECT_EQ(logged(), std::vector(2, "6 convert to PEM code\n"s));
-  EXPECT_FALSE(fs::exists(scratch));
-}
-
-TEST_F(cert_file, der_that_cannot_be_replaced_stays) {
-  fs::create_directory(scratch);
-  EXPECT_EQ(ca_file_hash(der_file_.c_str()), 0u);
-  EXPECT_TRUE(was_logged("3 open file err\n")) << log();
-  fs::remove(scratch);
-
-  {
-    const full_disk disk;
-    EXPECT_EQ(ca_file_hash(der_file_.c_str()), 0u);
-  }
-  EXPECT_TRUE(was_logged("3 write scratch file errno " + std::to_string(EFBIG))) << log();
-  EXPECT_FALSE(fs::exists(scratch));
-
-  const unique_fd open_file(open(der_file_.c_str(), O_RDONLY));
-  const std::string elsewhere = "/proc/self/fd/" + std::to_string(open_file.get());  // another file system
-  EXPECT_EQ(ca_file_hash(elsewhere.c_str()), 0u);
-  EXPECT_TRUE(was_logged("3 rename errno " + std::to_string(EXDEV))) << log();
-  fs::remove(scratch);
-  EXPECT_EQ(read("ca.der"), der_);
-}
-
-// As with a /tmp in memory: the scratch file cannot be renamed across file systems.
-TEST_F(cert_file, der_on_another_file_system_is_replaced) {
-  struct stat here, there;
-  std::string file = "/dev/shm/fetchrig-test.XXXXXX";
-  const unique_fd made(mkostemp(file.data(), O_CLOEXEC));
-  if (!made || stat("/tmp", &here) != 0 || fstat(made.get(), &there) != 0 || here.st_dev == there.st_dev)
-    GTEST_SKIP() << "SKIPPED: no file system beside that of /tmp";
-  write_file(file, der_);
-  EXPECT_NE(ca_file_hash(file.c_str()), 0u) << log();
-  EXPECT_EQ(read_file(file), pem_);
-  EXPECT_EQ(fs::status(file).permissions(), fs::perms(0600));
-  EXPECT_FALSE(fs::exists(scratch));
-  fs::remove(file);
-}
-
 TEST_F(cert_file, processes_that_convert_at_once_get_their_own_certificates) {
   std::vector<pid_t> children;
   for (const std::string name : {"a", "b", "c"}) {
@@ -120,23 +53,6 @@ TEST_F(cert_file, processes_that_convert_at_once_get_their_own_certificates) {
   ASSERT_EQ(flock(folder.get(), LOCK_EX), 0);
   EXPECT_NE(ca_file_hash(der_file_.c_str()), 0u) << "a lock that never ends stops nobody";
   EXPECT_EQ(read_file(der_file_), pem_);
-}
-
-TEST_F(cert_file, files_without_a_certificate_have_no_hash) {
-  const std::string no_certificate = "3 unable to load certificate ca_file\n";
-  EXPECT_EQ(ca_file_hash(nullptr), 0u);
-  EXPECT_EQ(ca_file_hash(path("absent").c_str()), 0u);
-  EXPECT_EQ(logged(), std::vector(2, "3 Bio_new_file error ca_file\n"s));
-  EXPECT_EQ(ca_file_hash(path(".").c_str()), 0u);
-  EXPECT_TRUE(was_logged("5 path is directory, ret\n"));
-  for (const std::string& content : {""s, key_, pem_.substr(0, 200), der_.substr(0, der_.size() - 1),
-                                     "\x30\x84\xff\xff\xff\xff\x30"s, std::string(2 << 20, '\x30')}) {
-    SCOPED_TRACE(summary(content));
-    forget_log();
-    EXPECT_EQ(ca_file_hash(write("file", content).c_str()), 0u);
-    EXPECT_EQ(logged(), std::vector{no_certificate});
-    EXPECT_EQ(read("file"), content);
-  }
 }
 
 // Each of them has no end, or one that is far away.

@@ -1,0 +1,338 @@
+// cert_client.cpp: the verbs for certificates and the rules for their faults.
+#include "tests/scenario/cert_client.h"
+
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <set>
+#include <span>
+
+#include "include/fetchrig.h"
+#include "include/fetchrig_openssl.h"
+
+namespace scenario {
+namespace {
+
+using std::string;
+
+constexpr std::size_t diagnostics_limit = 10000;
+
+// What is written to a standard stream while it lives.
+class captured {
+ public:
+  explicit captured(FILE* stream)
+      : stream_(stream), saved_(dup(fileno(stream))), file_(memfd_create("captured", 0)) {
+    fflush(stream_);
+    dup2(file_, fileno(stream_));
+  }
+  string text() const {
+    fflush(stream_);
+    string bytes(diagnostics_limit + 1, '\0');
+    const ssize_t count = pread(file_, bytes.data(), bytes.size(), 0);
+    bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    return bytes;
+  }
+  ~captured() {
+    fflush(stream_);
+    dup2(saved_, fileno(stream_));
+    ::close(saved_);
+    ::close(file_);
+  }
+  captured(const captured&) = delete;
+  captured& operator=(const captured&) = delete;
+
+ private:
+  FILE* stream_;
+  int saved_;
+  int file_;
+};
+
+struct cert_call {
+  const story& told;
+  outcome& seen;
+
+  // The argument, or null where the story says so.
+  template <typename Place>
+  Place* given(const char* name, Place* place) const {
+    const char* nulls = told.argument("null");
+    return nulls && string(nulls).find(name) != string::npos ? nullptr : place;
+  }
+  const char* word(std::size_t at) const { return at < told.words.size() ? told.words[at].c_str() : nullptr; }
+  string& field(const char* name) { return seen.fields[name]; }
+  void returned(int rc) { seen.rc = seen.code = rc; }
+  void returned(int rc, const dl_result& result) {
+    seen.rc = rc;
+    seen.code = result.code;
+    seen.message = result.message;
+  }
+};
+
+void verify(cert_call& call) {
+  dl_result result = {untouched_code, ""};
+  const auto flags = static_cast<uint32_t>(call.told.number("flags", 0));
+  const int rc = made([&] {
+    return dl_cert_verify(call.word(0), call.told.argument("dir"), call.told.argument("ca"), flags,
+                          call.given("result", &result));
+  });
+  call.returned(rc, result);
+  int32_t numbers[DL_MAX_VERIFY_PROBLEMS] = {};
+  const int count = dl_cert_verify_problems(numbers, DL_MAX_VERIFY_PROBLEMS);
+  for (int i = 0; i < count; ++i) call.field("problems") += (i > 0 ? " " : "") + std::to_string(numbers[i]);
+}
+
+void tell(cert_call& call, const dl_ca_info& info) {
+  call.field("cn") = info.cn;
+  call.field("org") = info.org;
+  call.field("until") = info.not_after;
+  call.field("hash") = std::to_string(info.hash);
+  call.field("path") = info.path;
+}
+
+void info(cert_call& call) {
+  dl_ca_info record = {};
+  call.returned(made([&] { return dl_get_ca_info(call.word(0), call.given("record", &record)); }));
+  tell(call, record);
+}
+
+void own(cert_call& call) {
+  dl_ca_info record;
+  memset(&record, 'x', sizeof record);
+  call.returned(made([&] { return dl_get_ser_ca_info(call.given("record", &record)); }));
+  if (!call.told.argument("null")) tell(call, record);
+}
+
+void details(cert_call& call) {
+  dl_ca_info_ex record = {};
+  dl_result result = {untouched_code, ""};
+  const auto flags = static_cast<uint32_t>(call.told.number("flags", 0));
+  const int rc = made([&] {
+    return dl_get_ca_info_ex(call.word(0), call.given("record", &record), flags,
+                             call.given("result", &result));
+  });
+  call.returned(rc, result);
+  call.field("version") = std::to_string(record.version);
+  call.field("serial") = record.serial;
+  call.field("signature") = record.sig_alg;
+  call.field("key") = string(record.key_alg) + " " + std::to_string(record.key_bits);
+  call.field("private") = string(record.priv_alg) + " " + std::to_string(record.priv_bits);
+  call.field("issuer") = record.issuer;
+  call.field("subject") = record.subject;
+  call.field("hash") = std::to_string(record.hash);
+  call.field("from") = record.not_before;
+  call.field("until") = record.not_after;
+  call.field("extensions") = std::to_string(record.ext_count);
+}
+
+void tell_entries(cert_call& call, const std::set<string>& entries) {
+  for (const string& one : entries) call.field("entries") += one + "; ";
+  call.field("count") = std::to_string(entries.size());
+}
+
+void list(cert_call& call) {
+  dl_trust_ca_list found = {};
+  std::set<string> entries;
+  call.returned(made([&] { return dl_get_trust_ca_info(call.given("record", &found)); }));
+  for (const dl_ca_info& at : std::span(found.entries, found.count))
+    entries.insert(string(at.cn) + " " + at.path);
+  tell_entries(call, entries);
+}
+
+void list_details(cert_call& call) {
+  dl_trust_ca_list_ex found = {};
+  dl_result result = {untouched_code, ""};
+  std::set<string> entries;
+  const int rc = made(
+      [&] { return dl_get_trust_ca_info_ex(call.given("record", &found), call.given("result", &result)); });
+  call.returned(rc, result);
+  for (const dl_ca_info_ex& at : std::span(found.entries, found.count))
+    entries.insert(string(at.subject) + " " + at.path);
+  tell_entries(call, entries);
+}
+
+template <int (*function)(const char*)>
+void by_path(cert_call& call) {
+  call.returned(made([&] { return function(call.word(0)); }));
+}
+
+void drop(cert_call& call) {
+  call.returned(made([] { return dl_del_ser_ca(); }));
+}
+
+// generate CA CA-KEY KEY CERTIFICATE SUBJECT
+void generate(cert_call& call) {
+  const int bits = call.told.number("bits", 512);
+  call.returned(made([&] {
+    return dl_generate_client_cert(call.word(0), call.word(1), call.word(2), call.word(3), call.word(4),
+                                   bits);
+  }));
+}
+
+// The key of a file, or a new one.
+void key(cert_call& call) {
+  EVP_PKEY* found = nullptr;
+  int reused = 0;
+  call.returned(made([&] { return dl_cert_build_rsa_key(call.word(0), 512, &found, &reused); }));
+  call.field("reused") = std::to_string(reused);
+  EVP_PKEY_free(found);
+}
+
+struct cert_verb {
+  const char* name;
+  void (*play)(cert_call&);
+};
+constexpr cert_verb verbs[] = {{"verify", verify},
+                               {"info", info},
+                               {"details", details},
+                               {"own", own},
+                               {"list", list},
+                               {"list-details", list_details},
+                               {"install", by_path<dl_install_ca>},
+                               {"remove", by_path<dl_del_ca>},
+                               {"device", by_path<dl_install_ser_ca>},
+                               {"part", by_path<dl_install_ser_ca_separate>},
+                               {"drop", drop},
+                               {"generate", generate},
+                               {"key", key}};
+
+const cert_verb* verb_of(const story& told) {
+  const auto known = std::find_if(std::begin(verbs), std::end(verbs),
+                                  [&](const cert_verb& one) { return told.verb == one.name; });
+  return known == std::end(verbs) ? nullptr : known;
+}
+
+// What an application may have set for its own ends: children need not be waited for, new files are nobody's.
+class awkward_process {
+ public:
+  explicit awkward_process(bool wanted)
+      : children_(signal(SIGCHLD, wanted ? SIG_IGN : SIG_DFL)), mask_(umask(wanted ? 0777 : 022)) {}
+  ~awkward_process() {
+    signal(SIGCHLD, children_);
+    umask(mask_);
+  }
+
+ private:
+  sighandler_t children_;
+  mode_t mask_;
+};
+
+// What OpenSSL shows of a certificate, and whether the key behind it is its own.
+string text_of(const string& content) {
+  const std::unique_ptr<BIO, decltype(&BIO_free_all)> from(
+      BIO_new_mem_buf(content.data(), static_cast<int>(content.size())), BIO_free_all),
+      to(BIO_new(BIO_s_mem()), BIO_free_all);
+  const std::shared_ptr<X509> certificate(PEM_read_bio_X509(from.get(), nullptr, nullptr, nullptr),
+                                          X509_free);
+  const std::shared_ptr<EVP_PKEY> key(PEM_read_bio_PrivateKey(from.get(), nullptr, nullptr, nullptr),
+                                      EVP_PKEY_free);
+  if (certificate) X509_print_ex(to.get(), certificate.get(), XN_FLAG_ONELINE, 0);
+  if (certificate && key && X509_check_private_key(certificate.get(), key.get()) == 1)
+    BIO_puts(to.get(), "with its key\n");
+  ERR_clear_error();
+  char* bytes = nullptr;
+  const long length = BIO_get_mem_data(to.get(), &bytes);
+  return {bytes, static_cast<std::size_t>(length)};
+}
+
+bool is_part_of(const string& entries, const string& of) {
+  for (std::size_t at = 0, end = 0; (end = entries.find("; ", at)) != string::npos; at = end + 2)
+    if (of.find(entries.substr(at, end - at)) == string::npos) return false;
+  return true;
+}
+
+}  // namespace
+
+bool is_certificate_call(const story& told) {
+  return verb_of(told) != nullptr;
+}
+
+void play_certificate_call(const story& told, const string& directory, outcome& seen) {
+  plant(directory, told.files);
+  seen.before = look(directory);
+  const char* programs = told.argument("programs");
+  const string path = getenv("PATH");
+  if (programs) setenv("PATH", programs, 1);
+  setenv("SSL_CERT_FILE", told.argument("systems") ? told.argument("systems") : "absent", 1);
+  if (chdir(directory.c_str()) != 0) throw std::runtime_error("chdir");
+  cert_call call{told, seen};
+  {
+    const awkward_process around(told.argument("awkward") != nullptr);
+    const captured out(stdout), diagnostics(stderr);
+    verb_of(told)->play(call);
+    call.field("out") = out.text();
+    const string reasons = diagnostics.text();
+    call.field("diagnostics") = reasons.substr(0, reasons.find('\n'));
+    if (reasons.size() > diagnostics_limit) seen.broken.push_back("endless diagnostics");
+  }
+  if (chdir("..") != 0) throw std::runtime_error("chdir");
+  unsetenv("SSL_CERT_FILE");
+  setenv("PATH", path.c_str(), 1);
+  if (ERR_peek_error() != 0) seen.broken.push_back("an error is left in OpenSSL's queue");
+  ERR_clear_error();
+  seen.after = look(directory);
+}
+
+std::vector<string> broken_certificate_rules(const story& told, const outcome& whole, const outcome& seen,
+                                             const run& with) {
+  std::vector<string> broken = seen.broken;
+  // What cannot be read just now cannot be found to be there already.
+  const std::vector<log_line> reasons = whole.errors();
+  if (!reasons.empty() && (reasons.back().text.starts_with("cert file same to") ||
+                           reasons.back().text.find("has existed") != string::npos))
+    return broken;
+  tree after = seen.after;
+  if (with.what && with.what->which == call::rename)
+    after.erase("ca_tmp.crt");  // what could not be moved stays
+  tree before = seen.before;
+  for (const log_line& line : seen.errors())  // a key file without a key goes first
+    if (line.text == "prikey err,create new") before.erase(told.words.at(told.verb == "generate" ? 2 : 0));
+  const std::vector<string> damaged = damages(before, whole.after, after);
+  broken.insert(broken.end(), damaged.begin(), damaged.end());
+  const bool ok = seen.code == 0 && seen.rc == 0, whole_ok = whole.code == 0 && whole.rc == 0;
+  if (ok && !whole_ok) broken.push_back("accepts what is refused without a fault");
+  // Without memory there may be no line either, and another part of a name may stand for what could not be read.
+  const bool without_memory = with.what && with.what->which == call::memory;
+  const std::set<string> writing = {"install", "device", "part", "generate"};
+  if (ok && writing.contains(told.verb) && after != whole.after && seen.errors() == whole.errors() &&
+      !without_memory)
+    broken.push_back("a failure is not told");
+  const bool verifies = told.verb == "verify";
+  if (seen.code < (verifies ? 0 : -8) || seen.code > (verifies ? DL_VERIFY_OTHER : 2))
+    broken.push_back("a code that is none");
+  for (const auto& [name, value] : seen.fields) {
+    const auto told_without = whole.fields.find(name);
+    const string all = told_without == whole.fields.end() ? "" : told_without->second;
+    const bool missing = value.empty() || value == "0" || value.ends_with(" 0");
+    const bool part = name == "entries" ? is_part_of(value, all) : missing || value == all;
+    const bool free = (without_memory && (name == "issuer" || name == "subject")) || name == "diagnostics" ||
+                      name == "problems" || name == "count" || !ok ||
+                      (name == "entries" && whole.fields.at("count") == "10");  // another one takes the place
+    if (!part && !free) broken.push_back("another " + name + ": " + value);
+  }
+  return broken;
+}
+
+std::vector<string> unshown(const story& told, const outcome& seen) {
+  std::vector<string> found = differences(seen.before, told.expected.files, seen.after);
+  for (const auto& [path, text] : told.expected.shown) {
+    const auto at = seen.after.find(path);
+    const string shown = at == seen.after.end() ? "" : text_of(at->second.content);
+    if (shown.find(text) == string::npos)
+      found.push_back(path + " does not show " + text + ":\n" + shown.substr(0, 500));
+  }
+  for (const auto& [name, value] : told.expected.fields) {
+    const auto at = seen.fields.find(name);
+    const string actual = at == seen.fields.end() ? "none" : at->second;
+    if (actual != value) found.push_back(name + ": expected \"" + value + "\", got \"" + actual + "\"");
+  }
+  return found;
+}
+
+}  // namespace scenario

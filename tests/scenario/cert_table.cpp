@@ -1,0 +1,90 @@
+// cert_table.cpp: makes certificates from their descriptions.
+#include "tests/scenario/cert_table.h"
+
+#include <openssl/bio.h>
+#include <openssl/pem.h>
+
+#include <algorithm>
+#include <map>
+#include <stdexcept>
+
+#include "tests/scenario/text.h"
+#include "tests/support/pki.h"
+
+namespace scenario {
+namespace {
+
+using std::string;
+
+std::map<string, std::vector<string>> descriptions;
+std::map<string, test::identity> made;
+
+std::shared_ptr<EVP_PKEY> new_key(const string& kind) {
+  if (kind.starts_with("rsa")) return test::new_rsa_key(static_cast<unsigned>(std::stoul(kind.substr(3))));
+  if (kind == "ed25519") return {EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"), EVP_PKEY_free};
+  return {EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", kind.c_str()), EVP_PKEY_free};
+}
+
+const test::identity& identity_of(const string& name) {
+  if (const auto known = made.find(name); known != made.end()) return known->second;
+  const auto found = descriptions.find(name);
+  if (found == descriptions.end()) throw std::runtime_error("unknown certificate " + name);
+  constexpr long day_s = 86400;
+  test::identity_options options = {.valid_from_s = -day_s, .valid_until_s = 365 * day_s};
+  string key = "P-256";
+  for (const string& word : found->second) {
+    const string what = word.substr(0, word.find('=')), value = word.substr(word.find('=') + 1);
+    if (what == "by") options.issuer = &identity_of(value);
+    if (what == "ca") options.extensions = test::ca_extensions;
+    if (what == "from") options.valid_from_s = std::stol(value) * day_s;
+    if (what == "until") options.valid_until_s = std::stol(value) * day_s;
+    if (what == "key") key = value;
+    if (what == "md") options.digest = value == "none" ? nullptr : EVP_get_digestbyname(value.c_str());
+    if (what == "subject") options.subject = bytes_of(value, {});
+    if (what == "version") options.version = std::stol(value) - 1;
+    if (what == "serial") options.serial = std::stol(value);
+  }
+  return made.emplace(name, test::make_identity(name, new_key(key), options)).first->second;
+}
+
+string locked_der(const EVP_PKEY* key, const string& passphrase) {
+  const std::unique_ptr<BIO, decltype(&BIO_free_all)> to(BIO_new(BIO_s_mem()), BIO_free_all);
+  i2d_PKCS8PrivateKey_bio(to.get(), key, EVP_aes_128_cbc(), passphrase.data(),
+                          static_cast<int>(passphrase.size()), nullptr, nullptr);
+  char* bytes = nullptr;
+  const long length = BIO_get_mem_data(to.get(), &bytes);
+  return {bytes, static_cast<std::size_t>(length)};
+}
+
+string text_of(const string& word, const std::vector<string>& words) {
+  const test::identity& who = identity_of(words.at(0));
+  if (word == "cert") return test::pem_of(who);
+  if (word == "der") return test::der_of(who);
+  if (word == "key") return test::pem_of(who.key.get());
+  if (word == "derkey") return test::der_of(who.key.get());
+  if (word == "locked") return test::pem_of(who.key.get(), words.at(1).c_str());
+  if (word == "lockedder") return locked_der(who.key.get(), words.at(1));
+  if (word == "crl") return test::crl_pem_of(who);
+  return test::hash_name_of(who).substr(0, 8);
+}
+
+}  // namespace
+
+void define_certificate(const string& line) {
+  std::vector<string> words = words_of(line);
+  const string name = words.at(1);
+  words.erase(words.begin(), words.begin() + 2);
+  descriptions[name] = words;
+}
+
+std::optional<string> certificate_text(const string& word, const string& rest) {
+  static const std::vector<string> known = {"cert",   "der",       "key", "derkey",
+                                            "locked", "lockedder", "crl", "hash"};
+  if (std::find(known.begin(), known.end(), word) == known.end()) return std::nullopt;
+  static std::map<string, string> texts;  // an encrypted key is another each time it is made
+  const auto [found, is_new] = texts.try_emplace(word + " " + rest);
+  if (is_new) found->second = text_of(word, words_of(rest));
+  return found->second;
+}
+
+}  // namespace scenario

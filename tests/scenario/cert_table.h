@@ -1,0 +1,22 @@
+// cert_table.h: the certificates that scenarios speak of. A line in front of a file's scenarios describes each:
+//
+//   cert NAME by=CA ca from=DAYS until=DAYS key=rsa2048 md=md5 subject=/O=x/CN=y version=1 serial=7
+//
+// Without anything else it is self-signed, P-256 and SHA-256, of "/O=Test/CN=NAME", from yesterday to next year. It is
+// made when it is first used and stays the same for the whole program.
+#ifndef FETCHRIG_TESTS_SCENARIO_CERT_TABLE_H
+#define FETCHRIG_TESTS_SCENARIO_CERT_TABLE_H
+
+#include <optional>
+#include <string>
+
+namespace scenario {
+
+void define_certificate(const std::string& line);
+
+// {cert NAME} and {der NAME}, {key NAME} and {derkey NAME}, {locked NAME PASSPHRASE} and
+// {lockedder NAME PASSPHRASE} (the encrypted key), {crl NAME}, {hash NAME} (eight digits); nothing: no such word.
+std::optional<std::string> certificate_text(const std::string& word, const std::string& rest);
+
+}  // namespace scenario
+#endif
