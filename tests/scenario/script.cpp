@@ -310,7 +310,7 @@ class reader {
         {"link", [&] { const auto words = words_of(rest);
                        into_.link_files.emplace_back(words.at(0), words.at(1)); }},
         {"sparse", [&] { const auto words = words_of(rest);
-                         into_.sparse_files.emplace_back(words.at(0), std::stol(words.at(1))); }},
+                         into_.sparse_files.emplace_back(words.at(0), std::stoll(words.at(1))); }},
         {"fails", [&] { const auto words = words_of(rest);
                         into_.fault = words.at(0);
                         into_.fault_at = std::stol(words.at(1));
