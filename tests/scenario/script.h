@@ -149,7 +149,7 @@ struct story {
   long sample = 1;                                  // of offsets and faults every so-manyth; 0: none
   std::vector<std::pair<std::string, node>> files;  // there before the call
   std::vector<std::pair<std::string, std::string>> link_files;  // symbolic links: name, target
-  std::vector<std::pair<std::string, int64_t>> sparse_files;       // and their sizes
+  std::vector<std::pair<std::string, int64_t>> sparse_files;    // and their sizes
   int num_busy_ports = 0;
   std::string fault;  // of its own
   long fault_at = 0;
