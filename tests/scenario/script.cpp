@@ -338,7 +338,10 @@ class reader {
         {"serve", [&] { blocks(true, rest); }},
         {"take", [&] { blocks(false, rest); }},
         {"=", [&] { result(rest); }},
-        {"file", [&] { expected.file = rest == "none" || rest == "kept" || rest == "special" ? rest : "=" + bytes(rest); }},
+        {"file", [&] {
+           const bool is_word = rest == "none" || rest == "kept" || rest == "special";
+           expected.file = is_word ? rest : "=" + bytes(rest);
+         }},
         {"body", [&] { expected.body = bytes(rest); }},
         {"rest", [&] { expected.rest = bytes(rest); }},
         {"last", [&] { expected.last_status = std::stoi(rest); }},
