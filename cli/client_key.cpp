@@ -14,7 +14,7 @@ unique_pkey der_key(const std::string& content) {
 }
 
 std::string why_unusable(const std::string& content) {
-  if (const std::string locked = locked_key_words(content); !locked.empty()) return locked;
+  if (std::string locked = locked_key_words(content); !locked.empty()) return locked;
   if (der_key(content)) return "its private key is in DER, and only PEM can be used";
   return "it holds no private key that can be read";
 }
