@@ -5,6 +5,7 @@
 #include <stdint.h>
 #include <stdio.h>
 
+#include <new>
 #include <string_view>
 
 #include "core/asn1_bytes.h"
@@ -124,9 +125,12 @@ void asn1_serial_to_text(const ASN1_INTEGER* serial, std::span<char> text) {
 // can look like the start of another element.
 std::optional<std::string> name_element(const X509_NAME* name, int nid) {
   const int at = X509_NAME_get_index_by_NID(name, nid, -1);
-  const unique_x509_name alone(at < 0 ? nullptr : X509_NAME_new());
-  if (!alone || X509_NAME_add_entry(alone.get(), X509_NAME_get_entry(name, at), -1, 0) != 1) return {};
+  if (at < 0) return std::nullopt;
+  const unique_x509_name alone(X509_NAME_new());
+  const X509_NAME_ENTRY* entry = X509_NAME_get_entry(name, at);
+  if (!alone || X509_NAME_add_entry(alone.get(), entry, -1, 0) != 1) throw std::bad_alloc();
   const unique_openssl_text line(X509_NAME_oneline(alone.get(), nullptr, 0));
+  if (!line) throw std::bad_alloc();
   cursor in(or_empty(line.get()));
   if (!in.take_until('=')) return std::nullopt;
   return shown_value(in.rest());

@@ -113,10 +113,12 @@ int generate_client_cert(const char* ca_cert, const char* ca_key, const char* ke
 
   const unique_bio text = pem_text(certificate.get(), device.key.get());
   if (!text) return -1;
-  // A failure is in the log and changes nothing below.
+  // A failure is in the log and changes nothing below; nor does one without memory.
   (void)write_private_file(cert_path, text_of(text.get()), at_link::replace_link);
-  if (!device.reused)
-    guarded([&] { (void)write_key(key_path, device.key.get()); });  // nor does one without memory
+  const auto no_memory = [] {
+    log_line(DL_LOG_CMN, DL_LOG_ERROR, "Out of memory, no key file is written\n");
+  };
+  if (!device.reused) guarded([&] { (void)write_key(key_path, device.key.get()); }, no_memory);
   return 0;
 }
 

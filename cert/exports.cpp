@@ -38,6 +38,12 @@ int certificate_operation(int out_of_memory, Work&& work) {
   return guarded(work, [out_of_memory] { return out_of_memory; });
 }
 
+// The calls that remove return 0 whatever happens: only the log and the cause tell that nothing was done.
+void removal_ran_out_of_memory() {
+  note_cause(DL_CAUSE_COMMAND, -1);
+  log_line(DL_LOG_CMN, DL_LOG_ERROR, "Out of memory, nothing is removed\n");
+}
+
 int refuse_parameter() {
   return log_and_return(DL_LOG_CMN, -1, "Invalid Parameter\n");
 }
@@ -86,7 +92,7 @@ int dl_install_ca(const char* path) {
 int dl_del_ca(const char* path) {
   if (!path) return 0;
   const certificate_call call;
-  guarded([&] { remove_ca(path); });
+  guarded([&] { remove_ca(path); }, removal_ran_out_of_memory);
   return 0;
 }
 
@@ -101,7 +107,7 @@ int dl_install_ser_ca_separate(const char* path) {
 
 int dl_del_ser_ca(void) {
   clear_cause();
-  guarded([] { remove_device_cert(); });
+  guarded([] { remove_device_cert(); }, removal_ran_out_of_memory);
   return 0;
 }
 

@@ -23,6 +23,7 @@
 
 #include "tests/scenario/faults.h"
 #include "tests/scenario/network.h"
+#include "tests/support/libc_memory.h"
 
 namespace scenario {
 
@@ -134,18 +135,7 @@ int look_up(const char* name, const addrinfo* hints, addrinfo** list) {
 
 using namespace scenario;
 
-#define REPLACED __attribute__((visibility("default")))
-
 extern "C" {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define REAL(name) __interceptor_##name
-#else
-#define REAL(name) __libc_##name
-#endif
-void* REAL(malloc)(size_t);
-void* REAL(calloc)(size_t, size_t);
-void* REAL(realloc)(void*, size_t);
-
 REPLACED EARLY void* malloc(size_t size) noexcept {
   return strikes(call::memory) ? nullptr : REAL(malloc)(size);
 }

@@ -11,6 +11,7 @@
 #include "include/fetchrig_openssl.h"
 #include "tests/support/fed_socket.h"
 #include "tests/support/http_fixture.h"
+#include "tests/support/libc_memory.h"
 #include "tests/support/pki.h"
 #include "tests/support/wave.h"
 
@@ -55,18 +56,7 @@ Function* next(const char* name) {
 
 }  // namespace
 
-#define REPLACED __attribute__((visibility("default")))
-
 extern "C" {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define REAL(name) __interceptor_##name
-#else
-#define REAL(name) __libc_##name
-#endif
-void* REAL(malloc)(size_t);
-void* REAL(calloc)(size_t, size_t);
-void* REAL(realloc)(void*, size_t);
-
 REPLACED void* malloc(size_t size) noexcept {
   return strikes(target::memory) ? nullptr : REAL(malloc)(size);
 }
