@@ -25,17 +25,11 @@ struct run {
 };
 
 struct outcome {
-  int rc = 0;
-  int code = 0;
-  std::string message, redirect, body, rest;
+  int rc = 0, code = 0, read_code = 0;
+  std::string message, body;
   std::optional<std::string> file;
-  std::string cause;  // its numbers and its text
-  std::vector<int> reads;
-  int read_code = 0;
-  int status = 0, last_status = 0, end = 0, ring = 0, port = 0;
-  int64_t left = 0;
-  std::vector<std::pair<std::string, std::string>> headers;
-  std::map<std::string, std::string> fields;  // of records
+  facts told;    // by the words that stories have for it
+  facts fields;  // of records
   tree before, after;
   std::vector<log_line> lines;        // of every level
   std::vector<std::string> problems;  // of the conversation

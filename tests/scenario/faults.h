@@ -17,68 +17,52 @@ enum class call {
 };
 // clang-format on
 
-constexpr int short_count = -1000;  // instead of an error: one byte is moved
+constexpr int shortened = -1000;  // instead of an error: one byte is moved
 
 struct fault {
-  const char* name;
+  const char* name;  // "send-EPIPE"
   call which;
-  int error;  // errno, or short_count; of getaddrinfo its own code
-  bool may_last;
-  bool harmless = false;  // nothing may come of it
+  int error;  // errno, or shortened; of getaddrinfo its own code
+
+  bool may_last() const { return error != EINTR && error != EAGAIN; }
+  // Nothing may come of it. A datagram that cannot be sent whole is an error, one that cannot be received was damaged.
+  bool harmless() const {
+    return !may_last() || (error == shortened && which != call::sendto) || error == EINVAL;
+  }
 };
 
+#define FAULT(which, error) \
+  { #which "-" #error, call::which, error }
 // clang-format off
 inline constexpr fault faults[] = {
-    {"memory", call::memory, ENOMEM, true},
-    {"socket-EMFILE", call::socket, EMFILE, true},
-    {"connect-ECONNREFUSED", call::connect, ECONNREFUSED, true},
-    {"connect-ETIMEDOUT", call::connect, ETIMEDOUT, true},
-    {"bind-EADDRINUSE", call::bind, EADDRINUSE, true},
-    {"getaddrinfo-EAI_AGAIN", call::getaddrinfo, EAI_AGAIN, true},
-    {"getaddrinfo-EAI_MEMORY", call::getaddrinfo, EAI_MEMORY, true},
-    {"send-EPIPE", call::send, EPIPE, true},
-    {"send-EINTR", call::send, EINTR, false, true},
-    {"send-short", call::send, short_count, true, true},
-    {"recv-ECONNRESET", call::recv, ECONNRESET, true},
-    {"recv-EINTR", call::recv, EINTR, false, true},
-    {"recv-short", call::recv, short_count, true, true},
-    {"sendto-ENETUNREACH", call::sendto, ENETUNREACH, true},
-    {"sendto-EINTR", call::sendto, EINTR, false, true},
-    {"sendto-short", call::sendto, short_count, true},
-    {"recvfrom-ECONNREFUSED", call::recvfrom, ECONNREFUSED, true},
-    {"recvfrom-EAGAIN", call::recvfrom, EAGAIN, false, true},  // the datagram was damaged
-    {"recvfrom-EINTR", call::recvfrom, EINTR, false, true},
-    {"poll-EINTR", call::poll, EINTR, false, true},
-    {"poll-ENOMEM", call::poll, ENOMEM, true},
-    {"sendfile-EINVAL", call::sendfile, EINVAL, true, true},
-    {"sendfile-EINTR", call::sendfile, EINTR, false, true},
-    {"sendfile-EPIPE", call::sendfile, EPIPE, true},
-    {"sendfile-short", call::sendfile, short_count, true, true},
-    {"open-EACCES", call::open, EACCES, true},
-    {"open-EMFILE", call::open, EMFILE, true},
-    {"open-ENOSPC", call::open, ENOSPC, true},
-    {"fopen-EACCES", call::fopen, EACCES, true},
-    {"fopen-EMFILE", call::fopen, EMFILE, true},
-    {"fdopen-ENOMEM", call::fdopen, ENOMEM, true},
-    {"read-EIO", call::read, EIO, true},
-    {"read-EINTR", call::read, EINTR, false, true},
-    {"read-short", call::read, short_count, true, true},
-    {"write-ENOSPC", call::write, ENOSPC, true},
-    {"write-EIO", call::write, EIO, true},
-    {"write-EINTR", call::write, EINTR, false, true},
-    {"write-short", call::write, short_count, true, true},
-    {"close-EIO", call::close, EIO, true},
-    {"fclose-ENOSPC", call::fclose, ENOSPC, true},
-    {"rename-EXDEV", call::rename, EXDEV, true},
-    {"rename-ENOSPC", call::rename, ENOSPC, true},
-    {"opendir-EMFILE", call::opendir, EMFILE, true},
-    {"mkstemp-ENOSPC", call::mkstemp, ENOSPC, true},
-    {"fsync-EIO", call::fsync, EIO, true},
-    {"mkdir-ENOSPC", call::mkdir, ENOSPC, true},
-    {"pipe-EMFILE", call::pipe, EMFILE, true},
-    {"spawn-EAGAIN", call::spawn, EAGAIN, true},
+    FAULT(memory, ENOMEM),
+    FAULT(socket, EMFILE),
+    FAULT(connect, ECONNREFUSED), FAULT(connect, ETIMEDOUT),
+    FAULT(bind, EADDRINUSE),
+    FAULT(getaddrinfo, EAI_AGAIN), FAULT(getaddrinfo, EAI_MEMORY),
+    FAULT(send, EPIPE), FAULT(send, EINTR), FAULT(send, shortened),
+    FAULT(recv, ECONNRESET), FAULT(recv, EINTR), FAULT(recv, shortened),
+    FAULT(sendto, ENETUNREACH), FAULT(sendto, EINTR), FAULT(sendto, shortened),
+    FAULT(poll, EINTR), FAULT(poll, ENOMEM),
+    FAULT(recvfrom, ECONNREFUSED), FAULT(recvfrom, EAGAIN), FAULT(recvfrom, EINTR),
+    FAULT(sendfile, EINVAL), FAULT(sendfile, EINTR), FAULT(sendfile, EPIPE), FAULT(sendfile, shortened),
+    FAULT(open, EACCES), FAULT(open, EMFILE), FAULT(open, ENOSPC),
+    FAULT(fopen, EACCES), FAULT(fopen, EMFILE),
+    FAULT(fdopen, ENOMEM),
+    FAULT(read, EIO), FAULT(read, EINTR), FAULT(read, shortened),
+    FAULT(write, ENOSPC), FAULT(write, EIO), FAULT(write, EINTR), FAULT(write, shortened),
+    FAULT(close, EIO),
+    FAULT(fclose, ENOSPC),
+    FAULT(rename, EXDEV), FAULT(rename, ENOSPC),
+    FAULT(opendir, EMFILE),
+    FAULT(mkstemp, ENOSPC),
+    FAULT(fsync, EIO),
+    FAULT(mkdir, ENOSPC),
+    FAULT(pipe, EMFILE),
+    FAULT(spawn, EAGAIN),
 };
 // clang-format on
+#undef FAULT
 
 // The run at work.
 struct fault_plan {

@@ -62,7 +62,8 @@ std::vector<string> broken_rules(const story& told, const outcome& whole, const 
   rule(ring || seen.rc == 0 || seen.rc == -1, "a return value that is none");
   const bool whole_ok = whole.rc >= 0 && whole.code == 0, ok = seen.rc >= 0 && seen.code == 0;
   rule(whole_ok || !ok || early, "accepts what is refused without a fault");
-  const bool kept = seen.file && told.old_content() && *seen.file == told.old_content();
+  const auto old = told.arguments.find("old");
+  const bool kept = seen.file && old != told.arguments.end() && *seen.file == old->second;
   const bool part = seen.file && (!whole.file || whole.file->starts_with(*seen.file));
   rule(!seen.file || kept || seen.file == whole.file || (early && part), "a partial file");
   rule(!ok || !whole_ok || ring || seen.file == whole.file || (early && part), "success with another file");
@@ -90,74 +91,60 @@ std::vector<string> differences(const story& told, const outcome& seen) {
   return found;
 }
 
-const char* name_of(cut how) {
-  return how == cut::end ? "cut" : "reset";
-}
-
 }  // namespace
 
-bool player::takes(const story& told, const string& mode, long n, long count) {
-  if (!chosen_.mode.empty() && chosen_.mode != mode) return false;
-  // A certificate's run takes long, and there are many alike: of a sample not every mode is in every story.
-  const bool is_heavy = is_certificate_call(told) && chosen_.every > 1;
-  const long asked = chosen_.every * std::max<long>(told.sample, 1);
-  const long stride = is_heavy ? asked * 20 : std::clamp<long>(count / least_runs, 1, asked);
-  const long offset = static_cast<long>(std::hash<string>()(told.name + mode) % 997);
-  if (chosen_.n > 0 ? chosen_.n != n : (n + offset) % stride != 0) return false;
-  playing_ = told.name + ": --mode " + mode + " --n " + std::to_string(n);
-  snprintf(now_playing, sizeof now_playing, "%s\n", playing_.c_str());
+void player::begin(const string& name) {
+  playing_ = name;
+  snprintf(now_playing, sizeof now_playing, "%s\n", name.c_str());
   alarm(run_limit_s);
-  return true;
 }
 
-void player::report(const std::vector<string>& found) {
+template <typename With>
+void player::play_chosen(const story& told, const string& mode, long count, long& struck, With with) {
+  if (!chosen_.mode.empty() && chosen_.mode != mode) return;
+  // A certificate's run takes long, and there are many alike: of a sample not every mode is in every story.
+  const bool is_heavy = is_certificate_call(told) && chosen_.every > 1;
+  const long asked = chosen_.every * told.sample;
+  const long stride = is_heavy ? asked * 20 : std::clamp<long>(count / least_runs, 1, asked);
+  const long offset = static_cast<long>(std::hash<string>()(told.name + mode) % 997);
+  for (long n = 1; n <= count; ++n) {
+    if (chosen_.n > 0 ? chosen_.n != n : (n + offset) % stride != 0) continue;
+    begin(told.name + ": --mode " + mode + " --n " + std::to_string(n));
+    struck += check(told, with(n)).struck;
+  }
+}
+
+void player::report(const std::vector<string>& found, const outcome& seen) {
   if (found.empty()) return;
   ++tally_.failures;
   printf("FAILED %s\n", playing_.c_str());
   for (const string& one : found) printf("  %s\n", one.c_str());
+  printf("came to %d, code %d, read %d, after %ld waits; log:\n", seen.rc, seen.code, seen.read_code,
+         seen.num_waits);
+  for (const log_line& line : seen.lines)
+    printf("  %d %s %s\n", line.level, line.module.c_str(), line.text.c_str());
   fflush(stdout);
 }
 
-void player::check(const story& told, const run& with, long& struck, bool harmless) {
-  const outcome seen = stage_.play(told, with);
+outcome player::check(const story& told, const run& with) {
+  outcome seen = stage_.play(told, with);
   ++tally_.runs;
-  struck += seen.struck;
   // A fault that never came changes nothing either.
-  std::vector<string> found =
-      harmless || !seen.struck ? differences(told, seen) : broken_rules(told, whole_, seen, with);
-  if (found.empty()) return;
-  found.push_back("came to " + std::to_string(seen.rc) + ", code " + std::to_string(seen.code) + ", read " +
-                  std::to_string(seen.read_code) + ", after " + std::to_string(seen.num_waits) +
-                  " waits; log:");
-  for (const log_line& line : seen.lines)
-    if (chosen_.tells || line.level <= 4) found.push_back("  " + line.module + " " + line.text);
-  report(found);
+  const bool changes = seen.struck && !(with.what && with.what->harmless());
+  report(changes ? broken_rules(told, whole_, seen, with) : differences(told, seen), seen);
+  return seen;
 }
 
 bool player::play_whole(const story& told) {
   const long failures = tally_.failures;
-  long ignored = 0;
-  const std::pair<const char*, delivery> ways[] = {
-      {"as-sent", delivery::as_sent}, {"bytes", delivery::byte_by_byte}, {"glued", delivery::glued}};
+  begin(told.name + ": --mode as-sent");
+  whole_ = check(told, {});
+  const std::pair<const char*, delivery> ways[] = {{"bytes", delivery::byte_by_byte},
+                                                   {"glued", delivery::glued}};
   for (const auto& [mode, pieces] : ways) {
-    const string wanted = std::exchange(chosen_.mode, "");
-    const bool first = pieces == delivery::as_sent;
-    if (first) {  // the measure of all others
-      takes(told, mode, chosen_.n, 1);
-      whole_ = stage_.play(told, {});
-      ++tally_.runs;
-      std::vector<string> found = complaints(told, whole_);
-      found.insert(found.end(), whole_.broken.begin(), whole_.broken.end());
-      for (const log_line& line : whole_.lines)
-        if (!found.empty())
-          found.push_back("  " + std::to_string(line.level) + " " + line.module + " " + line.text);
-      report(found);
-    }
-    chosen_.mode = wanted;
-    const bool chosen = wanted.empty() || wanted == mode;
-    if (first || !chosen || is_certificate_call(told)) continue;
-    playing_ = told.name + ": --mode " + mode;
-    check(told, {.network = {.pieces = pieces}}, ignored, true);
+    if (is_certificate_call(told) || (!chosen_.mode.empty() && chosen_.mode != mode)) continue;
+    begin(told.name + ": --mode " + mode);
+    check(told, {.network = {.pieces = pieces}});
   }
   return failures == tally_.failures;
 }
@@ -167,37 +154,31 @@ void player::cut_everywhere(const story& told) {
     for (const bool up : {false, true}) {
       const auto size = static_cast<long>(up ? whole_.links[i]->num_up : whole_.links[i]->num_down);
       for (const cut how : {cut::end, cut::reset}) {
-        const string mode = string(name_of(how)) + "-" + std::to_string(i) + (up ? "-up" : "-down");
-        for (long n = 1; n <= size; ++n) {
-          if (!takes(told, mode, n, size)) continue;
-          const run with = {
-              .network = {
-                  .how = how, .cut_link = i, .cut_up = up, .cut_at = static_cast<std::size_t>(n - 1)}};
-          check(told, with, tally_.offsets, false);
-        }
+        const string mode =
+            (how == cut::end ? "cut-" : "reset-") + std::to_string(i) + (up ? "-up" : "-down");
+        play_chosen(told, mode, size, tally_.offsets, [&](long n) {
+          return run{.network = {
+                         .how = how, .cut_link = i, .cut_up = up, .cut_at = static_cast<std::size_t>(n - 1)}};
+        });
       }
     }
   }
 }
 
 void player::fall_silent(const story& told) {
-  for (long n = 1; n <= whole_.num_waits; ++n) {
-    if (takes(told, "silent", n, whole_.num_waits))
-      check(told, {.network = {.silent_from = n}}, tally_.waits, false);
-  }
+  play_chosen(told, "silent", whole_.num_waits, tally_.waits,
+              [](long n) { return run{.network = {.silent_from = n}}; });
 }
 
 void player::fail_each_call(const story& told) {
   for (const fault& one : faults) {
+    const string name = one.name;
     for (const bool lasting : {false, true}) {
-      if (lasting && !one.may_last) continue;
-      const string mode = string(one.name) + (lasting ? "-lasting" : "");
-      const long count = whole_.counts[static_cast<std::size_t>(one.which)];
-      for (long n = 1; n <= count; ++n) {
-        if (takes(told, mode, n, count))
-          check(told, {.network = {}, .what = &one, .lasting = lasting, .nth = n}, tally_.faults,
-                one.harmless);
-      }
+      if (lasting && !one.may_last()) continue;
+      play_chosen(told, name + (lasting ? "-lasting" : ""),
+                  whole_.counts[static_cast<std::size_t>(one.which)],
+                  tally_.faults[name.substr(0, name.find('-'))],
+                  [&](long n) { return run{.network = {}, .what = &one, .lasting = lasting, .nth = n}; });
     }
   }
 }
@@ -215,7 +196,7 @@ void player::play(const story& told) {
   alarm(0);
 #if defined(__SANITIZE_ADDRESS__)
   playing_ = told.name;
-  if (__lsan_do_recoverable_leak_check() != 0) report({"leaks memory"});
+  if (__lsan_do_recoverable_leak_check() != 0) report({"leaks memory"}, whole_);
 #endif
 }
 

@@ -3,6 +3,7 @@
 #ifndef FETCHRIG_TESTS_SCENARIO_MODES_H
 #define FETCHRIG_TESTS_SCENARIO_MODES_H
 
+#include <map>
 #include <string>
 
 #include "tests/scenario/client.h"
@@ -14,12 +15,12 @@ struct selection {
   long every = 1;    // of faults, offsets and waits this one and no others
   std::string only;  // part of a story's name
   std::string mode;  // "" for all
-  long n = 0;        // 0: all
-  bool tells = false;
+  long n = 0;        // of a mode; 0: all
 };
 
 struct tally {
-  long stories = 0, runs = 0, faults = 0, offsets = 0, waits = 0, failures = 0;
+  long stories = 0, runs = 0, offsets = 0, waits = 0, failures = 0;
+  std::map<std::string, long> faults = {};  // injected, by the call that failed
 };
 
 class player {
@@ -33,10 +34,14 @@ class player {
   void cut_everywhere(const story& told);
   void fall_silent(const story& told);
   void fail_each_call(const story& told);
-  // Whether the n-th of `count` runs of the mode is to be played; sets the watchdog.
-  bool takes(const story& told, const std::string& mode, long n, long count);
-  void check(const story& told, const run& with, long& struck, bool harmless);
-  void report(const std::vector<std::string>& found);
+  // Plays those of the `count` runs of a mode that are chosen; `with(n)` is the n-th, from 1 on. Counts those in which
+  // what it was to suffer came.
+  template <typename With>
+  void play_chosen(const story& told, const std::string& mode, long count, long& struck, With with);
+  // Sets the watchdog.
+  void begin(const std::string& name);
+  outcome check(const story& told, const run& with);
+  void report(const std::vector<std::string>& found, const outcome& seen);
 
   stage& stage_;
   selection chosen_;

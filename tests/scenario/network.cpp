@@ -261,7 +261,7 @@ ssize_t network::send(int fd, const char* from, std::size_t count, int flags) {
     return fails(EAGAIN);
   }
   const std::size_t taken = std::min(count, send_room - held);
-  join(*way, way->in_flight, {std::string(from, taken), 0});
+  join(*way, way->in_flight, {std::string(from, taken)});
   if (with_.pieces == delivery::glued) move();
   return static_cast<ssize_t>(taken);
 }
@@ -269,7 +269,7 @@ ssize_t network::send(int fd, const char* from, std::size_t count, int flags) {
 ssize_t network::send_to(int fd, const char* from, std::size_t count, const endpoint& to) {
   socket_state& socket = at(fd);
   if (!socket.way && !silent_) attach(socket, to);
-  if (socket.way && !silent_) socket.way->in_flight.push_back({std::string(from, count), to.port});
+  if (socket.way && !silent_) socket.way->in_flight.push_back({std::string(from, count), to});
   if (with_.pieces == delivery::glued) move();
   return static_cast<ssize_t>(count);
 }
@@ -291,7 +291,7 @@ ssize_t network::receive(int fd, char* to, std::size_t count, int flags, endpoin
   packet& first = way->arrived.front();
   const std::size_t taken = std::min(count, first.bytes.size());
   first.bytes.copy(to, taken);
-  if (sender) *sender = {way->server.address, first.port};
+  if (sender) *sender = first.other;
   if (flags & MSG_PEEK) return static_cast<ssize_t>(taken);
   first.bytes.erase(0, taken);
   if (first.bytes.empty() || way->datagrams) way->arrived.pop_front();
@@ -301,19 +301,6 @@ ssize_t network::receive(int fd, char* to, std::size_t count, int flags, endpoin
 int network::pending_error(int fd) {
   const auto& way = at(fd).way;
   return way ? std::exchange(way->error, 0) : 0;
-}
-
-endpoint network::peer_of(int fd) const {
-  return at(fd).way ? at(fd).way->server : endpoint{};
-}
-int network::type_of(int fd) const {
-  return at(fd).type;
-}
-int64_t& network::send_limit_us(int fd) {
-  return at(fd).send_limit_us;
-}
-int& network::status_flags(int fd) {
-  return at(fd).status_flags;
 }
 
 }  // namespace scenario

@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <stdint.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <deque>
 #include <map>
@@ -24,10 +25,10 @@ struct endpoint {
   bool operator==(const endpoint&) const = default;
 };
 
-// A piece of a stream, or a datagram with the peer's port.
+// A piece of a stream, or a datagram with the other side's address.
 struct packet {
   std::string bytes;
-  int port = 0;
+  endpoint other = {};
   std::size_t taken = 0;  // bytes at its front that have arrived already
 };
 
@@ -98,6 +99,16 @@ class network {
   int num_busy_ports = 0;   // so many more are taken
   int bound_port = 0;       // the last one
 
+  struct socket_state {
+    int family = 0;
+    int type = 0;
+    int status_flags = 0;
+    timeval send_limit = {};
+    bool connecting = false;
+    bool aborts = false;  // when it is closed
+    std::shared_ptr<scenario::link> way;
+  };
+  socket_state& at(int fd) const { return *sockets_.at(fd); }
   bool owns(int fd) const { return sockets_.contains(fd); }
   std::size_t num_open() const { return sockets_.size(); }
   int socket(int family, int type);
@@ -110,23 +121,8 @@ class network {
   ssize_t receive(int fd, char* to, std::size_t count, int flags, endpoint* sender);
   int poll(pollfd* entries, nfds_t count, int limit_ms);
   int pending_error(int fd);
-  void abort_on_close(int fd, bool aborts) { at(fd).aborts = aborts; }
-  endpoint peer_of(int fd) const;
-  int type_of(int fd) const;
-  int64_t& send_limit_us(int fd);
-  int& status_flags(int fd);
 
  private:
-  struct socket_state {
-    int family = 0;
-    int type = 0;
-    int status_flags = 0;
-    int64_t send_limit_us = 0;
-    bool connecting = false;
-    bool aborts = false;
-    std::shared_ptr<scenario::link> way;
-  };
-  socket_state& at(int fd) const { return *sockets_.at(fd); }
   void move();
   void carry_up(scenario::link& way);
   void arrive(scenario::link& way);

@@ -47,13 +47,13 @@ struct conversation::party {
   std::string inbox;
   std::unique_ptr<SSL, decltype(&SSL_free)> tls{nullptr, SSL_free};
   bool secured = false;  // the handshake is over
-  int port = 0;          // datagrams come from here
+  endpoint from;         // where datagrams come from
 };
 
 conversation::conversation(const story& told, certificates& known) : told_(told), known_(known) {
   for (const connection& one : told.connections) {
     parties_.push_back(std::make_unique<party>());
-    parties_.back()->port = one.at.port;
+    parties_.back()->from = one.at;
     if (!one.certificate.empty()) known.context(one.certificate);  // made in nobody's call
   }
 }
@@ -97,7 +97,7 @@ void conversation::pump_tls(party& by) {
   const bool broken = rc <= 0 && SSL_get_error(tls, rc) == SSL_ERROR_SSL;
   std::string out(static_cast<std::size_t>(BIO_ctrl_pending(SSL_get_wbio(tls))), '\0');
   if (!out.empty()) BIO_read(SSL_get_wbio(tls), out.data(), static_cast<int>(out.size()));
-  if (!out.empty() && !by.way->dead) by.way->on_way.push_back({std::move(out), 0});
+  if (!out.empty() && !by.way->dead) by.way->on_way.push_back({std::move(out)});
   if (broken) by.way->dead = by.way->ended = true;
   ERR_pop_to_mark();
 }
@@ -129,49 +129,43 @@ bool conversation::pause(const step& now, const party& by) {
 
 // False while it has to wait.
 bool conversation::advance(const step& now, party& by) {
-  if (now.what == action::pause) return pause(now, by);
+  if (now.what == "after") return pause(now, by);
   if (!by.way) return false;
-  if (by.way->dead) return true;
-  if (now.what == action::connect) return true;
-  if (by.tls && !by.secured) return by.way->client_closed;
-  switch (now.what) {
-    case action::connect:
-    case action::pause:
-      return true;
-    case action::expect:
-      return by.way->datagrams ? take_datagram(now, by) : take(now, by);
-    case action::until:
-      return take_until(now, by);
-    case action::send:
-      put(by, now.bytes);
-      return true;
-    case action::signal:
-      net.interrupts = true;
-      return true;
-    case action::port:
-      by.port = std::stoi(now.bytes);
-      return true;
-    case action::closed:
-      return by.way->client_closed;
-    case action::aborted:
-      if (by.way->client_closed && !by.way->client_aborted) problem(now, "closed in good order");
-      return by.way->client_closed;
-    case action::close:
-    case action::hang_up:
-      end(by, now.what == action::close);
-      return true;
-    case action::reset:
-      by.way->dead = by.way->reset = by.way->ended = true;
-      by.way->error = ECONNRESET;
-      return true;
-    case action::deaf:
-      by.way->deaf = true;
-      return true;
+  if (by.way->dead || now.what == "connect") return true;
+  const bool closed = by.way->client_closed;
+  if (by.tls && !by.secured) return closed;
+  if (now.what == "<<" || now.what == "<~") {
+    if (by.way->datagrams ? take_datagram(now, by) : take(now, by)) return true;
+    if (closed) problem(now, "closed in front of " + shown(std::string_view(now.bytes).substr(matched_)));
+    return closed;
+  }
+  if (now.what == "closed" || now.what == "aborted") {
+    if (closed && now.what == "aborted" && !by.way->client_aborted) problem(now, "closed in good order");
+    return closed;
+  }
+  if (now.what == ">>") put(by, now.bytes);
+  if (now.what == "signal") net.interrupts = true;
+  if (now.what == "from") {
+    const std::size_t colon = now.bytes.find(':');
+    by.from = {colon == std::string::npos ? by.way->server.address : now.bytes.substr(0, colon),
+               std::stoi(now.bytes.substr(colon + 1))};
+  }
+  if (now.what == "deaf") by.way->deaf = true;
+  if (now.what == "close" || now.what == "hang") end(by, now.what == "close");
+  if (now.what == "reset") {
+    by.way->dead = by.way->reset = by.way->ended = true;
+    by.way->error = ECONNRESET;
   }
   return true;
 }
 
+// The bytes as they are, or, of "<~", anything up to and with them.
 bool conversation::take(const step& now, party& by) {
+  if (now.what == "<~") {
+    const std::size_t at = by.inbox.find(now.bytes);
+    if (at != std::string::npos) by.inbox.erase(0, at + now.bytes.size());
+    return at != std::string::npos;
+  }
   const std::string_view wanted = std::string_view(now.bytes).substr(matched_);
   const std::size_t count = std::min(wanted.size(), by.inbox.size());
   if (wanted.substr(0, count) != std::string_view(by.inbox).substr(0, count)) {
@@ -181,38 +175,25 @@ bool conversation::take(const step& now, party& by) {
   }
   by.inbox.erase(0, count);
   matched_ += count;
-  if (matched_ == now.bytes.size()) return true;
-  if (by.way->client_closed) problem(now, "closed in front of " + shown(wanted.substr(count)));
-  return by.way->client_closed;
-}
-
-bool conversation::take_until(const step& now, party& by) {
-  const std::size_t at = by.inbox.find(now.bytes);
-  if (at != std::string::npos) {
-    by.inbox.erase(0, at + now.bytes.size());
-    return true;
-  }
-  if (by.way->client_closed) problem(now, "closed in front of " + shown(now.bytes));
-  return by.way->client_closed;
+  return matched_ == now.bytes.size();
 }
 
 bool conversation::take_datagram(const step& now, party& by) {
-  if (by.way->received.empty()) {
-    if (by.way->client_closed) problem(now, "closed in front of " + shown(now.bytes));
-    return by.way->client_closed;
-  }
+  if (by.way->received.empty()) return false;
   const packet first = std::move(by.way->received.front());
   by.way->received.pop_front();
-  if (first.bytes == now.bytes && first.port == by.port) return true;
+  // Whoever sends, answers go to the server, at the port of the last sender.
+  const endpoint wanted = {by.way->server.address, by.from.port};
+  if (first.bytes == now.bytes && first.other == wanted) return true;
   problem(now, "expected " + shown(now.bytes) + ", received " + shown(first.bytes) + " at " +
-                   std::to_string(first.port));
+                   first.other.address + ":" + std::to_string(first.other.port));
   by.way->dead = true;
   return true;
 }
 
 void conversation::put(party& by, const std::string& bytes) {
   if (!by.tls) {
-    by.way->on_way.push_back({bytes, by.port});
+    by.way->on_way.push_back({bytes, by.from});
     return;
   }
   ERR_set_mark();

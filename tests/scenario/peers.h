@@ -42,7 +42,6 @@ class conversation : public peers {
   bool advance(const step& now, party& by);
   bool pause(const step& now, const party& by);
   bool take(const step& now, party& by);
-  bool take_until(const step& now, party& by);
   bool take_datagram(const step& now, party& by);
   void put(party& by, const std::string& bytes);
   void end(party& by, bool farewell);

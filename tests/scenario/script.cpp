@@ -120,6 +120,12 @@ void make_secure(std::vector<source_line>& lines) {
   }
 }
 
+// "1 | 2" in front of and behind the mark.
+std::pair<string, string> split(const string& text, const string& mark) {
+  const std::size_t at = text.find(mark);
+  return {text.substr(0, at), at == string::npos ? "" : text.substr(at + mark.size())};
+}
+
 // Reads the lines of one story.
 class reader {
  public:
@@ -128,143 +134,130 @@ class reader {
   void read(const std::vector<source_line>& lines) {
     for (const source_line& line : lines) {
       line_ = line.number;
-      if (line.text.starts_with("+ ")) {
-        head_ += bytes(line.text.substr(2)) + "\r\n";
-        continue;
+      string rest = line.text;
+      const string word = first_word(rest);
+      if (word == "+") {
+        head_ += bytes(rest) + "\r\n";
+      } else {
+        finish_head();
+        read_line(word, rest);
       }
-      finish_head();
-      const std::size_t end = std::min(line.text.find(' '), line.text.size());
-      read_line(line.text.substr(0, end), line.text.substr(std::min(end + 1, line.text.size())));
     }
     finish_head();
     close_all();
+    string& file = into_.expected.told["file"];
+    if (file == "kept") into_.arguments.emplace("old", "old file");
+    if (file == "kept") file = "=" + into_.arguments.at("old");
+    if (file.empty()) into_.expected.told.erase("file");
   }
+  int line() const { return line_; }
 
  private:
   string bytes(const string& text) const { return bytes_of(text, where_); }
-  void add(action what, string with = "") {
+  void add(const string& what, const string& with = "") {
     if (into_.connections.empty()) throw std::runtime_error("a step without a connection");
-    into_.steps.push_back({what, at_, std::move(with), line_});
+    into_.steps.push_back({what, at_, with, line_});
   }
   void finish_head() {
     if (head_.empty()) return;
     add(head_kind_, std::exchange(head_, {}) + "\r\n");
     if (!body_.empty()) add(head_kind_, std::exchange(body_, {}));
   }
-  // "... = BYTES" gives a length and a body.
-  void begin_head(action kind, const string& first, const string& standard, const string& rest) {
-    const std::size_t equals = rest.find(" =");
+  // `body` is the text behind " =", if there is one.
+  void begin_head(const string& kind, const string& first, const string& rest) {
     head_kind_ = kind;
-    head_ = first + "\r\n" + standard;
+    head_ = first;
+    const std::size_t equals = rest.find(" =");
     if (equals == string::npos) return;
     body_ = bytes(trim(rest.substr(equals + 2)));
     head_ += "Content-Length: " + std::to_string(body_.size()) + "\r\n";
   }
   void ask(const string& rest) {
     const connection& here = into_.connections.at(at_);
-    const std::vector<string> words = words_of(rest.substr(0, rest.find(" =")));
+    const std::vector<string> words = words_of(split(rest, " =").first);
     const bool tls = !here.certificate.empty();
-    const string address = here.host.find(':') == string::npos ? here.host : "[" + here.host + "]";
-    string host = here.at.port == (tls ? 443 : 80) ? address : address + ":" + std::to_string(here.at.port);
-    if (words.size() > 2) host = words[2].substr(words[2].find('=') + 1);
-    begin_head(action::expect, words.at(0) + " " + bytes(words.at(1)) + " HTTP/1.1",
-               "Host: " + host + "\r\nUser-Agent: Korvane\r\nAccept: */*\r\n" +
-                   (tls ? "" : "Connection: Keep-Alive\r\n"),
+    string host = here.host.find(':') == string::npos ? here.host : "[" + here.host + "]";
+    if (here.at.port != (tls ? 443 : 80)) host += ":" + std::to_string(here.at.port);
+    if (words.size() > 2) host = split(words[2], "host=").second;
+    begin_head("<<",
+               words.at(0) + " " + bytes(words.at(1)) + " HTTP/1.1\r\nHost: " + host +
+                   "\r\nUser-Agent: Korvane\r\nAccept: */*\r\n" + (tls ? "" : "Connection: Keep-Alive\r\n"),
                rest);
+  }
+  void answer(const string& rest) {
+    begin_head(">>", "HTTP/1.1 " + bytes(split(rest, " =").first) + "\r\n", rest);
   }
   void connect(const string& rest) {
     const std::vector<string> words = words_of(rest);
     const std::size_t colon = words.at(0).rfind(':');
-    for (std::size_t i = 0; colon == string::npos && i < into_.connections.size(); ++i) {
-      if (into_.connections[i].name != words[0]) continue;
-      at_ = i;
-      return;
-    }
-    if (colon == string::npos) throw std::runtime_error("no connection " + words[0]);
+    if (colon == string::npos) return go_on_with(words[0]);
     connection one;
     one.host = words[0].substr(0, colon);
     if (one.host.starts_with('[')) one.host = one.host.substr(1, one.host.size() - 2);
-    one.at = {address_of(one.host), std::stoi(words[0].substr(colon + 1))};
+    const auto known = into_.hosts.find(one.host);
+    one.at = {known == into_.hosts.end() ? one.host : known->second.at(0),
+              std::stoi(words[0].substr(colon + 1))};
     for (std::size_t i = 1; i < words.size(); ++i) {
-      if (words[i] == "tls") one.certificate = "server";
-      if (words[i].starts_with("tls=")) one.certificate = words[i].substr(4);
-      if (words[i].starts_with("version=")) one.version = words[i].substr(8);
-      if (words[i] == "udp") one.datagrams = true;
-      if (words[i] == "mute") one.mute = true;
-      if (words[i] == "interrupted") one.interrupted = true;
-      if (words[i] == "as") one.name = words.at(++i);
+      const auto [what, value] = split(words[i], "=");
+      if (what == "tls") one.certificate = value.empty() ? "server" : value;
+      if (what == "version") one.version = value;
+      if (what == "as") one.name = words.at(++i);
+      one.datagrams |= what == "udp";
+      one.mute |= what == "mute";
+      one.interrupted |= what == "interrupted";
     }
     at_ = into_.connections.size();
     into_.connections.push_back(one);
     stays_open_.push_back(one.datagrams);
-    add(action::connect);
+    add("connect");
   }
-  string address_of(const string& host) const {
-    const auto known = into_.hosts.find(host);
-    return known == into_.hosts.end() ? host : known->second.at(0);
-  }
-  void call(const string& verb, const string& rest) {
-    into_.verb = verb;
-    arguments(rest);
+  void go_on_with(const string& name) {
+    const auto& all = into_.connections;
+    const auto found =
+        std::find_if(all.begin(), all.end(), [&](const auto& one) { return one.name == name; });
+    if (found == all.end()) throw std::runtime_error("no connection " + name);
+    at_ = static_cast<std::size_t>(found - all.begin());
   }
   void arguments(const string& rest) {
     for (const string& word : words_of(rest)) {
-      const std::size_t equals = word.find('=');
-      const bool named =
-          equals != string::npos && std::all_of(word.begin(), word.begin() + static_cast<long>(equals),
-                                                [](char c) { return c >= 'a' && c <= 'z'; });
-      if (named) {
-        into_.arguments[word.substr(0, equals)] = bytes(word.substr(equals + 1));
-      } else {
-        into_.words.push_back(bytes(word));
-      }
+      const auto [name, value] = split(word, "=");
+      const bool named = word.size() > name.size() && name.find_first_not_of(letters) == string::npos;
+      if (named) into_.arguments[name] = bytes(value);
+      if (!named) into_.words.push_back(bytes(word));
     }
     if (const char* password = into_.argument("password"); password && *password)
       into_.secrets.push_back(password);
   }
   // The blocks of a TFTP transfer and their acknowledgements.
-  void blocks(bool serve, const string& rest) {
-    const std::size_t space = rest.find(' ');
-    const std::size_t size = std::stoul(rest);
-    const string content = bytes(rest.substr(space + 1));
+  void blocks(string rest, const string& data_step, const string& ack_step) {
+    const std::size_t size = std::stoul(first_word(rest));
+    const string content = bytes(rest);
     for (std::size_t block = 1; (block - 1) * size <= content.size(); ++block) {
       const string number = std::to_string(block);
-      const string data = bytes("{data " + number + " }") + content.substr((block - 1) * size, size);
-      add(serve ? action::send : action::expect, data);
-      add(serve ? action::expect : action::send, bytes("{ack " + number + "}"));
+      add(data_step, bytes("{data " + number + " }") + content.substr((block - 1) * size, size));
+      add(ack_step, bytes("{ack " + number + "}"));
     }
   }
-  void result(const string& rest) {
-    const std::size_t space = std::min(rest.find(' '), rest.size());
-    const string first = rest.substr(0, space);
+  void result(string rest) {
+    const string first = first_word(rest);
     into_.expected.fails = first == "untouched" || first == "cleared";
-    if (!into_.expected.fails) into_.expected.code = std::stoi(rest);
-    if (first == "untouched") into_.expected.code = untouched_code;
-    if (space < rest.size()) into_.expected.message = bytes(rest.substr(space + 1));
+    into_.expected.code = first == "untouched" ? untouched_code : first == "cleared" ? 0 : std::stoi(first);
+    if (!rest.empty()) into_.expected.message = bytes(rest);
   }
-  void log(const string& rest) {
+  void log(string rest) {
     if (rest == "any") {
       into_.expected.any_lines = true;
       return;
     }
-    const std::vector<string> words = words_of(rest.substr(0, 16));
-    const std::size_t at = words.at(0).size() + 1 + words.at(1).size() + 1;
-    into_.expected.lines.push_back(
-        {std::stoi(words[0]), words[1], bytes(rest.substr(std::min(at, rest.size())))});
+    const int level = std::stoi(first_word(rest));
+    const string module = first_word(rest);
+    into_.expected.lines.push_back({level, module, bytes(rest)});
   }
   // "PATH [mode=OCTAL] WHAT": before the call, or what is otherwise afterwards.
   void place(string rest) {
-    const auto next_word = [&rest] {
-      std::size_t end = 0;
-      for (int braces = 0; end < rest.size() && (rest[end] != ' ' || braces > 0); ++end)
-        braces += (rest[end] == '{') - (rest[end] == '}');
-      const string word = rest.substr(0, end);
-      rest.erase(0, end + 1);
-      return word;
-    };
-    string path = bytes(next_word());
+    string path = bytes(first_word(rest));
     node one;
-    if (rest.starts_with("mode=")) one.mode = std::stoi(next_word().substr(5), nullptr, 8);
+    if (rest.starts_with("mode=")) one.mode = std::stoi(first_word(rest).substr(5), nullptr, 8);
     const std::map<string, entry> words = {{"none", entry::none}, {"any", entry::any}, {"fifo", entry::pipe}};
     if (path.ends_with('/')) {
       one.kind = entry::directory;
@@ -276,13 +269,10 @@ class reader {
       one.kind = words.at(rest);
     } else {
       one.kind = entry::file;
-      one.content = bytes(rest);
+      if (rest.starts_with("zeros=")) one.zeros = std::stol(rest.substr(6));
+      if (one.zeros == 0) one.content = bytes(rest);
     }
     (into_.verb.empty() ? into_.files : into_.expected.files).emplace_back(path, one);
-  }
-  static std::pair<string, string> split(const string& rest, const string& at) {
-    const std::size_t found = rest.find(at);
-    return {rest.substr(0, found), found == string::npos ? "" : rest.substr(found + at.size())};
   }
   // A connection without a word about its end closes behind its last step.
   void close_all() {
@@ -290,109 +280,82 @@ class reader {
       if (stays_open_[i]) continue;
       const auto last = std::find_if(into_.steps.rbegin(), into_.steps.rend(),
                                      [i](const step& one) { return one.connection == i; });
-      into_.steps.insert(last.base(), {action::close, i, "", last->line});
+      into_.steps.insert(last.base(), {"close", i, "", last->line});
     }
   }
-  void ends_by(action what) {
-    stays_open_.at(at_) = true;
-    add(what);
-  }
   void read_line(const string& word, const string& rest) {
-    expectation& expected = into_.expected;
-    // clang-format off
-    const std::map<string, std::function<void()>> known = {
-        {"set", [&] { const auto space = rest.find(' ');
-                      into_.options.emplace_back(rest.substr(0, space), bytes(rest.substr(space + 1))); }},
-        {"host", [&] { auto words = words_of(rest);
-                       into_.hosts[words.at(0)] = {words.begin() + 2, words.end()}; }},
-        {"with", [&] { arguments(rest); }},
-        {"sample", [&] { into_.sample = std::stol(rest); }},
-        {"link", [&] { const auto words = words_of(rest);
-                       into_.link_files.emplace_back(words.at(0), words.at(1)); }},
-        {"sparse", [&] { const auto words = words_of(rest);
-                         into_.sparse_files.emplace_back(words.at(0), std::stoll(words.at(1))); }},
-        {"fails", [&] { const auto words = words_of(rest);
-                        into_.fault = words.at(0);
-                        into_.fault_at = std::stol(words.at(1));
-                        into_.fault_lasts = words.size() > 2;
-                        into_.sample = 0; }},
-        {"busy", [&] { into_.num_busy_ports = std::stoi(rest); }},
-        {"secret", [&] { into_.secrets.push_back(bytes(rest)); }},
-        {"@", [&] { connect(rest); }},
-        {"ask", [&] { ask(rest); }},
-        {"answer", [&] { begin_head(action::send, "HTTP/1.1 " + bytes(rest.substr(0, rest.find(" ="))), "", rest); }},
-        {"<", [&] { add(action::expect, bytes(rest) + "\r\n"); }},
-        {"<<", [&] { add(action::expect, bytes(rest)); }},
-        {"<~", [&] { add(action::until, bytes(rest)); }},
-        {">", [&] { add(action::send, bytes(rest) + "\r\n"); }},
-        {">>", [&] { add(action::send, bytes(rest)); }},
-        {"from", [&] { add(action::port, rest); }},
-        {"after", [&] { add(action::pause, rest); }},
-        {"signal", [&] { add(action::signal); }},
-        {"closed", [&] { add(action::closed); }},
-        {"aborted", [&] { add(action::aborted); }},
-        {"hang", [&] { ends_by(action::hang_up); }},
-        {"reset", [&] { ends_by(action::reset); }},
-        {"hold", [&] { stays_open_.at(at_) = true; }},
-        {"deaf", [&] { ends_by(action::deaf); }},
-        {"serve", [&] { blocks(true, rest); }},
-        {"take", [&] { blocks(false, rest); }},
-        {"=", [&] { result(rest); }},
-        {"file", [&] {
-           const bool is_word = rest == "none" || rest == "kept" || rest == "special";
-           expected.file = is_word ? rest : "=" + bytes(rest);
+    static const std::set<string> steps = {"<",      ">",      "<<",      ">>",   "<~",    "from", "after",
+                                           "signal", "closed", "aborted", "hang", "reset", "hold", "deaf"};
+    static const std::set<string> of_call = {"file", "body",   "rest", "redirect", "reads", "read", "status",
+                                             "last", "header", "end",  "left",     "ring",  "port", "cause"};
+    static const std::map<string, void (*)(reader&, const string&)> others = {
+        {"@", [](reader& in, const string& text) { in.connect(text); }},
+        {"ask", [](reader& in, const string& text) { in.ask(text); }},
+        {"answer", [](reader& in, const string& text) { in.answer(text); }},
+        {"serve", [](reader& in, const string& text) { in.blocks(text, ">>", "<<"); }},
+        {"take", [](reader& in, const string& text) { in.blocks(text, "<<", ">>"); }},
+        {"with", [](reader& in, const string& text) { in.arguments(text); }},
+        {"at", [](reader& in, const string& text) { in.place(text); }},
+        {"=", [](reader& in, const string& text) { in.result(text); }},
+        {"log", [](reader& in, const string& text) { in.log(text); }},
+        {"sample", [](reader& in, const string& text) { in.into_.sample = std::stol(text); }},
+        {"busy", [](reader& in, const string& text) { in.into_.num_busy_ports = std::stoi(text); }},
+        {"secret", [](reader& in, const string& text) { in.into_.secrets.push_back(in.bytes(text)); }},
+        {"set", [](reader& in, const string& text) { in.pair(in.into_.options, text, " "); }},
+        {"field", [](reader& in, const string& text) { in.pair(in.into_.expected.fields, text, " ="); }},
+        {"shows", [](reader& in, const string& text) { in.pair(in.into_.expected.shown, text, " "); }},
+        {"host",
+         [](reader& in, const string& text) {
+           const auto words = words_of(text);
+           in.into_.hosts[words.at(0)] = {words.begin() + 2, words.end()};
          }},
-        {"body", [&] { expected.body = bytes(rest); }},
-        {"rest", [&] { expected.rest = bytes(rest); }},
-        {"last", [&] { expected.last_status = std::stoi(rest); }},
-        {"redirect", [&] { expected.redirect = bytes(rest); }},
-        {"read", [&] { expected.read_code = std::stoi(rest); }},
-        {"status", [&] { expected.status = std::stoi(rest); }},
-        {"end", [&] { expected.end = std::stoi(rest); }},
-        {"cause", [&] { expected.cause = rest; }},
-        {"port", [&] { expected.port = std::stoi(rest); }},
-        {"ring", [&] { expected.ring = std::stoi(rest); }},
-        {"left", [&] { expected.left = std::stoll(rest); }},
-        {"reads", [&] { expected.reads.emplace();
-                        for (const string& one : words_of(rest)) expected.reads->push_back(std::stoi(one)); }},
-        {"header", [&] { const auto equals = rest.find(" = ");
-                         expected.headers.emplace_back(rest.substr(0, equals), bytes(rest.substr(equals + 3))); }},
-        {"at", [&] { place(rest); }},
-        {"field", [&] { const auto [name, value] = split(rest, " =");
-                        expected.fields.emplace_back(name, bytes(trim(value))); }},
-        {"shows", [&] { const auto [file, text] = split(rest, " ");
-                      expected.shown.emplace_back(file, bytes(text)); }},
-        {"log", [&] { log(rest); }},
+        {"fails",
+         [](reader& in, const string& text) {
+           in.into_.fault = words_of(text);
+           in.into_.sample = 0;
+         }},
     };
-    // clang-format on
-    static const std::set<string> before_call = {"set",    "host", "sample", "link",
-                                                 "sparse", "busy", "fails",  "at"};
-    const bool is_call = into_.verb.empty() && !before_call.contains(word);
-    const auto found = is_call ? known.end() : known.find(word);
-    if (found != known.end()) return found->second();
-    if (!into_.verb.empty()) throw std::runtime_error("unknown word " + word);
-    call(word, rest);
+    static const std::set<string> before_call = {"set", "host", "sample", "busy", "fails", "at"};
+    if (into_.verb.empty() && !before_call.contains(word)) {
+      into_.verb = word;
+      arguments(rest);
+    } else if (steps.contains(word)) {
+      stays_open_.at(at_) =
+          stays_open_.at(at_) || word == "hang" || word == "reset" || word == "hold" || word == "deaf";
+      const bool is_line = word == "<" || word == ">";
+      add(is_line ? word + word : word, bytes(rest) + (is_line ? "\r\n" : ""));
+    } else if (of_call.contains(word)) {
+      const auto [name, value] = word == "header" ? split(word + " " + rest, " = ") : std::pair(word, rest);
+      const bool is_content = word == "file" && value != "none" && value != "special" && value != "kept";
+      into_.expected.told[name] = (is_content ? "=" : "") + bytes(value);
+    } else if (const auto known = others.find(word); known != others.end()) {
+      known->second(*this, rest);
+    } else {
+      throw std::runtime_error("unknown word " + word);
+    }
+  }
+  using pairs = std::vector<std::pair<string, string>>;
+  void pair(pairs& into, const string& rest, const string& mark) const {
+    const auto [name, value] = split(rest, mark);
+    into.emplace_back(name, bytes(trim(value)));
   }
 
+  static constexpr const char* letters = "abcdefghijklmnopqrstuvwxyz";
   story& into_;
   places where_;
   std::size_t at_ = 0;
   int line_ = 0;
-  action head_kind_ = action::send;
-  string head_, body_;
+  string head_kind_, head_, body_;
   std::vector<bool> stays_open_;
-
- public:
-  int line() const { return line_; }
 };
 
 // `get` becomes `read`, and of the connection the head of the request and of the answer are gone.
 void make_bare(story& told) {
   std::string head;
   std::erase_if(told.steps, [&](const step& one) {
-    const bool answers = one.what == action::send && one.bytes.starts_with("HTTP/1.1 ");
+    const bool answers = one.what == ">>" && one.bytes.starts_with("HTTP/1.1 ");
     if (answers) head = one.bytes;
-    return one.what == action::expect || answers;
+    return one.what == "<<" || answers;
   });
   const std::size_t length = head.find("Content-Length: ");
   told.verb = "read";
@@ -400,9 +363,10 @@ void make_bare(story& told) {
   told.arguments["flags"] = head.find("chunked") == std::string::npos ? "0" : "1";
   told.arguments["remaining"] =
       length == std::string::npos ? "0" : head.substr(length + 16, head.find("\r\n", length) - length - 16);
-  told.expected.status = told.expected.end = std::nullopt;
-  told.expected.last_status = std::nullopt;
-  told.expected.headers.clear();
+  std::erase_if(told.expected.told, [](const auto& one) {
+    return one.first == "status" || one.first == "end" || one.first == "last" ||
+           one.first.starts_with("header");
+  });
 }
 
 }  // namespace

@@ -9,8 +9,6 @@
 //   set MAX_FILE_SIZE 1000                             an option (enum dl_option without its prefix; TLS_WAIT too)
 //   host b.test = 10.0.0.9 fd00::9                     a name; a.test to z.test are 10.0.0.1 to .26, others unknown
 //   secret s3cret                                      no log line may hold it; password= is one by itself
-//   link full /dev/full                               a symbolic link {dir}/full
-//   sparse huge 3000000000                            a file {dir}/huge of so many zeros
 //   fails sendto-EINTR 2                              a fault (faults.h) that is part of it, at this call; with
 //                                                     "lasting" behind it at all later ones too; without any others
 //   busy 29                                           local ports that are taken before one is free
@@ -18,8 +16,8 @@
 //   -- login ... do login                             lines that have a name of their own instead of "==", and
 //                                                     their place;  5x < NOOP  is a line five times
 //   sample 50                                          faults and offsets of this one only every 50th time; 0: none
-//   at a/b.pem mode=0640 BYTES                         a file of a certificate's story; "at a/" a directory,
-//                                                      "at a -> b" a link, "at a fifo" a pipe
+//   at a/b.pem mode=0640 BYTES                         a file {w}/a/b.pem; "at a/" a directory, "at a -> b" a link,
+//                                                      "at a fifo" a pipe, "at a zeros=3000" a file of so many zeros
 //   also tls                                           the same again as https, at port 443 instead of 80
 //   also bare                                          `get` again as `read`: by a record with the stated fields only
 //   each a b c                                         a table: {a} is replaced in every line by the cell of each row;
@@ -66,8 +64,8 @@
 // A file's certificates are described in front of its stories (cert_table.h).
 //
 // BYTES may hold \r \n \t \s \0 \\ \xNN and {bytes N} (N bytes of generated content), {bytes N@M} (from its byte M on),
-// {repeat N TEXT}, {chunk BYTES}, {md5 TEXT}, {base64 TEXT}, {wave N}, {dir}, {w} (of a certificate's files), {got}
-// (the local file), and for TFTP
+// {repeat N TEXT}, {chunk BYTES}, {md5 TEXT}, {base64 TEXT}, {wave N}, {dir}, {w} (the directory of the files
+// that `at` tells of), {got} (the local file), and for TFTP
 // {rrq NAME} {wrq NAME} {data N BYTES} {ack N} {oack NAME VALUE} {error N TEXT}.
 //
 // A new verb: a function in client.cpp and a row in its table. A new step: a word in script.cpp and its case in
@@ -88,14 +86,8 @@ namespace scenario {
 
 inline constexpr int untouched_code = 77;  // in the result before the call
 
-// clang-format off
-enum class action {
-  connect, expect, until, send, pause, signal, port, closed, aborted, close, hang_up, reset, deaf
-};
-// clang-format on
-
 struct step {
-  action what;
+  std::string what;  // its word; "connect", "close" for those without one
   std::size_t connection;
   std::string bytes = {};
   int line = 0;
@@ -107,8 +99,7 @@ struct connection {
   std::string name;
   std::string certificate;  // empty: no TLS
   std::string version;      // of TLS, empty: any
-  bool datagrams = false;
-  bool mute = false, interrupted = false;
+  bool datagrams = false, mute = false, interrupted = false;
 };
 
 struct log_line {
@@ -118,16 +109,13 @@ struct log_line {
   bool operator==(const log_line&) const = default;
 };
 
-// What is told of a call and what it must be; nothing: not asked for.
+using facts = std::map<std::string, std::string>;
+
 struct expectation {
   int code = 0;
   bool fails = false;  // whatever the code
-  std::optional<std::string> message, body, rest, redirect, cause,
-      file;  // file: "none", "kept", "special" or "=" and the bytes
-  std::optional<int> read_code, status, last_status, end, ring, port;
-  std::optional<int64_t> left;
-  std::optional<std::vector<int>> reads;
-  std::vector<std::pair<std::string, std::string>> headers;
+  std::optional<std::string> message;
+  facts told;                                               // of the call, by the words for them
   std::vector<std::pair<std::string, std::string>> fields;  // of the records that the call filled
   std::vector<std::pair<std::string, node>> files;          // that are others afterwards
   std::vector<std::pair<std::string, std::string>> shown;   // a file, and what OpenSSL shows of it
@@ -139,7 +127,7 @@ struct story {
   std::string name;  // with its row and variant
   std::string verb;
   std::vector<std::string> words;  // behind the verb
-  std::map<std::string, std::string> arguments;
+  facts arguments;
   std::vector<std::pair<std::string, std::string>> options;
   std::map<std::string, std::vector<std::string>> hosts;
   std::vector<std::string> secrets;
@@ -148,22 +136,13 @@ struct story {
   expectation expected;
   long sample = 1;                                  // of offsets and faults every so-manyth; 0: none
   std::vector<std::pair<std::string, node>> files;  // there before the call
-  std::vector<std::pair<std::string, std::string>> link_files;  // symbolic links: name, target
-  std::vector<std::pair<std::string, int64_t>> sparse_files;    // and their sizes
   int num_busy_ports = 0;
-  std::string fault;  // of its own
-  long fault_at = 0;
-  bool fault_lasts = false;
+  std::vector<std::string> fault;  // of its own: name, number of the call, "lasting"
 
   // Null when it was not given.
   const char* argument(const std::string& key) const {
     const auto found = arguments.find(key);
     return found == arguments.end() ? nullptr : found->second.c_str();
-  }
-  // The local file before the call; null: none.
-  const char* old_content() const {
-    const char* given = argument("old");
-    return given ? given : expected.file == "kept" ? "old file" : nullptr;
   }
   int number(const std::string& key, int otherwise) const {
     const char* text = argument(key);

@@ -53,49 +53,42 @@ EARLY bool strikes(call which) {
 template <typename Call>
 ssize_t faulty(call which, std::size_t count, Call make) {
   const bool struck = strikes(which);
-  if (struck && plan.what->error != short_count) return -1;
+  if (struck && plan.what->error != shortened) return -1;
   const host hold;
   return make(struck ? std::min<std::size_t>(count, 1) : count);
 }
-
-template <typename Function>
-Function* next(const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+template <typename Call>
+int faulty(call which, Call make) {
+  return static_cast<int>(faulty(which, 0, [&](std::size_t) { return make(); }));
 }
+
+#define NEXT(name) static const auto real = reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name))
 
 // Nowhere when the length does not fit the family.
 endpoint endpoint_of(const sockaddr* address, socklen_t length) {
-  const socklen_t least = address->sa_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
-  if (length < least) return {};
-  char text[INET6_ADDRSTRLEN] = "";
-  in_port_t port = 0;
-  if (address->sa_family == AF_INET) {
-    const auto* v4 = reinterpret_cast<const sockaddr_in*>(address);
-    inet_ntop(AF_INET, &v4->sin_addr, text, sizeof text);
-    port = v4->sin_port;
-  } else {
-    const auto* v6 = reinterpret_cast<const sockaddr_in6*>(address);
-    inet_ntop(AF_INET6, &v6->sin6_addr, text, sizeof text);
-    port = v6->sin6_port;
-  }
-  return {text, ntohs(port)};
+  char host[INET6_ADDRSTRLEN], port[8];
+  const int rc =
+      getnameinfo(address, length, host, sizeof host, port, sizeof port, NI_NUMERICHOST | NI_NUMERICSERV);
+  return rc == 0 ? endpoint{host, std::stoi(port)} : endpoint{};
+}
+
+// Appends the entries that the real call makes of a numeric address; `end` moves behind them.
+int look_up_numeric(const char* address, const char* port, const addrinfo* hints, addrinfo**& end) {
+  NEXT(getaddrinfo);
+  addrinfo numeric = hints ? *hints : addrinfo{};
+  numeric.ai_flags |= AI_NUMERICHOST;
+  *end = nullptr;
+  const int rc = real(address, port, &numeric, end);
+  while (*end) end = &(*end)->ai_next;
+  return rc;
 }
 
 void fill_address(const endpoint& from, sockaddr* address, socklen_t* length) {
-  sockaddr_in6 v6 = {};
-  auto* v4 = reinterpret_cast<sockaddr_in*>(&v6);
-  const bool is_v6 = from.address.find(':') != std::string::npos;
-  if (is_v6) {
-    v6.sin6_family = AF_INET6;
-    inet_pton(AF_INET6, from.address.c_str(), &v6.sin6_addr);
-  } else {
-    v4->sin_family = AF_INET;
-    inet_pton(AF_INET, from.address.c_str(), &v4->sin_addr);
-  }
-  v6.sin6_port = htons(static_cast<uint16_t>(from.port));
-  const socklen_t size = is_v6 ? sizeof v6 : sizeof *v4;
-  memcpy(address, &v6, std::min(*length, size));
-  *length = size;
+  addrinfo *list = nullptr, **end = &list;
+  if (look_up_numeric(from.address.c_str(), std::to_string(from.port).c_str(), nullptr, end) != 0) return;
+  memcpy(address, list->ai_addr, std::min(*length, list->ai_addrlen));
+  *length = list->ai_addrlen;
+  freeaddrinfo(list);
 }
 
 // The scratch file of all processes lies in the working directory, where no other process sees it.
@@ -104,29 +97,15 @@ const char* own_place(const char* path) {
   return strcmp(path, "/tmp/ca_tmp.crt") == 0 ? path + strlen("/tmp/") : path;
 }
 
-int64_t seconds_now() {
-  return net.clock_us / 1000000;
-}
-
-// Looks a name up in the table of the run; each address becomes an entry as the real call makes it.
+// Looks a name up in the table of the run.
 int look_up(const char* name, const addrinfo* hints, addrinfo** list) {
-  static const auto real = next<decltype(getaddrinfo)>("getaddrinfo");
   const auto known = net.hosts.find(name);
-  const std::vector<std::string> addresses =
-      known == net.hosts.end() ? std::vector<std::string>{name} : known->second;
-  addrinfo numeric = hints ? *hints : addrinfo{};
-  numeric.ai_flags |= AI_NUMERICHOST;
-  addrinfo** end = list;
   int rc = EAI_NONAME;
+  addrinfo** end = list;
   *list = nullptr;
-  for (const std::string& address : addresses) {
-    if (const int one = real(address.c_str(), nullptr, &numeric, end); one == 0) {
-      rc = 0;
-      while (*end) end = &(*end)->ai_next;
-    } else {
-      *end = nullptr;
-    }
-  }
+  if (known == net.hosts.end()) return look_up_numeric(name, nullptr, hints, end);
+  for (const std::string& address : known->second)
+    if (look_up_numeric(address.c_str(), nullptr, hints, end) == 0) rc = 0;
   return rc;
 }
 
@@ -146,19 +125,15 @@ REPLACED EARLY void* realloc(void* old, size_t size) noexcept {
   return strikes(call::memory) ? nullptr : REAL(realloc)(old, size);
 }
 
-REPLACED int socket(int family, int type, int protocol) noexcept {
-  if (family == AF_UNIX) return static_cast<int>(syscall(SYS_socket, family, type, protocol));
-  return static_cast<int>(faulty(call::socket, 0, [&](size_t) { return net.socket(family, type); }));
+REPLACED int socket(int family, int type, int) noexcept {
+  if (family == AF_UNIX) return errno = EAFNOSUPPORT, -1;  // no system log
+  return faulty(call::socket, [&] { return net.socket(family, type); });
 }
 REPLACED int connect(int fd, const sockaddr* address, socklen_t length) {
-  if (!net.owns(fd)) return static_cast<int>(syscall(SYS_connect, fd, address, length));
-  return static_cast<int>(
-      faulty(call::connect, 0, [&](size_t) { return net.connect(fd, endpoint_of(address, length)); }));
+  return faulty(call::connect, [&] { return net.connect(fd, endpoint_of(address, length)); });
 }
-REPLACED int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
-  if (!net.owns(fd)) return static_cast<int>(syscall(SYS_bind, fd, address, length));
-  return static_cast<int>(
-      faulty(call::bind, 0, [&](size_t) { return net.bind(endpoint_of(address, length).port); }));
+REPLACED int bind(int, const sockaddr* address, socklen_t length) noexcept {
+  return faulty(call::bind, [&] { return net.bind(endpoint_of(address, length).port); });
 }
 REPLACED int getaddrinfo(const char* name, const char*, const addrinfo* hints, addrinfo** list) {
   if (strikes(call::getaddrinfo)) return plan.what->error;
@@ -166,24 +141,19 @@ REPLACED int getaddrinfo(const char* name, const char*, const addrinfo* hints, a
   return look_up(name, hints, list);
 }
 REPLACED ssize_t send(int fd, const void* from, size_t count, int flags) {
-  if (!net.owns(fd)) return syscall(SYS_sendto, fd, from, count, flags, nullptr, 0);
   return faulty(call::send, count,
                 [&](size_t size) { return net.send(fd, static_cast<const char*>(from), size, flags); });
 }
 REPLACED ssize_t recv(int fd, void* to, size_t count, int flags) {
-  if (!net.owns(fd)) return syscall(SYS_recvfrom, fd, to, count, flags, nullptr, nullptr);
   return faulty(call::recv, count,
                 [&](size_t size) { return net.receive(fd, static_cast<char*>(to), size, flags, nullptr); });
 }
-REPLACED ssize_t sendto(int fd, const void* from, size_t count, int flags, const sockaddr* to,
-                        socklen_t length) {
-  if (!net.owns(fd)) return syscall(SYS_sendto, fd, from, count, flags, to, length);
+REPLACED ssize_t sendto(int fd, const void* from, size_t count, int, const sockaddr* to, socklen_t length) {
   return faulty(call::sendto, count, [&](size_t size) {
     return net.send_to(fd, static_cast<const char*>(from), size, endpoint_of(to, length));
   });
 }
 REPLACED ssize_t recvfrom(int fd, void* to, size_t count, int flags, sockaddr* sender, socklen_t* length) {
-  if (!net.owns(fd)) return syscall(SYS_recvfrom, fd, to, count, flags, sender, length);
   return faulty(call::recvfrom, count, [&](size_t size) {
     endpoint from;
     const ssize_t taken = net.receive(fd, static_cast<char*>(to), size, flags, &from);
@@ -192,10 +162,9 @@ REPLACED ssize_t recvfrom(int fd, void* to, size_t count, int flags, sockaddr* s
   });
 }
 REPLACED int poll(pollfd* entries, nfds_t count, int limit_ms) {
-  return static_cast<int>(faulty(call::poll, 0, [&](size_t) { return net.poll(entries, count, limit_ms); }));
+  return faulty(call::poll, [&] { return net.poll(entries, count, limit_ms); });
 }
-REPLACED ssize_t sendfile64(int to, int from, off64_t* offset, size_t count) noexcept {
-  if (!net.owns(to)) return syscall(SYS_sendfile, to, from, offset, count);
+REPLACED ssize_t sendfile64(int to, int from, off64_t*, size_t count) noexcept {
   return faulty(call::sendfile, count, [&](size_t size) -> ssize_t {
     std::string bytes(std::min<size_t>(size, 65536), '\0');
     const ssize_t held = pread(from, bytes.data(), bytes.size(), lseek(from, 0, SEEK_CUR));
@@ -209,39 +178,31 @@ REPLACED ssize_t sendfile64(int to, int from, off64_t* offset, size_t count) noe
   });
 }
 
-REPLACED int getsockopt(int fd, int level, int name, void* value, socklen_t* length) noexcept {
-  if (!net.owns(fd)) return static_cast<int>(syscall(SYS_getsockopt, fd, level, name, value, length));
+REPLACED int getsockopt(int fd, int, int name, void* value, socklen_t*) noexcept {
   if (name == SO_SNDTIMEO) {
-    const int64_t limit_us = net.send_limit_us(fd);
-    *static_cast<timeval*>(value) = {static_cast<time_t>(limit_us / 1000000),
-                                     static_cast<suseconds_t>(limit_us % 1000000)};
+    *static_cast<timeval*>(value) = net.at(fd).send_limit;
   } else {
-    *static_cast<int*>(value) = name == SO_ERROR ? net.pending_error(fd) : net.type_of(fd);
+    *static_cast<int*>(value) = name == SO_ERROR ? net.pending_error(fd) : net.at(fd).type;
   }
   return 0;
 }
-REPLACED int setsockopt(int fd, int level, int name, const void* value, socklen_t length) noexcept {
-  if (!net.owns(fd)) return static_cast<int>(syscall(SYS_setsockopt, fd, level, name, value, length));
-  const auto* limit = static_cast<const timeval*>(value);
-  if (level == SOL_SOCKET && name == SO_SNDTIMEO)
-    net.send_limit_us(fd) = int64_t{limit->tv_sec} * 1000000 + limit->tv_usec;
-  if (level == SOL_SOCKET && name == SO_LINGER)
-    net.abort_on_close(fd, static_cast<const linger*>(value)->l_onoff != 0);
+REPLACED int setsockopt(int fd, int level, int name, const void* value, socklen_t) noexcept {
+  if (level != SOL_SOCKET) return 0;
+  if (name == SO_SNDTIMEO) net.at(fd).send_limit = *static_cast<const timeval*>(value);
+  if (name == SO_LINGER) net.at(fd).aborts = static_cast<const linger*>(value)->l_onoff != 0;
   return 0;
 }
 REPLACED int getpeername(int fd, sockaddr* address, socklen_t* length) noexcept {
-  if (!net.owns(fd)) return static_cast<int>(syscall(SYS_getpeername, fd, address, length));
   const host hold;
-  fill_address(net.peer_of(fd), address, length);
+  const auto& way = net.at(fd).way;
+  fill_address(way ? way->server : endpoint{}, address, length);
   return 0;
 }
 REPLACED int ioctl(int fd, unsigned long request, ...) noexcept {
   va_list arguments;
   va_start(arguments, request);
-  int* value = va_arg(arguments, int*);
+  if (request == FIONBIO) net.at(fd).status_flags = *va_arg(arguments, int*) ? O_NONBLOCK : 0;
   va_end(arguments);
-  if (!net.owns(fd)) return static_cast<int>(syscall(SYS_ioctl, fd, request, value));
-  if (request == FIONBIO) net.status_flags(fd) = *value ? O_NONBLOCK : 0;
   return 0;
 }
 REPLACED int fcntl64(int fd, int command, ...) {
@@ -252,9 +213,8 @@ REPLACED int fcntl64(int fd, int command, ...) {
   if (!net.owns(fd)) return static_cast<int>(syscall(SYS_fcntl, fd, command, value));
   const host hold;
   if (command == F_DUPFD_CLOEXEC) return net.duplicate(fd, static_cast<int>(value));
-  if (command == F_GETFL) return net.status_flags(fd);
-  if (command == F_SETFL) net.status_flags(fd) = static_cast<int>(value);
-  return 0;
+  if (command == F_SETFL) net.at(fd).status_flags = static_cast<int>(value);
+  return command == F_GETFL ? net.at(fd).status_flags : 0;
 }
 
 REPLACED int open64(const char* path, int flags, ...) {
@@ -262,25 +222,7 @@ REPLACED int open64(const char* path, int flags, ...) {
   va_start(arguments, flags);
   const int mode = va_arg(arguments, int);
   va_end(arguments);
-  return static_cast<int>(faulty(
-      call::open, 0, [&](size_t) { return syscall(SYS_openat, AT_FDCWD, own_place(path), flags, mode); }));
-}
-REPLACED FILE* fopen64(const char* path, const char* mode) {
-  static const auto real = next<decltype(fopen64)>("fopen64");
-  if (strikes(call::fopen)) return nullptr;
-  const host hold;
-  return real(path, mode);
-}
-REPLACED FILE* fdopen(int fd, const char* mode) noexcept {
-  static const auto real = next<FILE*(int, const char*)>("fdopen");
-  if (strikes(call::fdopen)) return nullptr;
-  const host hold;
-  return real(fd, mode);
-}
-REPLACED int fclose(FILE* file) {
-  static const auto real = next<int(FILE*)>("fclose");
-  const int rc = real(file);
-  return strikes(call::fclose) ? -1 : rc;
+  return faulty(call::open, [&] { return syscall(SYS_openat, AT_FDCWD, own_place(path), flags, mode); });
 }
 REPLACED ssize_t read(int fd, void* to, size_t count) {
   return faulty(call::read, count, [&](size_t size) { return syscall(SYS_read, fd, to, size); });
@@ -288,64 +230,60 @@ REPLACED ssize_t read(int fd, void* to, size_t count) {
 REPLACED ssize_t write(int fd, const void* from, size_t count) {
   return faulty(call::write, count, [&](size_t size) { return syscall(SYS_write, fd, from, size); });
 }
-REPLACED int close(int fd) {
-  const host hold;
-  if (net.owns(fd)) net.close(fd);
-  const int rc = static_cast<int>(syscall(SYS_close, fd));
-  --plan.host_depth;
-  const bool struck = strikes(call::close);
-  ++plan.host_depth;
-  return struck ? -1 : rc;
+REPLACED int fsync(int fd) {
+  return faulty(call::fsync, [&] { return fcntl64(fd, F_GETFD) < 0 ? -1 : 0; });
 }
 REPLACED int rename(const char* from, const char* to) noexcept {
-  if (strikes(call::rename)) return -1;
-  return static_cast<int>(syscall(SYS_renameat2, AT_FDCWD, own_place(from), AT_FDCWD, to, 0));
+  return faulty(call::rename,
+                [&] { return syscall(SYS_renameat2, AT_FDCWD, own_place(from), AT_FDCWD, to, 0); });
 }
-
 REPLACED int unlink(const char* path) noexcept {
   return static_cast<int>(syscall(SYS_unlinkat, AT_FDCWD, own_place(path), 0));
 }
-REPLACED DIR* opendir(const char* path) {
-  static const auto real = next<DIR*(const char*)>("opendir");
-  if (strikes(call::opendir)) return nullptr;
-  const host hold;
-  return real(path);
+// What is closed is closed, whatever is told of it.
+REPLACED int close(int fd) {
+  if (net.owns(fd)) {
+    const host hold;
+    net.close(fd);
+  }
+  const int rc = static_cast<int>(syscall(SYS_close, fd));
+  return strikes(call::close) ? -1 : rc;
 }
-REPLACED int mkostemp64(char* pattern, int flags) {
-  static const auto real = next<int(char*, int)>("mkostemp64");
-  return strikes(call::mkstemp) ? -1 : real(pattern, flags);
-}
-REPLACED int fsync(int fd) {
-  return static_cast<int>(faulty(call::fsync, 0, [&](size_t) { return fcntl64(fd, F_GETFD) < 0 ? -1 : 0; }));
-}
-REPLACED int mkdir(const char* path, mode_t mode) noexcept {
-  return static_cast<int>(
-      faulty(call::mkdir, 0, [&](size_t) { return syscall(SYS_mkdirat, AT_FDCWD, path, mode); }));
-}
-REPLACED int pipe2(int* ends, int flags) noexcept {
-  return static_cast<int>(faulty(call::pipe, 0, [&](size_t) { return syscall(SYS_pipe2, ends, flags); }));
-}
-REPLACED int posix_spawn(pid_t* child, const char* path, const posix_spawn_file_actions_t* actions,
-                         const posix_spawnattr_t* attributes, char* const* words,
-                         char* const* variables) noexcept {
-  static const auto real = next<decltype(posix_spawn)>("posix_spawn");
-  if (strikes(call::spawn)) return plan.what->error;
-  const host hold;
-  return real(child, path, actions, attributes, words, variables);
+REPLACED int fclose(FILE* file) {
+  NEXT(fclose);
+  const int rc = real(file);
+  return strikes(call::fclose) ? -1 : rc;
 }
 
+// The calls that only fail, or not.
+#define FAILING(type, name, which, failure, parameters, arguments) \
+  REPLACED type name parameters {                                  \
+    NEXT(name);                                                    \
+    if (strikes(call::which)) return failure;                      \
+    const host hold;                                               \
+    return real arguments;                                         \
+  }
+FAILING(FILE*, fopen64, fopen, nullptr, (const char* path, const char* mode), (path, mode))
+FAILING(FILE*, fdopen, fdopen, nullptr, (int fd, const char* mode) noexcept, (fd, mode))
+FAILING(DIR*, opendir, opendir, nullptr, (const char* path), (path))
+FAILING(int, mkostemp64, mkstemp, -1, (char* pattern, int flags), (pattern, flags))
+FAILING(int, mkdir, mkdir, -1, (const char* path, mode_t mode) noexcept, (path, mode))
+FAILING(int, pipe2, pipe, -1, (int* ends, int flags) noexcept, (ends, flags))
+FAILING(int, posix_spawn, spawn, plan.what->error,
+        (pid_t * child, const char* path, const posix_spawn_file_actions_t* actions,
+         const posix_spawnattr_t* attributes, char* const* words, char* const* variables) noexcept,
+        (child, path, actions, attributes, words, variables))
+
 REPLACED int clock_gettime(clockid_t, timespec* now) noexcept {
-  now->tv_sec = static_cast<time_t>(seconds_now());
-  now->tv_nsec = static_cast<long>(net.clock_us % 1000000 * 1000);
+  *now = {static_cast<time_t>(net.clock_us / 1000000), static_cast<long>(net.clock_us % 1000000 * 1000)};
   return 0;
 }
 REPLACED int gettimeofday(timeval* __restrict now, void* __restrict) noexcept {
-  now->tv_sec = static_cast<time_t>(seconds_now());
-  now->tv_usec = static_cast<suseconds_t>(net.clock_us % 1000000);
+  *now = {static_cast<time_t>(net.clock_us / 1000000), static_cast<suseconds_t>(net.clock_us % 1000000)};
   return 0;
 }
 REPLACED time_t time(time_t* place) noexcept {
-  const auto now = static_cast<time_t>(seconds_now());
+  const auto now = static_cast<time_t>(net.clock_us / 1000000);
   if (place) *place = now;
   return now;
 }

@@ -1,9 +1,8 @@
 // text.cpp: escapes and generators, from the inside out.
 #include "tests/scenario/text.h"
 
-#include <stdio.h>
-
 #include <algorithm>
+#include <sstream>
 #include <stdexcept>
 
 #include "core/base64.h"
@@ -21,14 +20,6 @@ string big_endian(int value) {
   return {static_cast<char>(value >> 8 & 0xff), static_cast<char>(value & 0xff)};
 }
 
-// Splits the first word off.
-string first_word(string& text) {
-  const std::size_t end = std::min(text.find(' '), text.size());
-  const string word = text.substr(0, end);
-  text.erase(0, std::min(end + 1, text.size()));
-  return word;
-}
-
 string content(const string& amount) {
   const std::size_t at = amount.find('@');
   const std::size_t size = std::stoul(amount),
@@ -37,9 +28,9 @@ string content(const string& amount) {
 }
 
 string chunk(const string& data) {
-  char size[16];
-  snprintf(size, sizeof size, "%zx\r\n", data.size());
-  return size + data + "\r\n";
+  std::ostringstream size;
+  size << std::hex << data.size();
+  return size.str() + "\r\n" + data + "\r\n";
 }
 
 string base64(const string& bytes) {
@@ -107,6 +98,15 @@ char escaped(string_view text, std::size_t& at) {
 }
 
 }  // namespace
+
+string first_word(string& text) {
+  std::size_t end = 0;
+  for (int braces = 0; end < text.size() && (text[end] != ' ' || braces > 0); ++end)
+    braces += (text[end] == '{') - (text[end] == '}');
+  const string word = text.substr(0, end);
+  text.erase(0, end + 1);
+  return word;
+}
 
 string trim(string_view text) {
   const std::size_t first = text.find_first_not_of(" \t");

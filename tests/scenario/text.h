@@ -18,6 +18,8 @@ struct places {
 std::string bytes_of(std::string_view text, const places& where);
 
 std::string trim(std::string_view text);
+// Splits the first word off, up to a space that is in no braces.
+std::string first_word(std::string& text);
 // Words at spaces; a part in double quotes stays together, without them.
 std::vector<std::string> words_of(std::string_view text);
 

@@ -51,6 +51,7 @@ void plant(const string& directory, const std::vector<std::pair<string, node>>& 
     const fs::path path = fs::path(directory) / name;
     fs::create_directories(path.parent_path());
     if (one.kind == entry::file) test::write_file(path, one.content);
+    if (one.zeros > 0) fs::resize_file(path, static_cast<std::uintmax_t>(one.zeros));
     if (one.kind == entry::directory) fs::create_directory(path);
     if (one.kind == entry::link) fs::create_symlink(one.content, path);
     if (one.kind == entry::pipe) mkfifo(path.c_str(), 0600);

@@ -14,6 +14,7 @@ struct node {
   entry kind = entry::none;
   std::string content;  // of a file; of a link its target
   int mode = -1;        // of a file; -1: not told
+  long zeros = 0;       // so many, instead of content, in front of the call
   bool operator==(const node&) const = default;
 };
 
