@@ -12,7 +12,7 @@
 
 namespace fetchrig {
 
-inline constexpr const char* library_version = "5.3.0.4";
+inline constexpr const char* library_version = FETCHRIG_VERSION;
 
 // A copied text option, always terminated.
 using option_text = std::array<char, 512>;

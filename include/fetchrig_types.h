@@ -7,6 +7,13 @@
 #include <pthread.h>
 #include <stdint.h>
 
+/* The version that a program is compiled for; dl_get_version() tells the one that it runs with. */
+#define FETCHRIG_VERSION "5.3.0.4"
+#define FETCHRIG_VERSION_MAJOR 5
+#define FETCHRIG_VERSION_MINOR 3
+#define FETCHRIG_VERSION_PATCH 0
+#define FETCHRIG_VERSION_TWEAK 4
+
 #if defined(__GNUC__)
 #define FETCHRIG_API __attribute__((visibility("default")))
 #define FETCHRIG_PRINTF(format_at, first_at) __attribute__((format(printf, format_at, first_at)))
