@@ -9,8 +9,11 @@ set -euo pipefail
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 fetchrig=$top/build/fetchrig
 if [ -z "${SERVED:-}" ]; then
-  "$top/scripts/setup.sh"
-  (cd "$top" && cmake --preset default >/dev/null &&
+  "$top/scripts/setup.sh" demo
+  # Without tests, unless this folder was configured with them before.
+  [ -e "$top/build/build.ninja" ] ||
+    (cd "$top" && cmake --preset default -DFETCHRIG_TESTS=OFF -DFETCHRIG_BENCH=OFF >/dev/null)
+  (cd "$top" &&
     cmake --build --preset default --target fetchrig_command -j 2 -- --quiet | sed '/^ninja: no work to do/d')
   if [ $# -gt 0 ]; then exec "$fetchrig" get "$@"; fi
   # Once more, as the command that the servers run for. tftpd-hpa needs root.

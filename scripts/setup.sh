@@ -1,17 +1,33 @@
 #!/usr/bin/env bash
-# Installs what building, testing and the demonstration need and what is missing, from Debian's packages.
-# Works as root or with sudo, as often as you like. Servers are installed without being started.
+# Installs what is missing, from Debian's packages. Works as root or with sudo, as often as you like. Servers are
+# installed without being started.
+#   setup.sh demo       what building the library and the command and the demonstration need
+#   setup.sh [test]     ... and what scripts/test.sh needs
+#   setup.sh release    ... and what scripts/release.sh needs
 set -euo pipefail
 
-packages=(
-  g++ cmake ninja-build pkg-config git
+demo=(
+  g++ cmake ninja-build pkg-config
   libssl-dev openssl ca-certificates
-  libgtest-dev libbenchmark-dev libcli11-dev nlohmann-json3-dev
-  clang clang-format clang-tidy libclang-rt-14-dev
-  nginx apache2-bin vsftpd python3-pyftpdlib tftpd-hpa libpcre3 libwrap0
-  python3 python3-pytest python3-pexpect valgrind
+  libcli11-dev nlohmann-json3-dev
+  nginx vsftpd tftpd-hpa libpcre3 libwrap0
+  python3
+)
+tests=(
+  git libgtest-dev libbenchmark-dev
+  clang clang-format clang-tidy libclang-rt-14-dev dwarves reuse
+  apache2-bin python3-pyftpdlib
+  python3-pytest python3-pexpect valgrind
   gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user-static
 )
+release=(debhelper dpkg-dev fakeroot lintian mmdebstrap faketime)
+
+case "${1:-test}" in
+  demo) packages=("${demo[@]}") ;;
+  test) packages=("${demo[@]}" "${tests[@]}") ;;
+  release) packages=("${demo[@]}" "${tests[@]}" "${release[@]}") ;;
+  *) sed -n '2,6s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"; exit 2 ;;
+esac
 
 missing=()
 for package in "${packages[@]}"; do
@@ -20,6 +36,10 @@ done
 
 as_root=()
 if [ "$(id -u)" -ne 0 ]; then as_root=(sudo); fi
+if [ ${#missing[@]} -gt 0 ] && [ ${#as_root[@]} -gt 0 ] && ! command -v sudo >/dev/null; then
+  echo "Not root, and sudo is not there. An administrator may run: apt-get install ${missing[*]}" >&2
+  exit 1
+fi
 
 # Packages that cannot be installed beside others are unpacked into build-servers/ instead: atftpd excludes tftpd-hpa.
 unpack_servers() {
