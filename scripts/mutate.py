@@ -130,7 +130,7 @@ def main():
     parser.add_argument("--count", type=int, default=150)
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--again", type=pathlib.Path, help="plant the faults of an earlier FILE instead of drawn ones")
-    parser.add_argument("--tests", default="unit|wire|scenario|boundary",
+    parser.add_argument("--tests", default="unit|scenario|boundary",
                         help="the tests that are run, as a regular expression")
     parser.add_argument("--tests-of", metavar="COMMIT", help="take the tests from another commit")
     parser.add_argument("--results", default="mutations.json", help="a JSON object in a line for each fault")

@@ -44,7 +44,7 @@ check_arm() {
     echo "SKIPPED: the 32-bit ARM build, its packages cannot be fetched"
     return 0
   fi
-  test_preset armhf -L 'unit|wire|scenario|boundary' || return 1
+  test_preset armhf -L 'unit|scenario|boundary' || return 1
   arm-linux-gnueabihf-strip -o build-armhf/stripped.so build-armhf/libfetchrig.so || return 1
   local size
   size=$(stat -c %s build-armhf/stripped.so)

@@ -9,7 +9,6 @@
 #include <stdexcept>
 
 #include "tests/scenario/text.h"
-#include "tests/support/pki.h"
 
 namespace scenario {
 namespace {
@@ -24,6 +23,8 @@ std::shared_ptr<EVP_PKEY> new_key(const string& kind) {
   if (kind == "ed25519") return {EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"), EVP_PKEY_free};
   return {EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", kind.c_str()), EVP_PKEY_free};
 }
+
+}  // namespace
 
 const test::identity& identity_of(const string& name) {
   if (const auto known = made.find(name); known != made.end()) return known->second;
@@ -43,9 +44,12 @@ const test::identity& identity_of(const string& name) {
     if (what == "subject") options.subject = bytes_of(value, {});
     if (what == "version") options.version = std::stol(value) - 1;
     if (what == "serial") options.serial = std::stol(value);
+    if (what == "names") options.extensions.emplace_back("subjectAltName", value);
   }
   return made.emplace(name, test::make_identity(name, new_key(key), options)).first->second;
 }
+
+namespace {
 
 string locked_der(const EVP_PKEY* key, const string& passphrase) {
   const std::unique_ptr<BIO, decltype(&BIO_free_all)> to(BIO_new(BIO_s_mem()), BIO_free_all);

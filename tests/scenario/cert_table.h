@@ -1,6 +1,7 @@
 // cert_table.h: the certificates that scenarios speak of. A line in front of a file's scenarios describes each:
 //
 //   cert NAME by=CA ca from=DAYS until=DAYS key=rsa2048 md=md5 subject=/O=x/CN=y version=1 serial=7
+//        names=DNS:a.test,IP:10.0.0.1
 //
 // Without anything else it is self-signed, P-256 and SHA-256, of "/O=Test/CN=NAME", from yesterday to next year. It is
 // made when it is first used and stays the same for the whole program.
@@ -10,9 +11,12 @@
 #include <optional>
 #include <string>
 
+#include "tests/support/pki.h"
+
 namespace scenario {
 
 void define_certificate(const std::string& line);
+const test::identity& identity_of(const std::string& name);
 
 // {cert NAME} and {der NAME}, {key NAME} and {derkey NAME}, {locked NAME PASSPHRASE} and
 // {lockedder NAME PASSPHRASE} (the encrypted key), {crl NAME}, {hash NAME} (eight digits); nothing: no such word.

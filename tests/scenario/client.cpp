@@ -246,11 +246,18 @@ void read_bare(call_record& call) {
 void ring(call_record& call) {
   char path[64] = {};
   int32_t number = 0;
+  const auto size = static_cast<uint32_t>(call.told.number("size", sizeof path));
   call.result = {};
   call.make([&] {
-    return dl_distinctive_ringtone_download(call.word(0), call.text("name"), &number, path, sizeof path);
+    return dl_distinctive_ringtone_download(call.given("alert", call.word(0)), call.text("name"),
+                                            call.given("number", &number), call.given("path", path), size);
   });
   call.seen.told["ring"] = std::to_string(number);
+  call.seen.told["reads"] = std::to_string(call.seen.rc);
+  call.seen.told["redirect"] = path;
+  for (const string& file : test::names_in("."))
+    if (file.starts_with(test::md5_hex(call.word(0)) + ".wav."))
+      call.seen.broken.push_back("a part is left in the cache");
 }
 
 // HOST PORT IPV6 SECONDS behind the verb.

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <utility>
 
 #include "include/fetchrig_types.h"
 #include "tests/scenario/cert_client.h"
@@ -60,6 +61,8 @@ std::vector<string> broken_rules(const story& told, const outcome& whole, const 
   rule(known || seen.code == whole.code, "a code that is none");
   rule(ring || seen.rc == -1 || seen.code == 0, "success with a code");
   rule(ring || seen.rc == 0 || seen.rc == -1, "a return value that is none");
+  rule(!ring || !told.argument("name") || seen.rc == whole.rc, "neither the ring nor the one in its place");
+  rule(!ring || seen.told.at("redirect").empty() || seen.file, "a ring that is not there");
   const bool whole_ok = whole.rc >= 0 && whole.code == 0, ok = seen.rc >= 0 && seen.code == 0;
   rule(whole_ok || !ok || early, "accepts what is refused without a fault");
   const auto old = told.arguments.find("old");

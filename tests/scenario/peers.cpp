@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "tests/scenario/cert_table.h"
+
 namespace scenario {
 namespace {
 
@@ -23,20 +25,28 @@ std::string shown(std::string_view bytes) {
 
 }  // namespace
 
-certificates::certificates(const test::temp_dir& place) : ca_(place), stranger_(place, "stranger") {}
+certificates::certificates(const test::temp_dir& place) : trusted_dir_(place.make_dir("trusted")) {
+  for (const char* line :
+       {"cert authority ca", "cert server by=authority names=DNS:a.test,DNS:b.test,IP:10.0.0.3",
+        "cert stranger ca", "cert foreign by=stranger names=DNS:a.test",
+        "cert elsewhere by=authority subject=/CN=other.test"})
+    define_certificate(line);
+  const test::identity& authority = identity_of("authority");
+  test::write_file(trusted_dir() + test::hash_name_of(authority), test::pem_of(authority));
+}
 
 SSL_CTX* certificates::context(const std::string& name) {
   auto found = contexts_.find(name);
   if (found == contexts_.end()) {
-    test::cert_request request = {"a.test", "DNS:a.test,DNS:b.test,IP:10.0.0.3"};
-    if (name == "elsewhere") request = {"other.test", ""};
-    if (name == "expired") request.valid_from_s = -7200, request.valid_until_s = -3600;
-    const test::cert_files files = (name == "foreign" ? stranger_ : ca_).issue(name, request);
     found = contexts_.emplace(name, owned_context(SSL_CTX_new(TLS_server_method()), SSL_CTX_free)).first;
-    SSL_CTX_use_certificate_file(found->second.get(), files.cert.c_str(), SSL_FILETYPE_PEM);
-    SSL_CTX_use_PrivateKey_file(found->second.get(), files.key.c_str(), SSL_FILETYPE_PEM);
-    SSL_CTX_set_session_cache_mode(found->second.get(), SSL_SESS_CACHE_OFF);
-    SSL_CTX_set_security_level(found->second.get(), 0);
+    SSL_CTX* const context = found->second.get();
+    const test::identity& server = identity_of(name);
+    SSL_CTX_use_certificate(context, server.certificate.get());
+    SSL_CTX_use_PrivateKey(context, server.key.get());
+    X509_STORE_add_cert(SSL_CTX_get_cert_store(context), identity_of("authority").certificate.get());
+    SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
+    SSL_CTX_set_mode(context, SSL_MODE_NO_AUTO_CHAIN);
+    SSL_CTX_set_security_level(context, 0);
   }
   return found->second.get();
 }
@@ -76,6 +86,8 @@ std::shared_ptr<link> conversation::accept(const endpoint& server, bool datagram
                                                 : TLS1_3_VERSION;
     if (!plan.version.empty()) SSL_set_min_proto_version(by.tls.get(), version);
     if (!plan.version.empty()) SSL_set_max_proto_version(by.tls.get(), version);
+    if (plan.demands)
+      SSL_set_verify(by.tls.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
     return by.way;
   }
   return nullptr;
@@ -218,6 +230,12 @@ void conversation::problem(const step& at, const std::string& what) {
 
 std::vector<std::string> conversation::problems() {
   if (next_ < told_.steps.size()) problem(told_.steps[next_], "never came to this step");
+  for (std::size_t i = 0; i < parties_.size(); ++i) {
+    const connection& plan = told_.connections[i];
+    const char* asked = parties_[i]->secured ? SSL_get_servername(parties_[i]->tls.get(), 0) : nullptr;
+    if (!plan.server_name.empty() && plan.server_name != (asked ? asked : "none"))
+      problems_.push_back(std::string("asks for the server ") + (asked ? asked : "none"));
+  }
   for (const auto& by : parties_) {
     const bool listens = by->way && !by->way->deaf && !by->way->reset;
     if (listens && !by->inbox.empty())

@@ -4,26 +4,27 @@
 
 #include <openssl/ssl.h>
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "tests/scenario/network.h"
 #include "tests/scenario/script.h"
-#include "tests/support/pki.h"
+#include "tests/support/temp_dir.h"
 
 namespace scenario {
 
-// The certificates of the TLS servers, made once, and the CA directory that trusts all but the foreign one.
+// What TLS servers have, made once for each certificate, and the CA directory of the client.
 class certificates {
  public:
   explicit certificates(const test::temp_dir& place);
-  std::string trusted_dir() const { return ca_.hashed_dir(); }
+  std::string trusted_dir() const { return trusted_dir_ + "/"; }
   SSL_CTX* context(const std::string& name);
 
  private:
   using owned_context = std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)>;
-  test::test_ca ca_, stranger_;
+  std::string trusted_dir_;
   std::map<std::string, owned_context> contexts_;
 };
 

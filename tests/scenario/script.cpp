@@ -201,7 +201,9 @@ class reader {
       const auto [what, value] = split(words[i], "=");
       if (what == "tls") one.certificate = value.empty() ? "server" : value;
       if (what == "version") one.version = value;
+      if (what == "sni") one.server_name = value;
       if (what == "as") one.name = words.at(++i);
+      one.demands |= what == "demands";
       one.datagrams |= what == "udp";
       one.mute |= what == "mute";
       one.interrupted |= what == "interrupted";

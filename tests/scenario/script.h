@@ -24,8 +24,10 @@
 //   | 1 | two | - |                                    a line that uses a cell "-" is left out
 //
 // The other side, in the order in which things happen, whatever the connection:
-//   @ a.test:80                 the client connects here; `tls` or `tls=foreign` behind it makes it a TLS server with
-//                               that certificate (server, foreign, expired, elsewhere), version=1.2; `udp` makes it datagrams;
+//   @ a.test:80                 the client connects here; `tls` or `tls=NAME` behind it makes it a TLS server with
+//                               that certificate (server, foreign, elsewhere, or the file's own), version=1.2;
+//                               sni=a.test or sni=none is the name that the client must ask for; `demands` a
+//                               certificate of it, by `authority`, which is what it trusts; `udp` makes it datagrams;
 //                               `as NAME` names it; `mute` lets no connection come about; `interrupted`:
 //                               a signal comes while the client connects
 //   @ NAME                      goes on with that connection
@@ -50,7 +52,8 @@
 //                               is old=BYTES of the call or "old file"; special: no regular file, and still there)
 //   body BYTES   read -8   reads 3 3 1   what was read, the code of the read that failed, the counts of the reads
 //   rest BYTES                  what a bare record left in the stream
-//   redirect URL   status 200   last 200   end 1   left 5   header X = X: y   ring 6   as the calls tell them
+//   redirect URL   status 200   last 200   end 1   left 5   header X = X: y   ring 6   as the calls tell them;
+//                               of `ring`, `reads` is what it returned and `redirect` the path of the file
 //   port 1025                   the local port of the datagrams
 //   cause 20 1 text             what dl_last_cause() tells: enum dl_cause, number and text
 //   at a/b.pem BYTES            the file is this afterwards, with the mode of before or mode=; "at a none", "at a any";
@@ -99,6 +102,8 @@ struct connection {
   std::string name;
   std::string certificate;  // empty: no TLS
   std::string version;      // of TLS, empty: any
+  std::string server_name;  // that the client must ask for; "none"; empty: whatever
+  bool demands = false;     // a certificate of the client
   bool datagrams = false, mute = false, interrupted = false;
 };
 

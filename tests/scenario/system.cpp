@@ -20,6 +20,7 @@
 
 #include <algorithm>
 #include <new>
+#include <string_view>
 
 #include "tests/scenario/faults.h"
 #include "tests/scenario/network.h"
@@ -91,10 +92,13 @@ void fill_address(const endpoint& from, sockaddr* address, socklen_t* length) {
   freeaddrinfo(list);
 }
 
-// The scratch file of all processes lies in the working directory, where no other process sees it.
+// The library's files in /tmp lie in the working directory, where no other process sees them.
 const char* own_place(const char* path) {
-  if (strcmp(path, "/tmp") == 0) return ".";
-  return strcmp(path, "/tmp/ca_tmp.crt") == 0 ? path + strlen("/tmp/") : path;
+  constexpr std::string_view all = "/tmp/", ours = "/tmp/fetchrig-test-";
+  const std::string_view name(path);
+  if (name == "/tmp") return ".";
+  const bool moves = name.starts_with(all) && !name.starts_with(ours) && name.rfind('/') < all.size();
+  return moves ? path + all.size() : path;
 }
 
 // Looks a name up in the table of the run.
@@ -234,8 +238,9 @@ REPLACED int fsync(int fd) {
   return faulty(call::fsync, [&] { return fcntl64(fd, F_GETFD) < 0 ? -1 : 0; });
 }
 REPLACED int rename(const char* from, const char* to) noexcept {
-  return faulty(call::rename,
-                [&] { return syscall(SYS_renameat2, AT_FDCWD, own_place(from), AT_FDCWD, to, 0); });
+  return faulty(call::rename, [&] {
+    return syscall(SYS_renameat2, AT_FDCWD, own_place(from), AT_FDCWD, own_place(to), 0);
+  });
 }
 REPLACED int unlink(const char* path) noexcept {
   return static_cast<int>(syscall(SYS_unlinkat, AT_FDCWD, own_place(path), 0));
@@ -248,6 +253,10 @@ REPLACED int close(int fd) {
   }
   const int rc = static_cast<int>(syscall(SYS_close, fd));
   return strikes(call::close) ? -1 : rc;
+}
+REPLACED int stat64(const char* __restrict path, struct stat64* __restrict status) noexcept {
+  static const auto real = reinterpret_cast<int (*)(const char*, struct stat64*)>(dlsym(RTLD_NEXT, "stat64"));
+  return real(own_place(path), status);
 }
 REPLACED int fclose(FILE* file) {
   NEXT(fclose);

@@ -10,8 +10,6 @@
 #include <utility>
 #include <vector>
 
-#include "tests/support/temp_dir.h"
-
 namespace test {
 
 // A certificate with its private key; copies share both.
@@ -22,7 +20,7 @@ struct identity {
 
 struct identity_options {
   const identity* issuer = nullptr;                                  // null: self-signed
-  std::vector<std::pair<const char*, const char*>> extensions = {};  // as in OpenSSL's configuration files
+  std::vector<std::pair<std::string, std::string>> extensions = {};  // as in OpenSSL's configuration files
   long valid_from_s = -3600;                                         // from now
   long valid_until_s = 86400;
   const EVP_MD* digest = EVP_sha256();
@@ -32,7 +30,7 @@ struct identity_options {
 };
 
 // The extensions of a CA.
-inline const std::vector<std::pair<const char*, const char*>> ca_extensions = {
+inline const std::vector<std::pair<std::string, std::string>> ca_extensions = {
     {"basicConstraints", "critical,CA:TRUE"}};
 
 // A P-256 key; quick to make.
@@ -65,40 +63,6 @@ std::shared_ptr<EVP_PKEY> key_in(const std::string& pem);
 
 // The modulus of an RSA key in hexadecimal digits.
 std::string modulus_of(const EVP_PKEY* key);
-
-// Paths of PEM files.
-struct cert_files {
-  std::string cert;
-  std::string key;
-  std::string both;  // certificate, then key
-};
-
-struct cert_request {
-  std::string common_name = "127.0.0.1";
-  std::string alt_names = "IP:127.0.0.1,IP:::1,DNS:localhost";  // empty: no such extension
-  long valid_from_s = -3600;                                    // from now
-  long valid_until_s = 86400;
-  std::string passphrase = {};  // not empty: the key is encrypted with it
-  unsigned rsa_bits = 0;        // 0: a P-256 key
-};
-
-// A certification authority: files on disk as servers and the library read them.
-class test_ca {
- public:
-  // Its files go into a directory of its own in `place`, named after it.
-  explicit test_ca(const temp_dir& place, const std::string& name = "root");
-
-  // Certificate and key in files named after `file_name`.
-  cert_files issue(const std::string& file_name, const cert_request& request = {}) const;
-  // The CA's own certificate: as a file, and as a hashed directory (with a "/" at its end).
-  std::string file() const { return directory_ + "/ca.pem"; }
-  std::string hashed_dir() const { return directory_ + "/hashed/"; }
-  const identity& root() const { return root_; }
-
- private:
-  std::string directory_;
-  identity root_;
-};
 
 }  // namespace test
 #endif

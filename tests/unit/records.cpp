@@ -1,17 +1,14 @@
-// transfer_record.cpp: records that a caller made or that are dead, and what only the system's own sockets tell. All
-// else of FTP, TFTP and connections is told by scenarios.
-#include <arpa/inet.h>
-#include <errno.h>
+// records.cpp: sessions as a caller may hand them over: unusable ones, dead sockets, standard streams, senseless
+// numbers. All else of transfers is told by scenarios.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/tcp.h>
 #include <stdlib.h>
-#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include "core/owners.h"
+#include "http/http_connection.h"
 #include "include/fetchrig.h"
-#include "include/fetchrig_openssl.h"
-#include "net/socket.h"
 #include "tests/support/descriptors.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/options.h"
@@ -23,9 +20,9 @@ namespace {
 using namespace fetchrig;
 using lines = std::vector<std::string>;
 
-class transfer_record : public test::leak_free {
+class records : public test::leak_free {
  protected:
-  transfer_record() {
+  records() {
     int ends[2] = {-1, -1};
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
     near_.reset(ends[0]);
@@ -50,7 +47,7 @@ class transfer_record : public test::leak_free {
   char bytes_[2000] = {};
 };
 
-TEST_F(transfer_record, of_ftp) {
+TEST_F(records, of_ftp) {
   dl_ftp_session none = {}, dead = {}, live = {}, endless = {};
   dead.data_sock = live.ctrl_sock = near_.get();
   live.magic = none.magic = endless.magic = DL_FTP_MAGIC;
@@ -86,7 +83,7 @@ TEST_F(transfer_record, of_ftp) {
   EXPECT_EQ(before, test::open_descriptors());
 }
 
-TEST_F(transfer_record, of_tftp) {
+TEST_F(records, of_tftp) {
   dl_tftp_session none = {}, dead = {};
   none.magic = DL_TFTP_MAGIC;
   dead.sock = near_.get();
@@ -115,7 +112,7 @@ TEST_F(transfer_record, of_tftp) {
   EXPECT_EQ(log_.messages(), lines(2, "tftp close with invalid parameter"));
 }
 
-TEST_F(transfer_record, packets_that_do_not_fit_are_not_sent) {
+TEST_F(records, packets_that_do_not_fit_are_not_sent) {
   tftp_packet_buffer buffer;
   EXPECT_EQ(tftp_build_request(tftp_opcode::wrq, std::string(256, 'n'), buffer), 0u);
   EXPECT_EQ(tftp_build_error(8, std::string(tftp_max_blksize - 1, 'e'), buffer), buffer.size());
@@ -124,50 +121,72 @@ TEST_F(transfer_record, packets_that_do_not_fit_are_not_sent) {
   EXPECT_EQ(log_.messages(), lines{"Send 8 err error! errno"});
 }
 
-TEST_F(transfer_record, connections_have_their_options) {
-  const unique_fd server(socket(AF_INET, SOCK_STREAM, 0));
-  sockaddr_in address = {};
-  socklen_t length = sizeof address;
-  ASSERT_EQ(listen(server.get(), 1), 0);
-  getsockname(server.get(), reinterpret_cast<sockaddr*>(&address), &length);
-  for (const int limit : {0, 2}) {
-    const unique_fd sock(dl_connect("127.0.0.1", ntohs(address.sin_port), 0, limit));
-    ASSERT_GT(sock.get(), 2) << log_.all();
-    EXPECT_EQ(fcntl(sock.get(), F_GETFL) & O_NONBLOCK, 0) << "blocking again";
-    EXPECT_TRUE(fcntl(sock.get(), F_GETFD) & FD_CLOEXEC);
-    const auto value = [&](int level, int option) {
-      int set = 0;
-      length = sizeof set;
-      EXPECT_EQ(getsockopt(sock.get(), level, option, &set, &length), 0);
-      return set;
-    };
-    EXPECT_EQ(value(SOL_SOCKET, SO_KEEPALIVE), 1);
-    EXPECT_EQ(value(IPPROTO_TCP, TCP_NODELAY), 1);
-    EXPECT_EQ(value(IPPROTO_TCP, TCP_NOTSENT_LOWAT), 16384);
+TEST_F(records, reads_refuse_bad_arguments) {
+  ASSERT_EQ(write(far_.get(), "body", 4), 4);
+  auto* session = new_record<dl_http_session>(DL_HTTP_MAGIC);
+  session->sock = fcntl(near_.get(), F_DUPFD_CLOEXEC, 3);
+  session->remaining = 4;
+  dl_http_session no_mark = *session, no_sock = *session;
+  no_mark.magic = 10139;
+  no_sock.sock = 0;
+  char buffer[8];
+  const auto code = [&](dl_http_session* from, char* to, int32_t size) {
+    EXPECT_EQ(-1, dl_http_read(from, to, size, &result_));
+    return std::exchange(result_, {}).code;
+  };
+  EXPECT_EQ(std::vector<int32_t>(5, DL_ERR_PARAMETER),
+            (std::vector{code(nullptr, buffer, 8), code(session, nullptr, 8), code(&no_mark, buffer, 8),
+                         code(&no_sock, buffer, 8), code(session, buffer, -1)}));
+  EXPECT_EQ(lines(5, "http read with invalid parameter"), log_.messages(DL_LOG_ERROR));
+  EXPECT_EQ(-1, dl_http_read(session, buffer, 8, nullptr));
+  EXPECT_EQ(0, dl_http_read(session, buffer, 0, &result_));
+  EXPECT_EQ(4, dl_http_read(session, buffer, 8, &result_));
+  EXPECT_EQ(0, result_.code);
+  dl_http_close(session);
+}
+
+TEST_F(records, close_takes_live_sessions_alone) {
+  dl_http_close(nullptr);
+  dl_http_session dead = {};
+  dead.sock = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
+  dl_http_close(&dead);
+  EXPECT_NE(-1, fcntl(dead.sock, F_GETFD)) << "a dead record's socket was closed";
+  close(dead.sock);
+  for (const int standard : {0, 1, 2}) {
+    const bool was_open = fcntl(standard, F_GETFD) != -1;
+    auto session = new_http_session();
+    session->sock = standard;
+    session.reset();
+    EXPECT_EQ(was_open, fcntl(standard, F_GETFD) != -1) << standard;
   }
 }
 
-TEST_F(transfer_record, waits_tell_readiness_above_descriptor_1023_too) {
-  rlimit limit = {};
-  getrlimit(RLIMIT_NOFILE, &limit);
-  const rlimit raised = {std::max<rlim_t>(limit.rlim_cur, 1200), limit.rlim_max};
-  if (setrlimit(RLIMIT_NOFILE, &raised) != 0) GTEST_SKIP() << "too few descriptors";
-  {
-    const unique_fd high(fcntl(near_.get(), F_DUPFD_CLOEXEC, 1100));
-    EXPECT_EQ(dl_select(high.get(), wait_readable, 0), 0);
-    EXPECT_EQ(dl_select(high.get(), wait_readable | wait_writable, 5), 1);
-    ASSERT_EQ(send(far_.get(), "x", 1, 0), 1);
-    EXPECT_EQ(dl_select(high.get(), wait_readable | wait_writable, 5), 2) << "counts like select()";
-    EXPECT_LT(dl_select(high.get(), wait_readable, -1), 0);
-  }
-  for (const int closed : {1100, -1}) {
-    errno = 0;
-    EXPECT_LT(dl_select(closed, wait_readable, 1), 0);
-    EXPECT_EQ(errno, EBADF);
-  }
-  setrlimit(RLIMIT_NOFILE, &limit);
-  far_.reset();
-  EXPECT_EQ(dl_send_all(near_.get(), "x", 1), DL_ERR_SEND) << "and no SIGPIPE";
+TEST_F(records, names_of_any_length_are_looked_up) {
+  dl_http_session session = {};
+  EXPECT_EQ(nullptr, dl_http_find_header_by_name(&session, "x-a"));
+  EXPECT_EQ(nullptr, dl_http_find_header_by_name(nullptr, "x-a"));
+  std::string block = std::string(127, 'y') + ": 1";
+  session.headers = block.data();
+  EXPECT_EQ(nullptr, dl_http_find_header_by_name(&session, nullptr));
+  EXPECT_EQ(nullptr, dl_http_find_header_by_name(&session, ""));
+  EXPECT_STREQ(block.c_str(),
+               dl_http_find_header_by_name(&session, (std::string(127, 'y') + "cut off").c_str()));
+}
+
+TEST_F(records, dead_sockets_fail) {
+  dl_http_session bare = {};
+  bare.magic = DL_HTTP_MAGIC;
+  bare.sock = 987;
+  http_channel channel(bare);
+  char byte = 0;
+  std::string line(128, '#');
+  EXPECT_EQ(DL_ERR_READ, http_read_line(channel, 256, 256, line));
+  bare.flags = DL_HTTP_FLAG_TLS;
+  EXPECT_EQ(DL_ERR_READ, http_read_line(channel, 256, 256, line));
+  EXPECT_EQ(DL_ERR_READ, http_recv(channel, {&byte, 1}));
+  EXPECT_EQ(-1, http_recv(channel, {}));
+  EXPECT_EQ((lines{"Select error! errno 9", "Peek error!", "Peek error!", "context ssl is null"}),
+            log_.messages(DL_LOG_ERROR));
 }
 
 }  // namespace
