@@ -34,14 +34,22 @@ void on_alarm(int) {
   _exit(3);
 }
 
-// A connection that ends early ends a body without an error, as the calls state: with such a cut, less may arrive, and
-// a status that was cut may read as another. Nothing of the kind passes a certificate that is not trusted.
+// A connection that ends early ends a body without an error, as the calls state: when the answer is cut so, less may
+// arrive, and a status that was cut may read as another. Nothing of the kind passes a certificate that is not trusted.
 bool may_end_early(const story& told, const outcome& whole, const run& with) {
   const std::string& url = told.words.at(0);
   const bool http = !url.starts_with("ftp:") && !url.starts_with("tftp:");
   const bool behind_tls = !told.connections.empty() && !told.connections.back().certificate.empty();
   const bool untrusted = whole.code == DL_ERR_CONNECT && behind_tls;
-  return http && with.network.how == cut::end && !untrusted;
+  return http && with.network.how == cut::end && !with.network.cut_up && !untrusted && told.verb != "ring";
+}
+
+// Whether the last bytes of it were sent; those of an old file were not.
+bool was_sent(const story& told, const string& content) {
+  const string end = content.substr(content.size() - std::min<std::size_t>(content.size(), 8));
+  return std::any_of(told.steps.begin(), told.steps.end(), [&](const step& one) {
+    return one.what == ">>" && one.bytes.find(end) != string::npos;
+  });
 }
 
 bool is_known_code(int code) {
@@ -67,10 +75,13 @@ std::vector<string> broken_rules(const story& told, const outcome& whole, const 
   rule(whole_ok || !ok || early, "accepts what is refused without a fault");
   const auto old = told.arguments.find("old");
   const bool kept = seen.file && old != told.arguments.end() && *seen.file == old->second;
-  const bool part = seen.file && (!whole.file || whole.file->starts_with(*seen.file));
+  const bool part =
+      seen.file && (whole.file ? whole.file->starts_with(*seen.file) : was_sent(told, *seen.file));
   rule(!seen.file || kept || seen.file == whole.file || (early && part), "a partial file");
-  rule(!ok || !whole_ok || ring || seen.file == whole.file || (early && part), "success with another file");
-  rule(early || !whole_ok || whole.body.starts_with(seen.body), "another body");
+  const bool falls_back = ring && !seen.file && seen.told.at("ring") != whole.told.at("ring");
+  rule(!ok || !whole_ok || seen.file == whole.file || (early && part) || falls_back,
+       "success with another file");
+  rule(!whole_ok || whole.body.starts_with(seen.body) || (early && whole.read_code != 0), "another body");
   const bool read_ok = ok && seen.read_code == 0, whole_read_ok = whole_ok && whole.read_code == 0;
   rule(!read_ok || early || (whole_read_ok && seen.body == whole.body),
        "a body that ends well, but is another");
