@@ -116,10 +116,10 @@ void player::begin(const string& name) {
 template <typename With>
 void player::play_chosen(const story& told, const string& mode, long count, long& struck, With with) {
   if (!chosen_.mode.empty() && chosen_.mode != mode) return;
-  // A certificate's run takes long, and there are many alike: of a sample not every mode is in every story.
-  const bool is_heavy = is_certificate_call(told) && chosen_.every > 1;
+  // Of a sample not every mode is in every story: a certificate's run takes long, and variants are much alike.
+  const long rarely = chosen_.every == 1 ? 0 : is_certificate_call(told) ? 20 : told.is_variant ? 12 : 0;
   const long asked = chosen_.every * told.sample;
-  const long stride = is_heavy ? asked * 20 : std::clamp<long>(count / least_runs, 1, asked);
+  const long stride = rarely > 0 ? asked * rarely : std::clamp<long>(count / least_runs, 1, asked);
   const long offset = static_cast<long>(std::hash<string>()(told.name + mode) % 997);
   for (long n = 1; n <= count; ++n) {
     if (chosen_.n > 0 ? chosen_.n != n : (n + offset) % stride != 0) continue;

@@ -54,6 +54,7 @@ std::vector<block> blocks_of(const string& file) {
   std::vector<block> blocks;
   std::map<string, std::vector<source_line>> named;
   std::map<string, string> texts;
+  std::vector<string> of_file = {""};  // variants
   std::vector<source_line>* into = nullptr;
   int number = 0;
   for (string line; std::getline(in, line);) {
@@ -68,12 +69,14 @@ std::vector<block> blocks_of(const string& file) {
     }
     const bool of_table = line.starts_with("each ") || line.starts_with("|") || line.starts_with("also ");
     if (line.starts_with("== ")) {
-      blocks.push_back({line.substr(3)});
+      blocks.push_back({.name = line.substr(3), .variants = of_file});
       into = &blocks.back().lines;
     } else if (line.starts_with("-- ")) {
       into = &named[line.substr(3)];
     } else if (!into && line.starts_with("cert ")) {
       define_certificate(line);
+    } else if (!into && line.starts_with("also ")) {
+      of_file.push_back(line.substr(5));
     } else if (!into || (of_table && blocks.empty())) {
       throw std::runtime_error(file + ": a line in front of the first scenario");
     } else if (line.starts_with("do ")) {
@@ -83,6 +86,8 @@ std::vector<block> blocks_of(const string& file) {
       blocks.back().columns = words_of(line.substr(5));
     } else if (line.starts_with("|")) {
       blocks.back().rows.push_back(cells_of(line));
+    } else if (line.starts_with("never ")) {
+      for (const string& variant : words_of(line.substr(6))) std::erase(blocks.back().variants, variant);
     } else if (of_table) {
       blocks.back().variants.push_back(line.substr(5));
     } else {
@@ -118,6 +123,29 @@ void make_secure(std::vector<source_line>& lines) {
     if (line.text.ends_with(":80")) line.text.replace(line.text.size() - 2, 2, "443");
     line.text += " tls";
   }
+}
+
+// Whether a server is asked over plain HTTP, without a proxy.
+bool can_be_other(const std::vector<source_line>& lines) {
+  string all;
+  for (const source_line& line : lines) all += line.text + "\n";
+  const auto holds = [&](const char* text) { return all.find(text) != string::npos; };
+  return holds("http://") && holds("\n@ ") && !holds("https://") && !holds("proxy=") && !holds("fails ");
+}
+
+// The first connection goes to a proxy, which is asked for what the server was.
+void make_proxied(std::vector<source_line>& lines) {
+  const auto begins = [](const char* with) {
+    return [with](const source_line& line) { return line.text.starts_with(with); };
+  };
+  const auto at = std::find_if(lines.begin(), lines.end(), begins("@ "));
+  const auto ask = std::find_if(lines.begin(), lines.end(), begins("ask "));
+  if (at == lines.end()) throw std::runtime_error("no connection for a proxy");
+  string host = words_of(at->text).at(1);
+  at->text.replace(2, host.size(), "p.test:3128");
+  if (host.ends_with(":80")) host.resize(host.size() - 3);
+  if (ask != lines.end()) ask->text.insert(std::min(ask->text.find(" ="), ask->text.size()), " host=" + host);
+  lines.push_back({"with proxy=http://p.test:3128", at->number});
 }
 
 // "1 | 2" in front of and behind the mark.
@@ -377,12 +405,15 @@ std::vector<story> read_stories(const string& file, const string& directory) {
   std::vector<story> stories;
   const auto add = [&](const block& from, const std::vector<string>& row, const string& name) {
     for (const string& variant : from.variants) {
+      std::vector<source_line> lines = filled(from, row);
+      if ((variant == "tls" || variant == "proxy") && !can_be_other(lines)) continue;
       story told;
+      told.is_variant = !variant.empty();
       told.name = name + (variant.empty() ? "" : " (" + variant + ")");
       for (char c = 'a'; c <= 'z'; ++c)
         told.hosts[string(1, c) + ".test"] = {"10.0.0." + std::to_string(c - 'a' + 1)};
-      std::vector<source_line> lines = filled(from, row);
       if (variant == "tls") make_secure(lines);
+      if (variant == "proxy") make_proxied(lines);
       reader in(told, {directory});
       try {
         in.read(lines);

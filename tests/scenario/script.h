@@ -18,7 +18,10 @@
 //   sample 50                                          faults and offsets of this one only every 50th time; 0: none
 //   at a/b.pem mode=0640 BYTES                         a file {w}/a/b.pem; "at a/" a directory, "at a -> b" a link,
 //                                                      "at a fifo" a pipe, "at a zeros=3000" a file of so many zeros
-//   also tls                                           the same again as https, at port 443 instead of 80
+//   also tls                                           the same again as https, at port 443 instead of 80; in front of
+//                                                      a file's scenarios: all that speak plain HTTP, but ...
+//   never tls proxy                                    ... those with this line
+//   also proxy                                         the same again through a proxy: its first connection
 //   also bare                                          `get` again as `read`: by a record with the stated fields only
 //   each a b c                                         a table: {a} is replaced in every line by the cell of each row;
 //   | 1 | two | - |                                    a line that uses a cell "-" is left out
@@ -129,7 +132,8 @@ struct expectation {
 };
 
 struct story {
-  std::string name;  // with its row and variant
+  std::string name;         // with its row and variant
+  bool is_variant = false;  // by "also"
   std::string verb;
   std::vector<std::string> words;  // behind the verb
   facts arguments;
