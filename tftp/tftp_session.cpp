@@ -167,6 +167,7 @@ int tftp_send_ack(const dl_tftp_session& session, uint16_t block) {
   std::array<char, tftp_header_len> packet;
   tftp_write_header(packet, tftp_opcode::ack, block);
   if (tftp_send_packet(session, {packet.data(), packet.size()}) == tftp_header_len) return 0;
+  note_symptom(DL_CAUSE_BROKEN, errno);
   log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Send %d ack error! errno\n", block);
   return -1;
 }
@@ -217,6 +218,7 @@ ssize_t tftp_receive(dl_tftp_session& session, int timeout_s, tftp_packet_buffer
                         reinterpret_cast<sockaddr*>(&sender), &sender_len);
   } while (length < 0 && (errno == EINTR || errno == EAGAIN));
   if (length < 0) {
+    note_symptom(DL_CAUSE_BROKEN, errno);
     log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Recvfrom error! errno %d\n", errno);
     return fail(result, DL_ERR_READ);
   }

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 
+#include "core/cause.h"
 #include "core/config.h"
 #include "core/files.h"
 #include "core/owners.h"
@@ -51,6 +52,7 @@ int deliver_block(dl_tftp_session& session, const data_packet& packet, int timeo
   for (int repeats = 0; repeats <= max_repeats; ++repeats) {
     if (tftp_send_packet(session, {packet.bytes.data(), packet.length}) !=
         static_cast<ssize_t>(packet.length)) {
+      note_symptom(DL_CAUSE_BROKEN, errno);
       log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Send DATA Error\n");
       return fail(result, DL_ERR_SEND);
     }
