@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <regex>
 #include <utility>
 
 #include "include/fetchrig_types.h"
@@ -34,14 +35,23 @@ void on_alarm(int) {
   _exit(3);
 }
 
+// Whether an answer says where its body ends.
+bool tells_end(const story& told) {
+  static const std::regex sign("Content-Length: [0-9]|chunked");
+  return std::any_of(told.steps.begin(), told.steps.end(),
+                     [](const step& one) { return one.what == ">>" && std::regex_search(one.bytes, sign); });
+}
+
 // A connection that ends early ends a body without an error, as the calls state: when the answer is cut so, less may
-// arrive, and a status that was cut may read as another. Nothing of the kind passes a certificate that is not trusted.
+// arrive, and a status that was cut may read as another. Nothing of the kind passes a certificate that is not trusted,
+// and a ring is whole where its end is told.
 bool may_end_early(const story& told, const outcome& whole, const run& with) {
   const std::string& url = told.words.at(0);
   const bool http = !url.starts_with("ftp:") && !url.starts_with("tftp:");
   const bool behind_tls = !told.connections.empty() && !told.connections.back().certificate.empty();
   const bool untrusted = whole.code == DL_ERR_CONNECT && behind_tls;
-  return http && with.network.how == cut::end && !with.network.cut_up && !untrusted && told.verb != "ring";
+  const bool ring = told.verb == "ring" && tells_end(told);
+  return http && with.network.how == cut::end && !with.network.cut_up && !untrusted && !ring;
 }
 
 // Whether the last bytes of it were sent; those of an old file were not.
