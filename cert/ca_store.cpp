@@ -143,6 +143,7 @@ void remove_ca(const char* path) {
   const removal given = removal_of(path);
   const auto names = removals_of(trust_ca_dir().data(), hash);
   if (!given.command || (hash != 0 && !all_fit(names))) {
+    note_cause(DL_CAUSE_COMMAND, -1);
     log_line(DL_LOG_CMN, DL_LOG_ERROR, "path of the ca file is too long\n");
     return;
   }

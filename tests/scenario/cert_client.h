@@ -15,7 +15,7 @@ bool is_certificate_call(const story& told);
 void play_certificate_call(const story& told, const std::string& directory, outcome& seen);
 // The rules of a run with a fault.
 std::vector<std::string> broken_certificate_rules(const story& told, const outcome& whole,
-                                                  const outcome& seen, const run& with);
+                                                  const outcome& seen);
 // What the certificates and keys that were written do not show.
 std::vector<std::string> unshown(const story& told, const outcome& seen);
 

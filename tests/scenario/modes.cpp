@@ -68,7 +68,7 @@ bool is_known_code(int code) {
 
 std::vector<string> broken_rules(const story& told, const outcome& whole, const outcome& seen,
                                  const run& with) {
-  if (is_certificate_call(told)) return broken_certificate_rules(told, whole, seen, with);
+  if (is_certificate_call(told)) return broken_certificate_rules(told, whole, seen);
   std::vector<string> broken = seen.broken;
   const bool early = may_end_early(told, whole, with);
   const bool ring = told.verb == "ring";
