@@ -9,6 +9,7 @@
 #include "cert/der_to_pem.h"
 #include "cert/error_queue.h"
 #include "cert/passphrase.h"
+#include "core/cause.h"
 #include "core/files.h"
 #include "log/log.h"
 
@@ -69,13 +70,16 @@ unique_pkey cert_source::plain_key() const {
 certificate_read read_certificate(unique_x509& certificate, const cert_source& source,
                                   const read_messages& messages) {
   if (!source.stream) {
+    const certificate_read outcome = why_not_opened(source.error);
+    if (outcome == certificate_read::failed) note_cause(DL_CAUSE_LOCAL_FILE, source.error);
     log_line(DL_LOG_CMN, DL_LOG_ERROR, "%s", messages.not_opened);
-    return why_not_opened(source.error);
+    return outcome;
   }
   ERR_clear_error();
   certificate = source.certificate();
   if (certificate) return certificate_read::fine;
   const certificate_read outcome = why_not_read(source.file);
+  if (outcome == certificate_read::failed) note_cause(DL_CAUSE_LOCAL_FILE, ENOMEM);
   log_line(DL_LOG_CMN, DL_LOG_ERROR, "%s", messages.no_certificate);
   return outcome;
 }

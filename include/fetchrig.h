@@ -309,7 +309,8 @@ FETCHRIG_API int dl_get_ca_info(const char *path, dl_ca_info *info);
 FETCHRIG_API int dl_get_ca_info_ex(const char *path, dl_ca_info_ex *info, uint32_t flags, dl_result *result);
 /* Lists the trusted-CA store (option 1), at most 10 entries. Every name with ".0" in it counts as an entry; one that
  * leads nowhere, or was read to its end and holds no certificate, is removed, which is logged at notice level. Returns
- * 0, with DL_CAUSE_LIST_FULL when names were left out, -1 (null) or -2 (the directory cannot be opened). */
+ * 0, with DL_CAUSE_LOCAL_FILE when one could not be read just now and DL_CAUSE_LIST_FULL when names were left out, -1
+ * (null) or -2 (the directory cannot be opened). */
 FETCHRIG_API int dl_get_trust_ca_info(dl_trust_ca_list *list);
 /* The long form. Returns 0, or -1 with code 1 (`list` is null) or 2 (the directory cannot be opened) in `result`. After
  * 0 the code is the last looked-at entry's: 0, or 1 when that was no certificate. No text is stored. */

@@ -16,6 +16,8 @@ void play_certificate_call(const story& told, const std::string& directory, outc
 // The rules of a run with a fault.
 std::vector<std::string> broken_certificate_rules(const story& told, const outcome& whole,
                                                   const outcome& seen);
+// Those of a run with a damaged file.
+std::vector<std::string> broken_damage_rules(const story& told, const outcome& seen);
 // What the certificates and keys that were written do not show.
 std::vector<std::string> unshown(const story& told, const outcome& seen);
 

@@ -24,29 +24,53 @@ std::shared_ptr<EVP_PKEY> new_key(const string& kind) {
   return {EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", kind.c_str()), EVP_PKEY_free};
 }
 
+// Bytes of a certificate that no name stands for: "utc:TEXT" and "general:TEXT" a time, "plus:BYTES" and "minus:BYTES"
+// a number.
+bool is_raw(const string& value) {
+  return value.find(':') != string::npos;
+}
+void store_raw(ASN1_STRING* into, const string& value) {
+  const std::map<string, int> types = {{"utc", V_ASN1_UTCTIME},
+                                       {"general", V_ASN1_GENERALIZEDTIME},
+                                       {"plus", V_ASN1_INTEGER},
+                                       {"minus", V_ASN1_NEG_INTEGER}};
+  const std::size_t colon = value.find(':');
+  const string bytes = value.substr(colon + 1);
+  ASN1_STRING_set(into, bytes.data(), static_cast<int>(bytes.size()));
+  into->type = types.at(value.substr(0, colon));
+}
+
 }  // namespace
 
-const test::identity& identity_of(const string& name) {
-  if (const auto known = made.find(name); known != made.end()) return known->second;
+const test::identity& identity_of(const string& text) {
+  if (const auto known = made.find(text); known != made.end()) return known->second;
+  const std::vector<string> words = words_of(text);
+  const string& name = words.at(0);
   const auto found = descriptions.find(name);
   if (found == descriptions.end()) throw std::runtime_error("unknown certificate " + name);
+  std::vector<string> description = found->second;
+  description.insert(description.end(), words.begin() + 1, words.end());
   constexpr long day_s = 86400;
   test::identity_options options = {.valid_from_s = -day_s, .valid_until_s = 365 * day_s};
   string key = "P-256";
-  for (const string& word : found->second) {
+  for (const string& word : description) {
     const string what = word.substr(0, word.find('=')), value = word.substr(word.find('=') + 1);
     if (what == "by") options.issuer = &identity_of(value);
     if (what == "ca") options.extensions = test::ca_extensions;
     if (what == "from") options.valid_from_s = std::stol(value) * day_s;
-    if (what == "until") options.valid_until_s = std::stol(value) * day_s;
+    if (what == "until" && !is_raw(value)) options.valid_until_s = std::stol(value) * day_s;
     if (what == "key") key = value;
     if (what == "md") options.digest = value == "none" ? nullptr : EVP_get_digestbyname(value.c_str());
     if (what == "subject") options.subject = bytes_of(value, {});
     if (what == "version") options.version = std::stol(value) - 1;
-    if (what == "serial") options.serial = std::stol(value);
     if (what == "names") options.extensions.emplace_back("subjectAltName", value);
+    if (what == "serial" && !is_raw(value)) options.serial = std::stol(value);
+    if ((what == "until" || what == "serial") && is_raw(value))
+      options.edit = [what, value](X509* x) {
+        store_raw(what == "until" ? X509_getm_notAfter(x) : X509_get_serialNumber(x), value);
+      };
   }
-  return made.emplace(name, test::make_identity(name, new_key(key), options)).first->second;
+  return made.emplace(text, test::make_identity(name, new_key(key), options)).first->second;
 }
 
 namespace {
@@ -60,8 +84,9 @@ string locked_der(const EVP_PKEY* key, const string& passphrase) {
   return {bytes, static_cast<std::size_t>(length)};
 }
 
-string text_of(const string& word, const std::vector<string>& words) {
-  const test::identity& who = identity_of(words.at(0));
+string text_of(const string& word, const string& rest) {
+  const std::vector<string> words = words_of(rest);
+  const test::identity& who = identity_of(word.starts_with("locked") ? words.at(0) : rest);
   if (word == "cert") return test::pem_of(who);
   if (word == "der") return test::der_of(who);
   if (word == "key") return test::pem_of(who.key.get());
@@ -73,6 +98,19 @@ string text_of(const string& word, const std::vector<string>& words) {
 }
 
 }  // namespace
+
+string verified_by(X509* certificate) {
+  string names;
+  for (const auto& [name, who] : made) {
+    const std::unique_ptr<X509_STORE, decltype(&X509_STORE_free)> store(X509_STORE_new(), X509_STORE_free);
+    const std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> context(X509_STORE_CTX_new(),
+                                                                                  X509_STORE_CTX_free);
+    X509_STORE_add_cert(store.get(), who.certificate.get());
+    X509_STORE_CTX_init(context.get(), store.get(), certificate, nullptr);
+    if (X509_verify_cert(context.get()) == 1) names += "verified by " + name + "\n";
+  }
+  return names;
+}
 
 void define_certificate(const string& line) {
   std::vector<string> words = words_of(line);
@@ -87,7 +125,7 @@ std::optional<string> certificate_text(const string& word, const string& rest) {
   if (std::find(known.begin(), known.end(), word) == known.end()) return std::nullopt;
   static std::map<string, string> texts;  // an encrypted key is another each time it is made
   const auto [found, is_new] = texts.try_emplace(word + " " + rest);
-  if (is_new) found->second = text_of(word, words_of(rest));
+  if (is_new) found->second = text_of(word, rest);
   return found->second;
 }
 

@@ -13,7 +13,7 @@ namespace scenario {
 // clang-format off
 enum class call {
   memory, socket, connect, bind, getaddrinfo, send, recv, sendto, recvfrom, poll, sendfile,
-  open, fopen, fdopen, read, write, close, fclose, rename, opendir, mkstemp, fsync, mkdir, pipe, spawn, num_calls
+  open, fopen, fdopen, read, write, close, fclose, rename, opendir, mkstemp, fsync, mkdir, pipe, spawn, flock, num_calls
 };
 // clang-format on
 
@@ -60,6 +60,7 @@ inline constexpr fault faults[] = {
     FAULT(mkdir, ENOSPC),
     FAULT(pipe, EMFILE),
     FAULT(spawn, EAGAIN),
+    FAULT(flock, EAGAIN), FAULT(flock, EINTR),
 };
 // clang-format on
 #undef FAULT

@@ -208,6 +208,26 @@ void player::fail_each_call(const story& told) {
   }
 }
 
+// Every fifth byte is another: the file is refused, or taken for what it is now.
+void player::damage(const story& told) {
+  constexpr std::size_t step = 5;
+  const auto is_meant = [&](const auto& file) { return file.first == told.damaged; };
+  story other = told;
+  const auto file = std::find_if(other.files.begin(), other.files.end(), is_meant);
+  if (file == other.files.end() || !(chosen_.mode.empty() || chosen_.mode == "damaged")) return;
+  string& content = file->second.content;
+  for (std::size_t at = 0; at < content.size(); at += step) {
+    if (chosen_.n > 0 && static_cast<std::size_t>(chosen_.n) != at) continue;
+    begin(told.name + ": --mode damaged --n " + std::to_string(at));
+    content[at] ^= 1;
+    const outcome seen = stage_.play(other, {});
+    content[at] ^= 1;
+    ++tally_.runs;
+    ++tally_.faults["damaged"];
+    report(broken_damage_rules(told, seen), seen);
+  }
+}
+
 void player::play(const story& told) {
   if (!chosen_.only.empty() && told.name.find(chosen_.only) == string::npos) return;
   signal(SIGALRM, on_alarm);
@@ -217,6 +237,7 @@ void player::play(const story& told) {
     cut_everywhere(told);
     fall_silent(told);
     fail_each_call(told);
+    damage(told);
   }
   alarm(0);
 #if defined(__SANITIZE_ADDRESS__)

@@ -34,6 +34,7 @@ class player {
   void cut_everywhere(const story& told);
   void fall_silent(const story& told);
   void fail_each_call(const story& told);
+  void damage(const story& told);
   // Plays those of the `count` runs of a mode that are chosen; `with(n)` is the n-th, from 1 on. Counts those in which
   // what it was to suffer came.
   template <typename With>

@@ -299,8 +299,8 @@ class reader {
       one.kind = words.at(rest);
     } else {
       one.kind = entry::file;
-      if (rest.starts_with("zeros=")) one.zeros = std::stol(rest.substr(6));
-      if (one.zeros == 0) one.content = bytes(rest);
+      if (rest.starts_with("zeros=")) one.zeros = std::stol(first_word(rest).substr(6));
+      one.content = bytes(rest);
     }
     (into_.verb.empty() ? into_.files : into_.expected.files).emplace_back(path, one);
   }
@@ -328,6 +328,7 @@ class reader {
         {"at", [](reader& in, const string& text) { in.place(text); }},
         {"=", [](reader& in, const string& text) { in.result(text); }},
         {"log", [](reader& in, const string& text) { in.log(text); }},
+        {"damaged", [](reader& in, const string& text) { in.into_.damaged = text; }},
         {"sample", [](reader& in, const string& text) { in.into_.sample = std::stol(text); }},
         {"busy", [](reader& in, const string& text) { in.into_.num_busy_ports = std::stoi(text); }},
         {"secret", [](reader& in, const string& text) { in.into_.secrets.push_back(in.bytes(text)); }},
@@ -345,7 +346,7 @@ class reader {
            in.into_.sample = 0;
          }},
     };
-    static const std::set<string> before_call = {"set", "host", "sample", "busy", "fails", "at"};
+    static const std::set<string> before_call = {"set", "host", "sample", "busy", "fails", "at", "damaged"};
     if (into_.verb.empty() && !before_call.contains(word)) {
       into_.verb = word;
       arguments(rest);

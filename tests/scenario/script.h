@@ -17,7 +17,10 @@
 //                                                     their place;  5x < NOOP  is a line five times
 //   sample 50                                          faults and offsets of this one only every 50th time; 0: none
 //   at a/b.pem mode=0640 BYTES                         a file {w}/a/b.pem; "at a/" a directory, "at a -> b" a link,
-//                                                      "at a fifo" a pipe, "at a zeros=3000" a file of so many zeros
+//                                                      "at a fifo" a pipe, "at a zeros=3000 BYTES" a file of so
+//                                                      many bytes, these and zeros; what is called "planted" is
+//                                                      somebody else's
+//   damaged a/b.pem                                    the same again with each fifth byte of that file being another
 //   also tls                                           the same again as https, at port 443 instead of 80; in front of
 //                                                      a file's scenarios: all that speak plain HTTP, but ...
 //   never tls proxy                                    ... those with this line
@@ -58,11 +61,12 @@
 //   redirect URL   status 200   last 200   end 1   left 5   header X = X: y   ring 6   as the calls tell them;
 //                               of `ring`, `reads` is what it returned and `redirect` the path of the file
 //   port 1025                   the local port of the datagrams
-//   cause 20 1 text             what dl_last_cause() tells: enum dl_cause, number and text
+//   cause 20 1 text             what dl_last_cause() tells: enum dl_cause, number and text; of a call on certificates
+//                               "0 0" where no line tells it, or "cause any"
 //   at a/b.pem BYTES            the file is this afterwards, with the mode of before or mode=; "at a none", "at a any";
 //                               all others are as before
 //   shows a/b.pem TEXT          what OpenSSL tells of the certificate in it holds this ("with its key":
-//                               that is behind it)
+//                               that is behind it; "verified by NAME")
 //   field NAME = TEXT           of the record that the call filled (cert_client.cpp)
 //   log 3 HTTP text             the lines of levels 0 to 3, exactly these in this order; other levels: is among them;
 //                               log any: whatever the errors
@@ -70,7 +74,7 @@
 // A file's certificates are described in front of its stories (cert_table.h).
 //
 // BYTES may hold \r \n \t \s \0 \\ \xNN and {bytes N} (N bytes of generated content), {bytes N@M} (from its byte M on),
-// {repeat N TEXT}, {chunk BYTES}, {md5 TEXT}, {base64 TEXT}, {wave N}, {dir}, {w} (the directory of the files
+// {repeat N TEXT}, {chunk BYTES}, {md5 TEXT}, {base64 TEXT}, {wave N}, {octets} (all that a file's name may hold), {dir}, {w} (the directory of the files
 // that `at` tells of), {got} (the local file), and for TFTP
 // {rrq NAME} {wrq NAME} {data N BYTES} {ack N} {oack NAME VALUE} {error N TEXT}.
 //
@@ -146,6 +150,7 @@ struct story {
   long sample = 1;                                  // of offsets and faults every so-manyth; 0: none
   std::vector<std::pair<std::string, node>> files;  // there before the call
   int num_busy_ports = 0;
+  std::string damaged;             // one of them
   std::vector<std::string> fault;  // of its own: name, number of the call, "lasting"
 
   // Null when it was not given.

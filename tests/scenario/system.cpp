@@ -11,6 +11,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -282,6 +283,15 @@ FAILING(int, posix_spawn, spawn, plan.what->error,
         (pid_t * child, const char* path, const posix_spawn_file_actions_t* actions,
          const posix_spawnattr_t* attributes, char* const* words, char* const* variables) noexcept,
         (child, path, actions, attributes, words, variables))
+FAILING(int, flock, flock, -1, (int fd, int how) noexcept, (fd, how))
+
+// What is called "planted" is somebody else's.
+REPLACED int lstat64(const char* path, struct stat64* status) noexcept {
+  NEXT(lstat64);
+  const int rc = real(path, status);
+  if (rc == 0 && strstr(path, "planted")) status->st_uid = 65534;
+  return rc;
+}
 
 REPLACED int clock_gettime(clockid_t, timespec* now) noexcept {
   *now = {static_cast<time_t>(net.clock_us / 1000000), static_cast<long>(net.clock_us % 1000000 * 1000)};

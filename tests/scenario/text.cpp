@@ -45,6 +45,14 @@ string repeated(int times, const string& text) {
   return all;
 }
 
+// Every byte that a file's name may hold.
+string octets() {
+  string all;
+  for (int byte = 1; byte < 256; ++byte)
+    if (byte != '/') all += static_cast<char>(byte);
+  return all;
+}
+
 // An acknowledgement of options: names and values in turn.
 string oack(const string& options) {
   string packet = big_endian(6);
@@ -64,6 +72,7 @@ string generated(const string& name, string rest, const places& where) {
   if (name == "base64") return base64(rest);
   if (name == "wave") return test::make_wave(static_cast<uint32_t>(std::stoul(rest)));
   if (name == "dir") return where.directory;
+  if (name == "octets") return octets();
   if (name == "w") return where.directory + "/w";
   if (name == "got") return where.local_file();
   if (name == "rrq" || name == "wrq") return request(name == "rrq" ? 1 : 2, rest);

@@ -55,7 +55,8 @@ void plant(const string& directory, const std::vector<std::pair<string, node>>& 
     if (one.kind == entry::directory) fs::create_directory(path);
     if (one.kind == entry::link) fs::create_symlink(one.content, path);
     if (one.kind == entry::pipe) mkfifo(path.c_str(), 0600);
-    if (one.mode >= 0 && one.kind == entry::file) fs::permissions(path, fs::perms(one.mode));
+    if (one.mode >= 0 && (one.kind == entry::file || one.kind == entry::directory))
+      fs::permissions(path, fs::perms(one.mode));
   }
 }
 

@@ -13,8 +13,8 @@ enum class entry { file, directory, link, pipe, none, any };
 struct node {
   entry kind = entry::none;
   std::string content;  // of a file; of a link its target
-  int mode = -1;        // of a file; -1: not told
-  long zeros = 0;       // so many, instead of content, in front of the call
+  int mode = -1;        // of a file, of a directory in front of the call; -1: not told
+  long zeros = 0;       // with which the content becomes so long, in front of the call
   bool operator==(const node&) const = default;
 };
 

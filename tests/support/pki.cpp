@@ -87,6 +87,7 @@ identity make_identity(const std::string& common_name, std::shared_ptr<EVP_PKEY>
   require(X509_gmtime_adj(X509_getm_notBefore(x), options.valid_from_s) != nullptr);
   require(X509_gmtime_adj(X509_getm_notAfter(x), options.valid_until_s) != nullptr);
   for (const auto& [name, value] : options.extensions) add_extension(x, name.c_str(), value.c_str());
+  if (options.edit) options.edit(x);
   EVP_PKEY* signer = options.issuer ? options.issuer->key.get() : key.get();
   require(X509_sign(x, signer, options.digest) > 0);
   return {std::move(key), certificate};
@@ -128,8 +129,9 @@ std::string der_of(const EVP_PKEY* key) {
   return written([&](BIO* to) { return i2d_PrivateKey_bio(to, key); });
 }
 
-std::shared_ptr<X509> certificate_in(const std::string& pem) {
-  return {PEM_read_bio_X509(reader(pem).get(), nullptr, nullptr, nullptr), X509_free};
+std::shared_ptr<X509> certificate_in(const std::string& text) {
+  X509* pem = PEM_read_bio_X509(reader(text).get(), nullptr, nullptr, nullptr);
+  return {pem ? pem : d2i_X509_bio(reader(text).get(), nullptr), X509_free};
 }
 
 std::shared_ptr<EVP_PKEY> key_in(const std::string& pem) {

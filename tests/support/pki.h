@@ -5,6 +5,7 @@
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -24,9 +25,10 @@ struct identity_options {
   long valid_from_s = -3600;                                         // from now
   long valid_until_s = 86400;
   const EVP_MD* digest = EVP_sha256();
-  std::string subject = {};  // "/C=DE/O=Acme"; a backslash takes the next character as it is
-  long version = 2;          // its field: one less than people say
-  long serial = 0;           // 0: the next one
+  std::string subject = {};              // "/C=DE/O=Acme"; a backslash takes the next character as it is
+  long version = 2;                      // its field: one less than people say
+  long serial = 0;                       // 0: the next one
+  std::function<void(X509*)> edit = {};  // what is changed before it is signed
 };
 
 // The extensions of a CA.
@@ -57,8 +59,8 @@ inline std::string der_of(const identity& who) {
 }
 std::string der_of(const EVP_PKEY* key);
 
-// The first certificate and the first unencrypted key of a PEM text; null when there is none.
-std::shared_ptr<X509> certificate_in(const std::string& pem);
+// The first certificate (of DER, too) and the first unencrypted key of a PEM text; null when there is none.
+std::shared_ptr<X509> certificate_in(const std::string& text);
 std::shared_ptr<EVP_PKEY> key_in(const std::string& pem);
 
 // The modulus of an RSA key in hexadecimal digits.
