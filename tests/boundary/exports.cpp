@@ -1,8 +1,10 @@
 // The shared library exports exactly the symbols that cmake/fetchrig.map lists, and calls its own functions
 // even when the program has others by these names.
 #include "include/fetchrig_openssl.h"
-#include "tests/support/cert_fixture.h"
+#include "tests/support/options.h"
+#include "tests/support/pki.h"
 #include "tests/support/process.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -37,17 +39,19 @@ TEST(exports, are_the_listed_symbols) {
   EXPECT_EQ(run("{ " + listed + "; " + exported + "; } | sort | uniq -u").output, "");
 }
 
-using own_calls = cert_test;
-TEST_F(own_calls, are_not_taken_over_by_functions_of_the_program) {
+TEST(own_calls, are_not_taken_over_by_functions_of_the_program) {
   const identity root = make_identity("Root", new_rsa_key(1024), {.extensions = ca_extensions});
   const identity old = make_identity("Old", new_ec_key(), {.valid_until_s = -60});
-  const std::string ca = write("ca.pem", pem_of(root)), ca_key = write("ca.key", pem_of(root.key.get()));
-  EXPECT_EQ(dl_generate_client_cert(ca.c_str(), ca_key.c_str(), path("key").c_str(), path("cert").c_str(),
-                                    "/CN=phone", 512),
-            0)
-      << log();
+  const library initialised;
+  const temp_dir place;
+  const std::string ca = place.file("ca"), ca_key = place.file("ca.key"), expired = place.file("expired");
+  write_file(ca, pem_of(root));
+  write_file(ca_key, pem_of(root.key.get()));
+  write_file(expired, pem_of(old) + pem_of(old.key.get(), "secret"));
+  const int rc = dl_generate_client_cert(ca.c_str(), ca_key.c_str(), place.file("key").c_str(),
+                                         place.file("cert").c_str(), "/CN=phone", 512);
+  EXPECT_EQ(rc, 0);
   dl_result result = {};
-  const std::string expired = write("expired.pem", pem_of(old) + pem_of(old.key.get(), "secret"));
   EXPECT_EQ(dl_cert_verify(expired.c_str(), nullptr, ca.c_str(), 0, &result), -1);
   EXPECT_EQ(result.code, DL_VERIFY_EXPIRED);
   dl_ca_info_ex info = {};

@@ -3,8 +3,9 @@
 //   cert NAME by=CA ca from=DAYS until=DAYS key=rsa2048 md=md5 subject=/O=x/CN=y version=1 serial=7
 //        names=DNS:a.test,IP:10.0.0.1
 //
-// until= and serial= take raw bytes, too: utc:491231235959Z, general:20491231235959Z, plus:BYTES, minus:BYTES. Without anything else it is self-signed, P-256 and SHA-256, of "/O=Test/CN=NAME", from yesterday to next year. It is
-// made when it is first used and stays the same for the whole program.
+// until= and serial= take raw bytes, too: utc:491231235959Z, general:20491231235959Z, plus:BYTES, minus:BYTES. Without
+// anything else it is self-signed, P-256 and SHA-256, of "/O=Test/CN=NAME", from yesterday to next year. It is made when
+// it is first used and stays the same for the whole program.
 #ifndef FETCHRIG_TESTS_SCENARIO_CERT_TABLE_H
 #define FETCHRIG_TESTS_SCENARIO_CERT_TABLE_H
 

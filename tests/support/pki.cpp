@@ -1,8 +1,6 @@
 // pki.cpp: makes certificates and keys for tests.
 #include "tests/support/pki.h"
 
-#include <openssl/bn.h>
-#include <openssl/core_names.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 #include <stdio.h>
@@ -132,20 +130,6 @@ std::string der_of(const EVP_PKEY* key) {
 std::shared_ptr<X509> certificate_in(const std::string& text) {
   X509* pem = PEM_read_bio_X509(reader(text).get(), nullptr, nullptr, nullptr);
   return {pem ? pem : d2i_X509_bio(reader(text).get(), nullptr), X509_free};
-}
-
-std::shared_ptr<EVP_PKEY> key_in(const std::string& pem) {
-  return {PEM_read_bio_PrivateKey(reader(pem).get(), nullptr, nullptr, nullptr), EVP_PKEY_free};
-}
-
-std::string modulus_of(const EVP_PKEY* key) {
-  BIGNUM* modulus = nullptr;
-  require(EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_N, &modulus) == 1);
-  char* digits = BN_bn2hex(modulus);
-  const std::string text = digits;
-  OPENSSL_free(digits);
-  BN_free(modulus);
-  return text;
 }
 
 }  // namespace test

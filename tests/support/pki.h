@@ -59,12 +59,8 @@ inline std::string der_of(const identity& who) {
 }
 std::string der_of(const EVP_PKEY* key);
 
-// The first certificate (of DER, too) and the first unencrypted key of a PEM text; null when there is none.
+// The first certificate of a PEM text, or of DER; null when there is none.
 std::shared_ptr<X509> certificate_in(const std::string& text);
-std::shared_ptr<EVP_PKEY> key_in(const std::string& pem);
-
-// The modulus of an RSA key in hexadecimal digits.
-std::string modulus_of(const EVP_PKEY* key);
 
 }  // namespace test
 #endif
