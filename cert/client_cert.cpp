@@ -1,6 +1,7 @@
 // client_cert.cpp: the steps from a subject to a signed certificate.
 #include "cert/client_cert.h"
 
+#include <errno.h>
 #include <openssl/asn1.h>
 #include <openssl/crypto.h>
 #include <time.h>
@@ -12,6 +13,7 @@
 #include "cert/private_file.h"
 #include "cert/subject.h"
 #include "core/boundary.h"
+#include "core/cause.h"
 #include "core/config.h"
 #include "core/openssl_owners.h"
 #include "log/log.h"
@@ -116,9 +118,13 @@ int generate_client_cert(const char* ca_cert, const char* ca_key, const char* ke
   // A failure is in the log and changes nothing below; nor does one without memory.
   (void)write_private_file(cert_path, text_of(text.get()), at_link::replace_link);
   const auto no_memory = [] {
+    note_cause(DL_CAUSE_LOCAL_FILE, ENOMEM);
     log_line(DL_LOG_CMN, DL_LOG_ERROR, "Out of memory, no key file is written\n");
   };
-  if (!device.reused) guarded([&] { (void)write_key(key_path, device.key.get()); }, no_memory);
+  const auto write_new_key = [&] {
+    if (write_key(key_path, device.key.get()) != 0) no_memory();
+  };
+  if (!device.reused) guarded(write_new_key, no_memory);
   return 0;
 }
 

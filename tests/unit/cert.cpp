@@ -17,7 +17,6 @@
 #include "cert/verify.h"
 #include "core/ca_directory.h"
 #include "core/openssl_owners.h"
-#include "core/text.h"
 #include "include/fetchrig_openssl.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/options.h"
@@ -124,7 +123,7 @@ TEST_F(keygen, key_follows_from_name_and_seed_whatever_other_threads_do) {
   });
   while (num_drawn == 0) std::this_thread::yield();
   std::thread generating([&] { EXPECT_EQ(generated(2048), long_key); });
-  for (int i = 0; i < 50; ++i) EXPECT_EQ(generated(512), short_key);
+  for (int i = 0; i < 30; ++i) EXPECT_EQ(generated(512), short_key);
   generating.join();
   stopping = true;
   drawing.join();
@@ -219,12 +218,13 @@ TEST(ca_directory, revocation_lists_are_found_as_openssl_finds_them) {
 }
 
 TEST(subject, string_types_and_no_text) {
-  const std::pair<const char*, int> rows[] = {{"/CN=\xc3\xa9", MBSTRING_UTF8}, {"/CN=\xc3", MBSTRING_UTF8},
-                                              {nullptr, MBSTRING_ASC}};
+  const std::pair<const char*, int> rows[] = {
+      {"/CN=\xc3\xa9", MBSTRING_UTF8}, {"/CN=\xc3", MBSTRING_UTF8}, {nullptr, MBSTRING_ASC}};
   for (const auto& [text, type] : rows) {
     const unique_x509_name name(do_subject(text, type));
-    const unique_openssl_text line(name ? X509_NAME_oneline(name.get(), nullptr, 0) : nullptr);
-    EXPECT_EQ(or_empty(line.get()), text == rows[0].first ? "/CN=\\x00\\xE9" : "");
+    char line[64] = "";
+    if (name) X509_NAME_oneline(name.get(), line, sizeof line);
+    EXPECT_STREQ(line, text == rows[0].first ? "/CN=\\xC3\\xA9" : "");
   }
   ERR_clear_error();
 }
