@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // asn1_text.cpp: parts of a certificate as text.
 #include "cert/asn1_text.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // asn1_text.h: parts of a certificate as text for display: times, serial numbers, elements of names, algorithms.
 // Everything is cut to the room given and terminated; the bytes come from certificates that nobody has verified. No
 // state; any thread.

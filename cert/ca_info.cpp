@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ca_info.cpp: describes certificate files in short form.
 #include "cert/ca_info.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ca_info.h: the short description of a certificate file, and the check of the device certificate. Texts are cut to
 // 63 characters. No state; one certificate operation at a time.
 #ifndef FETCHRIG_CERT_CA_INFO_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ca_info_ex.cpp: describes certificate files in long form.
 #include "cert/ca_info_ex.h"
 

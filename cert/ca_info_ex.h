@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ca_info_ex.h: the long description of a certificate file. Texts are cut to 63 characters. No state; one certificate
 // operation at a time.
 #ifndef FETCHRIG_CERT_CA_INFO_EX_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ca_listing.cpp: lists the trusted-CA store.
 #include "cert/ca_listing.h"
 

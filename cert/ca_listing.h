@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ca_listing.h: describing the certificates of the trusted-CA store, option 1, at most 10. An entry that holds no
 // certificate, a link to nothing above all, is removed from the disk on the way; one that merely could not be read now
 // is kept. One certificate operation at a time.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ca_store.cpp: changes the trusted-CA store.
 #include "cert/ca_store.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ca_store.h: installing CA certificates into the trusted-CA store, option 1, and removing them. The store is a
 // directory tree in the hashed form that OpenSSL looks certificates up in: the file <hash>, beside it the link <hash>.0
 // to it, and in the "ca/" subdirectory a link to that link; "phoneca/" holds the factory's CAs. Two certificates are

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // cert_file.cpp: reading certificates and keys whatever their encoding.
 #include "cert/cert_file.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // cert_file.h: certificate and key files in PEM or DER, read whole. Encoding codes: 0 PEM, 1 DER, -1 cannot be opened.
 // No state between calls; one certificate operation at a time.
 #ifndef FETCHRIG_CERT_CERT_FILE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // client_cert.cpp: the steps from a subject to a signed certificate.
 #include "cert/client_cert.h"
 

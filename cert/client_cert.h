@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // client_cert.h: issues the device's client certificate: key, request, certificate signed by a given root CA. One
 // certificate operation at a time.
 #ifndef FETCHRIG_CERT_CLIENT_CERT_H

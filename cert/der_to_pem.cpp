@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // der_to_pem.cpp: rewrites certificate files through the scratch file.
 #include "cert/der_to_pem.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // der_to_pem.h: turns a certificate file from DER into PEM in place. There is one scratch name per machine; a
 // lock keeps other processes and threads from using it at the same time.
 #ifndef FETCHRIG_CERT_DER_TO_PEM_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // device_cert.cpp: checks and writes the device certificate.
 #include "cert/device_cert.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // device_cert.h: installs, completes and deletes the device certificate, the PEM file that option 2 names: a
 // certificate followed by its private key. One certificate operation at a time.
 #ifndef FETCHRIG_CERT_DEVICE_CERT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // directory.cpp: opening and making folders.
 #include "cert/directory.h"
 

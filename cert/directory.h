@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // directory.h: the folders of the store and of the device certificate, made when they are missing. No state; the caller
 // runs certificate operations one at a time.
 #ifndef FETCHRIG_CERT_DIRECTORY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // error_queue.cpp: takes OpenSSL's reasons out of its queue.
 #include "cert/error_queue.h"
 

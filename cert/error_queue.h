@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // error_queue.h: reading OpenSSL's error queue of the thread and leaving it empty behind a call. A left-over entry
 // would be taken for the reason of a later failure, a TLS read's above all.
 #ifndef FETCHRIG_CERT_ERROR_QUEUE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // exports.cpp: the exported calls on certificates and keys.
 #include <algorithm>
 

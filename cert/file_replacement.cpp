@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // file_replacement.cpp: replaces files.
 #include "cert/file_replacement.h"
 

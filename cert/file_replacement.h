@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // file_replacement.h: writing a file as a whole or not at all: the bytes go to a new file beside it, which
 // takes the name when they are on the disk. A full disk keeps the old file, and nobody can have planted or
 // opened the new one. No state; any thread.

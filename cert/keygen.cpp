@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // keygen.cpp: loads, generates and writes the device's RSA key.
 #include "cert/keygen.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // keygen.h: the device's RSA key, loaded from its key file or generated. One thread at a time per key file.
 #ifndef FETCHRIG_CERT_KEYGEN_H
 #define FETCHRIG_CERT_KEYGEN_H

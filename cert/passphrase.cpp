@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // passphrase.cpp: what OpenSSL's PEM readers get when they ask for a pass phrase.
 #include "cert/passphrase.h"
 

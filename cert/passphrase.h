@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // passphrase.h: pass phrases for OpenSSL's PEM readers, in the form of its callback. Any thread.
 #ifndef FETCHRIG_CERT_PASSPHRASE_H
 #define FETCHRIG_CERT_PASSPHRASE_H

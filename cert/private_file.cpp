@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // private_file.cpp: writes files that hold private keys.
 #include "cert/private_file.h"
 

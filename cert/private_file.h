@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // private_file.h: output files that hold private keys. They are replaced as a whole by a file for the owner alone; a
 // mode that lets a group in stays where the owner, this process's user, had chosen it. Devices, pipes and open
 // descriptors (/dev/stdout) are written to and stay. The text is complete in memory before a file is touched. No

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // seeded_rand.cpp: the generator's steps and its installation as OpenSSL's random method.
 #include "cert/seeded_rand.h"
 

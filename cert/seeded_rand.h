@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // seeded_rand.h: the deterministic random generator from which a device's RSA key is derived. The same seed
 // gives the same key with the same OpenSSL and libc, so it is for that purpose only and answers only the
 // thread that asked for it: a seeded_rand_scope is held around the key generation and nothing else (no I/O,

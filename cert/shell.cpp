@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // shell.cpp: forming and running the store's shell commands.
 #include "cert/shell.h"
 

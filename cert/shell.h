@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // shell.h: the only place that runs shell commands: mkdir, ln -s and rm of the certificate store and the device
 // certificate. Paths come from callers and from directory listings, so each stays one word whatever it holds. Commands
 // read nothing of our standard input, so none can wait for an answer there, and their status arrives whatever the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // store_entries.cpp: listing a hashed certificate directory.
 #include "cert/store_entries.h"
 

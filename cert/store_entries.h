@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // store_entries.h: the entries of a hashed certificate directory. The names are taken before any entry is looked at,
 // because looking at one may replace or remove it, and a directory that changes may be listed twice over.
 #ifndef FETCHRIG_CERT_STORE_ENTRIES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // subject.cpp: splits subject texts and builds OpenSSL names from them.
 #include "cert/subject.h"
 

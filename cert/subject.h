@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // subject.h: subject texts, "/type=value/type=value", and the OpenSSL names made from them. A backslash makes the next
 // character literal. Splitting knows bytes only. No state; any thread.
 #ifndef FETCHRIG_CERT_SUBJECT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tls_check.cpp: loads a certificate file into a TLS context, step by step.
 #include "cert/tls_check.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tls_check.h: would TLS set-up accept a PEM file as certificate and private key? Loads it the way a TLS
 // context does, at security level 0, so that the MD5 signature of our own certificates is no obstacle. No
 // network, no state between calls; any thread.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tls_context.cpp: methods, certificates and keys for TLS contexts.
 #include "cert/tls_context.h"
 

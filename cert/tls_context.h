@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tls_context.h: the steps of making a TLS context that connections and the checks of certificate files share, so that
 // a file which passes a check serves a connection too: the method of option 3, then certificate and private key of one
 // PEM file, opened with option 16. The one header of cert/ that net/ includes. No network, no state; any thread.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // verify.cpp: verifies certificate files.
 #include "cert/verify.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // verify.h: verifies a certificate file against a CA file and a CA directory, with OpenSSL's defaults for depth, trust
 // and revocation. OpenSSL's reasons go to standard error. No state; one certificate operation at a time.
 #ifndef FETCHRIG_CERT_VERIFY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // verify_problems.cpp: the numbers of the last verification.
 #include "cert/verify_problems.h"
 

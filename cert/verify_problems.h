@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // verify_problems.h: what OpenSSL found wrong with a certificate's chain in the calling thread's last verification,
 // let pass or not: the first DL_MAX_VERIFY_PROBLEMS numbers (X509_V_ERR_). Each thread has its own; no lock.
 #ifndef FETCHRIG_CERT_VERIFY_PROBLEMS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ca_bundle.cpp: taking a PEM file of CAs apart, one certificate a file, each named after its subject's hash.
 #include "ca_bundle.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ca_bundle.h: a PEM file of trusted CAs in the form the library takes: a hashed directory, made for the run
 // and removed with its owner. One thread.
 #ifndef FETCHRIG_CLI_CA_BUNDLE_H

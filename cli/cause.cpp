@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // cause.cpp: from the library's codes and causes to words.
 #include "cause.h"
 

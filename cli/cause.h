@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // cause.h: why a transfer failed, in words for a person. The library's codes say in which step a transfer failed,
 // its last cause the rest: what the network, OpenSSL or the peer answered. One thread.
 #ifndef FETCHRIG_CLI_CAUSE_H

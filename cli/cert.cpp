@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // cert.cpp: "fetchrig cert", the head of the certificate subcommands and their common options.
 #include <CLI/CLI.hpp>
 #include <algorithm>

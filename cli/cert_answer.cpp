@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // cert_answer.cpp: certificate records as text and JSON.
 #include "cert_answer.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // cert_answer.h: the outcome of a certificate operation, told as text for people or as JSON for programs, and
 // how certificate records look in both.
 #ifndef FETCHRIG_CLI_CERT_ANSWER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // cert_device.cpp: "fetchrig cert device", the certificate and key with which the device identifies itself.
 #include <errno.h>
 #include <fcntl.h>

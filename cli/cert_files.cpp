@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // cert_files.cpp: "fetchrig cert info" and "verify", which work on single certificate files.
 #include <errno.h>
 #include <openssl/x509.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // cert_generate.cpp: "fetchrig cert generate", which issues a client certificate. The library's generator
 // makes keys that can be computed from the certificate; here a key is random unless a seed is given.
 #include <linux/magic.h>

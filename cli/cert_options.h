@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // cert_options.h: what the certificate subcommands have in common: where the trusted-CA store and the device
 // certificate are, and in which form to answer.
 #ifndef FETCHRIG_CLI_CERT_OPTIONS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // cert_store.cpp: "fetchrig cert list", "install" and "remove", which work on the trusted-CA store.
 #include <errno.h>
 #include <string.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // client_key.cpp: finding, making and checking the key of a client certificate.
 #include "client_key.h"
 

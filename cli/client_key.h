@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // client_key.h: the private key of a client certificate that is to be issued: the one in the key file, or a
 // new random one. A file that is there already is never changed, replaced or removed. Option 16 must be set
 // before. One thread.

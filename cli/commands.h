@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // commands.h: the subcommands. Each adds itself to the command line and, when it is the one that was typed,
 // leaves what is to be done in `action`; the action returns the exit status or throws usage_error or failure.
 #ifndef FETCHRIG_CLI_COMMANDS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // credentials.cpp: finding the user name and the password.
 #include "credentials.h"
 

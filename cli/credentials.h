@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // credentials.h: who logs in: from the URL, the options, the environment or a question at the terminal, so
 // that a password need not stand in the process list. The password is wiped when the record goes.
 #ifndef FETCHRIG_CLI_CREDENTIALS_H

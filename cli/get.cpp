@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // get.cpp: "fetchrig get", downloading one file.
 #include <CLI/CLI.hpp>
 #include <memory>

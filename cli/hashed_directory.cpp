@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // hashed_directory.cpp: telling the names of a hashed directory from others.
 #include "hashed_directory.h"
 

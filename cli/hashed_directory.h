@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // hashed_directory.h: directories in which OpenSSL looks CAs up by names that it makes of their subjects, as
 // "openssl rehash" and the trusted-CA store have them. Any thread.
 #ifndef FETCHRIG_CLI_HASHED_DIRECTORY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // json_output.cpp: JSON, indented by two.
 #include "json_output.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // json_output.h: how answers in JSON are written. One thread.
 #ifndef FETCHRIG_CLI_JSON_OUTPUT_H
 #define FETCHRIG_CLI_JSON_OUTPUT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // location.cpp: taking a typed URL apart.
 #include "location.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // location.h: the URL a person typed, taken apart as far as the command needs it: scheme, credentials, file
 // name. The library parses hosts and ports itself. Stateless; any thread.
 #ifndef FETCHRIG_CLI_LOCATION_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // main.cpp: the fetchrig command: reads the command line, runs the subcommand, turns the outcome into an exit
 // status.
 #include <errno.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // options.cpp: from the command line to the library's options.
 #include "options.h"
 

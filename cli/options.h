@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // options.h: the command's settings for connections and transfers, and how they become the library's options.
 // The defaults are the safe ones: the chain and the host name of an HTTPS server are verified against the
 // system's CAs and every wait has a limit.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // output_file.cpp: creating, writing and naming the file of a download.
 #include "output_file.h"
 

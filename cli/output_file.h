@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // output_file.h: where a download goes. A file is written beside its final name and takes that name when it
 // is complete; until then, and after any failure or a signal that ends the command, nothing of it remains. A
 // file that exists keeps its mode and, as far as the user may give it, its owner. Where its directory takes

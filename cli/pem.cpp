@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // pem.cpp: small files, and PEM in memory.
 #include "pem.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // pem.h: certificates and keys of the command's own: what small files hold, and PEM texts. Keys are wiped
 // from memory when their owner goes. Any thread.
 #ifndef FETCHRIG_CLI_PEM_H

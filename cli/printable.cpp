@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // printable.cpp: escaping what a terminal would obey.
 #include "printable.h"
 

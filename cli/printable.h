@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // printable.h: texts from outside made fit for a terminal. Stateless; any thread.
 #ifndef FETCHRIG_CLI_PRINTABLE_H
 #define FETCHRIG_CLI_PRINTABLE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // progress.cpp: drawing the progress line.
 #include "progress.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // progress.h: one line on a terminal that shows how far a download is: bytes, share and speed. Redrawn at
 // most ten times a second; nothing is written unless it is wanted. One thread.
 #ifndef FETCHRIG_CLI_PROGRESS_H

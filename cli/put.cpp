@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // put.cpp: "fetchrig put", uploading one file.
 #include <string.h>
 #include <strings.h>

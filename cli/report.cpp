@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // report.cpp: keeping the telling lines of the library's log and wording failures.
 #include "report.h"
 

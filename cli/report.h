@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // report.h: what the command tells a person: the library's log as it passes by, and failures in words with
 // their code. Not for results, which go to standard output. One thread only, as the whole command.
 #ifndef FETCHRIG_CLI_REPORT_H

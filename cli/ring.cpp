@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ring.cpp: "fetchrig ring", finding the ring that an alert text names.
 #include <limits.h>
 #include <stdio.h>

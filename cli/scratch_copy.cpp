@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // scratch_copy.cpp: the temporary copy of a certificate or key.
 #include "scratch_copy.h"
 

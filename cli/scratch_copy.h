@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // scratch_copy.h: reading a certificate file without changing it. The library turns DER files into PEM in
 // place, through one scratch file that all processes share: a DER file is therefore handed over as a PEM copy
 // in a private directory under TMPDIR (or /tmp). A PEM file, which may hold a private key, is used where it

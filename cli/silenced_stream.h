@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // silenced_stream.h: sends a standard stream of the process to nowhere while a library call writes to it, and
 // shell commands that the call runs. One thread.
 #ifndef FETCHRIG_CLI_SILENCED_STREAM_H

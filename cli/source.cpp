@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // source.cpp: opening and reading downloads through the library.
 #include "source.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // source.h: one open download, whatever its protocol: bytes, and what is known about their number. HTTP is opened by
 // the HTTP calls, which take headers and keep the query of the URL; FTP and TFTP by the common ones. One thread.
 #ifndef FETCHRIG_CLI_SOURCE_H

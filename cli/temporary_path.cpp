@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // temporary_path.cpp: the list of what is to be removed, and the signal handler that removes it.
 #include "temporary_path.h"
 

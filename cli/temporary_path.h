@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // temporary_path.h: files and directories that must not outlive the command: each is removed by its owner's
 // destructor, or by the handler of a signal that ends the command. One thread.
 #ifndef FETCHRIG_CLI_TEMPORARY_PATH_H

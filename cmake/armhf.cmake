@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Cross compilation for 32-bit ARM (hard float) with Debian's cross compiler; OpenSSL and GoogleTest come from the
 # sysroot that scripts/armhf-sysroot.sh unpacks, everything else from the compiler's own libraries. The tests run under
 # an emulator.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # What is installed, in three components: "runtime" is the shared library; "development" the headers, the files for CMake
 # and pkg-config and a static library; "command" the command and its page. The installed tree may be moved, or installed
 # under another prefix than it was configured for.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // base64.cpp: base64 by OpenSSL, which counts in int: long inputs go through in pieces of whole groups.
 #include "core/base64.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // base64.h: base64 with the standard alphabet and padding (RFC 4648). Any thread.
 #ifndef FETCHRIG_CORE_BASE64_H
 #define FETCHRIG_CORE_BASE64_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // boundary.h: what every exported function wraps its work in; those that only compute on their arguments,
 // without I/O, OpenSSL or the log, need it not. No exception leaves the library: an allocation that fails
 // inside becomes the call's own out-of-memory result. No call is a point of cancellation: see

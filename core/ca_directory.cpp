@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ca_directory.cpp: finds CAs and revocation lists by the hash of their subject or issuer.
 #include "core/ca_directory.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ca_directory.h: trusted CAs in hashed directories, as a look-up of an X509_STORE. It reads what OpenSSL's own look-up
 // reads, `HASH.0`, `HASH.1`, ... for certificates and `HASH.r0`, ... for revocation lists, PEM, until a name is missing
 // or gives nothing, but only small regular files: OpenSSL's opens a pipe, a device or something huge under such a name

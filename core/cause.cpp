@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // cause.cpp: the calling thread's last cause.
 #include "core/cause.h"
 

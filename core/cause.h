@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // cause.h: why the calling thread's last transfer or certificate operation failed, as a number that programs can
 // read: what dl_last_cause() tells. Noted where the failure is detected, beside its log line and before it, so that a
 // log callback finds it. Each thread has its own; no lock, no allocation, errno stays.

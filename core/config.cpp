@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // config.cpp: the process-wide configuration record and its options, library start-up and tear-down.
 #include "core/config.h"
 

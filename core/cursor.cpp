@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // cursor.cpp: bounded reading of untrusted bytes.
 #include "core/cursor.h"
 

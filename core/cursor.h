@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // cursor.h: reading untrusted bytes in order. Every read is bounded by what is left; a failed read yields
 // nothing and consumes nothing. Knows bytes, not sockets. One thread at a time per cursor.
 #ifndef FETCHRIG_CORE_CURSOR_H

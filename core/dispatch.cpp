@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // dispatch.cpp: the URL picks the protocol; the work is its client's.
 #include "core/dispatch.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // dispatch.h: downloads over whatever protocol the URL names. The failures of the protocols' clients come back with
 // code and text in the result record; those of the dispatcher are logged. One thread at a time per handle.
 #ifndef FETCHRIG_CORE_DISPATCH_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // dispatch_request.cpp: from the caller's request to what a protocol's client takes.
 #include "core/dispatch_request.h"
 

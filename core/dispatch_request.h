@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // dispatch_request.h: what the protocol-independent calls make of a request before a protocol's client gets it: where
 // it leads, by whose login, and for HTTP the request in full; and what they tell the log about it. Any thread.
 #ifndef FETCHRIG_CORE_DISPATCH_REQUEST_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // dispatch_upload.cpp: the protocol-independent upload.
 #include "core/dispatch_upload.h"
 

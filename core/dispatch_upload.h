@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // dispatch_upload.h: uploads over whatever protocol the URL names; failures as in dispatch.h. Any thread.
 #ifndef FETCHRIG_CORE_DISPATCH_UPLOAD_H
 #define FETCHRIG_CORE_DISPATCH_UPLOAD_H

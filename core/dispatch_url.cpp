@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // dispatch_url.cpp: splitting a URL of any supported protocol, and rebuilding a clean one for HTTP.
 #include "core/dispatch_url.h"
 

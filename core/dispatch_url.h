@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // dispatch_url.h: the protocol-independent calls' own view of a URL: all four schemes, none at all (TFTP),
 // and credentials inside the URL. A parser: it reads no option and logs nothing. The HTTP client's stricter
 // one is url.h. Any thread.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // download_file.cpp: the local file of a download and its size limit.
 #include "core/download_file.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // download_file.h: the local file of a download. Protocol clients deliver bytes in arbitrary pieces; limits and
 // totals are judged in steps of a fixed size (the block in which the protocol's read call would have handed them
 // out), so that what is logged and where a download fails does not depend on how the network cut the bytes. Unless

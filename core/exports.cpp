@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // exports.cpp: the exported calls of the core: configuration, transfers by URL, URLs, files and text. The helpers at
 // the end stand in for standard functions and accept null where those would crash; they only compute on their
 // arguments, so nothing guards them.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // files.cpp: asks the system about files, copies them and takes their digests.
 #include "core/files.h"
 

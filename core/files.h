@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // files.h: small routines over local files, for transfers and for certificates. Any thread.
 #ifndef FETCHRIG_CORE_FILES_H
 #define FETCHRIG_CORE_FILES_H

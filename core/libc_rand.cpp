@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // libc_rand.cpp: glibc's generator on a state of one's own.
 #include "core/libc_rand.h"
 

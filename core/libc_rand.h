@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // libc_rand.h: the values that libc's rand() would give after srand(), from a state of one's own: the program's rand()
 // goes on as it was, and no other thread can disturb them. One thread at a time per object.
 #ifndef FETCHRIG_CORE_LIBC_RAND_H

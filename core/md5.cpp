@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // md5.cpp: MD5 by OpenSSL.
 #include "core/md5.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // md5.h: MD5 (RFC 1321) written as 32 lower-case hexadecimal digits. What has been added may be a secret: nothing
 // of it stays behind. One thread at a time per digest.
 #ifndef FETCHRIG_CORE_MD5_H

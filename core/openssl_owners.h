@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // openssl_owners.h: owners for the OpenSSL objects that the library makes. One thread at a time per owner.
 #ifndef FETCHRIG_CORE_OPENSSL_OWNERS_H
 #define FETCHRIG_CORE_OPENSSL_OWNERS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // openssl_start.cpp: OpenSSL start-up. OpenSSL 1.1 and later initialise themselves and lock by themselves: the
 // callback registrations below are empty macros there, and the table documents what older releases were promised.
 #include "core/openssl_start.h"

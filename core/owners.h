@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // owners.h: one owner with a destructor for each kind of plain resource. Destructors ignore errors, so a path
 // that must know whether a write reached the disk closes explicitly. One thread at a time per owner.
 #ifndef FETCHRIG_CORE_OWNERS_H

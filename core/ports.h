@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ports.h: port numbers: their bound, and the default of each protocol.
 #ifndef FETCHRIG_CORE_PORTS_H
 #define FETCHRIG_CORE_PORTS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // process_lock.cpp: the lock, and what a fork does with it and the configuration lock.
 #include "core/process_lock.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // process_lock.h: the one lock of the small process-wide tables beside the configuration. Held for a few
 // stores and loads, never across I/O, an allocation or another lock. Like the configuration lock it survives
 // a fork: a child never finds it held by a thread that it does not have. Any thread.

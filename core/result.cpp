@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // result.cpp: the one table of result codes and their texts.
 #include "core/result.h"
 

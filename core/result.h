@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // result.h: filling the caller's result record. The codes and their texts are in one table in result.cpp. Any thread.
 #ifndef FETCHRIG_CORE_RESULT_H
 #define FETCHRIG_CORE_RESULT_H

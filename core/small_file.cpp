@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // small_file.cpp: reads small local files.
 #include "core/small_file.h"
 

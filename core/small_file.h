@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // small_file.h: files that are small by their nature, certificates and keys, read whole. Only a regular file
 // of at most 16 MiB is read: a device, a pipe or something huge under the name costs neither time nor memory.
 // What was read is wiped in the end. Any thread.

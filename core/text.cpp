@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // text.cpp: small text routines over bytes.
 #include "core/text.h"
 

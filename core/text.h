@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // text.h: small text routines over bytes, free of locale. Nothing here allocates, except where it returns
 // std::string. Any thread.
 #ifndef FETCHRIG_CORE_TEXT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // upload_file.cpp: the local file of an upload.
 #include "core/upload_file.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // upload_file.h: what is asked of the local file of an upload. Only a regular file is sent: a directory cannot be read,
 // and a device, pipe or socket has neither a size nor a sure end, and may block whoever opens it. Any thread.
 #ifndef FETCHRIG_CORE_UPLOAD_FILE_H

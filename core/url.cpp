@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // url.cpp: the URL's bytes are parsed as a view; the record is built when everything has been checked.
 #include "core/url.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // url.h: "http" and "https" URLs as the HTTP client takes them (RFC 3986): without user information, an IPv6
 // literal in brackets, spaces escaped. A URL of no such scheme, with a line break or a bad port is refused;
 // why is logged. The dispatcher's lenient view of URLs is dispatch_url.h. Any thread.

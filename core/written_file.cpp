@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // written_file.cpp: from a descriptor to the name of its file.
 #include "core/written_file.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // written_file.h: the name under which the file behind an open descriptor can be removed. A path will not do:
 // it may be a link, and by the time of the clean-up another file may have taken it. Any thread.
 #ifndef FETCHRIG_CORE_WRITTEN_FILE_H

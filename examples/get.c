@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* get.c: downloads a URL into a file.   cc get.c $(pkg-config --cflags --libs fetchrig) -o get */
 #include <fetchrig.h>
 #include <stdio.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* read.c: hands a remote file's bytes to the caller a buffer at a time, with log lines at warning level and
  * above. cc read.c $(pkg-config --cflags --libs fetchrig) -o read */
 #include <fetchrig.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // exports.cpp: the exported FTP calls.
 #include <string.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ftp_codes.h: the numbers of the protocol: the reply codes that the client knows (RFC 959, RFC 2428), and how much
 // of a reply it holds.
 #ifndef FETCHRIG_FTP_FTP_CODES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ftp_command.cpp: building and sending command lines.
 #include "ftp/ftp_command.h"
 

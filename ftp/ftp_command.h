@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ftp_command.h: one command on the control connection and its reply. A word and an argument become one line in one
 // send; that neither holds a line break is checked by the open calls. One thread at a time per session.
 #ifndef FETCHRIG_FTP_FTP_COMMAND_H

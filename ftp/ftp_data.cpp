@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ftp_data.cpp: opening the passive data connection.
 #include "ftp/ftp_data.h"
 

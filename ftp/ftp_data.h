@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ftp_data.h: the passive data connection of a session: EPSV (RFC 2428) when IPv6 is enabled, PASV (RFC 959)
 // otherwise; never an active one. One thread at a time per session.
 #ifndef FETCHRIG_FTP_FTP_DATA_H

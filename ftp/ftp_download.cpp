@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ftp_download.cpp: fetching a file.
 #include "ftp/ftp_download.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ftp_download.h: fetching a file. SIZE tells how many bytes there are, and exactly those are read from the
 // data connection; how the server ends it does not matter. One thread at a time per session.
 #ifndef FETCHRIG_FTP_FTP_DOWNLOAD_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ftp_parse.cpp: reply lines, passive-mode answers and sizes.
 #include "ftp/ftp_parse.h"
 

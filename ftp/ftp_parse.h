@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ftp_parse.h: the texts of an FTP server's answers (RFC 959, RFC 2428) taken apart. Knows lines without
 // their line end, not sockets. Nothing here allocates; results borrow from the line. Any thread.
 #ifndef FETCHRIG_FTP_FTP_PARSE_H

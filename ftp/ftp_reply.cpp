@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ftp_reply.cpp: the reply reader.
 #include "ftp/ftp_reply.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ftp_session.cpp: login, opening and closing.
 #include "ftp/ftp_session.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ftp_session.h: what download and upload share: checking arguments, login, the opening steps, their failure
 // path and closing. One thread at a time per session.
 #ifndef FETCHRIG_FTP_FTP_SESSION_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ftp_upload.cpp: sending a file.
 #include "ftp/ftp_upload.h"
 

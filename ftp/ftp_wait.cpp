@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ftp_wait.cpp: the log line of a failed wait.
 #include "ftp/ftp_wait.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ftp_wait.h: what is logged when a wait for one of a session's connections fails. Any thread.
 #ifndef FETCHRIG_FTP_FTP_WAIT_H
 #define FETCHRIG_FTP_FTP_WAIT_H

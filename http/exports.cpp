@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // exports.cpp: the exported calls of the HTTP client.
 #include "core/boundary.h"
 #include "core/cause.h"

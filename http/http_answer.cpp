@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_answer.cpp: the three kinds of answer.
 #include "http/http_answer.h"
 

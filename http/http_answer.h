@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_answer.h: builds the Authorization line that answers a challenge: Basic (RFC 7617), Digest (RFC 2617, MD5 and
 // MD5-sess, qop "auth") or BroadWorks XSI. Knows texts, not sockets. One thread at a time per record; answers and
 // everything they are computed from are wiped before their memory is given back.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_auth.cpp: the working record of one 401.
 #include "http/http_auth.h"
 

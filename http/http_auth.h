@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_auth.h: the working record of one 401, which http_challenge.h fills from the server's challenge and
 // http_answer.h answers. One thread at a time per record; secrets are wiped before their memory is given back.
 #ifndef FETCHRIG_HTTP_HTTP_AUTH_H

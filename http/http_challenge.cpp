@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_challenge.cpp: a Digest challenge is a list of name="value" or name=value parameters; every step works on
 // what is left of the text and cannot leave it.
 #include "http/http_challenge.h"

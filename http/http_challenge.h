@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_challenge.h: parses the value of a WWW-Authenticate header: Basic (RFC 7617) or Digest (RFC 2617). Names of
 // parameters have at most 255 characters, values 1023. Knows texts, not sockets. One thread at a time per record.
 #ifndef FETCHRIG_HTTP_HTTP_CHALLENGE_H

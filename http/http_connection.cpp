@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_connection.cpp: connecting, sending whole requests, reading bytes and lines.
 #include "http/http_connection.h"
 

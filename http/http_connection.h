@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_connection.h: moving bytes between an HTTP session and the network, plain or TLS by the session's TLS
 // bit. One thread at a time per session; the time-out (option 7) is read once per call.
 #ifndef FETCHRIG_HTTP_HTTP_CONNECTION_H

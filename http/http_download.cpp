@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_download.cpp: a body into a file.
 #include "http/http_download.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_download.h: downloading a body into a local file, within the size limit of option 6. What was written of a
 // failed download is removed. One thread at a time per call.
 #ifndef FETCHRIG_HTTP_HTTP_DOWNLOAD_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_headers.cpp: status line and header block as bytes.
 #include "http/http_headers.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_headers.h: the status line and header block of a response as bytes: parsing the values the client acts
 // on, and looking a header up. A block holds terminated lines, names in lower case, and ends with an empty
 // line. At most 256 KiB per block. Knows bytes, not sockets. Any thread.

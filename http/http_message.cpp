@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_message.cpp: composing and editing a request.
 #include "http/http_message.h"
 

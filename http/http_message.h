@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_message.h: an HTTP request as an editable message (RFC 9112): request line, headers in order, body. It
 // is changed by redirects and challenges and sent again. Knows bytes, not sockets. One thread at a time per
 // message, which belongs to one call.

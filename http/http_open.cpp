@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_open.cpp: the steps of an HTTP call up to the first byte of the body.
 #include "http/http_open.h"
 

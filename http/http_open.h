@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_open.h: the one sequence that every HTTP call runs: prepare the URL, connect (directly or through a
 // proxy), compose and send the request, process the response. One thread at a time per call.
 #ifndef FETCHRIG_HTTP_HTTP_OPEN_H

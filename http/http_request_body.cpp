@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_request_body.cpp: preparing the body of a request.
 #include "http/http_request_body.h"
 

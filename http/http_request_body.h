@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_request_body.h: the body of a request: a text, a whole file, or a file as a one-part
 // multipart/form-data form (RFC 7578). One thread at a time per message.
 #ifndef FETCHRIG_HTTP_HTTP_REQUEST_BODY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_response.cpp: reading responses, following redirects, answering challenges.
 #include "http/http_response.h"
 

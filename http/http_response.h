@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_response.h: the loop that reads responses until a final status: it follows redirects (301, 302) within
 // option 5 and answers challenges (401) within option 15, each on a new connection, sending the same message
 // again. One thread at a time per session.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_response_body.cpp: reading a response body.
 #include "http/http_response_body.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_response_body.h: reading a response body, by length or in chunks (RFC 9112 section 7.1), below
 // dl_http_read(). Whatever arrives, a session holds at most 64 KiB of a body beyond the buffers that callers
 // bring. One thread at a time per session.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_session.cpp: the session record's life.
 #include "http/http_session.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_session.h: the session record's life and what belongs to it privately. The record itself is plain C
 // (dl_http_session), allocated with calloc(); private state is found by the record's address, so that every
 // call also works, without read-ahead, on a record that a caller made. One thread at a time per session.

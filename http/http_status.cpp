@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_status.cpp: status and end of a response.
 #include "http/http_status.h"
 

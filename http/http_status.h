@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // http_status.h: what is known of a response beside its bytes: its status and how its body ended. One thread at
 // a time per session; each thread has a last status of its own.
 #ifndef FETCHRIG_HTTP_HTTP_STATUS_H

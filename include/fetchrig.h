@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* fetchrig.h: the public interface of libfetchrig.
  *
  * libfetchrig downloads and uploads files over HTTP, HTTPS, FTP and TFTP, manages certificates and a store of

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* fetchrig_openssl.h: exported calls that take OpenSSL or socket types, HTTP authentication, and small helpers.
  *
  * For programs that build on libfetchrig's parts; most applications need fetchrig.h alone. Plain C99; needs OpenSSL's

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* fetchrig_types.h: the numbers, records and data of libfetchrig's interface: result codes, options, log modules and
  * levels, requests, sessions, certificate records. Included by fetchrig.h, which declares the calls; applications need
  * not name it. Plain C99. */

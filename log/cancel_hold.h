@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // cancel_hold.h: holds off the cancellation of the calling thread for its own lifetime, so that a call is
 // never left half done: with a lock taken, a descriptor open, a record unfreed. What was asked meanwhile
 // takes effect after it, at the caller's next cancellation point. Nests; costs two stores. Any thread.

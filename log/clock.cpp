@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // clock.cpp: reads the system's clocks.
 #include "log/clock.h"
 

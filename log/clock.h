@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // clock.h: the two clocks: one to measure waits by, which only goes forward, and the time of day. Any thread.
 #ifndef FETCHRIG_LOG_CLOCK_H
 #define FETCHRIG_LOG_CLOCK_H

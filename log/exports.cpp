@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // exports.cpp: the exported log calls.
 #include <array>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // log.cpp: every message of the library goes through vlog_line(), which filters by module, builds one line of at most
 // 382 characters in a fixed buffer and hands it to the outputs. Takes no lock but one around the date; the settings are
 // relaxed atomics, so a message logged while a setting changes sees the old or the new value. No call is a point of

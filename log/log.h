@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // log.h: what the library logs with, and the settings behind the exported log calls. A message passes when its
 // level is at most its module's level; the line is cut to 382 characters. The codes, modules, levels and records
 // that every layer speaks of come with it. Not for text from outside as a format. Takes no lock; any thread.

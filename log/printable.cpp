@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // printable.cpp: outside text made fit for a log line.
 #include "log/printable.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // printable.h: making outside text fit for a log line. A format never comes from outside; its arguments pass
 // through here. No allocation. Any thread.
 #ifndef FETCHRIG_LOG_PRINTABLE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // syslog_socket.cpp: the datagram socket to the system log.
 #include "log/syslog_socket.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // syslog_socket.h: the datagram socket to the system log. Lock-free: writers hold a share while they write,
 // and the descriptor is closed by whoever gives up the last share, so a writer never writes to a descriptor
 // number that has been reused meanwhile. A descriptor that the application closed behind our back, and may

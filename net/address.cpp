@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // address.cpp: look-ups with the IPv6 rule.
 #include "net/address.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // address.h: looking hosts up, and which of their addresses may be used. No state; any thread.
 #ifndef FETCHRIG_NET_ADDRESS_H
 #define FETCHRIG_NET_ADDRESS_H

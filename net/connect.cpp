@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // connect.cpp: TCP connections with a time-out.
 #include "net/connect.h"
 

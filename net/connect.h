@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // connect.h: TCP connections to hosts. Each address of a host gets the whole time-out. No state; any thread.
 #ifndef FETCHRIG_NET_CONNECT_H
 #define FETCHRIG_NET_CONNECT_H

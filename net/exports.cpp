@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // exports.cpp: the exported transport calls.
 #include "core/boundary.h"
 #include "include/fetchrig_openssl.h"

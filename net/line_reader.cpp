@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // line_reader.cpp: reading a line by peeking.
 #include "net/line_reader.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // line_reader.h: one line of a text protocol, up to its CR LF. Bytes are peeked at first, so that nothing behind a
 // line is taken and no state is kept between lines. Knows neither what a line says nor what to log. One thread at
 // a time per stream.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // send_file.cpp: sendfile() first, then read and send.
 #include "net/send_file.h"
 

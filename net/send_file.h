@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // send_file.h: a local file out through a plain connection. Where the system can, the bytes go from the file's pages to
 // the connection by sendfile(), which costs half of reading and sending them; else, and whenever it stops, they are read
 // and sent. What comes of it is the same: the file to the end that a read finds. One thread at a time per socket.

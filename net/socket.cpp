@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // socket.cpp: plain sockets.
 #include "net/socket.h"
 

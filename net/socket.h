@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // socket.h: plain sockets: opening and closing them, waiting for them, sending whole buffers. Descriptors 0 to 2 mean
 // standard streams to every close call, and 0 means "none" in a session record: sockets are opened above them, and a
 // record's socket is closed only there. No state; any thread.

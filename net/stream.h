@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // stream.h: the bytes of one connection, whether plain TCP or TLS. Peeking never consumes. One thread at
 // a time per stream.
 #ifndef FETCHRIG_NET_STREAM_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tcp_stream.cpp: reading, peeking and writing on plain TCP connections.
 #include "net/tcp_stream.h"
 

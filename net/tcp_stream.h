@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tcp_stream.h: the stream over a plain TCP connection. It may own a read-ahead, so that reading lines and small pieces
 // does not cost a system call each; a stream over a bare socket works without one and takes nothing that was not asked
 // for. One thread at a time per stream.

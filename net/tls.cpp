@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tls.cpp: a TLS client session over a connected socket: protocol method, trusted CAs, client certificate, handshake,
 // and then the checks of chain and host name that the caller asks for. Every call makes its own context.
 #include "net/tls.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tls.h: a TLS client session over a connected socket: handshake, then the checks of chain and host name that the
 // caller asks for. Reads and writes go through net/tls_stream.h. Needs no state between calls; any thread.
 #ifndef FETCHRIG_NET_TLS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tls_bio.cpp: the socket BIO under every TLS connection.
 #include "net/tls_bio.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tls_bio.h: the socket BIO under every TLS connection. It behaves like OpenSSL's own (descriptor, retry
 // flags on a non-blocking socket) but never raises SIGPIPE, does not close the descriptor unless told to, and
 // keeps the limit of dl_set_tls_wait_limit(): on a blocking socket a wait during which no byte moves ends

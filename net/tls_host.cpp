@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tls_host.cpp: matching a certificate's names with the host. Names are compared with their lengths, so a
 // terminator inside a name never matches.
 #include "net/tls_host.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tls_host.h: does a server's certificate name the host that was dialled (RFC 6125, with a common-name
 // fall-back)? Knows certificates, not connections. Any thread.
 #ifndef FETCHRIG_NET_TLS_HOST_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tls_stream.cpp: reading, peeking and writing on TLS connections.
 #include "net/tls_stream.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tls_stream.h: the stream over a TLS connection. One thread at a time per stream.
 #ifndef FETCHRIG_NET_TLS_STREAM_H
 #define FETCHRIG_NET_TLS_STREAM_H

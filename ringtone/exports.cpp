@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // exports.cpp: the exported ringtone call.
 #include "core/boundary.h"
 #include "include/fetchrig.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ring_cache.cpp: names and files of the ring cache.
 #include "ringtone/ring_cache.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ring_cache.h: the file a ring is downloaded into. It is written under a name of its own beside the final
 // one and renamed by finish(); without that it is removed. One thread at a time.
 #ifndef FETCHRIG_RINGTONE_RING_CACHE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ringtone.cpp: turning the alert text of an incoming call into a ring.
 #include "ringtone/ringtone.h"
 

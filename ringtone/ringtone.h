@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ringtone.h: the steps from an alert text to a ring. Downloads are cached in /tmp under the MD5 of their
 // URL; a file that is there counts as complete, so it gets its name only when it is. Any thread;
 // no state in memory.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # The library's binary interface on 64-bit x86: its name, the exported symbols with the types of functions and the sizes
 # of data, the layouts of the public records and the values of constants. Compares it with packaging/libfetchrig.abi
 # and fails when they differ: a program built before may no longer run.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Unpacks OpenSSL and GoogleTest for 32-bit ARM into build-sysroot/, which cmake/armhf.cmake uses. Debian's armhf and
 # native packages cannot be installed side by side, and the machine's own list of architectures stays as it is: apt gets
 # a directory of its own for package lists. Does nothing when the files are there.

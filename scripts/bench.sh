@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Builds the release preset and runs every benchmark; each prints ratios against a bare loop measured in the same run,
 # or the instructions of a start, and fails when its bound is passed. Arguments go to each program (MiB to move).
 set -euo pipefail

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Checks the walls between the library's folders. Prints each offence; fails when there is one.
 #   check-layers.sh           what the files include, and banned calls
 #   check-layers.sh BUILD     also what the objects built in that folder call: a declaration of one's own needs no

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Tells which lines and branches of the library and of the command the tests reach: builds with counters, runs the
 # tests, and prints a table for each. Branches that only an exception takes do not count. Works from any folder.
 #   coverage.sh                    all tests, the replays of fuzz inputs left out

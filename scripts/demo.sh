@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Moves files both ways over HTTP, HTTPS, FTP and TFTP with the fetchrig command, on real servers that it starts on
 # loopback and stops again, and prints a table of what arrived. Installs and builds what is missing first. Works from
 # any folder, as root or with sudo. The exit status is 0 when every file arrived unharmed.

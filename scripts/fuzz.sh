@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Builds the fuzz targets and runs each for some seconds: fuzz.sh [seconds, 30] [target...]. New inputs go to
 # build-fuzz/corpus/TARGET, crashes to build-fuzz/crashes; the committed corpora only seed. Fails when a target fails.
 set -euo pipefail

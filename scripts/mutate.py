@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Plants single-line faults in the library, one at a time, and tells which of them the tests catch.
 
   mutate.py [--count N] [--seed N] [--again FILE] [--tests REGEX] [--tests-of COMMIT] [--results FILE] [--jobs N]

@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: MIT
 """Starts real servers on loopback, on ports that are free, and stops them again.
 
   servers.py SERVER... [-- COMMAND...]     SERVER is nginx, apache, vsftpd, pyftpd, tftpd or atftpd

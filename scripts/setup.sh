@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Installs what is missing, from Debian's packages. Works as root or with sudo, as often as you like. Servers are
 # installed without being started.
 #   setup.sh demo       what building the library and the command and the demonstration need
@@ -26,7 +27,7 @@ case "${1:-test}" in
   demo) packages=("${demo[@]}") ;;
   test) packages=("${demo[@]}" "${tests[@]}") ;;
   release) packages=("${demo[@]}" "${tests[@]}" "${release[@]}") ;;
-  *) sed -n '2,6s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"; exit 2 ;;
+  *) sed -n '3,7s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"; exit 2 ;;
 esac
 
 missing=()

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Builds and tests everything: style, layers, clang-tidy, the tests on 32-bit ARM under an emulator and the library's
 # size there, the tests under the address, undefined-behaviour and thread sanitizers, and the release build. Installs
 # what is missing first. Works from any folder, as root or with sudo, as often as you like.
@@ -12,7 +13,7 @@ quick=no
 case "${1:-}" in
   "") ;;
   --quick) quick=yes ;;
-  *) sed -n '2,8s/^# \{0,1\}//p' "scripts/test.sh"; exit 2 ;;
+  *) sed -n '3,9s/^# \{0,1\}//p' "scripts/test.sh"; exit 2 ;;
 esac
 
 readonly jobs=2
@@ -37,6 +38,12 @@ step() {
 check_format() {
   find . \( -name 'build*' -o -name .git \) -prune -o -type f \( -name '*.cpp' -o -name '*.h' -o -name '*.c' \) \
     -print0 | xargs -0 clang-format --dry-run -Werror
+}
+
+# The library, the command and the scripts name their licence themselves, .reuse/dep5 names it for what has no comments.
+check_licences() {
+  reuse lint >/dev/null || { reuse lint; return 1; }
+  ! git grep -L 'SPDX-License-Id[e]ntifier: MIT' -- '*.cpp' '*.h' '*.c' 'scripts/*' 'cmake/*' ':!tests' ':!fuzz' ':!bench'
 }
 
 check_arm() {
@@ -97,6 +104,7 @@ count_results() {
 step "set-up" scripts/setup.sh
 step "format" check_format
 step "layers" scripts/check-layers.sh
+step "licences" check_licences
 if [ "$quick" = no ]; then
   step "32-bit ARM" check_arm
   step "address and undefined-behaviour sanitizers" test_preset asan

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Runs the checks of .clang-tidy over the library and the command, a folder at a time: its files are read as one, so
 # that what they include is looked at once. A folder is looked at again when a file of it, or a header, is newer than
 # the last time it was found fine. Fails on any finding.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // exports.cpp: the exported TFTP calls.
 #include "core/boundary.h"
 #include "core/ports.h"

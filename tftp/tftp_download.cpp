@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tftp_download.cpp: fetching a file.
 #include "tftp/tftp_download.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tftp_download.h: fetching a file. The open call sends the request; each read acknowledges the blocks it takes and
 // keeps in `carry` what does not fit. One thread at a time per session.
 #ifndef FETCHRIG_TFTP_TFTP_DOWNLOAD_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tftp_packet.cpp: building TFTP packets and taking them apart.
 #include "tftp/tftp_packet.h"
 

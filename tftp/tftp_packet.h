@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tftp_packet.h: TFTP packets as bytes (RFC 1350 with the block-size option of RFC 2347 and RFC 2348):
 // building what we send and taking apart what arrives. Knows no sockets and no sessions. A block has at most
 // 1432 bytes, so that a datagram fits an Ethernet frame; every buffer that receives one has

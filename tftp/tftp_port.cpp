@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tftp_port.cpp: drawing local ports.
 #include "tftp/tftp_port.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tftp_port.h: which local ports a session tries: those that libc's rand() would name after srand() with the time, so
 // that a firewall's rules for them hold; the program's rand() goes on as it was. One thread at a time per object.
 #ifndef FETCHRIG_TFTP_TFTP_PORT_H

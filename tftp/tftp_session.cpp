@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tftp_session.cpp: opening, receiving, negotiating and closing, for both directions.
 #include "tftp/tftp_session.h"
 

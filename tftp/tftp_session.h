@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tftp_session.h: what TFTP download and upload share: the UDP socket, sending and receiving one packet,
 // taking an OACK, and opening a session. No retransmission on silence: a time-out ends the transfer. The
 // sizes and lengths of a session record are bounded before use, as a caller may hold or make one. One thread

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tftp_upload.cpp: sending a file.
 #include "tftp/tftp_upload.h"
 

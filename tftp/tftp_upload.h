@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // tftp_upload.h: sending a file, one block at a time, each waiting for its ACK. One thread at a time per session.
 #ifndef FETCHRIG_TFTP_TFTP_UPLOAD_H
 #define FETCHRIG_TFTP_TFTP_UPLOAD_H
