@@ -118,29 +118,31 @@ void network::strike(scenario::link& way) {
   way.error = ECONNRESET;
 }
 
-// Whether a datagram gets lost.
-static bool is_lost(const conditions& with, std::size_t number) {
-  return with.how == cut::end ? number >= with.cut_at : number == with.cut_at;
+// What travels arrives in `into`, unless it is cut; `number` counts it.
+void network::pass(scenario::link& way, bool up, packet&& next) {
+  std::deque<packet>& into = up ? way.received : way.arrived;
+  std::size_t& number = up ? way.num_up : way.num_down;
+  const bool cut_here = is_cut(way, up);
+  if (way.datagrams) {
+    const bool lost = cut_here && (with_.how == cut::end ? number >= with_.cut_at : number == with_.cut_at);
+    ++number;
+    struck |= lost;
+    if (!lost) into.push_back(std::move(next));
+    return;
+  }
+  const std::size_t room = cut_here ? with_.cut_at - number : next.bytes.size();
+  const bool over = cut_here && next.bytes.size() >= room;
+  next.bytes.resize(std::min(room, next.bytes.size()));
+  number += next.bytes.size();
+  if (up || !next.bytes.empty()) join(way, into, std::move(next));
+  if (over) strike(way);
 }
 
 void network::carry_up(scenario::link& way) {
   while (!way.in_flight.empty() && !way.deaf) {
     packet next = std::move(way.in_flight.front());
     way.in_flight.pop_front();
-    const bool cut_here = is_cut(way, true);
-    if (way.datagrams) {
-      const bool lost = cut_here && is_lost(with_, way.num_up);
-      ++way.num_up;
-      struck |= lost;
-      if (!lost) way.received.push_back(std::move(next));
-      continue;
-    }
-    const std::size_t room = cut_here ? with_.cut_at - way.num_up : next.bytes.size();
-    const bool over = cut_here && next.bytes.size() >= room;
-    next.bytes.resize(std::min(room, next.bytes.size()));
-    way.num_up += next.bytes.size();
-    join(way, way.received, std::move(next));
-    if (over) strike(way);
+    pass(way, true, std::move(next));
   }
 }
 
@@ -155,31 +157,17 @@ void network::move() {
 
 // The next piece arrives, or all that is on the way when it is glued or datagrams; behind the last one the end.
 void network::arrive(scenario::link& way) {
-  bool again = !silent_;
-  while (again && !way.on_way.empty()) {
+  for (bool again = !silent_; again && !way.on_way.empty();) {
     packet next = std::move(way.on_way.front());
     way.on_way.pop_front();
-    const bool cut_here = is_cut(way, false);
-    if (way.datagrams) {
-      const bool lost = cut_here && is_lost(with_, way.num_down);
-      ++way.num_down;
-      struck |= lost;
-      if (!lost) way.arrived.push_back(std::move(next));
-      continue;
-    }
-    if (with_.pieces == delivery::byte_by_byte && next.taken + 1 < next.bytes.size()) {
+    if (!way.datagrams && with_.pieces == delivery::byte_by_byte && next.taken + 1 < next.bytes.size()) {
       const char byte = next.bytes[next.taken++];
       way.on_way.push_front(std::exchange(next, {std::string(1, byte)}));
     } else {
       next.bytes.erase(0, next.taken);
     }
-    const std::size_t room = cut_here ? with_.cut_at - way.num_down : next.bytes.size();
-    const bool over = cut_here && next.bytes.size() >= room;
-    next.bytes.resize(std::min(room, next.bytes.size()));
-    way.num_down += next.bytes.size();
-    if (!next.bytes.empty()) join(way, way.arrived, std::move(next));
-    if (over) strike(way);
-    again = with_.pieces == delivery::glued;
+    pass(way, false, std::move(next));
+    again = way.datagrams || with_.pieces == delivery::glued;
   }
   if (!silent_ && way.ended && way.on_way.empty()) way.end_arrived = true;
 }

@@ -124,6 +124,7 @@ class network {
 
  private:
   void move();
+  void pass(scenario::link& way, bool up, packet&& next);
   void carry_up(scenario::link& way);
   void arrive(scenario::link& way);
   void strike(scenario::link& way);

@@ -87,16 +87,6 @@ string generated(const string& name, string rest, const places& where) {
   return big_endian(5) + big_endian(number) + rest + '\0';
 }
 
-// Where the brace at `open` is closed.
-std::size_t closing(string_view text, std::size_t open) {
-  int depth = 0;
-  for (std::size_t at = open; at < text.size(); ++at) {
-    depth += (text[at] == '{') - (text[at] == '}');
-    if (depth == 0) return at;
-  }
-  throw std::runtime_error("a brace is not closed");
-}
-
 // The byte behind a backslash; `at` moves to its last character.
 char escaped(string_view text, std::size_t& at) {
   const char code = ++at < text.size() ? text[at] : '\0';
@@ -104,6 +94,26 @@ char escaped(string_view text, std::size_t& at) {
   constexpr string_view codes = "rnts0", bytes("\r\n\t \0", 5);
   const std::size_t known = codes.find(code);
   return known == string_view::npos ? code : bytes[known];
+}
+
+// What stands from `at` on, to the brace that closes it when it is `nested`; `at` moves behind that.
+string expanded(string_view text, std::size_t& at, bool nested, const places& where) {
+  string bytes;
+  for (; at < text.size(); ++at) {
+    if (text[at] == '\\') {
+      bytes += escaped(text, at);
+    } else if (text[at] == '{') {
+      string inside = expanded(text, ++at, true, where);
+      const string name = first_word(inside);
+      bytes += generated(name, inside, where);
+    } else if (nested && text[at] == '}') {
+      return bytes;
+    } else {
+      bytes += text[at];
+    }
+  }
+  if (nested) throw std::runtime_error("a brace is not closed");
+  return bytes;
 }
 
 }  // namespace
@@ -144,21 +154,8 @@ std::vector<string> words_of(string_view text) {
 }
 
 string bytes_of(string_view text, const places& where) {
-  string bytes;
-  for (std::size_t at = 0; at < text.size(); ++at) {
-    if (text[at] == '\\') {
-      bytes += escaped(text, at);
-    } else if (text[at] == '{') {
-      const std::size_t end = closing(text, at);
-      string inside(text.substr(at + 1, end - at - 1));
-      const string name = first_word(inside);
-      bytes += generated(name, bytes_of(inside, where), where);
-      at = end;
-    } else {
-      bytes += text[at];
-    }
-  }
-  return bytes;
+  std::size_t at = 0;
+  return expanded(text, at, false, where);
 }
 
 }  // namespace scenario
