@@ -24,7 +24,7 @@ struct fault {
   call which;
   int error;  // errno, or shortened; of getaddrinfo its own code
 
-  bool may_last() const { return error != EINTR && error != EAGAIN; }
+  bool may_last() const { return error != EINTR && (error != EAGAIN || which == call::spawn); }
   // Nothing may come of it. A datagram that cannot be sent whole is an error, one that cannot be received was damaged.
   bool harmless() const {
     return !may_last() || (error == shortened && which != call::sendto) || error == EINVAL;
