@@ -504,6 +504,7 @@ outcome stage::play(const story& told, const run& with) {
   set_options(told);
   log_lines.clear();
   const auto before = open_descriptors();
+  auto names = test::names_in(place_.path());
   const int64_t start_us = net.clock_us;
   plan = plan_of(told, with);
   if (told.argument("state")) dl_exit();  // the library is not initialised
@@ -537,6 +538,9 @@ outcome stage::play(const story& told, const run& with) {
   dl_exit();
   seen.lines = log_lines;
   if (fs::is_regular_file(call.local)) fs::remove(call.local);
+  std::erase(names, fs::path(call.local).filename());
+  if (test::names_in(place_.path()) != names && !is_certificate_call(told))
+    seen.broken.push_back("another file is left");
   for (const log_line& line : seen.lines) {
     for (const string& secret : told.secrets) {
       if (line.text.find(secret) != string::npos)
