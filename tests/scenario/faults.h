@@ -77,6 +77,14 @@ struct fault_plan {
 };
 extern constinit fault_plan plan;
 
+// Beside a definition of ours that the library and OpenSSL are to use.
+#define REPLACED __attribute__((visibility("default")))
+// The sanitizers' own start allocates, before any memory is known to them.
+#define EARLY __attribute__((no_sanitize("address", "undefined")))
+
+// Counts a call of the library; true with errno when it is to fail.
+EARLY bool strikes(call which);
+
 // While it lives, calls are counted by nobody and do not fail.
 class host {
  public:

@@ -1,5 +1,5 @@
-// system.cpp: the calls of the C library that this program replaces: sockets and clocks by the network in memory, the
-// rest by themselves with a fault where one is due.
+// system.cpp: the calls of the C library that a program replaces: sockets and clocks by the network in memory, the rest
+// by themselves with a fault where one is due.
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <dlfcn.h>
@@ -20,29 +20,18 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <new>
 #include <string_view>
 
 #include "tests/scenario/faults.h"
 #include "tests/scenario/network.h"
-#include "tests/support/libc_memory.h"
 
 namespace scenario {
 
 constinit fault_plan plan;
 
-namespace {
-
-// The sanitizers' own start allocates, before any memory is known to them.
-#define EARLY __attribute__((no_sanitize("address", "undefined")))
-
-EARLY bool at_work() {
-  return plan.active && plan.host_depth == 0;
-}
-
 // Counts a call of the library; true with errno when it is to fail.
 EARLY bool strikes(call which) {
-  if (!at_work()) return false;
+  if (!plan.active || plan.host_depth > 0) return false;
   const long count = ++plan.counts[static_cast<int>(which)];
   if (!plan.what || plan.what->which != which) return false;
   if (plan.lasting ? count < plan.nth : count != plan.nth) return false;
@@ -50,6 +39,8 @@ EARLY bool strikes(call which) {
   if (plan.what->error > 0) errno = plan.what->error;
   return true;
 }
+
+namespace {
 
 // The call, or -1 with errno, or the call with `count` cut to one byte.
 template <typename Call>
@@ -120,16 +111,6 @@ int look_up(const char* name, const addrinfo* hints, addrinfo** list) {
 using namespace scenario;
 
 extern "C" {
-REPLACED EARLY void* malloc(size_t size) noexcept {
-  return strikes(call::memory) ? nullptr : REAL(malloc)(size);
-}
-REPLACED EARLY void* calloc(size_t count, size_t size) noexcept {
-  return strikes(call::memory) ? nullptr : REAL(calloc)(count, size);
-}
-REPLACED EARLY void* realloc(void* old, size_t size) noexcept {
-  return strikes(call::memory) ? nullptr : REAL(realloc)(old, size);
-}
-
 REPLACED int socket(int family, int type, int) noexcept {
   if (family == AF_UNIX) return errno = EAFNOSUPPORT, -1;  // no system log
   return faulty(call::socket, [&] { return net.socket(family, type); });
@@ -281,7 +262,7 @@ FAILING(int, mkdir, mkdir, -1, (const char* path, mode_t mode) noexcept, (path, 
 FAILING(int, pipe2, pipe, -1, (int* ends, int flags) noexcept, (ends, flags))
 FAILING(int, posix_spawn, spawn, plan.what->error,
         (pid_t * child, const char* path, const posix_spawn_file_actions_t* actions,
-         const posix_spawnattr_t* attributes, char* const* words, char* const* variables) noexcept,
+         const posix_spawnattr_t* attributes, char* const* words, char* const* variables),
         (child, path, actions, attributes, words, variables))
 FAILING(int, flock, flock, -1, (int fd, int how) noexcept, (fd, how))
 
@@ -293,7 +274,8 @@ REPLACED int lstat64(const char* path, struct stat64* status) noexcept {
   return rc;
 }
 
-REPLACED int clock_gettime(clockid_t, timespec* now) noexcept {
+REPLACED int clock_gettime(clockid_t clock, timespec* now) noexcept {
+  if (clock == CLOCK_REALTIME) return static_cast<int>(syscall(SYS_clock_gettime, clock, now));  // a fuzzer's
   *now = {static_cast<time_t>(net.clock_us / 1000000), static_cast<long>(net.clock_us % 1000000 * 1000)};
   return 0;
 }
@@ -310,19 +292,4 @@ REPLACED int nanosleep(const timespec* span, timespec*) {
   net.clock_us += int64_t{span->tv_sec} * 1000000 + span->tv_nsec / 1000;
   return 0;
 }
-}
-
-void* operator new(size_t size) {
-  if (void* memory = malloc(size ? size : 1)) return memory;
-  throw std::bad_alloc();
-}
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-  return malloc(size ? size : 1);
-}
-// Not inlined, so that the compiler does not see memory of `new` go to free().
-__attribute__((noinline)) void operator delete(void* memory) noexcept {
-  free(memory);
-}
-__attribute__((noinline)) void operator delete(void* memory, size_t) noexcept {
-  free(memory);
 }
