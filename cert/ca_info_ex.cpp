@@ -96,7 +96,7 @@ certificate_read describe_ca_ex(dl_ca_info_ex& info, const char* path) {
 int get_ca_info_ex(dl_ca_info_ex& info, const char* path, uint32_t flags) {
   const cert_source source(path);
   if (describe(info, source, path) != certificate_read::fine) return undescribed;
-  return flags & with_private_key ? fill_private_key(info, source) : 0;
+  return (flags & with_private_key) != 0 ? fill_private_key(info, source) : 0;
 }
 
 }  // namespace fetchrig

@@ -141,7 +141,7 @@ log_write syslog_socket::write(const char* line, std::size_t length, bool may_wa
 
 void syslog_socket::forget_writers() {
   const uint64_t state = state_.load(std::memory_order_acquire);
-  state_.store(state & closing ? 0 : state & ~writers_mask, std::memory_order_release);
+  state_.store((state & closing) != 0 ? 0 : state & ~writers_mask, std::memory_order_release);
   if (state & closing) close_ours(state);
 }
 

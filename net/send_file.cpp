@@ -45,7 +45,8 @@ class sigpipe_hold {
   // After a send to a closed connection: takes back the signal that it raised.
   void take_back() {
     const timespec at_once = {};
-    while (!was_pending_ && ::sigtimedwait(&signal_, nullptr, &at_once) < 0 && errno == EINTR) continue;
+    while (!was_pending_ && ::sigtimedwait(&signal_, nullptr, &at_once) < 0 && errno == EINTR) {
+    }
   }
 
  private:

@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 # Builds and tests everything: style, layers, clang-tidy, the tests on 32-bit ARM under an emulator and the library's
-# size there, the tests under the address, undefined-behaviour and thread sanitizers, and the release build. Installs
-# what is missing first. Works from any folder, as root or with sudo, as often as you like.
+# size there, the tests under the address, undefined-behaviour and thread sanitizers, some seconds of each fuzz target,
+# cppcheck and the release build. Installs what is missing first. Works from any folder, as root or with sudo, as often
+# as you like.
 #   test.sh           all of it
-#   test.sh --quick   style, layers, clang-tidy and the release build
+#   test.sh --quick   style, layers, clang-tidy, cppcheck and the release build
 # Ends with the number of test programs that passed, failed and skipped a part (a server that is not there).
 set -uo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -13,7 +14,7 @@ quick=no
 case "${1:-}" in
   "") ;;
   --quick) quick=yes ;;
-  *) sed -n '3,9s/^# \{0,1\}//p' "scripts/test.sh"; exit 2 ;;
+  *) sed -n '3,10s/^# \{0,1\}//p' "scripts/test.sh"; exit 2 ;;
 esac
 
 readonly jobs=2
@@ -57,6 +58,13 @@ check_arm() {
   size=$(stat -c %s build-armhf/stripped.so)
   echo "   stripped library: $size bytes, limit $arm_limit"
   [ "$size" -lt "$arm_limit" ]
+}
+
+check_cppcheck() {
+  mkdir -p build/cppcheck
+  cppcheck -j "$jobs" --quiet --error-exitcode=1 --std=c++20 --enable=warning,performance,portability,style \
+    --suppressions-list=scripts/cppcheck.txt --cppcheck-build-dir=build/cppcheck -I . \
+    -D_GNU_SOURCE -D_FILE_OFFSET_BITS=64 log core net http ftp tftp cert ringtone cli
 }
 
 # What is installed is the same bytes wherever it was built.
@@ -111,10 +119,12 @@ if [ "$quick" = no ]; then
   avoid_address_clash
   step "thread sanitizer" test_preset tsan
   wrapper=()
+  step "fuzz targets" scripts/fuzz.sh 3
 fi
 step "release" test_preset default
 step "calls between layers" scripts/check-layers.sh build
 step "clang-tidy" scripts/tidy.sh build
+step "cppcheck" check_cppcheck
 step "no trace of this folder" check_folder
 
 if [ ${#failures[@]} -gt 0 ]; then printf 'FAILED: %s\n' "${failures[@]}"; fi
