@@ -25,6 +25,7 @@
 //                                                      a file's scenarios: all that speak plain HTTP, but ...
 //   never tls proxy                                    ... those with this line
 //   also proxy                                         the same again through a proxy: its first connection
+//                                                      (of what goes wrong in variants, each twelfth run is played)
 //   also bare                                          `get` again as `read`: by a record with the stated fields only
 //   each a b c                                         a table: {a} is replaced in every line by the cell of each row;
 //   | 1 | two | - |                                    a line that uses a cell "-" is left out
@@ -44,12 +45,12 @@
 //   <~ BYTES                    anything up to and with these
 //   answer 200 OK = BYTES       the head of a response; "+ X: y" and "= BYTES" as above
 //   > text                      sends this line;  >> BYTES  these bytes (a datagram)
-//   from 5000                   further datagrams come from this port
+//   from 5000                   further datagrams come from this port, or from another host: from 10.0.0.9:5000
 //   after 5                     so many seconds go by;  signal  interrupts the wait of the client
 //   closed | aborted            the client closes its end here; so that it cannot be taken for a regular end
 //   hang up | reset | hold | deaf   closes without TLS's farewell; with RST; stays open when the steps are done; takes
 //                               nothing from here on. Without one of them a connection ends in good order.
-//   take FILE BLOCK BYTES / serve BLOCK BYTES   the blocks of a TFTP transfer and their ACKs, from block 1 on
+//   take BLOCK BYTES / serve BLOCK BYTES   the blocks of a TFTP transfer and their ACKs, from block 1 on
 //
 // What comes of it:
 //   = 0                         the result's code, -1 being returned when it is not 0; the message is that of the code
@@ -78,8 +79,8 @@
 // that `at` tells of), {got} (the local file), and for TFTP
 // {rrq NAME} {wrq NAME} {data N BYTES} {ack N} {oack NAME VALUE} {error N TEXT}.
 //
-// A new verb: a function in client.cpp and a row in its table. A new step: a word in script.cpp and its case in
-// peers.cpp. A new expectation: a word in script.cpp and its comparison in client.cpp.
+// A new verb: a function in client.cpp and a row in its table. A new step: a word in script.cpp and what becomes of it
+// in peers.cpp. A new expectation: a word in script.cpp, and in client.cpp what a run tells by that word.
 #ifndef FETCHRIG_TESTS_SCENARIO_SCRIPT_H
 #define FETCHRIG_TESTS_SCENARIO_SCRIPT_H
 
