@@ -75,8 +75,8 @@
 // A file's certificates are described in front of its stories (cert_table.h).
 //
 // BYTES may hold \r \n \t \s \0 \\ \xNN and {bytes N} (N bytes of generated content), {bytes N@M} (from its byte M on),
-// {repeat N TEXT}, {chunk BYTES}, {md5 TEXT}, {base64 TEXT}, {wave N}, {octets} (all that a file's name may hold), {dir}, {w} (the directory of the files
-// that `at` tells of), {got} (the local file), and for TFTP
+// {repeat N TEXT}, {chunk BYTES}, {md5 TEXT}, {base64 TEXT}, {octets} (all that a file's name may hold), {dir}, {w} (the
+// directory of the files that `at` tells of), {got} (the local file), and for TFTP
 // {rrq NAME} {wrq NAME} {data N BYTES} {ack N} {oack NAME VALUE} {error N TEXT}.
 //
 // A new verb: a function in client.cpp and a row in its table. A new step: a word in script.cpp and what becomes of it

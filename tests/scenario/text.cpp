@@ -8,7 +8,6 @@
 #include "core/base64.h"
 #include "tests/scenario/cert_table.h"
 #include "tests/support/temp_dir.h"
-#include "tests/support/wave.h"
 
 namespace scenario {
 namespace {
@@ -70,7 +69,6 @@ string generated(const string& name, string rest, const places& where) {
   if (name == "chunk") return chunk(rest);
   if (name == "md5") return test::md5_hex(rest);
   if (name == "base64") return base64(rest);
-  if (name == "wave") return test::make_wave(static_cast<uint32_t>(std::stoul(rest)));
   if (name == "dir") return where.directory;
   if (name == "octets") return octets();
   if (name == "w") return where.directory + "/w";

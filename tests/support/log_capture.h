@@ -49,12 +49,6 @@ class log_capture {
       return message.module == module && message.level == level && message.text == text;
     });
   }
-  // How many messages have `part` in their text.
-  std::size_t count(std::string_view part) const {
-    const auto texts = messages();
-    return static_cast<std::size_t>(std::ranges::count_if(
-        texts, [&](const std::string& text) { return text.find(part) != std::string::npos; }));
-  }
   // All lines as one text, for failure messages and for checking what must not appear.
   std::string all() const {
     const std::lock_guard hold(lock_);

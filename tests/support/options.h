@@ -30,11 +30,6 @@ inline void set_option(dl_option option, uint32_t value) {
 inline void set_option(dl_option option, const std::string& text) {
   EXPECT_EQ(0, dl_set_option(option, text.c_str())) << "option " << option << " = " << text;
 }
-inline void set_ring(uint8_t slot, uint8_t number, const std::string& name) {
-  dl_ring_entry entry = {slot, number, ""};
-  name.copy(entry.name, sizeof entry.name - 1);
-  EXPECT_EQ(0, dl_set_option(DL_OPT_RING_ENTRY, &entry)) << name;
-}
 
 }  // namespace test
 #endif

@@ -194,20 +194,4 @@ TEST_F(config, a_child_forked_while_a_thread_holds_a_lock_does_not_hang) {
   }
 }
 
-// The thread sanitizer watches; the texts are long enough to be seen half written.
-TEST_F(config, options_are_read_whole_while_they_are_set) {
-  const texts values = {std::string(500, 'a'), std::string(500, 'b')};
-  set(DL_OPT_USER_AGENT, values[0]);
-  std::vector<std::jthread> threads;
-  for (size_t i = 0; i < 4; ++i) {
-    threads.emplace_back([&values, i] {
-      for (int round = 0; round < 2000; ++round) {
-        if (i < 2) set(DL_OPT_USER_AGENT, values[i]);
-        const std::string seen = user_agent().data();
-        EXPECT_TRUE(seen == values[0] || seen == values[1]) << seen;
-      }
-    });
-  }
-}
-
 }  // namespace

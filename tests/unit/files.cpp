@@ -17,21 +17,8 @@ using lines = std::vector<std::string>;
 
 class files : public leak_free {
  protected:
-  // Delivers `content` in pieces of at most `piece` bytes. Returns accept()'s or finish()'s result.
-  int deliver(download_file& file, std::string_view content, size_t piece) {
-    while (!content.empty()) {
-      const auto room = file.room();
-      const size_t count = std::min({content.size(), piece, room.size()});
-      memcpy(room.data(), content.data(), count);
-      content.remove_prefix(count);
-      if (const int rc = file.accept(static_cast<uint32_t>(count), &result); rc < 0) return rc;
-    }
-    return file.finish(&result);
-  }
-
   temp_dir dir;
   log_capture log;
-  dl_result result = {};
   const std::string path = dir.file("file"), link = dir.file("link");
   const std::string missing = dir.file("missing/file");
 };
@@ -96,34 +83,6 @@ TEST_F(files, copies_and_digests) {
                                                "MD5 error", "file can't be opened"}));
 }
 
-TEST_F(files, a_download_keeps_its_limit_however_the_network_cuts_it) {
-  // clang-format off
-  const struct { size_t size; uint32_t limit; bool fits; uint64_t total; } rows[] = {
-      // the total that is logged counts whole steps of 512 bytes, and the short last one
-      {0, 0, true, 0}, {1, 0, false, 1}, {512, 512, true, 512}, {513, 512, false, 513}, {2000, 512, false, 1024},
-      {1500, 1499, false, 1500}, {1500, 1500, true, 1500}, {200000, 1000, false, 1024}, {200000, 200000, true, 200000},
-  };
-  // clang-format on
-  for (const auto& row : rows) {
-    for (const size_t piece : {1U, 511U, 512U, 1448U, 65536U}) {
-      SCOPED_TRACE(testing::Message() << row.size << " limit " << row.limit << " by " << piece);
-      log.clear();
-      result = {};
-      {
-        download_file file(DL_LOG_HTTP, 512, row.limit);
-        ASSERT_TRUE(file.open(path.c_str()));
-        EXPECT_EQ(deliver(file, make_bytes(row.size), piece), row.fits ? 0 : -1);
-        EXPECT_EQ(file.total(), row.total);
-      }
-      EXPECT_EQ(log.messages(DL_LOG_ERROR), row.fits ? lines{} : lines{"exceed max size"});
-      EXPECT_EQ(result.code, row.fits ? 0 : DL_ERR_READ);
-      EXPECT_EQ(result.message, row.fits ? "" : "exceed max size " + std::to_string(row.limit));
-      ASSERT_EQ(file_exists(path), row.fits);
-      EXPECT_TRUE(!row.fits || read_file(path) == make_bytes(row.size));
-    }
-  }
-}
-
 TEST_F(files, a_failed_download_removes_what_it_wrote_and_nothing_else) {
   const std::string other = dir.file("other"), moved = dir.file("moved");
   ASSERT_EQ(symlink(path.c_str(), link.c_str()), 0);
@@ -144,21 +103,6 @@ TEST_F(files, a_failed_download_removes_what_it_wrote_and_nothing_else) {
   write_file(other, "foreign");
   fail([&] { ASSERT_EQ(rename(other.c_str(), path.c_str()), 0); });
   EXPECT_EQ(read_file(link), "foreign") << "another file that took the name";
-}
-
-TEST_F(files, a_local_file_that_fails_is_told_and_a_device_stays) {
-  EXPECT_FALSE(download_file(DL_LOG_FTP, 512, 1000).open(missing.c_str()));
-  EXPECT_EQ(log.messages(), (lines{"Can't open " + missing, "open errno 2"}));
-  for (const size_t size : {10U, 300000U}) {  // fails at the end, or within
-    log.clear();
-    download_file file(DL_LOG_HTTP, 512, 1000000);
-    ASSERT_TRUE(file.open("/dev/full"));
-    EXPECT_EQ(deliver(file, make_bytes(size), 1000), -1);
-    EXPECT_EQ(result.code, DL_ERR_READ);
-    EXPECT_STREQ(result.message, "Read Error");
-    EXPECT_TRUE(log.contains("HTTP", DL_LOG_ERROR, "write error on /dev/full, errno 28")) << log.all();
-  }
-  EXPECT_TRUE(file_exists("/dev/full"));
 }
 
 }  // namespace
