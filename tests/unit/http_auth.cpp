@@ -18,7 +18,7 @@ string record_of(int result, const auth_side& side) {
   const digest_challenge& c = side.challenge;
   string all = std::to_string(result) + " " + std::to_string(side.picked);
   for (const char* text : {c.nonce, c.realm, c.qop, c.cnonce}) all += text ? string(" ") + text : "";
-  return all + (c.stale ? " stale" : "") + string(c.nc, '+');
+  return all + (c.session ? " session" : "") + (c.stale ? " stale" : "") + string(c.nc, '+');
 }
 
 TEST(http_auth, challenges) {
@@ -42,7 +42,7 @@ TEST(http_auth, challenges) {
 
 TEST(http_auth, a_second_challenge_is_refused_unless_stale) {
   auth_work work;
-  EXPECT_EQ(Curl_input_auth(&work, 0, "Digest nonce=a, realm=old"), HTTP_CHALLENGE_FINE);
+  EXPECT_EQ(Curl_input_auth(&work, 0, "Digest nonce=a, realm=old, algorithm=MD5-sess"), HTTP_CHALLENGE_FINE);
   EXPECT_EQ(Curl_input_auth(&work, 0, "Digest nonce=b"), HTTP_CHALLENGE_BAD);
   const int rc = Curl_input_auth(&work, 0, "Digest nonce=c, stale=TRUE");
   EXPECT_EQ(record_of(rc, side_of(work, 0)), "4 2 c stale+") << "nothing of the old ones";
