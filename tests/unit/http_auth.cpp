@@ -36,6 +36,7 @@ TEST(http_auth, challenges) {
       EXPECT_EQ(record_of(rc, side_of(work, proxy)), left);
       EXPECT_EQ(record_of(0, side_of(work, !proxy)), "0 0") << "the other side is untouched";
       EXPECT_EQ(Curl_output_auth(&work, !proxy, "PUT", "/x"), HTTP_ANSWER_SCHEME);
+      EXPECT_EQ(Curl_output_xsi_auth(&work), HTTP_ANSWER_SCHEME) << "for Basic alone";
     }
   }
 }
@@ -78,7 +79,8 @@ TEST(http_auth, answers_to_a_proxy_count_on) {
   const std::pair<const char*, const char*> answers[] = {{"00000001", "6629fae49393a05397450978507c4ef1"},
                                                          {"00000002", "15b6bb427e3fecd23a43cb702ce447d5"}};
   for (const auto& [nc, response] : answers) {
-    ASSERT_EQ(Curl_output_auth(&work, 1, "GET", "/dir/index.html"), HTTP_ANSWER_OK);
+    const auto answer = side.answer ? Curl_output_digest : Curl_output_auth;
+    ASSERT_EQ(answer(&work, 1, "GET", "/dir/index.html"), HTTP_ANSWER_OK);
     EXPECT_EQ(side.answer, R"(Proxy-Authorization: Digest username="Mufasa", )" + asked +
                                R"(, uri="/dir/index.html", cnonce="0a4f113b", nc=)" + nc +
                                R"(, qop="auth", response=")" + response + "\"" + opaque + "\r\n");
