@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
-# What is installed, in three components: "runtime" is the shared library; "development" the headers, the files for CMake
-# and pkg-config and a static library; "command" the command and its page. The installed tree may be moved, or installed
-# under another prefix than it was configured for.
+# What is installed, in three components: "runtime" is the shared library; "development" the headers, the files for
+# CMake and pkg-config and a static library; "command" the command and its page. The installed tree may be moved, or
+# installed under another prefix than it was configured for.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS fetchrig EXPORT fetchrig-targets
@@ -15,7 +15,8 @@ install(EXPORT fetchrig-targets NAMESPACE fetchrig:: DESTINATION ${package_dir} 
 configure_package_config_file(packaging/fetchrig-config.cmake.in fetchrig-config.cmake
   INSTALL_DESTINATION ${package_dir} NO_SET_AND_CHECK_MACRO)
 write_basic_package_version_file(fetchrig-config-version.cmake COMPATIBILITY SameMajorVersion)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/fetchrig-config.cmake ${CMAKE_CURRENT_BINARY_DIR}/fetchrig-config-version.cmake
+install(FILES
+  ${CMAKE_CURRENT_BINARY_DIR}/fetchrig-config.cmake ${CMAKE_CURRENT_BINARY_DIR}/fetchrig-config-version.cmake
   DESTINATION ${package_dir} COMPONENT development)
 
 file(RELATIVE_PATH FETCHRIG_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)

@@ -44,7 +44,8 @@ check_format() {
 # The library, the command and the scripts name their licence themselves, .reuse/dep5 names it for what has no comments.
 check_licences() {
   reuse lint >/dev/null || { reuse lint; return 1; }
-  ! git grep -L 'SPDX-License-Id[e]ntifier: MIT' -- '*.cpp' '*.h' '*.c' 'scripts/*.sh' 'scripts/*.py' 'cmake/*' ':!tests' ':!fuzz' ':!bench'
+  ! git grep -L 'SPDX-License-Id[e]ntifier: MIT' -- '*.cpp' '*.h' '*.c' 'scripts/*.sh' 'scripts/*.py' 'cmake/*' \
+    ':!tests' ':!fuzz' ':!bench'
 }
 
 check_arm() {
