@@ -299,7 +299,7 @@ class reader {
       one.kind = words.at(rest);
     } else {
       one.kind = entry::file;
-      if (rest.starts_with("zeros=")) one.zeros = std::stol(first_word(rest).substr(6));
+      if (rest.starts_with("zeros=")) one.zeros = std::stoll(first_word(rest).substr(6));
       one.content = bytes(rest);
     }
     (into_.verb.empty() ? into_.files : into_.expected.files).emplace_back(path, one);

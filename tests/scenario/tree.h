@@ -2,6 +2,8 @@
 #ifndef FETCHRIG_TESTS_SCENARIO_TREE_H
 #define FETCHRIG_TESTS_SCENARIO_TREE_H
 
+#include <stdint.h>
+
 #include <map>
 #include <string>
 #include <vector>
@@ -14,7 +16,7 @@ struct node {
   entry kind = entry::none;
   std::string content;  // of a file; of a link its target
   int mode = -1;        // of a file, of a directory in front of the call; -1: not told
-  long zeros = 0;       // with which the content becomes so long, in front of the call
+  int64_t zeros = 0;    // with which the content becomes so long, in front of the call
   bool operator==(const node&) const = default;
 };
 
