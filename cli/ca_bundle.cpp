@@ -35,12 +35,12 @@ ca_bundle::ca_bundle(const std::string& pem_file) {
   std::map<std::uint32_t, int> numbers;  // of the CAs with one hash
   while (const auto certificate = next_certificate(rest)) {
     const auto hash = add(*certificate);
-    if (!hash) throw failure(0, printable(pem_file) + " holds a certificate that cannot be read");
+    if (!hash) throw failed_file(printable(pem_file) + " holds a certificate that cannot be read");
     char name[32];
     snprintf(name, sizeof name, "%08x.%d", static_cast<unsigned>(*hash), numbers[*hash]++);
     directory_.rename(part_name, name);
   }
-  if (numbers.empty()) throw failure(0, printable(pem_file) + " holds no certificate in PEM");
+  if (numbers.empty()) throw failed_file(printable(pem_file) + " holds no certificate in PEM");
 }
 
 // Writes the certificate and has the library tell its hash.

@@ -148,43 +148,56 @@ std::string tftp_words(const dl_cause_info& cause) {
 // The steps of a transfer in which a cause can end it.
 enum step : unsigned { looking_up = 1, connecting = 2, talking = 4 };
 
+// Which numbers of a cause say that a wait took too long.
+enum class limits { none, by_errno, zero_too };
+
 struct cause_entry {
   dl_cause cause;
   unsigned steps;
   std::string (*words)(const dl_cause_info& cause);
+  exit_status status;
+  limits by_number = limits::none;
+  outlook later = outlook::stays;
 };
 constexpr cause_entry causes[] = {
-    {DL_CAUSE_HOST, looking_up, host_words},
-    {DL_CAUSE_CONNECT, connecting, connect_words},
-    {DL_CAUSE_TRUSTED_CAS, connecting, ca_words},
-    {DL_CAUSE_CLIENT_CERT, connecting, certificate_words},
-    {DL_CAUSE_CLIENT_KEY, connecting, key_words},
-    {DL_CAUSE_HANDSHAKE_ENDED, connecting, handshake_words},
-    {DL_CAUSE_CHAIN, connecting, chain_words},
-    {DL_CAUSE_SERVER_NAME, connecting, server_name_words},
-    {DL_CAUSE_TLS, connecting | talking, tls_words},
-    {DL_CAUSE_TLS_ALERT, connecting | talking, alert_words},
-    {DL_CAUSE_WAIT, talking, wait_words},
-    {DL_CAUSE_SEND, talking, send_words},
-    {DL_CAUSE_BROKEN, talking, broken_words},
-    {DL_CAUSE_SILENT, talking, silent_words},
-    {DL_CAUSE_NOT_HTTP, talking, no_http_words},
-    {DL_CAUSE_NO_REPLY, talking, no_reply_words},
-    {DL_CAUSE_LONG_REPLY, talking, long_reply_words},
-    {DL_CAUSE_FILE_CUT, talking, file_cut_words},
-    {DL_CAUSE_NO_TARGET, talking, no_target_words},
-    {DL_CAUSE_CHALLENGE, talking, challenge_words},
-    {DL_CAUSE_TFTP_ERROR, talking, tftp_words},
+    {DL_CAUSE_HOST, looking_up, host_words, exit_unreachable, limits::none, outlook::may_pass},
+    {DL_CAUSE_CONNECT, connecting, connect_words, exit_unreachable, limits::zero_too, outlook::may_pass},
+    {DL_CAUSE_TRUSTED_CAS, connecting, ca_words, exit_tls},
+    {DL_CAUSE_CLIENT_CERT, connecting, certificate_words, exit_tls},
+    {DL_CAUSE_CLIENT_KEY, connecting, key_words, exit_tls},
+    {DL_CAUSE_HANDSHAKE_ENDED, connecting, handshake_words, exit_tls, limits::by_errno},
+    {DL_CAUSE_CHAIN, connecting, chain_words, exit_tls},
+    {DL_CAUSE_SERVER_NAME, connecting, server_name_words, exit_tls},
+    {DL_CAUSE_TLS, connecting | talking, tls_words, exit_tls},
+    {DL_CAUSE_TLS_ALERT, connecting | talking, alert_words, exit_tls},
+    {DL_CAUSE_WAIT, talking, wait_words, exit_protocol, limits::zero_too, outlook::may_pass},
+    {DL_CAUSE_SEND, talking, send_words, exit_protocol, limits::zero_too, outlook::may_pass},
+    {DL_CAUSE_BROKEN, talking, broken_words, exit_protocol, limits::by_errno, outlook::may_pass},
+    {DL_CAUSE_SILENT, talking, silent_words, exit_protocol, limits::none, outlook::may_pass},
+    {DL_CAUSE_NOT_HTTP, talking, no_http_words, exit_protocol},
+    {DL_CAUSE_NO_REPLY, talking, no_reply_words, exit_protocol, limits::none, outlook::may_pass},
+    {DL_CAUSE_LONG_REPLY, talking, long_reply_words, exit_protocol},
+    {DL_CAUSE_FILE_CUT, talking, file_cut_words, exit_protocol, limits::none, outlook::may_pass},
+    {DL_CAUSE_NO_TARGET, talking, no_target_words, exit_protocol},
+    {DL_CAUSE_CHALLENGE, talking, challenge_words, exit_login},
+    {DL_CAUSE_TFTP_ERROR, talking, tftp_words, exit_refused},
 };
 
-// The library's last cause in words when it belongs to one of the steps, else empty.
-std::string cause_in(unsigned steps) {
+verdict verdict_on(const cause_entry& entry, const dl_cause_info& cause) {
+  const bool timed = entry.by_number != limits::none && is_time_out(cause.number) &&
+                     (cause.number != 0 || entry.by_number == limits::zero_too);
+  if (timed) return {entry.words(cause), exit_timeout, outlook::may_pass};
+  return {entry.words(cause), entry.status, entry.later};
+}
+
+// The library's last cause when it belongs to one of the steps.
+std::optional<verdict> cause_in(unsigned steps) {
   dl_cause_info cause = {};
   dl_last_cause(&cause);
   for (const cause_entry& entry : causes) {
-    if (entry.cause == cause.cause && (entry.steps & steps)) return entry.words(cause);
+    if (entry.cause == cause.cause && (entry.steps & steps)) return verdict_on(entry, cause);
   }
-  return "";
+  return std::nullopt;
 }
 
 struct status_word {
@@ -231,7 +244,7 @@ bool is_about_login(const location& where, const dl_result& result) {
     case unauthorised:
       return where.is_http();
     case DL_ERR_AUTH:
-      return connection_trouble().empty();
+      return !connection_trouble();
     case DL_ERR_FTP_USER:
     case DL_ERR_FTP_PASS:
       return true;
@@ -248,49 +261,98 @@ std::string login_words(const credentials& login, int code) {
          (code == DL_ERR_FTP_USER ? "this user name" : "this user name and password");
 }
 
-// The cause of what a call that returned `code` failed in; empty when none is known. DL_ERR_HOST also stands for a
-// connection that broke.
-std::string cause_of(int code) {
+// A status of HTTP, or a reply of FTP that came where the transfer was to begin.
+verdict status_verdict(const location& where, int status) {
+  constexpr int proxy_login = 407;
+  const bool passes = where.is_http() ? status >= 500 : status >= 400 && status < 500;
+  return {words_of_status(where, status),
+          where.is_http() && status == proxy_login ? exit_login : exit_refused,
+          passes ? outlook::may_pass : outlook::stays};
+}
+
+// An FTP reply, or in its place what the library says of the limit. A reply that begins with 4 is for now only.
+verdict reply_verdict(std::string_view line) {
+  if (line.starts_with("exceed max")) return {"", exit_too_large};
+  if (line.starts_with("530")) return {"", exit_login};
+  if (line.starts_with("4")) return {"", exit_refused, outlook::may_pass};
+  return {"", line.starts_with("5") ? exit_refused : exit_protocol};
+}
+
+// The cause of what a call that returned `code` failed in. DL_ERR_HOST also stands for a connection that broke.
+std::optional<verdict> cause_of(int code) {
   switch (code) {
     case DL_ERR_HOST:
       return cause_in(looking_up | talking);
     case DL_ERR_CONNECT:
       return cause_in(looking_up | connecting);
-    case DL_ERR_FTP_REPLY:  // the reply says it
-      return "";
     default:
       return cause_in(talking);
   }
 }
 
-// The library's own text where it has to do.
-std::string library_words(const dl_result& result) {
-  switch (result.code) {
-    case DL_ERR_HOST:
-      // This code also stands for a connection that broke, which is no matter of the host's name.
-      return "the connection broke";
-    case DL_ERR_REDIRECTS:
-      return "too many redirects";
-    case DL_ERR_IPV6_DISABLED:
-      return "an IPv6 address needs --ipv6";
-    case DL_ERR_REDIRECT_URL:
-      return "the redirect's target is no usable URL";
-    default:
-      break;
-  }
+struct code_entry {
+  int code;
+  const char* words;  // null: the library's own text
+  exit_status status;
+  outlook later = outlook::stays;
+};
+// What codes say by themselves.
+constexpr code_entry code_table[] = {
+    // This code also stands for a connection that broke, which is no matter of the host's name.
+    {DL_ERR_HOST, "the connection broke", exit_protocol, outlook::may_pass},
+    {DL_ERR_CONNECT, nullptr, exit_unreachable, outlook::may_pass},
+    {DL_ERR_REDIRECTS, "too many redirects", exit_refused},
+    {DL_ERR_IPV6_DISABLED, "an IPv6 address needs --ipv6", exit_usage},
+    {DL_ERR_REDIRECT_URL, "the redirect's target is no usable URL", exit_protocol},
+    {DL_ERR_URL, nullptr, exit_usage},
+    {DL_ERR_PARAMETER, nullptr, exit_usage},
+    {DL_ERR_SEND, nullptr, exit_protocol},
+    {DL_ERR_INVALID_DATA, nullptr, exit_protocol},
+    {DL_ERR_READ, nullptr, exit_protocol},
+    {DL_ERR_AUTH, nullptr, exit_login},
+    {0, nullptr, exit_local_file},
+};
+
+std::string library_text(const dl_result& result) {
   const std::string_view message(result.message, strnlen(result.message, sizeof result.message));
   const std::size_t last = message.find_last_not_of(" \r\n");
   return last == message.npos ? "failed" : printable(message.substr(0, last + 1));
 }
 
-// The cause, or nothing when only the library's text and lines can tell.
-std::string known_cause(const location& where, const credentials& login, const dl_result& result) {
+// What the code, the library's own text and its log lines tell where no cause is known.
+verdict code_verdict(const dl_result& result) {
+  const auto* known = std::find_if(std::begin(code_table), std::end(code_table),
+                                   [&](const code_entry& entry) { return entry.code == result.code; });
+  verdict told;
+  if (known != std::end(code_table)) told = {known->words ? known->words : "", known->status, known->later};
+  if (result.code == DL_ERR_FTP_REPLY) told = reply_verdict(result.message);
+  if (dl_last_cause(nullptr) == DL_CAUSE_LOCAL_FILE) told.status = exit_local_file;
+  if (told.words.empty()) told.words = library_text(result);
+  told.words += code_words(result.code);
+  const std::string lines = logged_errors();
+  if (!lines.empty()) told.words += ": " + lines;
+  return told;
+}
+
+verdict transfer_verdict(const location& where, const credentials& login, const dl_result& result) {
   constexpr std::uint32_t least_tftp_wait_s = 3;
-  if (is_about_login(where, result)) return login_words(login, result.code);
-  if (result.code >= 100) return words_of_status(where, result.code);
-  if (result.code != DL_ERR_NOT_TFTP) return cause_of(result.code);
-  return "no TFTP server answered within " + std::to_string(std::max(wait_limit_s(), least_tftp_wait_s)) +
-         " s";
+  if (result.code >= 100 && !is_about_login(where, result)) return status_verdict(where, result.code);
+  std::optional<verdict> known;
+  if (result.code == DL_ERR_REDIRECTS && login.is_for_one_host()) {
+    known = {"the server redirects, and the login of ~/.netrc is for this host alone (--user takes it along)",
+             exit_refused};
+  } else if (is_about_login(where, result)) {
+    known = {login_words(login, result.code), exit_login};
+  } else if (result.code == DL_ERR_NOT_TFTP) {
+    const std::uint32_t limit_s = std::max(wait_limit_s(), least_tftp_wait_s);
+    known = {"no TFTP server answered within " + std::to_string(limit_s) + " s", exit_timeout,
+             outlook::may_pass};
+  } else if (result.code != DL_ERR_FTP_REPLY) {  // which the reply explains
+    known = cause_of(result.code);
+  }
+  if (!known) return code_verdict(result);
+  if (result.code < 0) known->words += code_words(result.code);
+  return *known;
 }
 
 }  // namespace
@@ -315,21 +377,17 @@ const char* chain_reason(int number) {
   }
 }
 
-std::string connection_trouble() {
+std::optional<verdict> connection_trouble() {
   return cause_in(talking);
 }
 
 failure failed_transfer(const location& where, const credentials& login, const dl_result& result) {
-  std::string message = printable(where.url) + ": ";
-  const std::string cause = known_cause(where, login, result);
-  message += cause.empty() ? library_words(result) : cause;
-  if (result.code < 0) message += code_words(result.code);
-  const std::string lines = logged_errors();
-  if (cause.empty() && !lines.empty()) message += ": " + lines;
+  const verdict told = transfer_verdict(where, login, result);
+  std::string message = printable(where.url) + ": " + told.words;
   if (!where.has_scheme) {
     message += "; a URL without a scheme means TFTP, did you mean http://" + printable(where.url) + "?";
   }
-  return failure(result.code, message);
+  return failure(result.code, message, told.status, told.later);
 }
 
 }  // namespace fetchrig::cli

@@ -4,6 +4,7 @@
 #ifndef FETCHRIG_CLI_CAUSE_H
 #define FETCHRIG_CLI_CAUSE_H
 
+#include <optional>
 #include <string>
 
 #include "credentials.h"
@@ -16,9 +17,15 @@ namespace fetchrig::cli {
 // OpenSSL's number for a chain that does not verify in words; null for the rarer ones.
 const char* chain_reason(int number);
 
-// What went wrong on the connection, empty when nothing is known of it. An alert that ends TLS in mid-body reads
-// like the body's end.
-std::string connection_trouble();
+// What is known of a failure.
+struct verdict {
+  std::string words;
+  exit_status status = exit_failed;
+  outlook later = outlook::stays;
+};
+
+// What went wrong on the connection, if anything. An alert that ends TLS in mid-body reads like the body's end.
+std::optional<verdict> connection_trouble();
 
 // The failure of a library call that moves `where`.
 failure failed_transfer(const location& where, const credentials& login, const dl_result& result);

@@ -8,6 +8,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "environment.h"
 #include "report.h"
 
 namespace fetchrig::cli {
@@ -46,7 +47,8 @@ std::string read_silently(const std::string& question) {
   fflush(stderr);
   for (;;) {
     char key = 0;
-    if (read(STDIN_FILENO, &key, 1) != 1 || key == key_interrupt) throw failure(0, "no password given");
+    if (read(STDIN_FILENO, &key, 1) != 1 || key == key_interrupt)
+      throw failure(0, "no password given", exit_login);
     if (key == '\n' || key == '\r' || key == key_end) return typed;
     if (key == key_kill) {
       typed.clear();
@@ -72,14 +74,27 @@ std::string ask_password(const std::string& user) {
 }  // namespace
 
 credentials::credentials(const location& where, const std::optional<std::string>& user,
-                         const std::optional<std::string>& password)
+                         const std::optional<std::string>& password, bool use_netrc)
     : user_(where.user ? where.user : user), password_(where.user ? where.password : password) {
-  if (!user_ || password_) return;
-  if (const char* from_environment = getenv("FETCHRIG_PASSWORD")) {
+  if (password_ || (!user_ && where.kind != scheme::ftp)) return;
+  const char* from_environment = user_ ? getenv("FETCHRIG_PASSWORD") : nullptr;
+  if (from_environment) {
     password_ = from_environment;
-  } else if (isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1) {
+  } else if (auto found = use_netrc ? environment_login(where, user_) : std::nullopt) {
+    take(std::move(*found));
+  } else if (user_ && isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1) {
     password_ = ask_password(*user_);
   }
+}
+
+credentials::credentials(netrc_login found) {
+  take(std::move(found));
+}
+
+void credentials::take(netrc_login found) {
+  user_ = std::move(found.user);
+  password_ = std::move(found.password);
+  from_netrc_ = true;
 }
 
 credentials::~credentials() {

@@ -1,114 +1,264 @@
 // SPDX-License-Identifier: MIT
-// get.cpp: "fetchrig get", downloading one file.
+// get.cpp: "fetchrig get", downloading files.
+#include <stdio.h>
+#include <sys/stat.h>
+
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
 #include <memory>
 #include <optional>
+#include <set>
 #include <vector>
 
 #include "commands.h"
+#include "digest.h"
 #include "options.h"
 #include "output_file.h"
 #include "progress.h"
 #include "report.h"
 #include "source.h"
+#include "transfer.h"
 
 namespace fetchrig::cli {
 namespace {
 
 constexpr std::size_t copy_buffer_bytes = std::size_t{64} * 1024;
+constexpr std::size_t least_read_bytes = 512;
 
 struct get_options {
-  std::string url;
+  std::vector<std::string> urls;
   std::optional<std::string> output;
   bool xsi = false;
+  bool no_clobber = false;
+  bool show_headers = false;
+  bool remote_time = false;
+  std::string sha256;  // in lower case, or empty
+  std::string header_lines;
   transfer_options transfer;
 };
 
+// One URL of the call, and where it goes. The file holds its descriptor before any connection is made.
+struct download {
+  location where;
+  std::string name;
+  std::unique_ptr<output_file> file;
+};
+
 std::string output_name(const get_options& options, const location& where) {
-  if (options.output) {
-    if (options.output->empty()) throw usage_error("-o takes the name of a file, or \"-\"");
-    return *options.output;
-  }
-  std::string name = last_part(where.path);
-  if (name.empty() || name == "." || name == "..")
-    throw usage_error("the URL names no file; say where with -o FILE");
-  return name;
+  const std::string& output = options.output.value_or("./");
+  if (output.empty())
+    throw usage_error("-o takes the name of a file, a directory with \"/\" at its end, or \"-\"");
+  if (output.back() != '/') return output;
+  const std::string name = saved_name(where);
+  if (name.empty()) throw usage_error("the URL names no file; say where with -o FILE");
+  return options.output ? output + name : name;
 }
 
-void check_options(const get_options& options, const location& where) {
-  if (!where.is_http() && (!options.transfer.headers.empty() || options.xsi)) {
-    throw usage_error("--header and --auth are for http and https URLs");
-  }
+void check_url(const get_options& options, const location& where) {
+  const bool http_only = !options.transfer.headers.empty() || options.xsi || options.remote_time;
+  if (!where.is_http() && http_only)
+    throw usage_error("--header, --auth and --remote-time are for http and https URLs");
+  if (!where.is_http() && where.path.find_first_of("?#") != where.path.npos)
+    throw usage_error(
+        "files with \"?\" or \"#\" in their name can only be sent over FTP and TFTP, not fetched");
   check_proxy(options.transfer, where);
 }
 
+void check_options(const get_options& options) {
+  const bool to_stdout = options.output == "-" || options.output == "/dev/stdout";
+  if (options.transfer.json && to_stdout) throw usage_error("--json and -o - both need standard output");
+  if (options.urls.size() > 1 && !options.sha256.empty()) throw usage_error("--sha256 is for one URL");
+}
+
+// Whether a second file would take the first one's place; devices and pipes take both.
+bool is_file_name(const std::string& name) {
+  struct stat status;
+  return name != "-" && (stat(name.c_str(), &status) != 0 || S_ISREG(status.st_mode));
+}
+
+// Everything that can be wrong with the call, before anything is done.
+std::vector<download> planned(const get_options& options) {
+  std::vector<download> plan;
+  std::set<std::string> names;
+  check_options(options);
+  for (const std::string& url : options.urls) {
+    location where = parse_location(url);
+    std::string name = output_name(options, where);
+    check_url(options, where);
+    if (!names.insert(name).second && is_file_name(name))
+      throw usage_error("two URLs go to the file " + printable(name));
+    auto file = std::make_unique<output_file>(name);
+    plan.push_back({std::move(where), std::move(name), std::move(file)});
+  }
+  return plan;
+}
+
 failure too_large(const std::string& subject, std::uint32_t limit, const char* how) {
-  return failure(DL_ERR_READ, printable(subject) + ": " + how + " the limit of " + std::to_string(limit) +
-                                  " bytes (--max-size)");
+  return failure(
+      DL_ERR_READ,
+      printable(subject) + ": " + how + " the limit of " + std::to_string(limit) + " bytes (--max-size)",
+      exit_too_large);
 }
 
-// Copies the download to `file`, holding it against the size limit and the announced length.
-void copy_body(source& from, output_file& file, progress_meter& meter, const std::string& subject) {
-  const std::uint32_t limit = size_limit_bytes();
-  const auto announced = from.announced_bytes();
-  if (announced && *announced > limit) throw too_large(subject, limit, "the file is larger than");
-  std::vector<char> buffer(copy_buffer_bytes);
-  while (const std::size_t count = from.read(buffer)) {
-    meter.add(count);
-    if (meter.total() > limit) throw too_large(subject, limit, "the file is larger than");
-    file.write(std::span<const char>(buffer).first(count));
+// Takes what comes to `file`, holding it against the size limit and the announced length.
+class body_copy {
+ public:
+  body_copy(source& from, const download& to, outcome& told, bool with_digest)
+      : from_(from), to_(to), told_(told) {
+    if (with_digest) digest_.emplace();
   }
-  if (announced && meter.total() < *announced) {
-    throw failure(DL_ERR_READ, printable(subject) + ": the connection ended after " +
-                                   std::to_string(meter.total()) + " of " + std::to_string(*announced) +
-                                   " bytes");
+
+  void run(progress_meter& meter) {
+    if (announced_ && *announced_ > limit_) throw too_large(to_.where.url, limit_, "the file is larger than");
+    std::vector<char> buffer(copy_buffer_bytes);
+    std::size_t wanted = meter.draws() ? least_read_bytes : buffer.size();
+    for (;;) {
+      const auto start = clock::now();
+      const std::size_t count = from_.read(std::span(buffer).first(wanted));
+      if (count == 0) break;
+      meter.add(count);
+      take(std::span<const char>(buffer).first(count));
+      if (meter.draws()) wanted = next_size(wanted, clock::now() - start);
+    }
+    check_end();
   }
-  // The library stops such a body at the limit, where a longer one would look the same.
-  if (from.ends_unmarked() && meter.total() == limit) {
-    throw too_large(subject, limit, "the server announced no length and the file reaches");
+  // For a copy that was made with_digest.
+  std::string sha256_hex() { return digest_->hex(); }
+
+ private:
+  using clock = std::chrono::steady_clock;
+
+  // A read waits until its buffer is full. Who watches a slow connection is to see what comes as it comes.
+  static std::size_t next_size(std::size_t bytes, clock::duration taken) {
+    if (taken > std::chrono::milliseconds(50)) return std::max(bytes / 2, least_read_bytes);
+    return std::min(bytes * 2, copy_buffer_bytes);
   }
+  void take(std::span<const char> bytes) {
+    told_.bytes += bytes.size();
+    if (told_.bytes > limit_) throw too_large(to_.where.url, limit_, "the file is larger than");
+    if (to_.file->is_direct()) told_.repeatable = false;
+    to_.file->write(bytes);
+    if (digest_) digest_->add(bytes);
+  }
+  void check_end() const {
+    if (announced_ && told_.bytes < *announced_) {
+      throw failure(DL_ERR_READ,
+                    printable(to_.where.url) + ": the connection ended after " + std::to_string(told_.bytes) +
+                        " of " + std::to_string(*announced_) + " bytes",
+                    exit_protocol, outlook::may_pass);
+    }
+    // The library stops such a body at the limit, where a longer one would look the same.
+    if (from_.ends_unmarked() && told_.bytes == limit_)
+      throw too_large(to_.where.url, limit_, "the server announced no length and the file reaches");
+  }
+
+  source& from_;
+  const download& to_;
+  outcome& told_;
+  const std::uint32_t limit_ = size_limit_bytes();
+  const std::optional<std::uint64_t> announced_ = from_.announced_bytes();
+  std::optional<sha256> digest_;
+};
+
+void show_headers(const server_facts& server) {
+  for (const std::string& line : server.headers) fprintf(stderr, "%s\n", printable(line).c_str());
 }
 
-int run_get(const get_options& options) {
-  const location where = parse_location(options.url);
-  const std::string name = output_name(options, where);
-  check_options(options, where);
-  const std::string headers = header_block(options.transfer.headers);
-  output_file file(name);
-  const auto trusted_cas = configure(options.transfer, where);
-  const credentials login(where, options.transfer.user, options.transfer.password);
+void check_digest(const std::string& wanted, const std::string& found, const std::string& subject) {
+  if (wanted == found) return;
+  throw failure(0, printable(subject) + ": the SHA-256 is " + found + ", not the one that was given",
+                exit_digest);
+}
 
-  const auto from = open_source({where, login, options.transfer.proxy, headers, options.xsi});
-  file.open();
-  // What is drawn would run into the data on a terminal that shows them.
-  const bool wanted = !options.transfer.quiet && !file.is_terminal();
-  std::string summary;
+void fetch(const get_options& options, const download& to, const location& where, const credentials& login,
+           outcome& told) {
+  to.file->discard();
+  const source_request request = {where, login, proxy_for(options.transfer, where), options.header_lines,
+                                  options.xsi};
+  const auto from = open_source(request, told.server);
+  if (options.show_headers && !options.transfer.json) show_headers(told.server);
+  if (!options.show_headers) told.server.headers.clear();
+  to.file->open();
+  body_copy copy(*from, to, told, !options.sha256.empty());
   {
-    progress_meter meter(wanted && options.transfer.connection.verbosity == 0, from->announced_bytes());
-    copy_body(*from, file, meter, where.url);
-    summary = meter.summary();
+    // What is drawn would run into the data on a terminal that shows them.
+    const bool wanted = options.transfer.wants_progress() && !to.file->is_terminal();
+    progress_meter meter(wanted, from->announced_bytes());
+    copy.run(meter);
+    if (!to.file->is_terminal())
+      told.summary = printable(to.name == "-" ? where.url : to.name) + ": " + meter.summary();
   }
-  file.commit();
-  if (wanted && somebody_watches()) tell(printable(name == "-" ? where.url : name) + ": " + summary);
-  return exit_done;
+  if (!options.sha256.empty()) check_digest(options.sha256, copy.sha256_hex(), where.url);
+  if (options.remote_time && told.server.modified_s) to.file->set_modification_time(*told.server.modified_s);
+  to.file->commit(options.no_clobber ? name_use::new_only : name_use::replacing);
+}
+
+// With --no-clobber: a file that is there already is what was wanted, unless its digest says otherwise.
+bool is_there(const get_options& options, const download& to) {
+  struct stat status;
+  if (!options.no_clobber || stat(to.name.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  if (!options.sha256.empty()) check_digest(options.sha256, sha256::of_file(to.name), to.name);
+  return true;
+}
+
+int run_download(const get_options& options, const download& to) {
+  outcome told;
+  told.file = to.name;
+  const int status =
+      run_transfer(to.where, options.transfer, told, [&](auto& where, auto& login, outcome& now) {
+        now.skipped = is_there(options, to);
+        if (now.skipped) {
+          now.summary = printable(to.name) + " is there already and stays as it is";
+        } else {
+          fetch(options, to, where, login, now);
+        }
+      });
+  to.file->discard();
+  return status;
+}
+
+// Tries them all; the first failure is the one that the exit status tells.
+int run_get(get_options& options) {
+  options.header_lines = header_block(options.transfer.headers);
+  int status = exit_done;
+  for (const download& each : planned(options)) {
+    const int ended = run_download(options, each);
+    if (status == exit_done) status = ended;
+  }
+  return status;
+}
+
+void add_options(CLI::App& get, const std::shared_ptr<get_options>& options) {
+  get.add_option("URL", options->urls,
+                 "http://, https://, ftp:// or tftp:// URLs; HOST/PATH alone means TFTP")
+      ->required();
+  get.add_option(
+         "-o,--output", options->output,
+         "File to write, a directory with \"/\" at its end, \"-\" for standard output; else the URL names it")
+      ->type_name("FILE");
+  get.add_flag("--no-clobber", options->no_clobber, "Leave a file that is there already as it is");
+  get.add_option_function<std::string>(
+         "--sha256", [options](const std::string& typed) { options->sha256 = checked_sha256(typed); },
+         "Put the file in place only if this is its SHA-256")
+      ->type_name("HEX");
+  get.add_flag("--remote-time", options->remote_time, "Give the file the time of the server's (HTTP)");
+  get.add_flag("--show-headers", options->show_headers,
+               "Show the header lines of an HTTP answer with status 200, on standard error or in the JSON");
+  get.add_option_function<std::string>(
+         "--auth", [options](const std::string& type) { options->xsi = type == "xsi"; },
+         "Answer to an HTTP challenge: basic (Basic or Digest) or xsi (BroadWorks)")
+      ->check(CLI::IsMember({"basic", "digest", "xsi"}))
+      ->type_name("TYPE");
+  add_transfer_options(get, options->transfer);
 }
 
 }  // namespace
 
 void add_get(CLI::App& app, action& chosen) {
   const auto options = std::make_shared<get_options>();
-  CLI::App* get = app.add_subcommand("get", "Download a file over HTTP, HTTPS, FTP or TFTP");
-  get->add_option("URL", options->url, "http://, https://, ftp:// or tftp:// URL; HOST/PATH alone means TFTP")
-      ->required();
-  get->add_option("-o,--output", options->output,
-                  "File to write, \"-\" for standard output; else the URL names it")
-      ->type_name("FILE");
-  get->add_option_function<std::string>(
-         "--auth", [options](const std::string& type) { options->xsi = type == "xsi"; },
-         "Answer to an HTTP challenge: basic (Basic or Digest) or xsi (BroadWorks)")
-      ->check(CLI::IsMember({"basic", "digest", "xsi"}))
-      ->type_name("TYPE");
-  add_transfer_options(*get, options->transfer);
+  CLI::App* get = app.add_subcommand("get", "Download files over HTTP, HTTPS, FTP or TFTP");
+  add_options(*get, options);
   get->callback([options, &chosen] { chosen = [options] { return run_get(*options); }; });
 }
 

@@ -10,5 +10,8 @@ namespace fetchrig::cli {
 // Writes the object to standard output; bytes that are no UTF-8 are replaced.
 void print_json(const nlohmann::ordered_json& json);
 
+// The same on one line.
+void print_json_line(const nlohmann::ordered_json& json);
+
 }  // namespace fetchrig::cli
 #endif

@@ -47,6 +47,27 @@ void take_credentials(std::string_view& authority, location& where) {
   if (colon != login.npos) where.password = std::string(login.substr(colon + 1));
 }
 
+void take_host(std::string_view authority, location& where) {
+  const std::size_t open = authority.find('['), close = authority.find(']');
+  const bool bracketed = open == 0 && close != authority.npos;
+  const std::size_t colon = authority.find(':', bracketed ? close : 0);
+  where.host = bracketed ? authority.substr(1, close - 1) : authority.substr(0, colon);
+  if (colon != authority.npos) where.port = authority.substr(colon + 1);
+}
+
+int hex_value(char digit) {
+  if (digit >= '0' && digit <= '9') return digit - '0';
+  const char lower = static_cast<char>(digit | 0x20);
+  return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
+}
+
+// The library takes these paths as they are, and protocols for lines.
+std::string decoded_path(std::string_view path) {
+  std::string decoded = percent_decoded(path);
+  if (has_control_characters(decoded)) throw usage_error("the URL holds encoded control characters");
+  return decoded;
+}
+
 }  // namespace
 
 location parse_location(std::string_view url) {
@@ -64,16 +85,44 @@ location parse_location(std::string_view url) {
   take_credentials(authority, where);
   if (authority.empty()) throw usage_error("the URL names no host");
 
+  take_host(authority, where);
+
   std::string tail(rest);
   if (tail.empty() || tail.front() != '/') tail.insert(0, 1, '/');
-  where.url.append(prefix).append(authority).append(tail);
   where.path = tail.substr(0, tail.find_first_of("?#"));
+  if (!where.is_http()) tail = where.path = decoded_path(where.path);
+  where.url.append(prefix).append(authority).append(tail);
   return where;
 }
 
 std::string last_part(std::string_view path) {
   const std::size_t slash = path.rfind('/');
   return std::string(slash == path.npos ? path : path.substr(slash + 1));
+}
+
+std::string saved_name(const location& where) {
+  std::string name = last_part(where.path);
+  if (where.is_http()) name = percent_decoded(name);
+  if (name.empty() || name == "." || name == "..") return "";
+  std::replace(name.begin(), name.end(), '/', '_');
+  if (name.front() == '.') name.front() = '_';
+  return terminal_safe(name);
+}
+
+std::string percent_decoded(std::string_view text) {
+  std::string out;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const bool whole = text[i] == '%' && text.size() - i > 2;
+    const int high = whole ? hex_value(text[i + 1]) : -1;
+    const int low = whole ? hex_value(text[i + 2]) : -1;
+    if (high < 0 || low < 0) {
+      out += text[i];
+      continue;
+    }
+    out += static_cast<char>(high << 4 | low);
+    i += 2;
+  }
+  return out;
 }
 
 std::string percent_encoded(std::string_view name) {

@@ -15,7 +15,9 @@ enum class scheme { http, https, ftp, tftp };
 struct location {
   scheme kind = scheme::tftp;
   bool has_scheme = false;
-  std::string url;   // without credentials; for HTTP also without the fragment, which is not for the server
+  std::string url;   // without credentials; HTTP: without the fragment; FTP and TFTP: with a decoded path
+  std::string host;  // without port and brackets
+  std::string port;  // as typed, or empty
   std::string path;  // from the first "/", without query and fragment; "/" when the URL has none
   std::optional<std::string> user;
   std::optional<std::string> password;
@@ -29,6 +31,13 @@ location parse_location(std::string_view url);
 
 // The part of `path` after its last "/", which may be empty.
 std::string last_part(std::string_view path);
+
+// The name under which what the URL names is saved: its last part, decoded, and "_" for what a name had better not
+// hold: "/", a dot at the start, what would steer a terminal. Empty when the URL names no file.
+std::string saved_name(const location& where);
+
+// "%20" and the like as the bytes they stand for; a "%" before anything else stays.
+std::string percent_decoded(std::string_view text);
 
 // `name` with everything but letters, digits and "-._~" written as "%NN", as one part of a URL's path.
 std::string percent_encoded(std::string_view name);

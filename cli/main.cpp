@@ -14,32 +14,14 @@
 #include <new>
 
 #include "commands.h"
+#include "completion.h"
 #include "fetchrig.h"
+#include "help.h"
 #include "report.h"
 
 namespace {
 
 using namespace fetchrig::cli;
-
-constexpr const char* examples = R"(Examples:
-  fetchrig get https://example.com/firmware.bin
-  fetchrig get -o - tftp://192.0.2.7/boot.cfg
-  FETCHRIG_PASSWORD=secret fetchrig get --user anna ftp://example.com/pub/list.txt
-  fetchrig put report.txt https://example.com/inbox/ --user anna
-  fetchrig put --append log.txt ftp://example.com/logs/today.txt
-  fetchrig cert list --store /etc/phone/certs --json
-  fetchrig cert verify server.pem --ca-dir /etc/ssl/certs
-  fetchrig ring Bellcore-dr2
-
-Environment:
-  FETCHRIG_PASSWORD        password for --user
-  FETCHRIG_KEY_PASSPHRASE  pass phrase of encrypted private keys
-  FETCHRIG_KEY_SEED        seed of "cert generate"
-  FETCHRIG_STORE           directory of the trusted-CA store
-  FETCHRIG_DEVICE_CERT     device certificate file
-  TMPDIR                   directory of temporary files; /tmp
-
-Exit status: 0 done, 1 failed, 2 wrong usage.)";
 
 int wrong_usage(const char* words) {
   tell(words);
@@ -88,7 +70,7 @@ int run_action(const action& chosen) {
     return wrong_usage(error.what());
   } catch (const failure& error) {
     tell(error.what());
-    return exit_failed;
+    return error.status();
   }
 }
 
@@ -96,7 +78,7 @@ int run_action(const action& chosen) {
 int flushed(int status) {
   if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;
   tell("standard output cannot be written");
-  return status == exit_done ? exit_failed : status;
+  return status == exit_done ? exit_local_file : status;
 }
 
 void end_without_catcher() {
@@ -124,16 +106,39 @@ void fill_standard_descriptors() {
   }
 }
 
+// $XDG_CONFIG_HOME/fetchrig.conf, or where that directory is by default; empty when nobody is at home.
+std::string usual_config() {
+  const char* place = getenv("XDG_CONFIG_HOME");
+  if (place && *place) return std::string(place) + "/fetchrig.conf";
+  const char* home = getenv("HOME");
+  return home && *home ? std::string(home) + "/.config/fetchrig.conf" : "";
+}
+
+// The file has a section for each subcommand, [get] or [cert.list], and in it the long names of options. What stands
+// in none of them is a mistake that is told.
+void take_config(CLI::App& app) {
+  app.set_config("--config", usual_config(), "File with the defaults of options; comes before the subcommand")
+      ->type_name("FILE");
+  app.allow_config_extras(CLI::config_extras_mode::error);
+}
+
+int tell_completions(const CLI::App& app, int argc, char** argv) {
+  for (const std::string& line : completions(app, {argv + 2, argv + argc})) puts(line.c_str());
+  return exit_done;
+}
+
 int run_command_line(int argc, char** argv) {
   CLI::App app("Moves files over HTTP, HTTPS, FTP and TFTP, and manages certificates.", "fetchrig");
   app.set_version_flag("--version", std::string("fetchrig ") + dl_get_version());
-  app.footer(examples);
   app.require_subcommand(1);
   action chosen;
   add_get(app, chosen);
   add_put(app, chosen);
   add_cert(app, chosen);
   add_ring(app, chosen);
+  add_help_texts(app);
+  take_config(app);
+  if (argc > 1 && std::string_view(argv[1]) == completion_word) return tell_completions(app, argc, argv);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

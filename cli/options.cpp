@@ -12,6 +12,7 @@
 #include <map>
 #include <sstream>
 
+#include "environment.h"
 #include "fetchrig.h"
 #include "report.h"
 
@@ -111,6 +112,8 @@ constexpr std::uint32_t default_timeout_s = 30;
 // A TFTP server says an error once, after which the wait for data still runs out.
 constexpr std::uint32_t default_tftp_timeout_s = 5;
 
+constexpr std::uint32_t usual_redirects = 5;
+
 constexpr char list_separator = ':';  // of directories, as OpenSSL takes them
 
 std::vector<std::string> split_directories(const std::string& list) {
@@ -142,6 +145,7 @@ std::unique_ptr<ca_bundle> set_connection_options(const connection_options& opti
   set_number_option(DL_OPT_VERIFY_HOST, options.no_verify_host ? 0 : verify);
   set_number_option(DL_OPT_NET_TIMEOUT, timeout_s);
   set_number_option(DL_OPT_IPV6, options.ipv6 ? 1 : 0);
+  set_number_option(DL_OPT_MAX_REDIRECTS, usual_redirects);
   take_key_passphrase();
   return bundle;
 }
@@ -205,7 +209,8 @@ void add_transfer_options(CLI::App& app, transfer_options& options) {
   app.add_option("--user", options.user, "User name for HTTP or FTP");
   app.add_option("--password", options.password,
                  "Its password; better left to FETCHRIG_PASSWORD or to the question at the terminal");
-  app.add_option("--proxy", options.proxy, "URL of an HTTP proxy (http URLs only)");
+  app.add_option("--proxy", options.proxy,
+                 "URL of an HTTP proxy (http URLs only), \"\" for none; else http_proxy has it");
   app.add_option("--header", options.headers, "Header line for HTTP; repeatable")
       ->type_name("\"NAME: VALUE\"")
       ->expected(1)
@@ -214,6 +219,16 @@ void add_transfer_options(CLI::App& app, transfer_options& options) {
                  "Largest file taken or sent, in bytes; K, M and G multiply by 1024")
       ->transform(CLI::AsSizeValue(false))
       ->capture_default_str();
+  app.add_option("--retry", options.retries, "Try again so often after a failure that may pass")
+      ->check(CLI::Range(0, 100))
+      ->type_name("N");
+  app.add_option("--retry-delay", options.retry_delay_s,
+                 "Longest wait before the first new try, in seconds; doubled for each one after it")
+      ->check(CLI::Range(0.0, 3600.0))
+      ->type_name("SECONDS")
+      ->capture_default_str();
+  app.add_flag("--no-env", options.no_env, "Use neither http_proxy nor ~/.netrc");
+  app.add_flag("--json", options.json, "Answer in JSON, one object a transfer");
   app.add_flag("-q,--quiet", options.quiet, "Show no progress");
   add_connection_options(app, options.connection);
 }
@@ -234,8 +249,13 @@ std::unique_ptr<ca_bundle> configure(const transfer_options& options, const loca
 }
 
 void check_proxy(const transfer_options& options, const location& where) {
-  if (where.kind == scheme::http || options.proxy.empty()) return;
+  if (where.kind == scheme::http || options.proxy.value_or("").empty()) return;
   throw usage_error("--proxy is for http URLs; HTTPS is not tunnelled through a proxy");
+}
+
+std::string proxy_for(const transfer_options& options, const location& where) {
+  if (options.proxy) return *options.proxy;
+  return options.no_env ? "" : environment_proxy(where);
 }
 
 void set_text_option(std::uint32_t option, const std::string& value) {
@@ -261,6 +281,10 @@ std::uint32_t size_limit_bytes() {
 
 std::uint32_t wait_limit_s() {
   return locked([](const dl_config& config) { return config.net_timeout; });
+}
+
+std::uint32_t redirect_limit() {
+  return locked([](const dl_config& config) { return config.max_redirects; });
 }
 
 std::vector<std::string> ca_directories() {

@@ -39,10 +39,17 @@ struct transfer_options {
   connection_options connection;
   std::optional<std::string> user;
   std::optional<std::string> password;
-  std::string proxy;
+  std::optional<std::string> proxy;  // empty: none; not given: that of the environment
   std::vector<std::string> headers;  // "Name: value"
   std::uint64_t max_size_bytes = UINT32_MAX;
+  unsigned retries = 0;
+  double retry_delay_s = 1;
+  bool no_env = false;
+  bool json = false;
   bool quiet = false;
+
+  // Nothing is drawn where the log goes, too.
+  bool wants_progress() const { return !quiet && connection.verbosity == 0; }
 };
 
 void add_connection_options(CLI::App& app, connection_options& options);
@@ -56,6 +63,8 @@ void add_verbosity(CLI::App& app, int& verbosity);
 
 // Throws usage_error for a proxy that is given for another scheme than http.
 void check_proxy(const transfer_options& options, const location& where);
+// The proxy for the URL, or empty.
+std::string proxy_for(const transfer_options& options, const location& where);
 
 // Sets text option `option` (enum dl_option), refusing what the library would cut.
 void set_text_option(std::uint32_t option, const std::string& value);
@@ -63,9 +72,10 @@ void set_number_option(std::uint32_t option, std::uint32_t value);
 // Takes the pass phrase of private keys from the environment.
 void take_key_passphrase();
 
-// What is in force: the size limit, the limit of a wait, and the directories of trusted CAs.
+// What is in force: the limits of sizes, waits and redirects, and the directories of trusted CAs.
 std::uint32_t size_limit_bytes();
 std::uint32_t wait_limit_s();
+std::uint32_t redirect_limit();
 std::vector<std::string> ca_directories();
 
 // The header lines for the library, each ended by CRLF; throws usage_error for one that is no header line.

@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -12,6 +13,7 @@
 
 #include <charconv>
 #include <optional>
+#include <utility>
 
 #include "report.h"
 
@@ -96,11 +98,19 @@ output_file::output_file(const std::string& path) : path_(path) {
 }
 
 output_file::~output_file() {
+  discard();
+  if (fd_ >= 0) close(fd_);
+}
+
+void output_file::discard() {
   if (in_place_) {
     empty_on_signal(-1);
     if (touched_ && ftruncate(fd_, 0) == 0) tell("warning: " + printable(path_) + " is empty now");
   }
-  if (fd_ >= 0) close(fd_);
+  if (fd_ >= 0 && !held_) close(std::exchange(fd_, -1));
+  partial_ = temporary_path();
+  in_place_ = touched_ = false;
+  written_bytes_ = 0;
 }
 
 void output_file::open() {
@@ -120,6 +130,7 @@ void output_file::hold_descriptor(int fd) {
   if (flags >= 0 && !writable) errno = EBADF;
   fd_ = writable ? fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1) : -1;
   if (fd_ < 0) fail("cannot be opened");
+  held_ = true;
 }
 
 void output_file::open_directly() {
@@ -163,13 +174,23 @@ void output_file::write(std::span<const char> bytes) {
   }
 }
 
-void output_file::commit() {
+void output_file::set_modification_time(std::int64_t seconds) {
+  modified_s_ = seconds;
+}
+
+void output_file::commit(name_use use) {
+  if (modified_s_ >= 0 && !is_direct()) {
+    const timespec times[] = {{0, UTIME_NOW}, {static_cast<time_t>(modified_s_), 0}};
+    if (futimens(fd_, times) != 0) fail("cannot be given its time");
+  }
   if (in_place_ && ftruncate(fd_, static_cast<off_t>(written_bytes_)) != 0) fail("cannot be written");
   if (in_place_) empty_on_signal(-1);
   in_place_ = false;
   close_checked();
   if (!partial_) return;
-  if (rename(partial_.get().c_str(), path_.c_str()) != 0) fail("cannot be given its name");
+  const unsigned flags = use == name_use::new_only ? RENAME_NOREPLACE : 0;
+  if (renameat2(AT_FDCWD, partial_.get().c_str(), AT_FDCWD, path_.c_str(), flags) != 0)
+    fail("cannot be given its name");
   partial_.keep();
 }
 
@@ -178,13 +199,14 @@ bool output_file::is_terminal() const {
 }
 
 void output_file::close_checked() {
-  const int closed = close(fd_);
-  fd_ = -1;
+  held_ = false;
+  const int closed = close(std::exchange(fd_, -1));
   if (closed != 0) fail("cannot be written");
 }
 
 void output_file::fail(const char* what) const {
-  throw failure(0, printable(path_ == "-" ? "standard output" : path_) + " " + what + ": " + strerror(errno));
+  throw failed_file(printable(path_ == "-" ? "standard output" : path_) + " " + what + ": " +
+                    strerror(errno));
 }
 
 }  // namespace fetchrig::cli

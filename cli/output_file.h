@@ -18,6 +18,8 @@ struct stat;
 
 namespace fetchrig::cli {
 
+enum class name_use { replacing, new_only };
+
 class output_file {
  public:
   // Made before anything else is opened: a descriptor that `path` names is held from here on. Throws
@@ -30,10 +32,17 @@ class output_file {
   // Comes before all that follows. Throws usage_error when the path is a directory, failure
   // when nothing can be created there.
   void open();
+  // Back to before open(), with nothing left of what was written as far as that can be taken back.
+  void discard();
   // Throws failure when the bytes cannot be written whole.
   void write(std::span<const char> bytes);
-  // Closes the file and gives it its name; throws failure, after which nothing remains.
-  void commit();
+  // Closes the file and gives it its name, which with `name_use::new_only` nobody may have taken; throws failure,
+  // after which nothing remains.
+  void commit(name_use use);
+  // Seconds since 1970, for a file.
+  void set_modification_time(std::int64_t seconds);
+  // What is written is gone: to a descriptor, a device, a pipe.
+  bool is_direct() const { return !partial_ && !in_place_; }
   // True when the bytes show on a terminal.
   bool is_terminal() const;
 
@@ -48,9 +57,11 @@ class output_file {
   std::string path_;
   temporary_path partial_;  // the name until commit(); none when the target is written directly
   int fd_ = -1;
+  bool held_ = false;  // a descriptor of the caller's, which open() finds
   bool in_place_ = false;
   bool touched_ = false;  // in place: bytes of the old file may be gone
   std::uint64_t written_bytes_ = 0;
+  std::int64_t modified_s_ = -1;
 };
 
 }  // namespace fetchrig::cli

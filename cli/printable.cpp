@@ -29,10 +29,9 @@ std::size_t utf8_sequence(std::string_view text) {
   return 0;
 }
 
-}  // namespace
-
-std::string printable(std::string_view text) {
-  constexpr char digits[] = "0123456789abcdef";
+// `text` with escape(byte) in place of each byte that steers a terminal.
+template <typename Escape>
+std::string replaced(std::string_view text, Escape escape) {
   std::string out;
   for (std::size_t i = 0; i < text.size();) {
     const auto byte = static_cast<unsigned char>(text[i]);
@@ -43,10 +42,23 @@ std::string printable(std::string_view text) {
       i += length;
       continue;
     }
-    out += {'\\', 'x', digits[byte >> 4], digits[byte & 15]};
+    out += escape(byte);
     ++i;
   }
   return out;
+}
+
+}  // namespace
+
+std::string printable(std::string_view text) {
+  constexpr char digits[] = "0123456789abcdef";
+  return replaced(text, [&](unsigned char byte) {
+    return std::string{'\\', 'x', digits[byte >> 4], digits[byte & 15]};
+  });
+}
+
+std::string terminal_safe(std::string_view text) {
+  return replaced(text, [](unsigned char) { return '_'; });
 }
 
 }  // namespace fetchrig::cli

@@ -11,5 +11,8 @@ namespace fetchrig::cli {
 // `text` with everything that would steer a terminal (control characters, broken UTF-8) written as "\xNN".
 std::string printable(std::string_view text);
 
+// The same with "_" for each such byte, for the name of a file.
+std::string terminal_safe(std::string_view text);
+
 }  // namespace fetchrig::cli
 #endif

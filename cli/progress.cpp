@@ -1,14 +1,52 @@
 // SPDX-License-Identifier: MIT
-// progress.cpp: drawing the progress line.
+// progress.cpp: measuring and drawing the progress line.
 #include "progress.h"
 
+#include <signal.h>
 #include <stdio.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <iterator>
 
+#include "terminal_line.h"
+
 namespace fetchrig::cli {
+namespace {
+
+constexpr double window_s = 5;
+constexpr double stall_s = 2;  // less than this is no stall yet
+constexpr auto redraw_time = std::chrono::milliseconds(100);
+
+// "7 s", "3 min 20 s", "2 h 5 min".
+std::string readable_time(double seconds) {
+  const auto whole = static_cast<long long>(std::min(seconds, 1e9));
+  const auto two = [](long long first, const char* unit, long long second, const char* smaller) {
+    return std::to_string(first) + unit + std::to_string(second) + smaller;
+  };
+  if (whole < 60) return std::to_string(whole) + " s";
+  return whole < 3600 ? two(whole / 60, " min ", whole % 60, " s")
+                      : two(whole / 3600, " h ", whole % 3600 / 60, " min");
+}
+
+std::string share_of(std::uint64_t total, std::uint64_t expected) {
+  const double part = static_cast<double>(total) / static_cast<double>(expected);
+  char text[32];
+  snprintf(text, sizeof text, "  %3.0f%% of ", std::min(part, 1.0) * 100);
+  return text + readable_size(static_cast<double>(expected));
+}
+
+// Starts a thread that no signal is handled in: the handlers are the main thread's.
+template <typename Run>
+std::jthread quiet_thread(Run run) {
+  sigset_t all, before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  std::jthread thread(run);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  return thread;
+}
+
+}  // namespace
 
 std::string readable_size(double bytes) {
   constexpr const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
@@ -19,22 +57,35 @@ std::string readable_size(double bytes) {
   return text;
 }
 
-bool somebody_watches() {
-  return isatty(STDERR_FILENO) == 1;
+void speed_window::add(time now, std::uint64_t total_bytes) {
+  if (total_bytes != samples_.back().total_bytes) last_change_ = now;
+  samples_.push_back({now, total_bytes});
+  while (samples_.size() > 2 && (now - samples_[1].at).count() >= window_s) samples_.pop_front();
 }
 
-progress_meter::progress_meter(bool wanted, std::optional<std::uint64_t> announced_bytes)
-    : wanted_(wanted && somebody_watches()), announced_bytes_(announced_bytes) {}
+double speed_window::bytes_per_s() const {
+  const sample &first = samples_.front(), &last = samples_.back();
+  if (last.total_bytes <= first.total_bytes) return 0;  // an upload that starts again goes back
+  return static_cast<double>(last.total_bytes - first.total_bytes) / std::max(length_s(), 0.001);
+}
+
+double speed_window::still_for_s() const {
+  return (samples_.back().at - last_change_).count();
+}
+
+progress_meter::progress_meter(bool wanted, std::optional<std::uint64_t> expected_bytes, watch bytes_moved)
+    : expected_bytes_(expected_bytes), bytes_moved_(std::move(bytes_moved)) {
+  if (!wanted || !somebody_watches()) return;
+  drawer_ = quiet_thread([this](const std::stop_token& stop) { run(stop); });
+}
 
 progress_meter::~progress_meter() {
-  if (drawn_) fputs("\r\033[K", stderr);
+  drawer_ = {};
+  erase_line();
 }
 
-void progress_meter::add(std::uint64_t bytes) {
-  total_bytes_ += bytes;
-  if (!wanted_ || clock::now() < next_draw_) return;
-  next_draw_ = clock::now() + std::chrono::milliseconds(100);
-  draw();
+double progress_meter::elapsed_s() const {
+  return std::chrono::duration<double>(clock::now() - start_).count();
 }
 
 std::string progress_meter::summary() const {
@@ -46,22 +97,28 @@ std::string progress_meter::summary() const {
          "/s)";
 }
 
-double progress_meter::elapsed_s() const {
-  return std::chrono::duration<double>(clock::now() - start_).count();
+// Without memory for its line a transfer goes on without one.
+void progress_meter::run(const std::stop_token& stop) try {
+  do {
+    const std::uint64_t total = bytes_moved_ ? bytes_moved_() : total_bytes_.load();
+    window_.add(clock::now() - start_, total);
+    draw_line(line(total));
+    std::unique_lock asleep(sleep_);
+    wake_.wait_for(asleep, stop, redraw_time, [] { return false; });
+  } while (!stop.stop_requested());
+} catch (const std::bad_alloc&) {
 }
 
-void progress_meter::draw() {
-  std::string share;
-  if (announced_bytes_ && *announced_bytes_ > 0) {
-    const double part = static_cast<double>(total_bytes_) / static_cast<double>(*announced_bytes_);
-    char text[32];
-    snprintf(text, sizeof text, "%3.0f%% of ", std::min(part, 1.0) * 100);
-    share = text + readable_size(static_cast<double>(*announced_bytes_)) + "  ";
-  }
-  const auto total = static_cast<double>(total_bytes_);
-  const std::string speed = readable_size(total / std::max(elapsed_s(), 0.001));
-  fprintf(stderr, "\r%s  %s%s/s\033[K", readable_size(total).c_str(), share.c_str(), speed.c_str());
-  drawn_ = true;
+std::string progress_meter::line(std::uint64_t total_bytes) const {
+  std::string text = readable_size(static_cast<double>(total_bytes));
+  if (expected_bytes_ && *expected_bytes_ > 0) text += share_of(total_bytes, *expected_bytes_);
+  if (window_.still_for_s() >= stall_s) return text + "  stalled for " + readable_time(window_.still_for_s());
+  const double speed = window_.bytes_per_s();
+  text += "  " + readable_size(speed) + "/s";
+  const bool known = speed > 0 && window_.length_s() >= 1;  // the first moments say little
+  if (known && expected_bytes_ && *expected_bytes_ > total_bytes)
+    text += "  " + readable_time(static_cast<double>(*expected_bytes_ - total_bytes) / speed) + " left";
+  return text;
 }
 
 }  // namespace fetchrig::cli

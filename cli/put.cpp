@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <array>
 #include <memory>
+#include <optional>
 #include <random>
+#include <vector>
 
 #include "cause.h"
 #include "commands.h"
@@ -19,12 +21,23 @@
 #include "progress.h"
 #include "report.h"
 #include "source.h"
+#include "temporary_path.h"
+#include "transfer.h"
+#include "upload_watch.h"
 
 namespace fetchrig::cli {
 namespace {
 
+constexpr std::size_t spool_buffer_bytes = std::size_t{64} * 1024;
+
+// A file as it is to be sent.
+struct upload_file {
+  std::string path;
+  std::uint64_t size_bytes = 0;
+};
+
 struct put_options {
-  std::string file;
+  std::string file;  // "-": standard input
   std::string url;
   std::string method = "put";
   std::string name;
@@ -33,17 +46,22 @@ struct put_options {
   transfer_options transfer;
 
   bool posts() const { return method == "post"; }
+  bool from_stdin() const { return file == "-"; }
+  // A second try that follows one of unknown outcome does no harm.
+  bool may_be_sent_twice() const { return !append && !posts(); }
 };
 
 using redirect_buffer = std::array<char, DL_REDIRECT_SIZE>;
 
+constexpr const char* stdin_name = "stdin";
+
 // What would go wrong late, or without a telling word, in the library's call.
 std::uint64_t check_file(const std::string& path) {
   struct stat status;
-  if (stat(path.c_str(), &status) != 0) throw failure(0, printable(path) + ": " + strerror(errno));
-  if (!S_ISREG(status.st_mode)) throw failure(0, printable(path) + " is not a regular file");
+  if (stat(path.c_str(), &status) != 0) throw failed_file(printable(path) + ": " + strerror(errno));
+  if (!S_ISREG(status.st_mode)) throw failed_file(printable(path) + " is not a regular file");
   if (status.st_size > INT32_MAX)
-    throw failure(0, printable(path) + " is larger than 2 GiB, the most that can be sent");
+    throw failure(0, printable(path) + " is larger than 2 GiB, the most that can be sent", exit_too_large);
   return static_cast<std::uint64_t>(status.st_size);
 }
 
@@ -58,7 +76,31 @@ void check_options(const put_options& options, const location& where) {
     throw usage_error("--header and --method are for http and https URLs");
   }
   if (where.kind == scheme::tftp && options.append) throw usage_error("--append is for ftp URLs");
+  if (options.from_stdin() && options.name.empty() && where.path.back() == '/' && !options.posts())
+    throw usage_error("standard input has no name: end the URL in one");
   check_proxy(options.transfer, where);
+}
+
+failure beyond_limit(const put_options& options) {
+  return failure(0,
+                 printable(options.file) + " is larger than the limit of " +
+                     std::to_string(size_limit_bytes()) + " bytes (--max-size)",
+                 exit_too_large);
+}
+
+// The library sends files alone: what comes from standard input is kept in one until it is sent.
+upload_file spooled_input(const put_options& options, private_directory& directory) {
+  const std::uint64_t limit = std::min<std::uint64_t>(size_limit_bytes(), INT32_MAX);
+  std::vector<char> buffer(spool_buffer_bytes);
+  std::uint64_t size_bytes = 0;
+  const std::string path = directory.fill(stdin_name, [&] {
+    const std::size_t count = fread(buffer.data(), 1, buffer.size(), stdin);
+    size_bytes += count;
+    if (size_bytes > limit) throw beyond_limit(options);
+    if (ferror(stdin)) throw failed_file("standard input cannot be read");
+    return std::string_view(buffer.data(), count);
+  });
+  return {path, size_bytes};
 }
 
 std::string random_boundary() {
@@ -96,31 +138,33 @@ std::string http_target(const put_options& options, const location& where) {
   return where.url + percent_encoded(last_part(options.file));
 }
 
-void put_http(const put_options& options, const location& where, const credentials& login) {
+void put_http(const put_options& options, const std::string& file, const location& where,
+              const credentials& login, server_facts& told) {
   const std::string headers = upload_headers(options);
   const std::string url = http_target(options, where);
+  const std::string proxy = proxy_for(options.transfer, where);
   dl_http_request request = {};
   request.method = options.posts() ? DL_METHOD_POST : DL_METHOD_PUT;
   request.url = url.c_str();
   request.user = login.user();
   request.password = login.password();
-  request.proxy = options.transfer.proxy.empty() ? nullptr : options.transfer.proxy.c_str();
+  request.proxy = proxy.empty() ? nullptr : proxy.c_str();
   request.headers = headers.c_str();
 
   redirect_buffer redirect = {};
   dl_result result = {};
   dl_http_session* session = nullptr;
-  if (dl_http_post_file(&session, &request, options.file.c_str(), redirect.data(), &result) != 0) {
-    throw failed_transfer(where, login, result);
-  }
-  if (!is_http_success(dl_http_last_status())) {
-    result.code = dl_http_last_status();
-    throw failed_transfer(where, login, result);
-  }
+  const int rc = dl_http_post_file(&session, &request, file.c_str(), redirect.data(), &result);
+  told.status = dl_http_last_status();
+  told.final_url = redirect[0] != '\0' ? redirect.data() : url;
+  if (rc == 0 && !is_http_success(told.status)) result.code = told.status;
+  if (rc != 0 || result.code != 0) throw failed_transfer(where, login, result);
   if (dl_last_cause(nullptr) == DL_CAUSE_HEADER_CUT) {
-    throw failure(DL_ERR_READ, printable(url) +
-                                   ": the server's answer ends inside its header; whether it took the "
-                                   "file is not known");
+    throw failure(DL_ERR_READ,
+                  printable(url) +
+                      ": the server's answer ends inside its header; whether it took the "
+                      "file is not known",
+                  exit_protocol, outlook::may_pass);
   }
 }
 
@@ -132,41 +176,61 @@ std::string remote_name(const put_options& options, const location& where) {
   return name;
 }
 
-void put_named(const put_options& options, const location& where, const credentials& login) {
+void put_named(const put_options& options, const std::string& file, const location& where,
+               const credentials& login) {
   const std::string name = remote_name(options, where);
   const dl_request request = {where.url.c_str(), login.user(), login.password(), nullptr};
   const std::int32_t mode = options.append ? DL_FTP_APPEND : DL_FTP_STORE;
   const std::uint32_t when_full = options.when_full == "store" ? DL_FTP_LIMIT_STORE : DL_FTP_LIMIT_STOP;
   redirect_buffer redirect = {};
   dl_result result = {};
-  if (dl_upload(&request, options.file.c_str(), name.c_str(), redirect.data(), &result, nullptr, mode,
-                when_full) != 0) {
+  if (dl_upload(&request, file.c_str(), name.c_str(), redirect.data(), &result, nullptr, mode, when_full) !=
+      0) {
     throw failed_transfer(where, login, result);
   }
 }
 
+void send(const put_options& options, const upload_file& file, const location& where,
+          const credentials& login, outcome& told) {
+  progress_meter meter(options.transfer.wants_progress(), file.size_bytes,
+                       upload_watch(where.kind, file.path, file.size_bytes));
+  if (where.is_http()) {
+    put_http(options, file.path, where, login, told.server);
+  } else {
+    put_named(options, file.path, where, login);
+  }
+  meter.add(file.size_bytes);
+  told.bytes = file.size_bytes;
+  told.summary = printable(options.file) + ": sent " + meter.summary();
+}
+
+// The file to send, found or made when it is first needed: the limit is known by then.
+class upload_source {
+ public:
+  const upload_file& get(const put_options& options) {
+    if (file_) return *file_;
+    if (options.from_stdin()) return file_.emplace(spooled_input(options, directory_.emplace()));
+    file_.emplace(upload_file{options.file, check_file(options.file)});
+    if (file_->size_bytes > size_limit_bytes() && options.when_full == "stop") throw beyond_limit(options);
+    return *file_;
+  }
+
+ private:
+  std::optional<private_directory> directory_;
+  std::optional<upload_file> file_;
+};
+
 int run_put(const put_options& options) {
   const location where = parse_location(options.url);
   check_options(options, where);
-  const std::uint64_t size_bytes = check_file(options.file);
-  const auto trusted_cas = configure(options.transfer, where);
-  if (size_bytes > size_limit_bytes() && options.when_full == "stop") {
-    throw failure(0, printable(options.file) + " is larger than the limit of " +
-                         std::to_string(size_limit_bytes()) + " bytes (--max-size)");
-  }
-  const credentials login(where, options.transfer.user, options.transfer.password);
-
-  const bool talkative = !options.transfer.quiet && somebody_watches();
-  if (talkative) tell("sending " + std::to_string(size_bytes) + " bytes ...");
-  progress_meter meter(false, size_bytes);
-  if (where.is_http()) {
-    put_http(options, where, login);
-  } else {
-    put_named(options, where, login);
-  }
-  meter.add(size_bytes);
-  if (talkative) tell(printable(options.file) + ": sent " + meter.summary());
-  return exit_done;
+  if (where.is_http()) upload_headers(options);  // wrong ones are told before anything is done
+  upload_source file;
+  outcome told;
+  told.file = options.file;
+  told.repeatable = options.may_be_sent_twice();
+  return run_transfer(where, options.transfer, told, [&](auto& target, auto& login, outcome& now) {
+    send(options, file.get(options), target, login, now);
+  });
 }
 
 }  // namespace
@@ -174,7 +238,7 @@ int run_put(const put_options& options) {
 void add_put(CLI::App& app, action& chosen) {
   const auto options = std::make_shared<put_options>();
   CLI::App* put = app.add_subcommand("put", "Upload a file over HTTP, HTTPS, FTP or TFTP");
-  put->add_option("FILE", options->file, "Local file to send")->required();
+  put->add_option("FILE", options->file, "Local file to send, \"-\" for standard input")->required();
   put->add_option("URL", options->url, "Where to; a URL that ends in \"/\" takes the file's own name")
       ->required();
   put->add_option("--method", options->method, "HTTP: put sends the file itself, post a multipart form")

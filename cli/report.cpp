@@ -11,6 +11,7 @@
 #include <optional>
 
 #include "cause.h"
+#include "terminal_line.h"
 
 namespace fetchrig::cli {
 namespace {
@@ -86,7 +87,7 @@ void show(const log_line& line) {
     return;
   }
   const std::string_view module = line.module.substr(0, line.module.find(' '));  // "FTP " is padded
-  fprintf(stderr, "%.*s: %s\n", static_cast<int>(module.size()), module.data(), text.c_str());
+  write_line(std::string(module) + ": ", text);
 }
 
 int log_callback(const char* text, int32_t length) {
@@ -138,8 +139,12 @@ failure failed_operation(std::string_view subject, int code, std::string_view wo
   return failure(code, with_cause(printable(subject) + ": " + std::string(words) + code_words(code)));
 }
 
+failure failed_file(const std::string& message) {
+  return failure(0, message, exit_local_file);
+}
+
 void tell(std::string_view line) {
-  fprintf(stderr, "fetchrig: %.*s\n", static_cast<int>(line.size()), line.data());
+  write_line("fetchrig: ", line);
 }
 
 }  // namespace fetchrig::cli

@@ -13,7 +13,24 @@
 
 namespace fetchrig::cli {
 
-enum exit_status { exit_done = 0, exit_failed = 1, exit_usage = 2 };
+// How the command ends. From 3 on the classes of failed transfers: whoever runs the command may rely on them.
+enum exit_status {
+  exit_done = 0,
+  exit_failed = 1,  // what has no class of its own, certificate operations among it
+  exit_usage = 2,
+  exit_unreachable = 3,  // the host is not found or takes no connection
+  exit_timeout = 4,
+  exit_tls = 5,
+  exit_login = 6,
+  exit_refused = 7,  // the server answered that it does not
+  exit_too_large = 8,
+  exit_local_file = 9,
+  exit_protocol = 10,  // an answer that makes no sense, or that was cut
+  exit_digest = 11,
+};
+
+// Whether the same transfer may go well a little later.
+enum class outlook { stays, may_pass };
 
 // A wrong command line: ends the command with exit_usage.
 class usage_error : public std::runtime_error {
@@ -21,16 +38,24 @@ class usage_error : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// An operation that failed: ends the command with exit_failed.
-// The code is the library's, 0 when there is none.
+// An operation that failed. The code is the library's, 0 when there is none.
 class failure : public std::runtime_error {
  public:
-  failure(int code, const std::string& message) : std::runtime_error(message), code_(code) {}
+  failure(int code, const std::string& message, exit_status status = exit_failed,
+          outlook later = outlook::stays)
+      : std::runtime_error(message), code_(code), status_(status), later_(later) {}
   int code() const { return code_; }
+  exit_status status() const { return status_; }
+  bool may_pass() const { return later_ == outlook::may_pass; }
 
  private:
   int code_;
+  exit_status status_;
+  outlook later_;
 };
+
+// A local file that cannot be read or written.
+failure failed_file(const std::string& message);
 
 // Initialises the library and sends its log here, away from the system log. `verbosity` 1, 2 and 3 show
 // notices, progress and debug lines on standard error; warnings are shown always.

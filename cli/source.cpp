@@ -2,6 +2,8 @@
 // source.cpp: opening and reading downloads through the library.
 #include "source.h"
 
+#include <time.h>
+
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -29,6 +31,30 @@ std::string_view header_value(const char* line) {
   return text.substr(start, text.find_last_not_of(" \t") + 1 - start);
 }
 
+// The session keeps the lines of a 200 response, each terminated, and an empty one after them.
+std::vector<std::string> header_lines(const dl_http_session& session) {
+  std::vector<std::string> lines;
+  std::string_view rest(session.headers ? session.headers : "", session.headers ? session.headers_len : 0);
+  while (!rest.empty() && rest.front() != '\0') {
+    lines.emplace_back(rest.substr(0, rest.find('\0')));
+    rest.remove_prefix(std::min(lines.back().size() + 1, rest.size()));
+  }
+  return lines;
+}
+
+// "Last-Modified" in the three forms that HTTP has had for dates, all of them in UTC.
+std::optional<std::int64_t> modification_time(const dl_http_session& session) {
+  const char* line = dl_http_find_header_by_name(&session, "last-modified");
+  if (!line) return std::nullopt;
+  const std::string value(header_value(line));
+  for (const char* form : {"%a, %d %b %Y %T GMT", "%A, %d-%b-%y %T GMT", "%a %b %e %T %Y"}) {
+    struct tm parts = {};
+    const char* end = strptime(value.c_str(), form, &parts);
+    if (end && *end == '\0') return timegm(&parts);
+  }
+  return std::nullopt;
+}
+
 struct http_close {
   void operator()(dl_http_session* session) const { dl_http_close(session); }
 };
@@ -38,16 +64,18 @@ struct handle_close {
 
 class http_source : public source {
  public:
-  explicit http_source(const source_request& request);
+  http_source(const source_request& request, server_facts& told);
   std::size_t read(std::span<char> buffer) override;
   std::optional<std::uint64_t> announced_bytes() const override { return announced_bytes_; }
   bool ends_unmarked() const override { return dl_http_body_end(session_.get()) == DL_BODY_UNMARKED; }
 
  private:
   void check_end() const;
-  failure cut_short(const std::string& how) const {
-    return failure(DL_ERR_READ, printable(where_.url) + ": " + how + " (code -8)");
+  failure cut_short(const verdict& how) const {
+    return failure(DL_ERR_READ, printable(where_.url) + ": " + how.words + " (code -8)", how.status,
+                   how.later);
   }
+  failure cut_short(const char* how) const { return cut_short({how, exit_protocol, outlook::may_pass}); }
   bool chunked() const { return (session_->flags & DL_HTTP_FLAG_CHUNKED) != 0; }
   std::optional<std::uint64_t> find_length() const;
 
@@ -58,7 +86,8 @@ class http_source : public source {
   bool empty_by_status_ = false;
 };
 
-http_source::http_source(const source_request& request) : where_(request.where), login_(request.login) {
+http_source::http_source(const source_request& request, server_facts& told)
+    : where_(request.where), login_(request.login) {
   dl_http_request http = {};
   http.method = DL_METHOD_GET;
   http.url = request.where.url.c_str();
@@ -73,6 +102,8 @@ http_source::http_source(const source_request& request) : where_(request.where),
   const dl_http_request_ex extended = {&http, 2};
   const int rc = request.xsi_authentication ? dl_http_open_ex(&session, &extended, redirect.data(), &result)
                                             : dl_http_open(&session, &http, redirect.data(), &result);
+  told.status = dl_http_last_status();
+  told.final_url = redirect.data();
   if (rc != 0) throw failed_transfer(where_, login_, result);
   session_.reset(session);
 
@@ -85,6 +116,8 @@ http_source::http_source(const source_request& request) : where_(request.where),
     throw cut_short("the server's answer ends inside its header");
   empty_by_status_ = status == 204 || status == 205;
   announced_bytes_ = find_length();
+  told.headers = header_lines(*session_);
+  told.modified_s = modification_time(*session_);
 }
 
 // Headers are kept for status 200 only. For the others the session holds the announced length, or the size
@@ -113,8 +146,8 @@ std::size_t http_source::read(std::span<char> buffer) {
 // A length that was announced is held against what came by the reader.
 void http_source::check_end() const {
   const int end = dl_http_body_end(session_.get());
-  const std::string trouble = connection_trouble();
-  if (end != DL_BODY_WHOLE && !trouble.empty()) throw cut_short(trouble);
+  const auto trouble = connection_trouble();
+  if (end != DL_BODY_WHOLE && trouble) throw cut_short(*trouble);
   if (end == DL_BODY_CUT && chunked()) throw cut_short("the connection ended before the last chunk");
 }
 
@@ -144,7 +177,8 @@ handle_source::handle_source(const source_request& request) : where_(request.whe
   if (handle_->proto == DL_PROTO_FTP) {
     announced_bytes_ = static_cast<const dl_ftp_session*>(handle_->session)->remaining;
     if (dl_last_cause(nullptr) == DL_CAUSE_TOO_LARGE)
-      throw failure(DL_ERR_READ, printable(where_.url) + ": the file has 4 GiB or more (code -8)");
+      throw failure(DL_ERR_READ, printable(where_.url) + ": the file has 4 GiB or more (code -8)",
+                    exit_too_large);
   }
 }
 
@@ -161,8 +195,8 @@ bool is_http_success(int status) {
   return status >= 200 && status < 300;
 }
 
-std::unique_ptr<source> open_source(const source_request& request) {
-  if (request.where.is_http()) return std::make_unique<http_source>(request);
+std::unique_ptr<source> open_source(const source_request& request, server_facts& told) {
+  if (request.where.is_http()) return std::make_unique<http_source>(request, told);
   return std::make_unique<handle_source>(request);
 }
 

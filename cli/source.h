@@ -12,6 +12,7 @@
 
 #include "credentials.h"
 #include "location.h"
+#include "transfer.h"
 
 namespace fetchrig::cli {
 
@@ -34,9 +35,9 @@ struct source_request {
   bool xsi_authentication;  // BroadWorks XSI instead of Basic and Digest
 };
 
-// Opens the download; throws failure, also for an HTTP status that brings no file. What the request refers to
-// must outlive the source.
-std::unique_ptr<source> open_source(const source_request& request);
+// Opens the download and stores what the server told of it; throws failure, also for an HTTP status that brings no file.
+// What the request refers to must outlive the source.
+std::unique_ptr<source> open_source(const source_request& request, server_facts& told);
 
 // True for a final HTTP status that means success; redirects that were not followed do not.
 bool is_http_success(int status);

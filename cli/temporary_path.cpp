@@ -114,6 +114,34 @@ bool write_whole(int fd, std::string_view bytes) {
   return true;
 }
 
+class new_file {
+ public:
+  explicit new_file(const std::string& path)
+      : path_(path), fd_(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600)) {
+    if (fd_ < 0 || fchmod(fd_, 0600) != 0) fail();
+  }
+  new_file(const new_file&) = delete;
+  new_file& operator=(const new_file&) = delete;
+  ~new_file() {
+    if (fd_ >= 0) close(fd_);
+  }
+  void write(std::string_view bytes) const {
+    if (!write_whole(fd_, bytes)) fail();
+  }
+  // A full disk may show only now.
+  void close_checked() {
+    if (close(std::exchange(fd_, -1)) != 0) fail();
+  }
+
+ private:
+  [[noreturn]] void fail() const {
+    throw failed_file(printable(path_) + " cannot be written: " + strerror(errno));
+  }
+
+  const std::string& path_;
+  int fd_;
+};
+
 }  // namespace
 
 temporary_path::temporary_path(std::string path) : path_(std::move(path)) {
@@ -150,17 +178,20 @@ temporary_path new_temporary_file(const std::string& stem, int& fd) {
 
 private_directory::private_directory()
     : directory_(take_new(temporary_place() + "/fetchrig.XXXXXX", make_own_directory)) {
-  if (!directory_) throw failure(0, printable(temporary_place()) + ": " + strerror(errno));
+  if (!directory_) throw failed_file(printable(temporary_place()) + ": " + strerror(errno));
+}
+
+std::string private_directory::fill(std::string_view name, const std::function<std::string_view()>& next) {
+  const std::string path = directory_.get() + "/" + std::string(name);
+  files_.emplace_back(path);
+  new_file file(path);
+  for (std::string_view piece = next(); !piece.empty(); piece = next()) file.write(piece);
+  file.close_checked();
+  return path;
 }
 
 void private_directory::write(std::string_view name, std::string_view content) {
-  const std::string path = directory_.get() + "/" + std::string(name);
-  files_.emplace_back(path);
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-  const bool written = fd >= 0 && fchmod(fd, 0600) == 0 && write_whole(fd, content);
-  const int error = errno;
-  if (fd >= 0 && close(fd) == 0 && written) return;
-  throw failure(0, printable(path) + " cannot be written: " + strerror(error));
+  fill(name, [&] { return std::exchange(content, {}); });
 }
 
 void private_directory::rename(std::string_view from, std::string_view to) {
@@ -168,7 +199,7 @@ void private_directory::rename(std::string_view from, std::string_view to) {
   const std::string path = directory_.get() + "/" + std::string(to);
   files_.emplace_back(path);
   if (::rename(old_path.c_str(), path.c_str()) != 0) {
-    throw failure(0, printable(path) + " cannot be written: " + strerror(errno));
+    throw failed_file(printable(path) + " cannot be written: " + strerror(errno));
   }
 }
 

@@ -4,6 +4,7 @@
 #ifndef FETCHRIG_CLI_TEMPORARY_PATH_H
 #define FETCHRIG_CLI_TEMPORARY_PATH_H
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -40,7 +41,9 @@ class private_directory {
   private_directory();
 
   const std::string& path() const { return directory_.get(); }
-  // Writes a new file; throws failure when that name exists or the bytes cannot be written whole.
+  // Writes a new file from the pieces that `next` gives until an empty one, and returns its path; throws failure when
+  // that name exists or the bytes cannot be written whole.
+  std::string fill(std::string_view name, const std::function<std::string_view()>& next);
   void write(std::string_view name, std::string_view content);
   // Gives a file of the directory another name in it.
   void rename(std::string_view from, std::string_view to);

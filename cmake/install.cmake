@@ -30,4 +30,10 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/fetchrig.pc
 if(FETCHRIG_TOOLS)
   install(TARGETS fetchrig_command RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT command)
   install(FILES docs/fetchrig.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT command)
+  install(FILES cli/completion/fetchrig.bash RENAME fetchrig
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT command)
+  install(FILES cli/completion/_fetchrig
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT command)
+  install(FILES cli/completion/fetchrig.fish
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT command)
 endif()

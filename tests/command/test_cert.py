@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """fetchrig cert: what it says about certificates, judged by the openssl tool and by a server, and what it leaves on
 the disk."""
 import json

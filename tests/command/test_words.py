@@ -1,10 +1,12 @@
+# SPDX-License-Identifier: MIT
 """What the command says and how it ends when nothing is transferred: wrong usage, help, rings; and the talk with a
 person at a terminal."""
 import json
+import threading
 
 import pexpect
 import pytest
-from conftest import ASK, BINARY, LIMIT_S, response
+from conftest import ASK, BINARY, LIMIT_S, response, until
 
 URL = "http://127.0.0.1:1/a"  # refused connections would end in 1
 
@@ -12,7 +14,7 @@ URL = "http://127.0.0.1:1/a"  # refused connections would end in 1
 @pytest.mark.parametrize("line, complaint", [
     ("", "subcommand"), ("get", "URL is required"), (f"gett --wrong=5 {URL}", 'unknown option "--wrong"\n'),
     (f"gett {URL}", 'unknown subcommand "gett"\n'), (f"cert lst {URL}", 'unknown subcommand "lst"\n'),
-    (f"get {URL} b c", 'unexpected word "b"\n'), (f"get -o '' {URL}", "name of a file"),
+    (f"put a {URL} c", 'unexpected word "c"\n'), (f"get -o '' {URL}", "name of a file"),
     ("get gopher://127.0.0.1/a", "only http, https, ftp and tftp"), ("get http:///a", "no host"),
     ("get ftp://:secret@127.0.0.1/a", "no user name"),
     ("get 'http://127.0.0.1/a\r\nX: y'", "control characters"),
@@ -37,7 +39,7 @@ def test_help_and_version(fetchrig):
     fetchrig.fails("--help", "standard output cannot be written", shell='exec "$@" >/dev/full')
     fetchrig.done("--version", b"fetchrig 5.3.0.4\n")
     told = fetchrig.run("cert device install --help")
-    assert told.returncode == 0 and b"Examples:" in told.stdout
+    assert told.returncode == 0 and told.stdout.count(b"  fetchrig ") == 2 and b"Environment" not in told.stdout
 
 
 @pytest.mark.parametrize("line, number", [
@@ -80,8 +82,40 @@ def test_progress_on_a_terminal(fetchrig, terminal, peer, options, shows):
         assert bool(screen) == bool(shows)
 
 
+def test_a_stalled_download_is_told(fetchrig, terminal, peer):
+    seen = threading.Event()
+    server = peer([ASK, response(headers="Content-Length: 2048\r\n", body=b"x" * 1024), lambda _: seen.wait(LIMIT_S),
+                   b"x" * 1024])
+    shown = terminal(f"get -o a http://{server.address}/a")
+    shown.expect(rb"\d% of 2\.0 KiB  stalled for 2 s")
+    seen.set()
+    screen, status = screen_and_status(shown)
+    assert status == 0 and b"a: 2.0 KiB in " in screen
+
+
+def test_progress_of_an_upload_is_what_has_arrived(fetchrig, terminal, peer):
+    fetchrig.write("big", b"x" * (32 << 20))
+    seen = threading.Event()
+
+    def take(count):
+        def step(slow):
+            missing = count - len(slow.received.pop().partition(b"\r\n\r\n")[2])
+            while missing > 0:
+                missing -= len(slow.connection.recv(min(missing, 1 << 20)))
+            slow.received.append(b"")
+        return step
+
+    server = peer([until(b"xxxx"), take(8 << 20), lambda _: seen.wait(LIMIT_S), take(24 << 20),
+                   response("201 Created", "Content-Length: 0\r\n")])
+    shown = terminal(f"put big http://{server.address}/a")
+    shown.expect(rb"[1-9]\d?% of 32\.0 MiB  [\d.]+ [KM]iB/s  [\dmin ]+s left")
+    seen.set()
+    screen, status = screen_and_status(shown)
+    assert status == 0 and b"big: sent 32.0 MiB in " in screen
+
+
 @pytest.mark.parametrize("typed, status, shows", [
-    ("wrong\x15s3crex\x7ft\n", 0, b"KiB in"), ("s3\x03", 1, b"no password given"),
+    ("wrong\x15s3crex\x7ft\n", 0, b"KiB in"), ("s3\x03", 6, b"no password given"),
 ])
 def test_a_password_is_asked_for_without_echo(fetchrig, terminal, typed, status, shows):
     talk = terminal("get --user phone -o a {http}/private/a.bin")

@@ -16,7 +16,8 @@ FOR_CMAKE = {f"lib/cmake/fetchrig/fetchrig-{name}.cmake"
 COMPONENTS = {
     "runtime": {"lib/libfetchrig.so.5", f"lib/libfetchrig.so.{VERSION}"},
     "development": HEADERS | FOR_CMAKE | {"lib/libfetchrig.so", "lib/pkgconfig/fetchrig.pc"},
-    "command": {"bin/fetchrig", "share/man/man1/fetchrig.1"},
+    "command": {"bin/fetchrig", "share/man/man1/fetchrig.1", "share/bash-completion/completions/fetchrig",
+                "share/zsh/vendor-completions/_fetchrig", "share/fish/vendor_completions.d/fetchrig.fish"},
 }
 
 

@@ -1,0 +1,7 @@
+# SPDX-License-Identifier: MIT
+# Completion of fetchrig for fish: the command itself says what may come; otherwise the names of files do.
+function __fetchrig_words
+    set -l words (commandline -opc) (commandline -ct)
+    $words[1] __complete $words[2..-1] 2>/dev/null
+end
+complete -c fetchrig -a '(__fetchrig_words)'

@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: MIT
+// environment.cpp: reading the environment's variables and files.
+#include "environment.h"
+
+#include <errno.h>
+#include <stdlib.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <sstream>
+
+#include "pem.h"
+#include "report.h"
+
+namespace fetchrig::cli {
+namespace {
+
+std::string variable(const char* name) {
+  const char* value = getenv(name);
+  return value ? value : "";
+}
+
+std::string without_blanks(const std::string& text) {
+  const std::size_t start = text.find_first_not_of(" \t");
+  return start == text.npos ? "" : text.substr(start, text.find_last_not_of(" \t") + 1 - start);
+}
+
+bool ends_alike(const std::string& text, const std::string& end) {
+  return text.size() >= end.size() && strcasecmp(text.c_str() + text.size() - end.size(), end.c_str()) == 0;
+}
+
+// An entry of no_proxy: "*", a host, or a domain for all in it; with ":PORT" for that port alone.
+bool is_excepted(const location& where, std::string entry) {
+  if (entry == "*") return true;
+  const std::size_t colon = entry.find(':') == entry.rfind(':') ? entry.find(':') : entry.npos;
+  const std::string port = where.port.empty() ? "80" : where.port;
+  if (colon != entry.npos && entry.substr(colon + 1) != port) return false;
+  entry.resize(colon == entry.npos ? entry.size() : colon);
+  if (entry.starts_with('.')) entry.erase(0, 1);
+  if (entry.empty()) return false;
+  return strcasecmp(where.host.c_str(), entry.c_str()) == 0 || ends_alike(where.host, "." + entry);
+}
+
+bool goes_without_proxy(const location& where) {
+  const std::string lower = variable("no_proxy");
+  std::istringstream rest(lower.empty() ? variable("NO_PROXY") : lower);
+  for (std::string entry; std::getline(rest, entry, ',');) {
+    if (is_excepted(where, without_blanks(entry))) return true;
+  }
+  return false;
+}
+
+// Whether the file is there, and nobody else's business.
+bool is_usable(const std::string& path) {
+  struct stat status;
+  if (stat(path.c_str(), &status) != 0) return false;
+  if (status.st_uid == geteuid() && (status.st_mode & 077) == 0) return true;
+  tell("warning: " + printable(path) + " is not used: others have access to it (chmod 600 mends that)");
+  return false;
+}
+
+}  // namespace
+
+std::string environment_proxy(const location& where) {
+  const std::string proxy = variable("http_proxy");
+  if (where.kind != scheme::http || proxy.empty() || goes_without_proxy(where)) return "";
+  return proxy.find("://") == proxy.npos ? "http://" + proxy : proxy;
+}
+
+std::optional<netrc_login> environment_login(const location& where, const std::optional<std::string>& user) {
+  const std::string home = variable("HOME");
+  const std::string path = home + "/.netrc";
+  if (home.empty() || !is_usable(path)) return std::nullopt;
+  const secret_text content = read_small_file(path);
+  return find_netrc_login(content.bytes(), where.host, user);
+}
+
+}  // namespace fetchrig::cli

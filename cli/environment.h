@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: MIT
+// environment.h: what the user's surroundings say about a transfer: the proxy in http_proxy and no_proxy, the logins in
+// ~/.netrc. One thread.
+#ifndef FETCHRIG_CLI_ENVIRONMENT_H
+#define FETCHRIG_CLI_ENVIRONMENT_H
+
+#include <optional>
+#include <string>
+
+#include "location.h"
+#include "netrc.h"
+
+namespace fetchrig::cli {
+
+// The proxy for an http URL by http_proxy, unless no_proxy excepts its host; else empty. HTTP_PROXY is not looked at:
+// in a CGI program it is a header line of the client's.
+std::string environment_proxy(const location& where);
+
+// The login for the host in ~/.netrc, that of `user` when there is one. A file that others may read is left alone with
+// a warning.
+std::optional<netrc_login> environment_login(const location& where, const std::optional<std::string>& user);
+
+}  // namespace fetchrig::cli
+#endif

@@ -1,0 +1,192 @@
+# SPDX-License-Identifier: MIT
+"""What get and put have in common: how they end, what they answer in JSON, when they try again, what they take from the
+user's surroundings, and the names of files."""
+import json
+import os
+import re
+
+import pytest
+from conftest import ASK, CONTENT, brief, response, stall, tls_server, until, wait_for
+
+OK = response(headers="Content-Length: 2\r\nX-Kind: test\r\n", body=b"ok")
+CHALLENGE = response("401 Unauthorized", 'WWW-Authenticate: Basic realm="x"\r\nContent-Length: 0\r\n')
+BUSY = response("503 Busy", "Content-Length: 0\r\n")
+GONE = response("404 Gone", "Content-Length: 0\r\n")
+CUT = response(headers="Content-Length: 9\r\n", body=b"half")
+CREATED = response("201 Created", "Content-Length: 0\r\n")
+HERE = "http://{peer}/a"
+
+
+@pytest.mark.parametrize("line, script, status", [
+    ("get http://127.0.0.1:1/x", [], 3), ("put s.txt ftp://127.0.0.1:1/x", [], 3),
+    (f"get --timeout 1 {HERE}", [ASK, stall], 4), ("get --timeout 1 tftp://{peer}/a", [], 4),
+    ("get https://{peer}/a", None, 5),
+    (f"get {HERE}", [ASK, CHALLENGE], 6), ("put --user u --password p s.txt {ftp_login}/x", [], 6),
+    ("get {http}/none", [], 7), ("get {ftp}/none", [], 7), ("get {tftp}/none", [], 7),
+    (f"put s.txt {HERE}", [ASK, GONE], 7),
+    (f"get --max-size 1 {HERE}", [ASK, OK], 8), (f"put --max-size 1 s.txt {HERE}", [], 8),
+    (f"put --max-size 1 - {HERE}", [], 8),
+    (f"get -o missing/x {HERE}", [ASK, OK], 9), (f"put missing {HERE}", [], 9),
+    (f"get {HERE}", [ASK, b"SSH-2.0\r\n"], 10), (f"get {HERE}", [ASK, CUT], 10),
+    (f"get --sha256 {'0' * 64} {HERE}", [ASK, OK], 11),
+])
+def test_failures_end_in_the_status_of_their_class(fetchrig, places, peer, line, script, status):
+    fetchrig.write("s.txt", "short")
+    server = peer(script or [], tls=tls_server(places["good"]) if script is None else None)
+    ended = fetchrig.run(f"{line} --json", peer=server.address)
+    answer = json.loads(ended.stdout)
+    assert (ended.returncode, answer["exit"], answer["ok"]) == (status, status, False), ended
+    assert answer["message"] in ended.stderr and fetchrig.files() == {"s.txt": b"short"}
+
+
+def test_answers_in_json(fetchrig, places):
+    def ask(line):
+        ended = fetchrig.run(f"{line} --json --ca-dir {{ca}}")
+        return [json.loads(each) for each in ended.stdout.splitlines()]
+
+    came, refused = ask("get {http}/to-https/a.bin {http}/none")
+    assert (came["ok"], came["code"], came["status"], came["file"]) == (True, 0, 200, "a.bin")
+    assert (came["bytes"], came["final_url"]) == (len(CONTENT), places["https"] + "/a.bin")
+    assert came["seconds"] > 0 and (refused["ok"], refused["code"], refused["status"]) == (False, 404, 404)
+    sent, = ask("put a.bin {http}/upload/j")
+    assert (sent["ok"], sent["status"], sent["bytes"]) == (True, 201, len(CONTENT))
+
+
+@pytest.mark.parametrize("line, scripts, status, tries", [
+    (f"get {HERE}", [[ASK, BUSY], [ASK, CUT], [ASK, OK]], 0, 3),
+    (f"get {HERE}", [[ASK, BUSY]], 7, 4),
+    (f"get {HERE}", [[ASK, GONE]], 7, 1),
+    (f"get {HERE}", [[ASK, CHALLENGE]], 6, 3),  # the answers to one request's challenges
+    (f"get -o missing/x {HERE}", [[ASK, OK]], 9, 1),
+    (f"get -o - {HERE}", [[ASK, CUT]], 10, 1),  # what went to a pipe cannot be taken back
+    ("get ftp://{peer}/a", [[b"421 later\r\n"], [b"500 no\r\n"]], 7, 2),
+    (f"put - {HERE}", [[until(b"typed"), BUSY], [until(b"typed"), CREATED]], 0, 2),
+    (f"put --method post s.txt {HERE}", [[until(b"--\r\n"), BUSY]], 7, 1),
+])
+def test_what_may_pass_is_tried_again(fetchrig, peer, line, scripts, status, tries):
+    fetchrig.write("s.txt", "short")
+    server = peer(*scripts)
+    ended = fetchrig.run(f"{line} --retry 3 --retry-delay 0.01", peer=server.address)
+    assert (ended.returncode, len(server.received)) == (status, tries), ended
+    assert status or "get" not in line or fetchrig.files()["a"] == b"ok"
+
+
+def test_waits_grow_and_are_random(fetchrig):
+    ended = fetchrig.run("get -v --retry 7 --retry-delay 0.02 http://127.0.0.1:1/x")
+    waits = [float(wait) for wait in re.findall(r"trying again in (\S+) s", ended.stderr)]
+    limits = [0.02 * 2 ** number for number in range(7)]
+    assert len(waits) == 7 and all(wait <= limit + 0.005 for wait, limit in zip(waits, limits))
+    assert max(waits) > 0.04 and any(wait < 0.9 * limit for wait, limit in zip(waits, limits))
+
+
+@pytest.mark.parametrize("path, name", [
+    ("a%20b%zz", "a b%zz"), ("x/%2e%2e%2fetc", "_._etc"), (".profile?q=%2f", "_profile"), ("%1B[2J%C2%9B", "_[2J__"),
+    ("gr%C3%BC%C3%9Fe", "grüße"),
+])
+def test_saved_names_are_decoded_and_safe(fetchrig, peer, path, name):
+    fetchrig.done(f"get http://{peer([ASK, OK]).address}/{path}")
+    assert fetchrig.files() == {name: b"ok"}
+
+
+@pytest.mark.parametrize("scheme", ["ftp", "tftp"])
+def test_names_with_spaces_are_reached(fetchrig, places, scheme):
+    fetchrig.write("s.txt", "short")
+    fetchrig.done(f"put s.txt {{{scheme}}}/upload/{scheme}%20%23s")
+    arrived = places.served / f"upload/{scheme} #s"
+    wait_for(lambda: arrived.exists() and arrived.read_bytes() == b"short")
+    (places.served / "with space").write_bytes(b"spaced")
+    fetchrig.done(f"get {{{scheme}}}/with%20space")
+    assert fetchrig.files()["with space"] == b"spaced"
+    fetchrig.fails(f"get {{{scheme}}}/a%0d%0aDELE%20b", "control characters", status=2)
+
+
+def test_several_files_and_what_is_there_already(fetchrig, places):
+    (fetchrig.work / "to").mkdir()
+    assert fetchrig.run("get -o to/ {http}/none {ftp}/a.bin http://127.0.0.1:1/b").returncode == 7
+    got = fetchrig.work / "to/a.bin"
+    assert brief(got.read_bytes()) == brief(CONTENT)
+    fetchrig.fails("get -o to/ {http}/a.bin {ftp}/a.bin", "two URLs", status=2)
+    got.write_bytes(b"old")
+    right, wrong = brief(CONTENT)[1].upper(), "0" * 64
+    fetchrig.fails(f"get -o to/ --no-clobber --sha256 {right} {{http}}/a.bin", "SHA-256", status=11)
+    fetchrig.fails(f"get -o to/ --sha256 {wrong} {{http}}/a.bin", "SHA-256", status=11)
+    fetchrig.done("get -o to/ --no-clobber {http}/a.bin")
+    assert os.listdir(got.parent) == ["a.bin"] and got.read_bytes() == b"old"
+    os.utime(places.served / "a.bin", (1, 1e9))
+    fetchrig.done(f"get -o to/ --remote-time --sha256 {right} {{http}}/a.bin")
+    assert (brief(got.read_bytes()), got.stat().st_mtime) == (brief(CONTENT), 1e9)
+
+
+def test_headers_are_shown(fetchrig, peer):
+    ended = fetchrig.run(f"get --show-headers -o - http://{peer([ASK, OK]).address}/a")
+    assert ended.stdout == b"ok" and "x-kind: test\n" in ended.stderr.lower()
+
+
+NETRC = """# login in a comment
+machine other.example login u password p
+macdef init
+machine 127.0.0.1 login macro password m
+
+machine 127.0.0.1 login "a b" password "p\\"#"
+default login d password e
+"""
+
+
+def guarded(token, then):
+    """A script that challenges who has not the login."""
+    return [ASK, lambda peer: peer.connection.sendall(then if b"Basic " + token in peer.received[-1] else CHALLENGE)]
+
+
+@pytest.mark.parametrize("options, mode, sent", [
+    ("", 0o600, b"YSBiOnAiIw=="), ("--user d", 0o600, b"ZDpl"), ("--no-env", 0o600, None), ("", 0o640, None),
+])
+def test_logins_of_netrc(fetchrig, peer, options, mode, sent):
+    fetchrig.write(".netrc", NETRC)
+    (fetchrig.work / ".netrc").chmod(mode)
+    server = peer(guarded(sent or b"-", OK))
+    ended = fetchrig.run(f"get -o - {options} http://{server.address}/a")
+    assert (ended.returncode, ended.stdout) == ((0, b"ok") if sent else (6, b"")), ended
+    assert sent or b"YSBi" not in b"".join(server.received)
+    assert ("others have access" in ended.stderr) == (mode != 0o600)
+
+
+def test_a_login_of_netrc_follows_no_redirect(fetchrig, peer):
+    fetchrig.write(".netrc", NETRC)
+    (fetchrig.work / ".netrc").chmod(0o600)
+    other = peer([ASK, CHALLENGE])
+    moved = response("302 Found", f"Location: http://{other.address}/b\r\nContent-Length: 0\r\n")
+    server = peer(guarded(b"YSBiOnAiIw==", moved))
+    fetchrig.fails(f"get http://{server.address}/a", "~/.netrc is for this host alone", status=7)
+    assert other.received == []
+
+
+@pytest.mark.parametrize("options, no_proxy, proxied", [
+    ("", "", True), ("", "example.com, x.invalid:8080", True), ("", "a, .INVALID", False), ("", "*", False),
+    ("", "x.invalid:80", False), ("--no-env", "", False), ("--proxy ''", "", False),
+])
+def test_the_proxy_of_the_environment(fetchrig, peer, options, no_proxy, proxied):
+    server = peer([ASK, OK])
+    ended = fetchrig.run(f"get -o - {options} http://x.invalid/a",
+                         env={"http_proxy": server.address, "no_proxy": no_proxy, "HTTP_PROXY": "127.0.0.1:1"})
+    assert (ended.stdout, ended.returncode) == ((b"ok", 0) if proxied else (b"", 3)), ended
+
+
+@pytest.mark.parametrize("content, status", [
+    ("[get]\nmax-size = 10\n[cert.list]\njson = true\n", 8), ("[get]\ncolour = red\n", 2), ("[get]\nmax-size = 1M", 0),
+])
+def test_defaults_of_a_configuration_file(fetchrig, content, status):
+    fetchrig.write("fetchrig.conf", content)
+    for line, env in ("--config fetchrig.conf get", {}), ("get", {"XDG_CONFIG_HOME": "."}):
+        assert fetchrig.run(f"{line} -o /dev/null {{http}}/a.bin", env=env).returncode == status
+    assert fetchrig.run("--config fetchrig.conf get --max-size 1M -o /dev/null {http}/a.bin").returncode == (2 if status == 2 else 0)
+
+
+@pytest.mark.parametrize("words, offers", [
+    ("", "get put cert ring"), ("cert i", "info install"), ("get --tl", "--tls-method"), ("put --method ", "put post"),
+    ("get -o ", ""), ("cert device install-", "install-part"),
+])
+def test_shells_are_told_what_may_come(fetchrig, words, offers):
+    script = os.path.join(os.path.dirname(__file__), "../../cli/completion/fetchrig.bash")
+    line = f'. {script}; COMP_WORDS=("$0" "$@"); COMP_CWORD=$#; _fetchrig; echo ${{COMPREPLY[@]}}'
+    told = fetchrig.run("", shell=f"exec bash -c '{line}' \"$@\"" + "".join(f" '{each}'" for each in words.split(" ")))
+    assert told.stdout.decode().split() == offers.split(), told
