@@ -24,11 +24,17 @@ struct answer {
 // and "message". Returns the exit status; failures pass through after they have been written.
 int tell_answer(bool json, const std::function<answer()>& operation);
 
-// One certificate, as a JSON object and as lines of "name: value".
-answer describe_certificate(const dl_ca_info_ex& info, bool with_private_key);
+// One certificate, as a JSON object and as lines of "name: value". `pem_path` is its file: the library's record is cut.
+answer describe_certificate(const dl_ca_info_ex& info, const std::string& pem_path, bool with_private_key);
+
+// A certificate in a store.
+struct listed_certificate {
+  nlohmann::ordered_json json;
+  std::string links;
+};
 
 // Several certificates as a table with a heading.
-std::string certificate_table(std::span<const dl_ca_info_ex> certificates);
+std::string certificate_table(std::span<const listed_certificate> certificates);
 
 // The hash as the store writes it.
 std::string hash_name(std::uint32_t hash);

@@ -181,7 +181,7 @@ answer show(const device_options& options) {
   if (dl_get_ca_info_ex(device_cert.c_str(), &full, 1, &result) != 0) {
     throw failed_operation(device_cert, result.code, "no certificate can be read");
   }
-  answer told = describe_certificate(full, true);
+  answer told = describe_certificate(full, device_cert, true);
   told.json["file"] = device_cert;
   told.json["key_belongs"] = rc == 0;
   if (rc == 0) return told;

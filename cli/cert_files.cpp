@@ -42,7 +42,7 @@ answer info(const info_options& options) {
   if (dl_get_ca_info_ex(file.path(), &record, options.key ? 1 : 0, &result) != 0) {
     throw failed_operation(options.file, result.code, "no certificate can be read");
   }
-  answer told = describe_certificate(record, options.key);
+  answer told = describe_certificate(record, file.path(), options.key);
   told.json["file"] = options.file;
   return told;
 }

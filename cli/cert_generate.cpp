@@ -193,7 +193,7 @@ answer generate(const generate_options& options) {
   if (dl_get_ca_info_ex(options.cert.c_str(), &record, 1, &result) != 0) {
     throw failed_operation(options.cert, result.code, "the new certificate cannot be read back");
   }
-  answer told = describe_certificate(record, true);
+  answer told = describe_certificate(record, options.cert, true);
   told.json["file"] = options.cert;
   told.json["key_file"] = options.key;
   told.json["key_generated"] = !key.found();
@@ -219,7 +219,7 @@ void add_cert_generate(CLI::App& cert, action& chosen) {
   app->add_option("--seed", options->seed,
                   "Make the key from this text and the common name instead; 16 characters count")
       ->envname("FETCHRIG_KEY_SEED");
-  app->footer(std::string(nature) + "\n\n" + app->get_footer());
+  app->footer(nature);
   add_json_option(*app, options->common);
   app->callback([options, &chosen] {
     chosen = [options] {

@@ -38,7 +38,7 @@ class descriptor {
 };
 
 failure about(const std::string& path, const std::string& words) {
-  return failure(0, printable(path) + words);
+  return failed_file(printable(path) + words);
 }
 
 bool read_all(int fd, std::string& bytes) {
@@ -144,6 +144,14 @@ unique_x509 der_certificate(const std::string& content) {
 
 unique_x509 pem_certificate(const std::string& content) {
   return unique_x509(PEM_read_bio_X509(reader_of(content).get(), nullptr, no_passphrase, nullptr));
+}
+
+std::vector<unique_x509> pem_certificates(const std::string& content) {
+  const unique_bio reader = reader_of(content);
+  std::vector<unique_x509> found;
+  while (unique_x509 next{PEM_read_bio_X509(reader.get(), nullptr, no_passphrase, nullptr)})
+    found.push_back(std::move(next));
+  return found;
 }
 
 std::string pem_of(X509* certificate) {

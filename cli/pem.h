@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace fetchrig::cli {
 
@@ -51,6 +52,8 @@ void write_new_file(const std::string& path, const std::string& content);
 unique_x509 der_certificate(const std::string& content);
 // The first certificate of a PEM text, or null.
 unique_x509 pem_certificate(const std::string& content);
+// All of them, up to the first that cannot be read.
+std::vector<unique_x509> pem_certificates(const std::string& content);
 std::string pem_of(X509* certificate);
 
 enum class passphrase { none, from_option_16 };

@@ -3,6 +3,7 @@
 the disk."""
 import json
 import os
+import re
 import ssl
 
 import pytest
@@ -45,7 +46,7 @@ def cert(fetchrig):
 
 
 @pytest.mark.parametrize("line, field, value", [
-    ("info {good}", "issuer", "root"),
+    ("info {good}", "issuer", "CN=root"),
     ("info {good} --key", "private_key", {"algorithm": "id-ecPublicKey", "bits": 256}),
     ("info root.der --key", "private_key", None),
     ("info none", "code", 1),
@@ -84,7 +85,7 @@ def test_certificates_that_are_not_trusted(cert, line, part, has_defaults):
 def test_words_for_people(cert):
     odd = cert.places.authority.issue("odd", "Anna \x1b[1m")
     told = cert.run(f"cert info {odd}").stdout
-    assert b"issuer:       root\n" in told and b"Anna" in told and b"\x1b" not in told
+    assert b"issuer:       CN=root\n" in told and b"Anna" in told and b"\x1b" not in told
     cert.done("cert verify good.cert --ca-file {root}", b"good.cert: verified\n")
     cert.fails("cert info root.der", "missing: No such file", env={"TMPDIR": "missing"})
 
@@ -114,7 +115,7 @@ def test_keys_of_generated_certificates_are_random_unless_a_seed_is_given(issuer
         return (issuer.work / name).read_bytes()
 
     made = generate(issuer, "a")
-    assert (made["subject"], made["private_key"]["bits"], made["key_generated"]) == ("0011AB", 1024, True)
+    assert (made["subject"], made["private_key"]["bits"], made["key_generated"]) == ("CN=0011AB", 1024, True)
     assert generate(issuer, "a", seed="a seed")["key_generated"] is False
     for name, seed in ("b", ""), ("seed 1", "seed"), ("seed 2", "seed"):
         assert generate(issuer, name, seed=seed)["key_generated"] is True
@@ -184,16 +185,50 @@ def test_store(cert):
                ("install {root} --store store/", "code", -2))
     # Links made from a relative store name must lead somewhere from everywhere.
     assert (cert.work / f"store/ca/{cert.hash}.0").read_bytes() == cert.root.read_bytes()
-    assert f"{cert.hash}  root".encode() in cert.run("cert list").stdout
+    assert f"{cert.hash}  CN=root".encode() in cert.run("cert list").stdout
     assert cert.ask("list")["certificates"][0]["hash"] == cert.hash
-    for by in "root.der", cert.hash, f"store/{cert.hash}.0":
+    for by in "root.der", cert.hash.upper() + ".0", "root", "CN=root", f"store/{cert.hash}.0":
         cert.steps((f"remove {by}", "ok", True), ("list", "certificates", []), (f"remove {cert.hash}", "ok", False))
         assert os.listdir(cert.work / "store/ca") == []
-        cert.done("cert install {root}", f"installed root as {cert.work}/store/{cert.hash}.0\n".encode())
+        cert.done("cert install {root}", f"installed CN=root as {cert.work}/store/{cert.hash}.0\n".encode())
     assert (cert.work / "root.der").read_bytes() == cert.der, "a file outside the store stays as it is"
     cert.steps(("remove no-such-thing", "ok", False),
                ("list --store /nope", "message",
                 "/nope/: the store cannot be opened: No such file or directory (code 2)"))
+
+
+def test_what_a_certificate_says_of_itself(cert):
+    subject, names = "/O=K\u00e4se \u009b GmbH/CN=a, b", "subjectAltName=DNS:a.example,IP:10.0.0.1"
+    openssl("req", "-x509", *Authority.new_key, "-nodes", "-utf8", "-days", 9, "-subj", subject, "-addext", names,
+            "-keyout", cert.work / "key", "-out", cert.work / "rich")
+    told = cert.ask("info rich")
+    digest = openssl("x509", "-in", cert.work / "rich", "-noout", "-fingerprint", "-sha256").decode().strip()
+    assert told["subject"] == told["issuer"] == "O=K\u00e4se \u009b GmbH, CN=a\\, b"
+    assert (told["ca"], told["common_name"]) == (True, "a, b") and told["days_left"] in (8, 9)
+    assert told["alternative_names"] == ["DNS:a.example", "IP Address:10.0.0.1"]
+    assert told["sha256"].upper() == digest.partition("=")[2].replace(":", "")
+    assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ", told["not_after"])
+    for line in "info rich", "info rich --json":
+        shown = cert.run(f"cert {line}").stdout.decode()
+        assert "K\u00e4se" in shown and "\u009b" not in shown
+
+
+def test_a_bundle_is_installed_certificate_by_certificate(cert):
+    bundle = b"".join(path.read_bytes() for path in (cert.root, cert.places["stranger"], cert.places["good"]))
+    cert.write("bundle", bundle)
+    cert.ask("install {root}")
+    told = cert.run("cert install bundle --json")
+    each = [(one["subject"], one["ca"], one["installed"]) for one in json.loads(told.stdout)["certificates"]]
+    assert each == [("CN=root", True, False), ("CN=stranger", True, True), ("CN=127.0.0.1", False, True)]
+    assert told.returncode == 0 and told.stderr.count("CN=127.0.0.1 is no CA") == 1
+    assert [one["links"] for one in cert.ask("list")["certificates"]] == ["absolute"] * 3
+    cert.steps(("install bundle", "code", -2), ("list --relocatable", "removed", []), ("remove stranger", "ok", True),
+               ("install {stranger} --relocatable", "ok", True))
+    (cert.work / "store").rename(cert.work / "moved")
+    assert [one["links"] for one in cert.ask("list --store moved")["certificates"]] == ["relative"] * 3
+    assert sorted(os.listdir(cert.work / "moved/ca")) == sorted(
+        one["hash"] + ".0" for one in cert.ask("list --store moved")["certificates"])
+    cert.done("cert verify good.cert --ca-dir moved/ca", b"good.cert: verified\n")
 
 
 def test_a_listing_removes_foreign_files_only_when_told_and_names_them(cert):
@@ -232,7 +267,7 @@ def test_device_certificate(cert):
         ("device install good.cert", "code", -2),
         ("device install {good}", "installed", DEVICE),
         ("device install {good}", "code", -7),
-        ("device show", "subject", "127.0.0.1"),
+        ("device show", "subject", "CN=127.0.0.1"),
         ("device install-part other.cert", "complete", False),
         ("device show", "key_belongs", False),
         ("device install-part other.key", "complete", True),
