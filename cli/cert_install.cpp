@@ -44,6 +44,7 @@ std::vector<secret_text> public_parts(const std::string& path) {
   if (auto only = der_certificate(content.bytes())) certificates.push_back(std::move(only));
   if (certificates.empty()) certificates = pem_certificates(content.bytes());
   std::vector<secret_text> parts;
+  parts.reserve(certificates.size());
   for (const unique_x509& each : certificates) parts.emplace_back(pem_of(each.get()));
   if (parts.empty()) parts.push_back(std::move(content));
   return parts;

@@ -85,9 +85,10 @@ std::vector<std::string> names_to_remove(const store_options& options, const std
   } else {
     auto hash = name_exists(target) ? hash_of_file(target) : as_hash(target);
     if (!hash) hash = hash_of_name(store, target);
-    if (!hash)
+    if (!hash) {
       throw failure(
           0, printable(target) + ": no such file, and neither the hash nor the name of an installed CA");
+    }
     names = names_of(store, *hash);
   }
   std::erase_if(names, [](const std::string& name) { return !name_exists(name); });

@@ -89,9 +89,10 @@ void add_options(CLI::App& app, const store_command& command, store_options& opt
                  "Also in a directory with other names: remove what has \".0\" in its name and is no "
                  "certificate");
   }
-  if (command.run != remove_ca)
+  if (command.run != remove_ca) {
     app.add_flag("--relocatable", options.relocatable,
                  "Make the store's links relative, so that it can be copied");
+  }
   add_store_option(app, options.common);
   add_json_option(app, options.common);
 }

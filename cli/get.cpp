@@ -59,9 +59,10 @@ void check_url(const get_options& options, const location& where) {
   const bool http_only = !options.transfer.headers.empty() || options.xsi || options.remote_time;
   if (!where.is_http() && http_only)
     throw usage_error("--header, --auth and --remote-time are for http and https URLs");
-  if (!where.is_http() && where.path.find_first_of("?#") != where.path.npos)
+  if (!where.is_http() && where.path.find_first_of("?#") != where.path.npos) {
     throw usage_error(
         "files with \"?\" or \"#\" in their name can only be sent over FTP and TFTP, not fetched");
+  }
   check_proxy(options.transfer, where);
 }
 

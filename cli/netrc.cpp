@@ -36,7 +36,7 @@ class netrc_reader {
     skip(at == rest_.npos ? at : at + mark.size());
   }
   std::string plain_word() {
-    const std::string found(rest_.substr(0, rest_.find_first_of(blanks)));
+    std::string found(rest_.substr(0, rest_.find_first_of(blanks)));
     skip(found.size());
     return found;
   }

@@ -176,9 +176,10 @@ handle_source::handle_source(const source_request& request) : where_(request.whe
   // An FTP session counts down from the size that the server told.
   if (handle_->proto == DL_PROTO_FTP) {
     announced_bytes_ = static_cast<const dl_ftp_session*>(handle_->session)->remaining;
-    if (dl_last_cause(nullptr) == DL_CAUSE_TOO_LARGE)
+    if (dl_last_cause(nullptr) == DL_CAUSE_TOO_LARGE) {
       throw failure(DL_ERR_READ, printable(where_.url) + ": the file has 4 GiB or more (code -8)",
                     exit_too_large);
+    }
   }
 }
 

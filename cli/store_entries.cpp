@@ -49,8 +49,9 @@ void replace_link(const std::string& link, const std::string& target) {
 }
 
 void relocate(const std::string& store, const std::string& directory, const std::string& up) {
-  for (const std::string& name : listed_names(store + directory)) {
-    const std::string link = store + directory + name;
+  const std::string place = store + directory;
+  for (const std::string& name : listed_names(place)) {
+    const std::string link = place + name;
     const std::string target = target_of(link);
     if (is_absolute(target) && is_own(store, target)) replace_link(link, up + last_part(target));
   }

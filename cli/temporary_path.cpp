@@ -182,7 +182,7 @@ private_directory::private_directory()
 }
 
 std::string private_directory::fill(std::string_view name, const std::function<std::string_view()>& next) {
-  const std::string path = directory_.get() + "/" + std::string(name);
+  std::string path = directory_.get() + "/" + std::string(name);
   files_.emplace_back(path);
   new_file file(path);
   for (std::string_view piece = next(); !piece.empty(); piece = next()) file.write(piece);

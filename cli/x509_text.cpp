@@ -40,7 +40,7 @@ std::string common_name(const X509_NAME* name) {
   unsigned char* bytes = nullptr;
   const int length = value ? ASN1_STRING_to_UTF8(&bytes, value) : -1;
   if (length < 0) return "";
-  const std::string text(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(length));
+  std::string text(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(length));
   OPENSSL_free(bytes);
   return text;
 }
