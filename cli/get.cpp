@@ -207,7 +207,7 @@ int run_download(const get_options& options, const download& to) {
   outcome told;
   told.file = to.name;
   const int status =
-      run_transfer(to.where, options.transfer, told, [&](auto& where, auto& login, outcome& now) {
+      run_transfer(to.where, options.transfer, told, [&](const auto& where, const auto& login, outcome& now) {
         now.skipped = is_there(options, to);
         if (now.skipped) {
           now.summary = printable(to.name) + " is there already and stays as it is";

@@ -16,8 +16,8 @@ std::string escaped(const std::string& text) {
     const auto byte = static_cast<unsigned char>(text[i]);
     const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
     const bool is_c1 = byte == 0xc2 && next >= 0x80 && next <= 0x9f;
-    char code[8];
     if (is_c1 || byte == 0x7f) {
+      char code[8];
       snprintf(code, sizeof code, "\\u%04x", static_cast<unsigned>(is_c1 ? next : byte));
       out += code;
       i += is_c1 ? 1 : 0;

@@ -136,7 +136,9 @@ std::string percent_encoded(std::string_view name) {
     if (plain) {
       out += c;
     } else {
-      out += {'%', digits[byte >> 4], digits[byte & 15]};
+      out += '%';
+      out += digits[byte >> 4];
+      out += digits[byte & 15];
     }
   }
   return out;

@@ -228,9 +228,10 @@ int run_put(const put_options& options) {
   outcome told;
   told.file = options.file;
   told.repeatable = options.may_be_sent_twice();
-  return run_transfer(where, options.transfer, told, [&](auto& target, auto& login, outcome& now) {
-    send(options, file.get(options), target, login, now);
-  });
+  return run_transfer(where, options.transfer, told,
+                      [&](const auto& target, const auto& login, outcome& now) {
+                        send(options, file.get(options), target, login, now);
+                      });
 }
 
 }  // namespace
