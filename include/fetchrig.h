@@ -341,7 +341,7 @@ FETCHRIG_API int dl_del_ser_ca(void);
 
 /* Turns an alert text (a URL, a ring name, or null) into a ring: 1 with either the ring number stored, or -1 there and
  * the path of a cached WAVE file in `path` (`path_size` bytes); 0 when the default ring is to be played. `ring_name`
- * (or null) is the fall-back. Blocks while it downloads. */
+ * (or null) is the fall-back, and counts in place of an alert text that is no URL. Blocks while it downloads. */
 FETCHRIG_API int dl_distinctive_ringtone_download(const char *alert, const char *ring_name, int32_t *ring_number,
                                                   char *path, uint32_t path_size);
 
