@@ -3,6 +3,7 @@
 """Plants single-line faults in the library, one at a time, and tells which of them the tests catch.
 
   mutate.py [--count N] [--seed N] [--again FILE] [--tests REGEX] [--tests-of COMMIT] [--results FILE] [--jobs N]
+  mutate.py --layers cli --tests command ...    in the command instead
 
 Works in a copy of the committed tree, so that nothing here is touched. Faults are drawn from every layer in proportion
 to its lines, the same for the same seed and the same sources. A fault that does not compile, or that compiles to the
@@ -35,9 +36,9 @@ FAULTS = [
 ]
 
 
-def candidates(root):
+def candidates(root, layers):
     """Every (layer, file, line number, changed line)."""
-    for layer in LAYERS:
+    for layer in layers:
         for path in sorted((root / layer).glob("*.cpp")):
             for number, line in enumerate(path.read_text().splitlines()):
                 if re.match(r"\s*(//|#|\*|static_assert|using |\})", line) or "log_line(" in line:
@@ -50,11 +51,11 @@ def candidates(root):
                         yield layer, path.relative_to(root), number, changed
 
 
-def draw(root, count, seed):
+def draw(root, layers, count, seed):
     """An endless supply would repeat itself: the candidates in a drawn order, layers in proportion to their lines."""
     generator = random.Random(seed)
-    by_layer = {layer: [] for layer in LAYERS}
-    for candidate in candidates(root):
+    by_layer = {layer: [] for layer in layers}
+    for candidate in candidates(root, layers):
         by_layer[candidate[0]].append(candidate)
     total = sum(map(len, by_layer.values()))
     for layer, found in by_layer.items():
@@ -81,9 +82,10 @@ def recorded(root, results):
 class Tree:
     """A copy of the committed sources with a build of its own."""
 
-    def __init__(self, source, jobs, tests_of):
+    def __init__(self, source, jobs, tests_of, targets):
         self.root = pathlib.Path(tempfile.mkdtemp(prefix="mutate."))
         self.jobs = jobs
+        self.targets = targets
         self.take(source, "HEAD")
         if tests_of:
             shutil.rmtree(self.root / "tests")
@@ -94,7 +96,7 @@ class Tree:
         subprocess.run(["tar", "-x", "-C", self.root], input=archive.stdout, check=True)
 
     def build(self):
-        return self.run("cmake", "--build", "build", "-j", self.jobs, "--target", "tests/all").returncode == 0
+        return self.run("cmake", "--build", "build", "-j", self.jobs, "--target", *self.targets).returncode == 0
 
     def run(self, *command):
         return subprocess.run(command, cwd=self.root, capture_output=True, text=True)
@@ -106,7 +108,10 @@ class Tree:
         return failed[0] if failed else None if done.returncode == 0 else "ctest"
 
     def digest(self, file):
-        return hashlib.sha256((self.root / f"build/CMakeFiles/fetchrig_objects.dir/{file}.o").read_bytes()).digest()
+        folder = "CMakeFiles/fetchrig_objects.dir"
+        if file.parts[0] == "cli":
+            folder, file = "cli/CMakeFiles/fetchrig_command.dir", file.name
+        return hashlib.sha256((self.root / "build" / folder / f"{file}.o").read_bytes()).digest()
 
 
 def try_fault(tree, layer, file, number, changed, tests):
@@ -132,6 +137,7 @@ def main():
     parser.add_argument("--count", type=int, default=150)
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--again", type=pathlib.Path, help="plant the faults of an earlier FILE instead of drawn ones")
+    parser.add_argument("--layers", default=",".join(LAYERS), help="folders, separated by commas")
     parser.add_argument("--tests", default="unit|scenario|boundary",
                         help="the tests that are run, as a regular expression")
     parser.add_argument("--tests-of", metavar="COMMIT", help="take the tests from another commit")
@@ -139,16 +145,19 @@ def main():
     parser.add_argument("--jobs", default="2")
     options = parser.parse_args()
 
-    tree = Tree(pathlib.Path(__file__).resolve().parent.parent, options.jobs, options.tests_of)
+    layers = options.layers.split(",")
+    targets = ["fetchrig_command"] if "cli" in layers else ["tests/all"]
+    tree = Tree(pathlib.Path(__file__).resolve().parent.parent, options.jobs, options.tests_of, targets)
     try:
-        tree.run("cmake", "--preset", "default", "-DCMAKE_CXX_FLAGS=-w", "-DFETCHRIG_TOOLS=OFF", "-DFETCHRIG_BENCH=OFF",
-                 f"-DFETCHRIG_TEST_TIMEOUT={HUNG_SECONDS}")
+        tree.run("cmake", "--preset", "default", "-DCMAKE_CXX_FLAGS=-w", f"-DFETCHRIG_TOOLS={'cli' in layers}",
+                 "-DFETCHRIG_BENCH=OFF", f"-DFETCHRIG_TEST_TIMEOUT={HUNG_SECONDS}")
         if not tree.build():
             raise SystemExit("the unchanged tree does not build")
         if failed := tree.test("-R", options.tests):
             raise SystemExit(f"the unchanged tree does not pass {failed}")
         caught = planted = 0
-        supply = recorded(tree.root, options.again) if options.again else draw(tree.root, options.count, options.seed)
+        drawn = draw(tree.root, layers, options.count, options.seed)
+        supply = recorded(tree.root, options.again) if options.again else drawn
         with open(options.results, "w", buffering=1, encoding="utf-8") as results:
             for layer, share, found in supply:
                 while share > 0 and found:
