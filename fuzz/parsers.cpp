@@ -1,12 +1,10 @@
 // parsers.cpp: bytes from outside through one parser each.
 #include <arpa/inet.h>
-#include <openssl/x509v3.h>
 #include <string.h>
 
 #include <algorithm>
 
 #include "cert/subject.h"
-#include "core/openssl_owners.h"
 #include "core/url.h"
 #include "ftp/ftp_parse.h"
 #include "fuzz/fuzz.h"
@@ -15,6 +13,7 @@
 #include "include/fetchrig_openssl.h"
 #include "log/printable.h"
 #include "net/tls_host.h"
+#include "tests/support/named_certificate.h"
 #include "tftp/tftp_packet.h"
 
 using namespace fetchrig;
@@ -148,22 +147,12 @@ FUZZ_TARGET(host_name) {
   const auto is_special = [](char c) { return c == '*' || c == ':' || (c & 0x80) != 0; };
   const bool plain = std::none_of(input.begin(), input.end(), is_special) && !input.starts_with('.');
   const std::string host(fuzz::next_part(input, '\n')), common(fuzz::next_part(input, '\n'));
-  const unique_x509 certificate(X509_new());
-  const auto* bytes = reinterpret_cast<const unsigned char*>(common.data());
-  X509_NAME_add_entry_by_NID(X509_get_subject_name(certificate.get()), NID_commonName, V_ASN1_UTF8STRING,
-                             bytes, static_cast<int>(common.size()), -1, 0);
-  GENERAL_NAMES* const names = sk_GENERAL_NAME_new_null();
+  std::vector<std::string> names;
   while (!input.empty()) {
-    const std::string_view value = fuzz::next_part(input, '\n');
-    const bool is_address = value.size() == 4 || value.size() == 16;
-    ASN1_STRING* const text = ASN1_STRING_type_new(is_address ? V_ASN1_OCTET_STRING : V_ASN1_IA5STRING);
-    ASN1_STRING_set(text, value.data(), static_cast<int>(value.size()));
-    GENERAL_NAME* const name = GENERAL_NAME_new();
-    GENERAL_NAME_set0_value(name, is_address ? GEN_IPADD : GEN_DNS, text);
-    sk_GENERAL_NAME_push(names, name);
+    const std::string value(fuzz::next_part(input, '\n'));
+    names.push_back((value.size() == 4 || value.size() == 16 ? "IP:" : "DNS:") + value);
   }
-  X509_add1_ext_i2d(certificate.get(), NID_subject_alt_name, names, 0, X509V3_ADD_DEFAULT);
-  GENERAL_NAMES_free(names);
+  const unique_x509 certificate = test::named_certificate(common, names);
   in_addr address;
   const bool matches = ssl_check_host_name(certificate.get(), host.c_str()) == 0;
   if (!matches || !plain || inet_aton(host.c_str(), &address)) return;

@@ -159,6 +159,15 @@ def response(status="200 OK", headers="", body=b""):
     return f"HTTP/1.1 {status}\r\n{headers}\r\n".encode() + body
 
 
+def sized(number, body):
+    """A script: an answer of so many bytes, of which these come."""
+    return [ASK, response(headers=f"Content-Length: {number}\r\n", body=body)]
+
+
+def chunked(body):
+    return [ASK, response(headers="Transfer-Encoding: chunked\r\n", body=body)]
+
+
 def tls_server(certificate, ca_file=None, oldest=ssl.TLSVersion.TLSv1_2):
     """How a scripted server talks TLS; with `ca_file` it wants a client certificate."""
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)

@@ -16,14 +16,8 @@ def sources(fetchrig):
 
 
 @pytest.mark.parametrize("line, remote", [
-    ("{http}/upload/x", "x"),
-    ("{http}/upload/", "up file.bin"),
-    ("--user phone {http}/closed/y", "y"),
-    ("--ca-dir {ca} {https}/upload/z", "z"),
-    ("{ftp}/upload/x", "x"),
-    ("{ftp}/upload/", "up file.bin"),
-    ("--user phone --name upload/n {ftp_login}/", "n"),
-    ("{tftp}/upload/x", "x"),
+    ("{http}/upload/", "up file.bin"), ("--user phone {http}/closed/y", "y"), ("--ca-dir {ca} {https}/upload/z", "z"),
+    ("{ftp}/upload/", "up file.bin"), ("--user phone --name upload/n {ftp_login}/", "n"),
     ("{tftp}/upload/", "up file.bin"),
 ])
 def test_every_scheme(fetchrig, places, line, remote):
@@ -71,30 +65,3 @@ def test_ftp_append_and_the_limit(fetchrig, places):
     assert brief(log.read_bytes()) == brief(CONTENT + CONTENT)
     fetchrig.done(limited + " --when-full store")
     assert brief(log.read_bytes()) == brief(CONTENT)
-
-
-@pytest.mark.parametrize("line, status, complaints", [
-    ("/tmp {http}/upload/no", None, ["not a regular file"]),
-    ("--user x --password y 'up file.bin' {http}/closed/no", None, ["login refused"]),
-    ("'up file.bin' {ftp}/no/such/dir", None, ["the server answered 55"]),
-    ("--append 'up file.bin' {http}/upload/no", 2, ["--append"]),
-    ("--name no 'up file.bin' {http}/upload/no", 2, ["--name"]),
-    ("--append 'up file.bin' tftp://127.0.0.1/no", 2, ["--append is for ftp"]),
-    ("--header 'A: b' 'up file.bin' {ftp}/x", 2, ["--header"]),
-    ("--method post 'up file.bin' {ftp}/x", 2, ["--method"]),
-    ("--proxy http://127.0.0.1:1 'up file.bin' {https}/x", 2, ["--proxy"]),
-    ("--name 'a\tb' 'up file.bin' {ftp}/x", 2, ["--name holds control characters"]),
-    ("--method post --header 'Content-Type: text/plain' 'up file.bin' {http}/upload/no", 2, ["boundary="]),
-])
-def test_refusals(fetchrig, places, line, status, complaints):
-    fetchrig.fails(f"put {line}", *complaints, status=status)
-    assert not (places.served / "upload/no").exists()
-
-
-@pytest.mark.parametrize("answer, complaint", [
-    (response("308 Permanent Redirect", "Location: /b\r\nContent-Length: 0\r\n"), "308 (permanent redirect)"),
-    (b"HTTP/1.1 201 Created\r\nCont", "ends inside its header"),
-])
-def test_answers_that_are_no_success(fetchrig, peer, answer, complaint):
-    server = peer([until(CONTENT[-8:]), answer])
-    fetchrig.fails(f"put 'up file.bin' http://{server.address}/a", complaint)

@@ -1,12 +1,12 @@
 # SPDX-License-Identifier: MIT
-"""What get and put have in common: how they end, what they answer in JSON, when they try again, what they take from the
-user's surroundings, and the names of files."""
+"""What get and put have in common: what they answer in JSON, when they try again, what they take from the user's
+surroundings, and the names of files."""
 import json
 import os
 import re
 
 import pytest
-from conftest import ASK, CONTENT, brief, response, stall, tls_server, until, wait_for
+from conftest import ASK, CONTENT, brief, response, until, wait_for
 
 OK = response(headers="Content-Length: 2\r\nX-Kind: test\r\n", body=b"ok")
 CHALLENGE = response("401 Unauthorized", 'WWW-Authenticate: Basic realm="x"\r\nContent-Length: 0\r\n')
@@ -15,28 +15,6 @@ GONE = response("404 Gone", "Content-Length: 0\r\n")
 CUT = response(headers="Content-Length: 9\r\n", body=b"half")
 CREATED = response("201 Created", "Content-Length: 0\r\n")
 HERE = "http://{peer}/a"
-
-
-@pytest.mark.parametrize("line, script, status", [
-    ("get http://127.0.0.1:1/x", [], 3), ("put s.txt ftp://127.0.0.1:1/x", [], 3),
-    (f"get --timeout 1 {HERE}", [ASK, stall], 4), ("get --timeout 1 tftp://{peer}/a", [], 4),
-    ("get https://{peer}/a", None, 5),
-    (f"get {HERE}", [ASK, CHALLENGE], 6), ("put --user u --password p s.txt {ftp_login}/x", [], 6),
-    ("get {http}/none", [], 7), ("get {ftp}/none", [], 7), ("get {tftp}/none", [], 7),
-    (f"put s.txt {HERE}", [ASK, GONE], 7),
-    (f"get --max-size 1 {HERE}", [ASK, OK], 8), (f"put --max-size 1 s.txt {HERE}", [], 8),
-    (f"put --max-size 1 - {HERE}", [], 8),
-    (f"get -o missing/x {HERE}", [ASK, OK], 9), (f"put missing {HERE}", [], 9),
-    (f"get {HERE}", [ASK, b"SSH-2.0\r\n"], 10), (f"get {HERE}", [ASK, CUT], 10),
-    (f"get --sha256 {'0' * 64} {HERE}", [ASK, OK], 11),
-])
-def test_failures_end_in_the_status_of_their_class(fetchrig, places, peer, line, script, status):
-    fetchrig.write("s.txt", "short")
-    server = peer(script or [], tls=tls_server(places["good"]) if script is None else None)
-    ended = fetchrig.run(f"{line} --json", peer=server.address)
-    answer = json.loads(ended.stdout)
-    assert (ended.returncode, answer["exit"], answer["ok"]) == (status, status, False), ended
-    assert answer["message"] in ended.stderr and fetchrig.files() == {"s.txt": b"short"}
 
 
 def test_answers_in_json(fetchrig, places):

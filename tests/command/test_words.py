@@ -15,23 +15,25 @@ URL = "http://127.0.0.1:1/a"  # refused connections would end in 1
     ("", "subcommand"), ("get", "URL is required"), (f"gett --wrong=5 {URL}", 'unknown option "--wrong"\n'),
     (f"gett {URL}", 'unknown subcommand "gett"\n'), (f"cert lst {URL}", 'unknown subcommand "lst"\n'),
     (f"put a {URL} c", 'unexpected word "c"\n'), (f"get -o '' {URL}", "name of a file"),
+    ("get http://127.0.0.1:1/..", "names no file"),
     ("get gopher://127.0.0.1/a", "only http, https, ftp and tftp"), ("get http:///a", "no host"),
     ("get ftp://:secret@127.0.0.1/a", "no user name"),
     ("get 'http://127.0.0.1/a\r\nX: y'", "control characters"),
-    (f"get --timeout 0 {URL}", "--timeout"),
-    (f"get --max-size 4G {URL}", "--max-size"),
-    (f"get --header 'A: b\r\nC: d' {URL}", "--header"),
+    (f"get --timeout 0 {URL}", "--timeout"), (f"get --max-size 4G {URL}", "--max-size"),
+    (f"get --header 'A: b\r\nC: d' {URL}", "--header"), (f"get --auth ntlm {URL}", "--auth"),
     ("get --header 'A: b' ftp://127.0.0.1/a", "--header"),
-    (f"get --auth ntlm {URL}", "--auth"), (f"get --proxy {URL} https://127.0.0.1/a", "--proxy"),
-    (f"get --cert missing.pem {URL}", "missing.pem"),
-    (f"get --option user-agent={'d' * 512} {URL}", "too long"),
+    (f"get --proxy {URL} https://127.0.0.1/a", "--proxy"), (f"get --cert missing.pem {URL}", "missing.pem"),
     (f"get --ca-dir missing {URL}", "missing is not a directory"),
-    (f"get --option colour=red {URL}", "colour"),
-    (f"get --option net-timeout=61 {URL}", "net-timeout"),
-    (f"ring x --entry {'n' * 126}=1", "--entry"),
-    ("cert list", "--store"), ("cert device show", "--device-cert"),
+    (f"get --option user-agent={'d' * 512} {URL}", "too long"),
+    (f"get --option colour=red {URL}", "colour"), (f"get --option net-timeout=61 {URL}", "net-timeout"),
+    (f"put --append s.txt {URL}", "--append"), ("put --append s.txt tftp://127.0.0.1/a", "--append is for ftp"),
+    (f"put --name no s.txt {URL}", "--name"), ("put --name 'a\tb' s.txt ftp://127.0.0.1/x", "control characters"),
+    ("put --method post s.txt ftp://127.0.0.1/x", "--method"),
+    (f"put --method post --header 'Content-Type: text/plain' s.txt {URL}", "boundary="),
+    (f"ring x --entry {'n' * 126}=1", "--entry"), ("cert list", "--store"), ("cert device show", "--device-cert"),
 ])
 def test_wrong_usage(fetchrig, line, complaint):
+    fetchrig.write("s.txt", "short")
     fetchrig.fails(line, complaint, "--help", status=2, shell='unset FETCHRIG_STORE FETCHRIG_DEVICE_CERT; exec "$@"')
 
 

@@ -1,13 +1,11 @@
 // tls.cpp: which certificates name which hosts, and connections as only the system's own sockets tell. All else of TLS
 // is told by scenarios.
 #include <fcntl.h>
-#include <openssl/x509v3.h>
 #include <sys/socket.h>
 
 #include <chrono>
 #include <functional>
 #include <future>
-#include <optional>
 #include <thread>
 
 #include "core/openssl_owners.h"
@@ -17,6 +15,7 @@
 #include "net/tls_stream.h"
 #include "tests/support/descriptors.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/named_certificate.h"
 #include "tests/support/options.h"
 #include "tests/support/pki.h"
 
@@ -26,30 +25,6 @@ namespace {
 using namespace fetchrig;
 using namespace std::string_literals;
 using lines = std::vector<std::string>;
-
-// A certificate that carries these names and nothing else: an alternative is "DNS:", "URI:" or "IP:" (raw
-// bytes) and the value; a null common name is left out.
-unique_x509 make_certificate(const std::optional<std::string>& common_name, const lines& alternatives) {
-  unique_x509 certificate(X509_new());
-  if (common_name) {
-    X509_NAME_add_entry_by_NID(X509_get_subject_name(certificate.get()), NID_commonName, V_ASN1_UTF8STRING,
-                               reinterpret_cast<const unsigned char*>(common_name->data()),
-                               static_cast<int>(common_name->size()), -1, 0);
-  }
-  GENERAL_NAMES* names = GENERAL_NAMES_new();
-  for (const std::string& text : alternatives) {
-    const std::string value = text.substr(text.find(':') + 1);
-    const int type = text.starts_with("DNS") ? GEN_DNS : text.starts_with("IP") ? GEN_IPADD : GEN_URI;
-    ASN1_STRING* bytes = ASN1_STRING_type_new(type == GEN_IPADD ? V_ASN1_OCTET_STRING : V_ASN1_IA5STRING);
-    ASN1_STRING_set(bytes, value.data(), static_cast<int>(value.size()));
-    GENERAL_NAME* name = GENERAL_NAME_new();
-    GENERAL_NAME_set0_value(name, type, bytes);
-    sk_GENERAL_NAME_push(names, name);
-  }
-  X509_add1_ext_i2d(certificate.get(), NID_subject_alt_name, names, 0, 0);
-  GENERAL_NAMES_free(names);
-  return certificate;
-}
 
 TEST(host_name, is_compared_with_the_certificates_names) {
   const log_capture log;
@@ -77,7 +52,7 @@ TEST(host_name, is_compared_with_the_certificates_names) {
   };
   // clang-format on
   for (const auto& row : rows) {
-    const unique_x509 certificate = make_certificate(row.common_name, row.alternatives);
+    const unique_x509 certificate = named_certificate(row.common_name, row.alternatives);
     const auto check = [&](const std::string& host) {
       return ssl_check_host_name(certificate.get(), host.c_str());
     };
