@@ -91,6 +91,9 @@ std::vector<block> blocks_of(const string& file) {
     } else if (of_table) {
       blocks.back().variants.push_back(line.substr(5));
     } else {
+      const std::size_t asks = line.starts_with("@ ") ? line.find(" ask ") : string::npos;
+      if (asks != string::npos) into->push_back({line.substr(0, asks), number});
+      if (asks != string::npos) line.erase(0, asks + 1);
       const std::size_t times = line.find_first_not_of("0123456789");
       const bool repeats = times > 0 && line.substr(times).starts_with("x ");
       into->insert(into->end(), repeats ? std::stoul(line) : 1,
@@ -328,8 +331,8 @@ class reader {
         {"at", [](reader& in, const string& text) { in.place(text); }},
         {"=", [](reader& in, const string& text) { in.result(text); }},
         {"log", [](reader& in, const string& text) { in.log(text); }},
+        {"alone", [](reader& in, const string&) { in.into_.alone = true; }},
         {"damaged", [](reader& in, const string& text) { in.into_.damaged = text; }},
-        {"sample", [](reader& in, const string& text) { in.into_.sample = std::stol(text); }},
         {"busy", [](reader& in, const string& text) { in.into_.num_busy_ports = std::stoi(text); }},
         {"secret", [](reader& in, const string& text) { in.into_.secrets.push_back(in.bytes(text)); }},
         {"set", [](reader& in, const string& text) { in.pair(in.into_.options, text, " "); }},
@@ -340,13 +343,9 @@ class reader {
            const auto words = words_of(text);
            in.into_.hosts[words.at(0)] = {words.begin() + 2, words.end()};
          }},
-        {"fails",
-         [](reader& in, const string& text) {
-           in.into_.fault = words_of(text);
-           in.into_.sample = 0;
-         }},
+        {"fails", [](reader& in, const string& text) { in.into_.fault = words_of(text); }},
     };
-    static const std::set<string> before_call = {"set", "host", "sample", "busy", "fails", "at", "damaged"};
+    static const std::set<string> before_call = {"alone", "set", "host", "busy", "fails", "at", "damaged"};
     if (into_.verb.empty() && !before_call.contains(word)) {
       into_.verb = word;
       arguments(rest);

@@ -11,11 +11,11 @@
 //   secret s3cret                                      no log line may hold it; password= is one by itself
 //   fails sendto-EINTR 2                              a fault (faults.h) that is part of it, at this call; with
 //                                                     "lasting" behind it at all later ones too; without any others
+//   alone                                              no faults, cuts and silences are played
 //   busy 29                                           local ports that are taken before one is free
 //   let refused = Connect Failed!                     {refused} stands for the text from here on
 //   -- login ... do login                             lines that have a name of their own instead of "==", and
 //                                                     their place;  5x < NOOP  is a line five times
-//   sample 50                                          faults and offsets of this one only every 50th time; 0: none
 //   at a/b.pem mode=0640 BYTES                         a file {w}/a/b.pem; "at a/" a directory, "at a -> b" a link,
 //                                                      "at a fifo" a pipe, "at a zeros=3000 BYTES" a file of so
 //                                                      many bytes, these and zeros; what is called "planted" is
@@ -38,6 +38,7 @@
 //                               `as NAME` names it; `mute` lets no connection come about; `interrupted`:
 //                               a signal comes while the client connects
 //   @ NAME                      goes on with that connection
+//   @ a.test:80 ask GET /f      connects and asks
 //   ask PUT /f host=h.test      the head of a request as the library composes it, with this Host (default: the
 //                               connection's name); lines "+ X: y" follow as headers; "= BYTES" behind it adds the
 //                               Content-Length and the body
@@ -53,8 +54,8 @@
 //   take BLOCK BYTES / serve BLOCK BYTES   the blocks of a TFTP transfer and their ACKs, from block 1 on
 //
 // What comes of it:
-//   = 0                         the result's code, -1 being returned when it is not 0; the message is that of the code
-//                               unless it follows; "= cleared": -1 with code 0; "= untouched": -1, no result stored
+//   = -8                        the result's code where it is not 0, -1 being returned; the message is that of the
+//                               code unless it follows; "= cleared": -1 with code 0; "= untouched": -1, no result stored
 //   file BYTES | file none | file kept | file special   the local file afterwards (kept: what lay there before, which
 //                               is old=BYTES of the call or "old file"; special: no regular file, and still there)
 //   body BYTES   read -8   reads 3 3 1   what was read, the code of the read that failed, the counts of the reads
@@ -139,6 +140,7 @@ struct expectation {
 struct story {
   std::string name;         // with its row and variant
   bool is_variant = false;  // by "also"
+  bool alone = false;
   std::string verb;
   std::vector<std::string> words;  // behind the verb
   facts arguments;
@@ -148,7 +150,6 @@ struct story {
   std::vector<connection> connections;
   std::vector<step> steps;
   expectation expected;
-  long sample = 1;                                  // of offsets and faults every so-manyth; 0: none
   std::vector<std::pair<std::string, node>> files;  // there before the call
   int num_busy_ports = 0;
   std::string damaged;             // one of them
