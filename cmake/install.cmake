@@ -27,6 +27,20 @@ configure_file(packaging/fetchrig.pc.in fetchrig.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/fetchrig.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
+# Manual pages of the calls, made from the headers' comments where there is a Python.
+find_package(Python3 QUIET COMPONENTS Interpreter)
+if(Python3_FOUND)
+  file(GLOB headers CONFIGURE_DEPENDS include/*.h)
+  add_custom_command(OUTPUT manual.stamp
+    COMMAND ${CMAKE_COMMAND} -E rm -rf manual
+    COMMAND ${Python3_EXECUTABLE} -B ${PROJECT_SOURCE_DIR}/scripts/manual.py manual
+    COMMAND ${CMAKE_COMMAND} -E touch manual.stamp
+    DEPENDS ${headers} scripts/manual.py docs/fetchrig.1 VERBATIM)
+  add_custom_target(fetchrig_manual ALL DEPENDS manual.stamp)
+  install(DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/manual/
+    DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development)
+endif()
+
 if(FETCHRIG_TOOLS)
   install(TARGETS fetchrig_command RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT command)
   install(FILES docs/fetchrig.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT command)

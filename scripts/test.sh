@@ -123,6 +123,7 @@ if [ "$quick" = no ]; then
   step "fuzz targets" scripts/fuzz.sh 3
 fi
 step "release" test_preset default
+step "reference" cmake --build --preset default --target docs
 step "calls between layers" scripts/check-layers.sh build
 step "clang-tidy" scripts/tidy.sh build
 step "cppcheck" check_cppcheck
