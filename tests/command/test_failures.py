@@ -57,5 +57,5 @@ def test_the_status_is_that_of_the_class_and_the_cause_is_named(fetchrig, peer, 
     answer = json.loads(ended.stdout)
     assert (ended.returncode, answer["exit"], answer["ok"]) == (status, status, False), ended
     assert [part for part in told.split(" ... ") if part not in answer["message"]] == [], answer
-    assert answer["message"] in ended.stderr and not set("\x1b\x9b\udc9b") & set(ended.stderr)
+    assert ended.stderr == f"fetchrig: {answer['message']}\n" and not set("\x1b\x9b\udc9b") & set(ended.stderr)
     assert fetchrig.files() == {"s.txt": b"short", "a": b"old"}

@@ -61,7 +61,7 @@ def test_ftp_append_and_the_limit(fetchrig, places):
         fetchrig.done("put --append 'up file.bin' {ftp}/upload/log")
     assert brief(log.read_bytes()) == brief(CONTENT + CONTENT)
     limited = "put --append --max-size 500000 'up file.bin' {ftp}/upload/log"
-    fetchrig.fails(limited, "exceed max file size", "code -15")
+    fetchrig.fails(limited, "exceed max file size", "code -15", status=8)
     assert brief(log.read_bytes()) == brief(CONTENT + CONTENT)
     fetchrig.done(limited + " --when-full store")
     assert brief(log.read_bytes()) == brief(CONTENT)

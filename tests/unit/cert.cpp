@@ -145,19 +145,17 @@ TEST_F(keygen, fails_after_the_application_has_cleaned_up_openssl) {
   EXPECT_EQ(status, 0);
 }
 
-TEST_F(keygen, without_a_seed_each_key_is_another) {
-  const std::string file = place_.file("key");
+TEST(keys, without_a_seed_each_is_another) {
+  const library initialised;
   std::set<std::string> keys;
-  for (int round = 0; round < 3; ++round) {
+  for (int round = 0; round < 2; ++round) {
     EVP_PKEY* key = nullptr;
     int reused = 0;
-    ASSERT_EQ(dl_cert_build_rsa_key(file.c_str(), 512, &key, &reused), 0);
+    ASSERT_EQ(dl_cert_build_rsa_key("/nonexistent/key", 512, &key, &reused), 0);
     const unique_pkey owner(key);
-    EXPECT_EQ(reused, round == 2);
-    keys.insert(pem_of(key));
-    EXPECT_EQ(dl_cert_write_key(round == 1 ? file.c_str() : nullptr, 0, key, -1), round == 1 ? 0 : -1);
+    EXPECT_TRUE(keys.insert(pem_of(key)).second);
+    EXPECT_EQ(dl_cert_write_key(nullptr, 0, key, -1), -1);
   }
-  EXPECT_EQ(keys.size(), 2u);
 }
 
 TEST(certificate_callbacks, pass_phrase_is_cut_to_the_buffer) {

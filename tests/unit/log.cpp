@@ -200,16 +200,6 @@ TEST_F(log_facility, a_descriptor_that_the_application_has_reused_gets_no_lines)
   EXPECT_EQ(close(log_fd), 0) << "it was left open";
 }
 
-TEST_F(log_facility, a_thread_that_is_cancelled_while_it_logs_does_not_silence_the_log) {
-  qxfr_log_init("QXFR", DL_LOG_TO_SYSLOG, nullptr);
-  std::thread([] {
-    pthread_cancel(pthread_self());
-    qxfr_log(DL_LOG_ANY, DL_LOG_ERROR, "m\n");
-  }).join();
-  qxfr_log_init("QXFR", DL_LOG_TO_SYSLOG, nullptr);
-  EXPECT_EQ(arrived().size(), 3U);
-}
-
 // Threads log while the socket is closed, opened and fails underneath them. No line may land in a descriptor
 // that was reused meanwhile: the test keeps opening files, which would receive it.
 TEST_F(log_facility, threads_log_while_the_socket_is_replaced) {

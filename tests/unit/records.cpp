@@ -39,6 +39,25 @@ class records : public test::leak_free {
     EXPECT_EQ(rc, -1);
     EXPECT_EQ(std::exchange(result_, {}).code, DL_ERR_PARAMETER);
   }
+  // Of a protocol: records without a socket and without their mark, and a live one with bad arguments.
+  template <typename Record>
+  void refused(int (*read)(Record*, char*, int32_t, dl_result*),
+               int (*send)(Record*, const char*, dl_result*), void (*close)(Record*), Record& no_sock,
+               Record& dead, Record& live, const char* line) {
+    for (Record* bad : {static_cast<Record*>(nullptr), &no_sock, &dead}) {
+      refused(read(bad, bytes_, 1, &result_));
+      refused(send(bad, "/dev/null", &result_));
+    }
+    refused(read(&live, nullptr, 1, &result_));
+    refused(read(&live, bytes_, -1, &result_));
+    EXPECT_EQ(read(&live, bytes_, 1, nullptr) + send(&live, "/dev/null", nullptr), -2);
+    EXPECT_EQ(log_.messages(), lines(10, line));
+    log_.clear();
+    close(nullptr);
+    close(&dead);
+    EXPECT_EQ(log_.messages().size(), 2u);
+    log_.clear();
+  }
 
   test::library library_;
   test::log_capture log_;
@@ -52,18 +71,9 @@ TEST_F(records, of_ftp) {
   dead.data_sock = live.ctrl_sock = near_.get();
   live.magic = none.magic = endless.magic = DL_FTP_MAGIC;
   memset(endless.host, 'h', sizeof endless.host);
-  for (dl_ftp_session* bad : {static_cast<dl_ftp_session*>(nullptr), &none, &dead}) {
-    refused(dl_ftp_read(bad, bytes_, 1, &result_));
-    refused(dl_ftp_send(bad, "/dev/null", &result_));
-  }
   dl_ftp_session usable = live;
   usable.data_sock = near_.get();
-  refused(dl_ftp_read(&usable, nullptr, 1, &result_));
-  refused(dl_ftp_read(&usable, bytes_, -1, &result_));
-  EXPECT_EQ(dl_ftp_read(&usable, bytes_, 1, nullptr), -1);
-  EXPECT_EQ(dl_ftp_send(&usable, "/dev/null", nullptr), -1);
-  EXPECT_EQ(log_.messages(), lines(10, "ftp read with invalid parameter"));
-  log_.clear();
+  refused(dl_ftp_read, dl_ftp_send, dl_ftp_close, none, dead, usable, "ftp read with invalid parameter");
   for (dl_ftp_session* bad : {static_cast<dl_ftp_session*>(nullptr), &dead, &endless})
     EXPECT_EQ(dl_ftp_create_data_conn(bad, bytes_, 512, 1), DL_ERR_PARAMETER);
   EXPECT_EQ(dl_ftp_create_data_conn(&live, nullptr, 512, 1), DL_ERR_PARAMETER);
@@ -71,45 +81,22 @@ TEST_F(records, of_ftp) {
   EXPECT_EQ(log_.messages(), lines(5, "ftp data connection with invalid parameter"));
   ASSERT_EQ(write(far_.get(), "227 x\r\n", 7), 7);
   EXPECT_EQ(dl_ftp_create_data_conn(&live, bytes_, 1, 1), -1) << "no room for a line";
-  log_.clear();
-  dl_ftp_close(nullptr);
-  dl_ftp_close(&dead);
-  EXPECT_EQ(log_.messages(), lines(2, "ftp close with invalid parameter"));
-  auto* standard = new_record<dl_ftp_session>(DL_FTP_MAGIC);
-  standard->ctrl_sock = 2;
-  standard->data_sock = 1;
-  const auto before = test::open_descriptors();
-  dl_ftp_close(standard);
-  EXPECT_EQ(before, test::open_descriptors());
 }
 
 TEST_F(records, of_tftp) {
   dl_tftp_session none = {}, dead = {};
   none.magic = DL_TFTP_MAGIC;
   dead.sock = near_.get();
-  for (dl_tftp_session* bad : {static_cast<dl_tftp_session*>(nullptr), &none, &dead}) {
-    refused(dl_tftp_read(bad, bytes_, 1, &result_));
-    refused(dl_tftp_send(bad, "/dev/null", &result_));
-  }
   auto* full = new_record<dl_tftp_session>(DL_TFTP_MAGIC);
   full->sock = 2;
   full->done = 1;
   full->carry = static_cast<char*>(calloc(1, tftp_max_blksize));
-  refused(dl_tftp_read(full, nullptr, 1, &result_));
-  refused(dl_tftp_read(full, bytes_, -1, &result_));
-  EXPECT_EQ(dl_tftp_read(full, bytes_, 1, nullptr), -1);
-  EXPECT_EQ(dl_tftp_send(full, "/dev/null", nullptr), -1);
-  EXPECT_EQ(log_.messages(), lines(10, "Tftp read with invalid parameter"));
+  refused(dl_tftp_read, dl_tftp_send, dl_tftp_close, none, dead, *full, "Tftp read with invalid parameter");
   full->carry_len = -7;
   EXPECT_EQ(dl_tftp_read(full, bytes_, 10, &result_), 0);
   full->carry_len = INT32_MAX;
   EXPECT_EQ(dl_tftp_read(full, bytes_, sizeof bytes_, &result_), tftp_max_blksize);
-  log_.clear();
-  dl_tftp_close(nullptr);
-  dl_tftp_close(&dead);
   dl_tftp_close(full);
-  EXPECT_NE(fcntl(2, F_GETFD), -1);
-  EXPECT_EQ(log_.messages(), lines(2, "tftp close with invalid parameter"));
 }
 
 TEST_F(records, packets_that_do_not_fit_are_not_sent) {
@@ -121,43 +108,43 @@ TEST_F(records, packets_that_do_not_fit_are_not_sent) {
   EXPECT_EQ(log_.messages(), lines{"Send 8 err error! errno"});
 }
 
-TEST_F(records, reads_refuse_bad_arguments) {
+TEST_F(records, of_http) {
   ASSERT_EQ(write(far_.get(), "body", 4), 4);
   auto* session = new_record<dl_http_session>(DL_HTTP_MAGIC);
   session->sock = fcntl(near_.get(), F_DUPFD_CLOEXEC, 3);
   session->remaining = 4;
-  dl_http_session no_mark = *session, no_sock = *session;
-  no_mark.magic = 10139;
+  dl_http_session dead = *session, no_sock = *session;
+  dead.magic = DL_FTP_MAGIC;
   no_sock.sock = 0;
-  char buffer[8];
-  const auto code = [&](dl_http_session* from, char* to, int32_t size) {
-    EXPECT_EQ(-1, dl_http_read(from, to, size, &result_));
-    return std::exchange(result_, {}).code;
-  };
-  EXPECT_EQ(std::vector<int32_t>(5, DL_ERR_PARAMETER),
-            (std::vector{code(nullptr, buffer, 8), code(session, nullptr, 8), code(&no_mark, buffer, 8),
-                         code(&no_sock, buffer, 8), code(session, buffer, -1)}));
-  EXPECT_EQ(lines(5, "http read with invalid parameter"), log_.messages(DL_LOG_ERROR));
-  EXPECT_EQ(-1, dl_http_read(session, buffer, 8, nullptr));
-  EXPECT_EQ(0, dl_http_read(session, buffer, 0, &result_));
-  EXPECT_EQ(4, dl_http_read(session, buffer, 8, &result_));
-  EXPECT_EQ(0, result_.code);
+  for (dl_http_session* bad : {static_cast<dl_http_session*>(nullptr), &dead, &no_sock})
+    refused(dl_http_read(bad, bytes_, 8, &result_));
+  refused(dl_http_read(session, nullptr, 8, &result_));
+  refused(dl_http_read(session, bytes_, -1, &result_));
+  EXPECT_EQ(log_.messages(DL_LOG_ERROR), lines(5, "http read with invalid parameter"));
+  EXPECT_EQ(dl_http_read(session, bytes_, 8, nullptr), -1);
+  EXPECT_EQ(dl_http_read(session, bytes_, 0, &result_), 0);
+  EXPECT_EQ(dl_http_read(session, bytes_, 8, &result_), 4);
+  EXPECT_EQ(result_.code, 0);
+  dl_http_close(nullptr);
+  dl_http_close(&dead);
+  EXPECT_NE(fcntl(dead.sock, F_GETFD), -1) << "a dead record's socket was closed";
   dl_http_close(session);
 }
 
-TEST_F(records, close_takes_live_sessions_alone) {
-  dl_http_close(nullptr);
-  dl_http_session dead = {};
-  dead.sock = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
-  dl_http_close(&dead);
-  EXPECT_NE(-1, fcntl(dead.sock, F_GETFD)) << "a dead record's socket was closed";
-  close(dead.sock);
+// What a record that was never filled in may hold.
+TEST_F(records, never_close_the_standard_streams) {
+  const auto before = test::open_descriptors();
   for (const int standard : {0, 1, 2}) {
-    const bool was_open = fcntl(standard, F_GETFD) != -1;
-    auto session = new_http_session();
-    session->sock = standard;
-    session.reset();
-    EXPECT_EQ(was_open, fcntl(standard, F_GETFD) != -1) << standard;
+    auto* ftp = new_record<dl_ftp_session>(DL_FTP_MAGIC);
+    ftp->ctrl_sock = ftp->data_sock = standard;
+    dl_ftp_close(ftp);
+    auto* tftp = new_record<dl_tftp_session>(DL_TFTP_MAGIC);
+    tftp->sock = standard;
+    dl_tftp_close(tftp);
+    auto http = new_http_session();
+    http->sock = standard;
+    http.reset();
+    EXPECT_EQ(test::open_descriptors(), before) << standard;
   }
 }
 
