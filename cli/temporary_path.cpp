@@ -88,7 +88,6 @@ void remove_now(std::string& path) {
 // Calls `make`, which fills in the name's end, and takes charge of what it made.
 template <typename Make>
 temporary_path take_new(std::string pattern, Make make) {
-  watch_signals();
   const held_signals held;
   return make(pattern.data()) ? temporary_path(std::move(pattern)) : temporary_path();
 }
