@@ -9,8 +9,8 @@
 #include <atomic>
 #include <span>
 
+#include "core/extras.h"
 #include "core/openssl_start.h"
-#include "core/process_lock.h"
 #include "core/text.h"
 #include "log/log.h"
 
@@ -22,11 +22,6 @@ namespace {
 
 // Written by set_tls_wait_limit(), read when a TLS connection is made.
 std::atomic<unsigned> tls_wait_limit{0};
-
-class config_lock : mutex_hold {
- public:
-  config_lock() : mutex_hold(g_dl_cfg.lock) {}
-};
 
 template <typename T>
 T locked_copy(const T& field) {
@@ -145,6 +140,7 @@ void initialise() {
   clear_config();
   pthread_mutex_init(&g_dl_cfg.lock, nullptr);
   set_defaults();
+  clear_extras();
   std::atomic_ref(g_dl_cfg.initialised).store(1, std::memory_order_release);
   openssl_start();
 }
@@ -164,6 +160,8 @@ const char* readable_text(uint32_t option) {
 }
 
 }  // namespace
+
+config_lock::config_lock() : mutex_hold(g_dl_cfg.lock) {}
 
 void config_init() {
   if (!config_initialised()) initialise();

@@ -9,9 +9,16 @@
 #include <array>
 #include <span>
 
+#include "core/process_lock.h"
 #include "include/fetchrig_types.h"
 
 namespace fetchrig {
+
+// The configuration lock, held for a few stores and loads. After initialisation only.
+class config_lock : mutex_hold {
+ public:
+  config_lock();
+};
 
 inline constexpr const char* library_version = FETCHRIG_VERSION;
 

@@ -15,6 +15,7 @@
 #include "core/dispatch.h"
 #include "core/dispatch_request.h"
 #include "core/dispatch_upload.h"
+#include "core/extras.h"
 #include "core/files.h"
 #include "core/owners.h"
 #include "core/result.h"
@@ -70,6 +71,22 @@ void dl_exit(void) {
 
 void dl_set_tls_wait_limit(uint32_t seconds) {
   set_tls_wait_limit(seconds);
+}
+
+int dl_set_extra(uint32_t extra, uint32_t value) {
+  return guarded([&] { return store_extra(extra, value); }, [] { return -1; });
+}
+
+uint32_t dl_get_extra(uint32_t extra) {
+  return read_extra(extra);
+}
+
+int dl_set_extras(uint32_t set) {
+  return guarded([&] { return store_extras(set); }, [] { return -1; });
+}
+
+int dl_set_size_limit(uint64_t bytes) {
+  return guarded([&] { return store_size_limit(bytes); }, [] { return -1; });
 }
 
 int dl_get_error_string(int32_t code, char* buffer, uint32_t size) {

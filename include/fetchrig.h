@@ -77,6 +77,24 @@ FETCHRIG_API const char *dl_get_version(void);
  * afterwards. Any thread. */
 FETCHRIG_API void dl_set_tls_wait_limit(uint32_t seconds);
 
+/** Switches one of today's habits of the internet on or off, or sets its number (enum dl_extra), initialising the
+ * library first when needed. Transfers read it once, when they begin. Returns 0, or -1 for an unknown number, a value
+ * out of range, or a library that was built without extras; then nothing changes. Any thread. */
+FETCHRIG_API int dl_set_extra(uint32_t extra, uint32_t value);
+
+/** The value of one of them (enum dl_extra); 0 for an unknown number, before initialisation and in a library that was
+ * built without extras. Any thread. */
+FETCHRIG_API uint32_t dl_get_extra(uint32_t extra);
+
+/** Sets all of them at once (enum dl_extras) but for DL_EXTRA_TLS_WAIT_LIMIT, which stays as it is. Returns 0, or -1 as
+ * dl_set_extra(). Any thread. */
+FETCHRIG_API int dl_set_extras(uint32_t set);
+
+/** The largest file downloaded or uploaded while DL_EXTRA_WHOLE_BODIES is on, in bytes; 0, as after dl_config_init():
+ * option 6 holds. Initialises the library first when needed. Returns 0, or -1 for a limit above 2^63-1 and in a library
+ * that was built without extras. Any thread. */
+FETCHRIG_API int dl_set_size_limit(uint64_t bytes);
+
 /* ---------------------------------------------------------------- log */
 
 /** Selects the outputs (enum dl_log_flags) and the callback (or null), and sets every module's level to 4. Returns 0.

@@ -141,6 +141,29 @@ enum dl_option {
   DL_OPT_KEY_SEED = 25          /**< text, empty: seed of the client key generator, 16 bytes; its keys are no secret */
 };
 
+/** What dl_set_extra() switches on beyond the classic behaviour of the protocols (docs/extras.md tells each at length).
+ * All are 0, off, after dl_config_init(). */
+enum dl_extra {
+  DL_EXTRA_TLS_WAIT_LIMIT = 1,   /**< seconds, any: as dl_set_tls_wait_limit(), and like it kept when the library ends */
+  DL_EXTRA_REDIRECTS = 2,        /**< 0..1: 303, 307 and 308, relative targets (RFC 9110, RFC 3986); https stays https */
+  DL_EXTRA_PROXY = 3,            /**< 0..1: absolute-form requests, CONNECT for https, authentication by the proxy */
+  DL_EXTRA_DIGEST = 4,           /**< 0..1: Digest by RFC 7616: SHA-256, SHA-512-256, auth-int, the strongest challenge */
+  DL_EXTRA_WHOLE_BODIES = 5,     /**< 0..1: a body that ends early fails; 64-bit lengths; dl_set_size_limit() holds */
+  DL_EXTRA_RESUME = 6,           /**< 0..1: dl_download() goes on with the partial file of an earlier try */
+  DL_EXTRA_FTP_FALLBACKS = 7,    /**< 0..1: EPSV refused means PASV; data connections lead to the server itself */
+  DL_EXTRA_FTP_TLS = 8,          /**< 0..1: every FTP session is secured by AUTH TLS (RFC 4217), or fails */
+  DL_EXTRA_TFTP_PORTS = 9,       /**< 0..1: the system draws the local port of each session */
+  DL_EXTRA_TFTP_WINDOW = 10,     /**< 0..65535 blocks: window asked for (RFC 7440); 0 and 1: none */
+  DL_EXTRA_TFTP_BLOCK_SIZE = 11, /**< 0, or 8..65464 bytes: block size asked for (RFC 2348); 0: 1432 */
+  DL_EXTRA_KEPT_CONNECTIONS = 12 /**< 0..64: idle HTTP connections kept for the next request to their origin */
+};
+
+/** The sets of dl_set_extras(). */
+enum dl_extras {
+  DL_EXTRAS_NONE = 0,       /**< everything off */
+  DL_EXTRAS_RECOMMENDED = 1 /**< on: 2 to 5, 7 and 9; window 8, 4 kept connections; off: 6, 8 and 11 */
+};
+
 /** A ring name, 128 bytes: the value of option 9. */
 typedef struct dl_ring_entry {
   uint8_t slot;   /**< 0..9: place among the ten entries */

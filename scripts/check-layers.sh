@@ -45,12 +45,25 @@ allowed='
 core/exports.cpp (strtok_r|vsprintf)
 '
 
+# What can be switched on, or left out of the build, is in LAYER/extra/. The classic way reaches it here alone: files
+# that may include a header of extra/.
+seams='
+'
+
 readonly folders=$(sed -n 's/:.*//p' <<<"$layers")
 declare -A used=()
 offences=0
 offence() {
   echo "$1"
   offences=$((offences + 1))
+}
+
+# The files of the library with these endings: sources ENDING...
+sources() {
+  local folder ending
+  for folder in $folders; do
+    for ending in "$@"; do printf '%s\n' "$folder"/*."$ending" "$folder"/extra/*."$ending"; done
+  done | grep -v '[*]'
 }
 
 # Whether "$1 $2" matches a line of the list named $3. Remembers the line.
@@ -86,10 +99,10 @@ check_includes() {
     elif [[ $included != */* ]]; then offence "$file: \"$included\" is without its folder"
     elif [[ $included != include/* ]]; then
       may_use "$file" "$included" || offence "$file: ${file%%/*}/ may not include $included"
+      [[ $included != */extra/* || $file == */extra/* ]] || is_listed "$file" "$included" seams ||
+        offence "$file: $included is beside the classic way"
     fi
-  done < <(for folder in $folders; do
-    grep -HE "^ *# *include *(\"|<(${folders//$'\n'/|}|include|cli)/)" "$folder"/*.cpp "$folder"/*.h
-  done)
+  done < <(sources cpp h | xargs grep -HE "^ *# *include *(\"|<(${folders//$'\n'/|}|include|cli)/)")
 }
 
 # The command sees the public headers alone, beside its own files.
@@ -108,40 +121,35 @@ check_banned_calls() {
   while IFS=: read -r file line text; do
     call=$(grep -oE "\b($banned) *\(" <<<"$text" | head -n 1 | tr -d ' (')
     is_listed "$file" "$call" allowed || offence "$file:$line: $call() is banned"
-  done < <(for folder in $folders cli; do
-    grep -nHE "(^|[^A-Za-z0-9_.>\"])($banned) *\(" "$folder"/*.{cpp,h}
-  done | grep -vE '^[^:]*:[0-9]+: *//' || true)
+  done < <((sources cpp h; ls cli/*.{cpp,h}) | xargs grep -nHE "(^|[^A-Za-z0-9_.>\"])($banned) *\(" |
+    grep -vE '^[^:]*:[0-9]+: *//' || true)
 }
 
 check_headers() {
   local found
   while read -r found; do
     [ -z "$found" ] || offence "$found: too large for the library"
-  done < <(for folder in $folders; do
-    grep -nHE '# *include *<(iostream|fstream|sstream|regex|locale)>' "$folder"/*.{cpp,h}
-  done || true)
+  done < <(sources cpp h | xargs grep -nHE '# *include *<(iostream|fstream|sstream|regex|locale)>' || true)
   if grep -nE '<openssl/|^ *(class|namespace|template) ' include/fetchrig.h include/fetchrig_types.h; then
     offence "include/: OpenSSL or C++ in a plain C header"
   fi
 }
 
-# Each file has a header of its own, but for exports.cpp, which the public headers declare.
+# Each file has a header of its own, but for exports.cpp, which the public headers declare, and what extra/ defines for
+# a header of its layer.
 check_own_headers() {
-  local file
-  for folder in $folders; do
-    for file in "$folder"/*.cpp; do
-      [[ $file == */exports.cpp ]] || [ -e "${file%.cpp}.h" ] || offence "$file: has no header of its own"
-    done
-  done
+  local file header
+  while read -r file; do
+    header=${file%.cpp}.h
+    [[ $file == */exports.cpp ]] || [ -e "$header" ] || [ -e "${header/extra\//}" ] ||
+      offence "$file: has no header of its own"
+  done < <(sources cpp)
 }
 
 # The symbols of the objects in $1: "file U name" where a file needs one, "file T name" where it defines one. Weak
 # ones (templates, inline functions) belong to the header that they come from.
 symbols() {
-  local folder file
-  for folder in $folders; do
-    for file in "$folder"/*.cpp; do echo "$1/$file.o"; done
-  done | xargs nm -A --no-sort --format=posix |
+  sources cpp | sed "s|.*|$1/&.o|" | xargs nm -A --no-sort --format=posix |
     sed -nE 's|^'"$1"'/([^:]*)\.o: ([^ ]+) ([UTDBRC]) .*|\1 \3 \2|; T; s/ [DBRC] / T /; p'
 }
 
@@ -186,7 +194,7 @@ check_headers
 check_own_headers
 if [ $# -gt 0 ]; then
   check_symbols "$1"
-  check_lists exceptions public_uses exported_data allowed
+  check_lists exceptions seams public_uses exported_data allowed
 fi
 [ "$offences" -eq 0 ] || { echo "$offences offences"; exit 1; }
 echo "Layers and calls: fine"

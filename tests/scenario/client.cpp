@@ -395,6 +395,12 @@ void set_option(const string& name, const string& value) {
   static const std::map<string, uint32_t> numbers = {
       NAMED(SSL_METHOD),  NAMED(VERIFY_PEER), NAMED(MAX_REDIRECTS), NAMED(MAX_FILE_SIZE),
       NAMED(NET_TIMEOUT), NAMED(IPV6),        NAMED(VERIFY_HOST),   NAMED(AUTH_RETRY_LIMIT)};
+#define EXTRA(extra) \
+  { "EXTRA_" #extra, DL_EXTRA_##extra }
+  static const std::map<string, uint32_t> extras = {
+      EXTRA(REDIRECTS),   EXTRA(PROXY),           EXTRA(DIGEST),          EXTRA(WHOLE_BODIES),
+      EXTRA(RESUME),      EXTRA(FTP_FALLBACKS),   EXTRA(FTP_TLS),         EXTRA(TFTP_PORTS),
+      EXTRA(TFTP_WINDOW), EXTRA(TFTP_BLOCK_SIZE), EXTRA(KEPT_CONNECTIONS)};
   if (texts.contains(name)) {
     dl_set_option(texts.at(name), value.c_str());
   } else if (name == "RING_ENTRY") {  // slot, number, name
@@ -407,6 +413,11 @@ void set_option(const string& name, const string& value) {
     dl_set_tls_wait_limit(static_cast<uint32_t>(std::stoul(value)));
   } else if (name == "ANY_SSL_METHOD") {  // dl_set_option() takes no number above 3
     g_dl_cfg.ssl_method = static_cast<uint32_t>(std::stoul(value));
+  } else if (name == "SIZE_LIMIT") {
+    if (dl_set_size_limit(std::stoull(value)) != 0) throw std::runtime_error("a limit was refused");
+  } else if (extras.contains(name)) {
+    if (dl_set_extra(extras.at(name), static_cast<uint32_t>(std::stoul(value))) != 0)
+      throw std::runtime_error("an extra was refused");
   } else {
     set_number(numbers.at(name), static_cast<uint32_t>(std::stoul(value)));
   }

@@ -6,7 +6,8 @@
 //                                                      with spaces stands in quotes ("X: 1\r\n")
 //   with auth=2                                        further arguments of the call; null=redirect,result are the
 //                                                      pointers that it gets as null
-//   set MAX_FILE_SIZE 1000                             an option (enum dl_option without its prefix; TLS_WAIT too)
+//   set MAX_FILE_SIZE 1000                             an option (enum dl_option without its prefix; TLS_WAIT,
+//                                                      SIZE_LIMIT and enum dl_extra as EXTRA_REDIRECTS too)
 //   host b.test = 10.0.0.9 fd00::9                     a name; a.test to z.test are 10.0.0.1 to .26, others unknown
 //   secret s3cret                                      no log line may hold it; password= is one by itself
 //   fails sendto-EINTR 2                              a fault (faults.h) that is part of it, at this call; with

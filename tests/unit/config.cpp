@@ -41,6 +41,30 @@ std::vector<int64_t> stored_numbers() {
   return {max_redirects(), max_file_size(), auth_retry_limit(),    tls.method,
           tls.verify_peer, tls.verify_host, net_timeout_seconds(), ipv6_enabled()};
 }
+TEST_F(config, extras_are_off_until_they_are_set) {
+  struct {
+    uint32_t extra, most, refused;
+  } const rows[] = {{2, 1, 2}, {3, 1, 2}, {4, 1, 2},          {5, 1, 2},      {6, 1, 2},      {7, 1, 2},
+                    {8, 1, 2}, {9, 1, 2}, {10, 65535, 65536}, {11, 65464, 7}, {11, 8, 65465}, {12, 64, 65}};
+  EXPECT_EQ(dl_set_extra(0, 0) + dl_set_extra(13, 0) + dl_set_extras(2) + dl_set_size_limit(UINT64_MAX), -4);
+  for (const auto& row : rows) {
+    EXPECT_EQ(dl_get_extra(row.extra), 0U);
+    EXPECT_EQ(dl_set_extra(row.extra, row.most), 0);
+    EXPECT_EQ(dl_set_extra(row.extra, row.refused), -1);
+    EXPECT_EQ(dl_get_extra(row.extra), row.most) << row.extra;
+    EXPECT_EQ(dl_set_extras(DL_EXTRAS_NONE), 0);
+  }
+  EXPECT_EQ(dl_set_extra(DL_EXTRA_TLS_WAIT_LIMIT, 9), 0);
+  EXPECT_EQ(dl_set_extras(DL_EXTRAS_RECOMMENDED), 0);
+  for (const uint32_t off : {6U, 8U, 11U}) EXPECT_EQ(dl_get_extra(off), 0U);
+  for (const uint32_t on : {1U, 2U, 3U, 4U, 5U, 7U, 9U, 10U, 12U}) EXPECT_NE(dl_get_extra(on), 0U) << on;
+  dl_exit();
+  dl_config_init();
+  EXPECT_EQ(dl_get_extra(DL_EXTRA_REDIRECTS), 0U);
+  EXPECT_EQ(dl_get_extra(DL_EXTRA_TLS_WAIT_LIMIT), 9U) << "as its own call has it";
+  dl_set_tls_wait_limit(0);
+}
+
 const std::vector<int64_t> default_numbers = {5, 2097152, 2, 0, 0, 0, 1, 0};
 
 TEST_F(config, the_first_option_initialises_and_the_end_clears_all) {
