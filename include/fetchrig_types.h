@@ -147,7 +147,7 @@ enum dl_extra {
   DL_EXTRA_TLS_WAIT_LIMIT = 1,   /**< seconds: as dl_set_tls_wait_limit(), and kept as that is by dl_exit() */
   DL_EXTRA_REDIRECTS = 2,        /**< 0..1: 303, 307, 308, relative targets (RFC 9110, RFC 3986); never https to http */
   DL_EXTRA_PROXY = 3,            /**< 0..1: absolute-form requests, CONNECT for https, authentication by the proxy */
-  DL_EXTRA_DIGEST = 4,           /**< 0..1: Digest by RFC 7616: SHA-256, SHA-512-256, auth-int; the strongest is answered */
+  DL_EXTRA_DIGEST = 4,           /**< 0..1: Digest by RFC 7616: SHA-256, SHA-512-256, auth-int; answers the strongest */
   DL_EXTRA_WHOLE_BODIES = 5,     /**< 0..1: a body that ends early fails; 64-bit lengths; dl_set_size_limit() holds */
   DL_EXTRA_RESUME = 6,           /**< 0..1: dl_download() goes on with the partial file of an earlier try */
   DL_EXTRA_FTP_FALLBACKS = 7,    /**< 0..1: EPSV refused means PASV; data connections lead to the server itself */
