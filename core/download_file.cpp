@@ -75,7 +75,7 @@ int download_file::finish(dl_result* result) {
 int download_file::judge(uint64_t total, dl_result* result) {
   total_ = total;
   if (total <= limit_) return 0;
-  total_ = std::min(total, (uint64_t{limit_} / step_ + 1) * step_);
+  total_ = std::min(total, (limit_ / step_ + 1) * step_);
   log_line(module_, DL_LOG_ERROR, "exceed max size\n");
   return fail_exceeded(result, limit_);
 }

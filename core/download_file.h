@@ -20,8 +20,8 @@ namespace fetchrig {
 
 class download_file {
  public:
-  // `module` logs; `step` is the block size in bytes; `limit` is option 6.
-  download_file(int module, uint32_t step, uint32_t limit) : module_(module), step_(step), limit_(limit) {}
+  // `module` logs; `step` is the block size in bytes; `limit` is the largest file, in bytes.
+  download_file(int module, uint32_t step, uint64_t limit) : module_(module), step_(step), limit_(limit) {}
   ~download_file();
   download_file(const download_file&) = delete;
   download_file& operator=(const download_file&) = delete;
@@ -49,7 +49,7 @@ class download_file {
 
   int module_;
   uint32_t step_;
-  uint32_t limit_;
+  uint64_t limit_;
   unique_fd fd_;
   std::string path_;
   std::unique_ptr<char[]> buffer_;

@@ -25,6 +25,11 @@ struct transfer_extras {
   uint32_t tftp_blksize = 0;
   uint32_t kept_connections = 0;
   uint64_t size_limit = 0;  // bytes; 0: option 6
+
+  // The largest file of a transfer, where option 6 says `option`.
+  [[nodiscard]] uint64_t max_file_size(uint32_t option) const {
+    return whole_bodies && size_limit != 0 ? size_limit : option;
+  }
 };
 
 #if FETCHRIG_EXTRAS

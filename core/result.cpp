@@ -2,6 +2,7 @@
 // result.cpp: the one table of result codes and their texts.
 #include "core/result.h"
 
+#include <inttypes.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -78,10 +79,12 @@ int fail_with_text(dl_result* result, int code, const char* text, unsigned max_l
   return -1;
 }
 
-int fail_exceeded(dl_result* result, uint32_t max_file_size) {
+int fail_exceeded(dl_result* result, uint64_t max_file_size) {
   if (!result) return -1;
+  const auto shown =
+      max_file_size <= UINT32_MAX ? static_cast<int32_t>(max_file_size) : static_cast<int64_t>(max_file_size);
   result->code = DL_ERR_READ;
-  snprintf(result->message, sizeof result->message, "exceed max size %d", static_cast<int>(max_file_size));
+  snprintf(result->message, sizeof result->message, "exceed max size %" PRId64, shown);
   return -1;
 }
 

@@ -22,8 +22,8 @@ int fail_with_code(dl_result* result, int code);
 // Stores the code and a text of its own (cut to `max_len` characters, 255 at most) and returns -1.
 int fail_with_text(dl_result* result, int code, const char* text, unsigned max_len = 255);
 
-// The size-limit failure: -8 and "exceed max size %d". Returns -1.
-int fail_exceeded(dl_result* result, uint32_t max_file_size);
+// The size-limit failure: -8 and "exceed max size %d", a limit of option 6 being a signed number there. Returns -1.
+int fail_exceeded(dl_result* result, uint64_t max_file_size);
 
 }  // namespace fetchrig
 #endif
