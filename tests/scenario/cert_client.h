@@ -12,7 +12,7 @@ namespace scenario {
 
 bool is_certificate_call(const story& told);
 // In the story's directory, which has been planted; options are set.
-void play_certificate_call(const story& told, const std::string& directory, outcome& seen);
+void play_certificate_call(call_record& call, const std::string& directory);
 // The rules of a run with a fault.
 std::vector<std::string> broken_certificate_rules(const story& told, const outcome& whole,
                                                   const outcome& seen);

@@ -1,9 +1,6 @@
 // cert_table.cpp: makes certificates from their descriptions.
 #include "tests/scenario/cert_table.h"
 
-#include <openssl/bio.h>
-#include <openssl/pem.h>
-
 #include <algorithm>
 #include <map>
 #include <stdexcept>
@@ -75,27 +72,18 @@ const test::identity& identity_of(const string& text) {
 
 namespace {
 
-string locked_der(const EVP_PKEY* key, const string& passphrase) {
-  const std::unique_ptr<BIO, decltype(&BIO_free_all)> to(BIO_new(BIO_s_mem()), BIO_free_all);
-  i2d_PKCS8PrivateKey_bio(to.get(), key, EVP_aes_128_cbc(), passphrase.data(),
-                          static_cast<int>(passphrase.size()), nullptr, nullptr);
-  char* bytes = nullptr;
-  const long length = BIO_get_mem_data(to.get(), &bytes);
-  return {bytes, static_cast<std::size_t>(length)};
-}
-
-string text_of(const string& word, const string& rest) {
-  const std::vector<string> words = words_of(rest);
-  const test::identity& who = identity_of(word.starts_with("locked") ? words.at(0) : rest);
-  if (word == "cert") return test::pem_of(who);
-  if (word == "der") return test::der_of(who);
-  if (word == "key") return test::pem_of(who.key.get());
-  if (word == "derkey") return test::der_of(who.key.get());
-  if (word == "locked") return test::pem_of(who.key.get(), words.at(1).c_str());
-  if (word == "lockedder") return locked_der(who.key.get(), words.at(1));
-  if (word == "crl") return test::crl_pem_of(who);
-  return test::hash_name_of(who).substr(0, 8);
-}
+// Behind the name of the certificate, a pass phrase.
+using text_maker = string (*)(const test::identity& of, const char* passphrase);
+const std::map<string, text_maker> texts = {
+    {"cert", [](const test::identity& of, const char*) { return test::pem_of(of); }},
+    {"der", [](const test::identity& of, const char*) { return test::der_of(of); }},
+    {"key", [](const test::identity& of, const char*) { return test::pem_of(of.key.get()); }},
+    {"derkey", [](const test::identity& of, const char*) { return test::der_of(of.key.get()); }},
+    {"locked", [](const test::identity& of, const char* by) { return test::pem_of(of.key.get(), by); }},
+    {"lockedder", [](const test::identity& of, const char* by) { return test::der_of(of.key.get(), by); }},
+    {"crl", [](const test::identity& of, const char*) { return test::crl_pem_of(of); }},
+    {"hash", [](const test::identity& of, const char*) { return test::hash_name_of(of).substr(0, 8); }},
+};
 
 }  // namespace
 
@@ -120,12 +108,13 @@ void define_certificate(const string& line) {
 }
 
 std::optional<string> certificate_text(const string& word, const string& rest) {
-  static const std::vector<string> known = {"cert",   "der",       "key", "derkey",
-                                            "locked", "lockedder", "crl", "hash"};
-  if (std::find(known.begin(), known.end(), word) == known.end()) return std::nullopt;
-  static std::map<string, string> texts;  // an encrypted key is another each time it is made
-  const auto [found, is_new] = texts.try_emplace(word + " " + rest);
-  if (is_new) found->second = text_of(word, rest);
+  const auto known = texts.find(word);
+  if (known == texts.end()) return std::nullopt;
+  static std::map<string, string> made_before;  // an encrypted key is another each time it is made
+  const auto [found, is_new] = made_before.try_emplace(word + " " + rest);
+  const std::vector<string> words = words_of(rest);
+  const bool locks = word.starts_with("locked");
+  if (is_new) found->second = known->second(identity_of(locks ? words.at(0) : rest), words.back().c_str());
   return found->second;
 }
 

@@ -14,6 +14,7 @@
 #include "include/fetchrig.h"
 #include "include/fetchrig_openssl.h"
 #include "tests/scenario/cert_client.h"
+#include "tests/support/log_capture.h"
 
 namespace scenario {
 namespace {
@@ -23,51 +24,12 @@ using std::string;
 
 std::vector<log_line> log_lines;
 
-// "QXFR[42]: HTTP<3+error > text\n".
 int take_line(const char* bytes, int32_t length) {
   const host hold;
-  string line(bytes, static_cast<std::size_t>(length));
-  if (line.ends_with('\n')) line.pop_back();
-  const std::size_t at = line.find("]: ");
-  const bool whole = at != string::npos && line.size() >= at + 18;
-  log_lines.push_back(whole ? log_line{line[at + 8] - '0', trim(line.substr(at + 3, 4)), line.substr(at + 18)}
-                            : log_line{0, "", line});
+  const test::log_message line = test::parsed_line({bytes, static_cast<std::size_t>(length)});
+  log_lines.push_back({line.level, trim(line.module), line.text});
   return 0;
 }
-
-// What a verb works with.
-struct call_record {
-  const story& told;
-  outcome& seen;
-  string local, upload;
-  dl_result result = {untouched_code, ""};
-  char redirect[DL_REDIRECT_SIZE] = {};
-
-  // The place, or null where the story says so.
-  template <typename Place>
-  Place* given(const char* name, Place* place) const {
-    const char* nulls = told.argument("null");
-    return nulls && strstr(nulls, name) ? nullptr : place;
-  }
-  const char* word(std::size_t at) const { return told.words.at(at).c_str(); }
-  const char* text(const char* name) const { return told.argument(name); }
-  dl_result* result_place() { return given("result", &result); }
-  char* redirect_place() { return given("redirect", redirect); }
-  const char* local_path() const { return text("to") && !*text("to") ? nullptr : local.c_str(); }
-  const char* upload_path() const { return given("file", upload.c_str()); }
-  dl_request request() const { return {word(0), text("user"), text("password"), text("proxy")}; }
-  dl_http_request http_request(int32_t method) const {
-    return {method, word(0), text("user"), text("password"), text("proxy"), text("headers"), text("body")};
-  }
-  // Makes the call by which the story is judged.
-  template <typename Call>
-  void make(Call one) {
-    seen.rc = made(one);
-    seen.code = result.code;
-    seen.message.assign(result.message, strnlen(result.message, sizeof result.message));
-    seen.told["redirect"] = redirect;
-  }
-};
 
 // "1,2,3".
 std::vector<string> parts_of(string list) {
@@ -167,7 +129,8 @@ void use_handle(call_record& call) {
 void read_http(call_record& call, dl_http_session* session) {
   read_all(call, session, dl_http_read);
   call.seen.told["left"] = std::to_string(session->remaining);
-  if (session->chunk && session->chunk->capacity > 65538u + static_cast<uint32_t>(call.told.number("size", 64)))
+  if (session->chunk &&
+      session->chunk->capacity > 65538u + static_cast<uint32_t>(call.told.number("size", 64)))
     call.seen.broken.push_back("holds a whole large chunk");
 }
 
@@ -435,11 +398,13 @@ std::optional<string> content_of(const string& path) {
 }
 
 fault_plan plan_of(const story& told, const run& with) {
-  if (told.fault.empty()) return {.what = with.what, .lasting = with.lasting, .nth = with.nth};
+  if (told.fault.empty()) return {.what = with.what, .nth = with.nth, .times = with.times};
   const auto own = std::find_if(std::begin(faults), std::end(faults),
                                 [&](const fault& one) { return told.fault[0] == one.name; });
   if (own == std::end(faults)) throw std::runtime_error("unknown fault " + told.fault[0]);
-  return {.what = own, .lasting = told.fault.size() > 2, .nth = std::stol(told.fault.at(1))};
+  return {.what = own,
+          .nth = std::stol(told.fault.at(1)),
+          .times = told.fault.size() > 2 ? std::stol(told.fault[2]) : 1};
 }
 
 string cause_now() {
@@ -508,16 +473,16 @@ outcome stage::play(const story& told, const run& with) {
   conversation talk(told, certificates_);
   net.start(talk, with.network);
   net.hosts = told.hosts;
-  net.num_busy_ports = told.num_busy_ports;
   set_options(told);
   log_lines.clear();
   const auto before = open_descriptors();
   auto names = test::names_in(place_.path());
   const int64_t start_us = net.clock_us;
   plan = plan_of(told, with);
+  if (!told.secrets.empty()) plan.secret = told.secrets.back().c_str();
   if (told.argument("state")) dl_exit();  // the library is not initialised
   if (is_certificate_call(told)) {
-    play_certificate_call(told, place_.path() + "/w", seen);
+    play_certificate_call(call, place_.path() + "/w");
   } else if (const auto known = verbs.find(told.verb); known != verbs.end()) {
     known->second(call);
   } else {
@@ -525,6 +490,7 @@ outcome stage::play(const story& told, const run& with) {
   }
   seen.counts.assign(std::begin(plan.counts), std::end(plan.counts));
   plan.what = nullptr;
+  if (plan.secret_freed) seen.broken.push_back("memory is given back with a password in it");
 
   net.settle();
   seen.struck = plan.happened || net.struck;

@@ -2,12 +2,15 @@
 #ifndef FETCHRIG_TESTS_SCENARIO_CLIENT_H
 #define FETCHRIG_TESTS_SCENARIO_CLIENT_H
 
+#include <string.h>
+
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "include/fetchrig.h"
 #include "tests/scenario/faults.h"
 #include "tests/scenario/network.h"
 #include "tests/scenario/peers.h"
@@ -20,8 +23,7 @@ namespace scenario {
 struct run {
   conditions network;
   const fault* what = nullptr;
-  bool lasting = false;
-  long nth = 0;
+  long nth = 0, times = 1;
 };
 
 struct outcome {
@@ -51,6 +53,40 @@ auto made(Call one) {
   plan.active = false;
   return rc;
 }
+
+// What a verb works with.
+struct call_record {
+  const story& told;
+  outcome& seen;
+  std::string local, upload;
+  dl_result result = {untouched_code, ""};
+  char redirect[DL_REDIRECT_SIZE] = {};
+
+  // The place, or null where the story says so.
+  template <typename Place>
+  Place* given(const char* name, Place* place) const {
+    const char* nulls = told.argument("null");
+    return nulls && strstr(nulls, name) ? nullptr : place;
+  }
+  const char* word(std::size_t at) const { return at < told.words.size() ? told.words[at].c_str() : nullptr; }
+  const char* text(const char* name) const { return told.argument(name); }
+  dl_result* result_place() { return given("result", &result); }
+  char* redirect_place() { return given("redirect", redirect); }
+  const char* local_path() const { return text("to") && !*text("to") ? nullptr : local.c_str(); }
+  const char* upload_path() const { return given("file", upload.c_str()); }
+  dl_request request() const { return {word(0), text("user"), text("password"), text("proxy")}; }
+  dl_http_request http_request(int32_t method) const {
+    return {method, word(0), text("user"), text("password"), text("proxy"), text("headers"), text("body")};
+  }
+  // Makes the call by which the story is judged.
+  template <typename Call>
+  void make(Call one) {
+    seen.rc = made(one);
+    seen.code = result.code;
+    seen.message.assign(result.message, strnlen(result.message, sizeof result.message));
+    seen.told["redirect"] = redirect;
+  }
+};
 
 class stage {
  public:

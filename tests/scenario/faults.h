@@ -70,9 +70,10 @@ struct fault_plan {
   bool active = false;  // the library is at work
   int host_depth = 0;
   const fault* what = nullptr;
-  bool lasting = false;  // all further calls fail as well
-  long nth = 0;
+  long nth = 0, times = 1;  // the first call that fails, and how many do
   bool happened = false;
+  const char* secret = nullptr;  // that no memory may hold when it is given back
+  bool secret_freed = false;
   long counts[static_cast<int>(call::num_calls)] = {};  // of each call
 };
 extern constinit fault_plan plan;

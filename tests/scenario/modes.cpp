@@ -1,6 +1,7 @@
 // modes.cpp: the ways in which a story is played and the rules for each.
 #include "tests/scenario/modes.h"
 
+#include <limits.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -49,7 +50,7 @@ bool tells_end(const story& told) {
 bool may_end_early(const story& told, const outcome& whole, const run& with) {
   const std::string& url = told.words.at(0);
   const bool http = !url.starts_with("ftp:") && !url.starts_with("tftp:");
-  const bool behind_tls = !told.connections.empty() && !told.connections.back().certificate.empty();
+  const bool behind_tls = !told.connections.empty() && told.connections.back().has("tls");
   const bool untrusted = whole.code == DL_ERR_CONNECT && behind_tls;
   const bool ring = told.verb == "ring" && tells_end(told);
   return http && with.network.how == cut::end && !with.network.cut_up && !untrusted && !ring;
@@ -205,8 +206,9 @@ void player::fail_each_call(const story& told) {
       if (lasting && !one.may_last()) continue;
       play_chosen(told, name + (lasting ? "-lasting" : ""),
                   whole_.counts[static_cast<std::size_t>(one.which)],
-                  tally_.faults[name.substr(0, name.find('-'))],
-                  [&](long n) { return run{.network = {}, .what = &one, .lasting = lasting, .nth = n}; });
+                  tally_.faults[name.substr(0, name.find('-'))], [&](long n) {
+                    return run{.network = {}, .what = &one, .nth = n, .times = lasting ? LONG_MAX : 1};
+                  });
     }
   }
 }

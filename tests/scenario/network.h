@@ -96,7 +96,6 @@ class network {
   std::string failure;  // a wait that would never end
   int64_t clock_us = noon_us;
   bool interrupts = false;  // a signal comes to the next wait
-  int num_busy_ports = 0;   // so many more are taken
   int bound_port = 0;       // the last one
 
   struct socket_state {

@@ -64,7 +64,7 @@ conversation::conversation(const story& told, certificates& known) : told_(told)
   for (const connection& one : told.connections) {
     parties_.push_back(std::make_unique<party>());
     parties_.back()->from = one.at;
-    if (!one.certificate.empty()) known.context(one.certificate);  // made in nobody's call
+    if (one.has("tls")) known.context(one.certificate());  // made in nobody's call
   }
 }
 conversation::~conversation() = default;
@@ -73,20 +73,18 @@ std::shared_ptr<link> conversation::accept(const endpoint& server, bool datagram
   for (std::size_t i = 0; i < parties_.size(); ++i) {
     party& by = *parties_[i];
     const connection& plan = told_.connections[i];
-    if (by.way || plan.at != server || plan.datagrams != datagrams) continue;
+    if (by.way || plan.at != server || plan.has("udp") != datagrams) continue;
     by.way = std::make_shared<link>();
-    by.way->mute = plan.mute;
-    by.way->interrupted = plan.interrupted;
-    if (plan.certificate.empty()) return by.way;
-    by.tls.reset(SSL_new(known_.context(plan.certificate)));
+    by.way->mute = plan.has("mute");
+    by.way->interrupted = plan.has("interrupted");
+    if (!plan.has("tls")) return by.way;
+    by.tls.reset(SSL_new(known_.context(plan.certificate())));
     SSL_set_bio(by.tls.get(), BIO_new(BIO_s_mem()), BIO_new(BIO_s_mem()));
     SSL_set_accept_state(by.tls.get());
-    const int version = plan.version == "1.0"   ? TLS1_VERSION
-                        : plan.version == "1.2" ? TLS1_2_VERSION
-                                                : TLS1_3_VERSION;
-    if (!plan.version.empty()) SSL_set_min_proto_version(by.tls.get(), version);
-    if (!plan.version.empty()) SSL_set_max_proto_version(by.tls.get(), version);
-    if (plan.demands)
+    const int version = plan.has("version") ? TLS1_VERSION + plan.with.at("version").back() - '0' : 0;
+    SSL_set_min_proto_version(by.tls.get(), version);
+    SSL_set_max_proto_version(by.tls.get(), version);
+    if (plan.has("demands"))
       SSL_set_verify(by.tls.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
     return by.way;
   }
@@ -233,7 +231,7 @@ std::vector<std::string> conversation::problems() {
   for (std::size_t i = 0; i < parties_.size(); ++i) {
     const connection& plan = told_.connections[i];
     const char* asked = parties_[i]->secured ? SSL_get_servername(parties_[i]->tls.get(), 0) : nullptr;
-    if (!plan.server_name.empty() && plan.server_name != (asked ? asked : "none"))
+    if (plan.has("sni") && plan.with.at("sni") != (asked ? asked : "none"))
       problems_.push_back(std::string("asks for the server ") + (asked ? asked : "none"));
   }
   for (const auto& by : parties_) {

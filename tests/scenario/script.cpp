@@ -206,7 +206,7 @@ class reader {
   void ask(const string& rest) {
     const connection& here = into_.connections.at(at_);
     const std::vector<string> words = words_of(split(rest, " =").first);
-    const bool tls = !here.certificate.empty();
+    const bool tls = here.has("tls");
     string host = here.host.find(':') == string::npos ? here.host : "[" + here.host + "]";
     if (here.at.port != (tls ? 443 : 80)) host += ":" + std::to_string(here.at.port);
     if (words.size() > 2) host = split(words[2], "host=").second;
@@ -229,25 +229,18 @@ class reader {
     one.at = {known == into_.hosts.end() ? one.host : known->second.at(0),
               std::stoi(words[0].substr(colon + 1))};
     for (std::size_t i = 1; i < words.size(); ++i) {
-      const auto [what, value] = split(words[i], "=");
-      if (what == "tls") one.certificate = value.empty() ? "server" : value;
-      if (what == "version") one.version = value;
-      if (what == "sni") one.server_name = value;
-      if (what == "as") one.name = words.at(++i);
-      one.demands |= what == "demands";
-      one.datagrams |= what == "udp";
-      one.mute |= what == "mute";
-      one.interrupted |= what == "interrupted";
+      one.with.insert(split(words[i], "="));
     }
     at_ = into_.connections.size();
     into_.connections.push_back(one);
-    stays_open_.push_back(one.datagrams);
+    stays_open_.push_back(one.has("udp"));
     add("connect");
   }
   void go_on_with(const string& name) {
     const auto& all = into_.connections;
-    const auto found =
-        std::find_if(all.begin(), all.end(), [&](const auto& one) { return one.name == name; });
+    const auto found = std::find_if(all.begin(), all.end(), [&](const connection& one) {
+      return one.has("as") && one.with.at("as") == name;
+    });
     if (found == all.end()) throw std::runtime_error("no connection " + name);
     at_ = static_cast<std::size_t>(found - all.begin());
   }
@@ -333,7 +326,6 @@ class reader {
         {"log", [](reader& in, const string& text) { in.log(text); }},
         {"alone", [](reader& in, const string&) { in.into_.alone = true; }},
         {"damaged", [](reader& in, const string& text) { in.into_.damaged = text; }},
-        {"busy", [](reader& in, const string& text) { in.into_.num_busy_ports = std::stoi(text); }},
         {"secret", [](reader& in, const string& text) { in.into_.secrets.push_back(in.bytes(text)); }},
         {"set", [](reader& in, const string& text) { in.pair(in.into_.options, text, " "); }},
         {"field", [](reader& in, const string& text) { in.pair(in.into_.expected.fields, text, " ="); }},
@@ -345,7 +337,7 @@ class reader {
          }},
         {"fails", [](reader& in, const string& text) { in.into_.fault = words_of(text); }},
     };
-    static const std::set<string> before_call = {"alone", "set", "host", "busy", "fails", "at", "damaged"};
+    static const std::set<string> before_call = {"alone", "set", "host", "fails", "at", "damaged"};
     if (into_.verb.empty() && !before_call.contains(word)) {
       into_.verb = word;
       arguments(rest);

@@ -9,11 +9,11 @@
 //   set MAX_FILE_SIZE 1000                             an option (enum dl_option without its prefix; TLS_WAIT,
 //                                                      SIZE_LIMIT and enum dl_extra as EXTRA_REDIRECTS too)
 //   host b.test = 10.0.0.9 fd00::9                     a name; a.test to z.test are 10.0.0.1 to .26, others unknown
-//   secret s3cret                                      no log line may hold it; password= is one by itself
-//   fails sendto-EINTR 2                              a fault (faults.h) that is part of it, at this call; with
-//                                                     "lasting" behind it at all later ones too; without any others
+//   secret s3cret                                      no log line may hold it, nor memory that is given back (the
+//                                                      last one alone); password= is one by itself
+//   fails bind-EADDRINUSE 2 9                          a fault (faults.h) that is part of it, from this call on so
+//                                                      many times, or once; without any others
 //   alone                                              no faults, cuts and silences are played
-//   busy 29                                           local ports that are taken before one is free
 //   let refused = Connect Failed!                     {refused} stands for the text from here on
 //   -- login ... do login                             lines that have a name of their own instead of "==", and
 //                                                     their place;  5x < NOOP  is a line five times
@@ -36,7 +36,7 @@
 //                               that certificate (server, foreign, elsewhere, or the file's own), version=1.2;
 //                               sni=a.test or sni=none is the name that the client must ask for; `demands` a
 //                               certificate of it, by `authority`, which is what it trusts; `udp` makes it datagrams;
-//                               `as NAME` names it; `mute` lets no connection come about; `interrupted`:
+//                               as=NAME names it; `mute` lets no connection come about; `interrupted`:
 //                               a signal comes while the client connects
 //   @ NAME                      goes on with that connection
 //   @ a.test:80 ask GET /f      connects and asks
@@ -99,6 +99,8 @@ namespace scenario {
 
 inline constexpr int untouched_code = 77;  // in the result before the call
 
+using facts = std::map<std::string, std::string>;
+
 struct step {
   std::string what;  // its word; "connect", "close" for those without one
   std::size_t connection;
@@ -109,12 +111,10 @@ struct step {
 struct connection {
   endpoint at;
   std::string host;  // as written
-  std::string name;
-  std::string certificate;  // empty: no TLS
-  std::string version;      // of TLS, empty: any
-  std::string server_name;  // that the client must ask for; "none"; empty: whatever
-  bool demands = false;     // a certificate of the client
-  bool datagrams = false, mute = false, interrupted = false;
+  facts with;        // the words behind it and their values
+
+  bool has(const char* word) const { return with.contains(word); }
+  std::string certificate() const { return with.at("tls").empty() ? "server" : with.at("tls"); }
 };
 
 struct log_line {
@@ -123,8 +123,6 @@ struct log_line {
   std::string text;
   bool operator==(const log_line&) const = default;
 };
-
-using facts = std::map<std::string, std::string>;
 
 struct expectation {
   int code = 0;
@@ -152,9 +150,8 @@ struct story {
   std::vector<step> steps;
   expectation expected;
   std::vector<std::pair<std::string, node>> files;  // there before the call
-  int num_busy_ports = 0;
-  std::string damaged;             // one of them
-  std::vector<std::string> fault;  // of its own: name, number of the call, "lasting"
+  std::string damaged;                              // one of them
+  std::vector<std::string> fault;                   // of its own: name, number of the call, how often
 
   // Null when it was not given.
   const char* argument(const std::string& key) const {

@@ -34,7 +34,7 @@ EARLY bool strikes(call which) {
   if (!plan.active || plan.host_depth > 0) return false;
   const long count = ++plan.counts[static_cast<int>(which)];
   if (!plan.what || plan.what->which != which) return false;
-  if (plan.lasting ? count < plan.nth : count != plan.nth) return false;
+  if (count < plan.nth || count - plan.nth >= plan.times) return false;
   plan.happened = true;
   if (plan.what->error > 0) errno = plan.what->error;
   return true;
@@ -91,6 +91,14 @@ const char* own_place(const char* path) {
   if (name == "/tmp") return ".";
   const bool moves = name.starts_with(all) && !name.starts_with(ours) && name.rfind('/') < all.size();
   return moves ? path + all.size() : path;
+}
+
+// The machine's own devices outlive a library that would replace or remove them.
+bool is_device(const char* path) {
+  if (!std::string_view(path).starts_with("/dev/")) return false;
+  net.failure = "replaces or removes a device";
+  errno = EPERM;
+  return true;
 }
 
 // Looks a name up in the table of the run.
@@ -221,11 +229,11 @@ REPLACED int fsync(int fd) {
 }
 REPLACED int rename(const char* from, const char* to) noexcept {
   return faulty(call::rename, [&] {
-    return syscall(SYS_renameat2, AT_FDCWD, own_place(from), AT_FDCWD, own_place(to), 0);
+    return is_device(to) ? -1 : syscall(SYS_renameat2, AT_FDCWD, own_place(from), AT_FDCWD, own_place(to), 0);
   });
 }
 REPLACED int unlink(const char* path) noexcept {
-  return static_cast<int>(syscall(SYS_unlinkat, AT_FDCWD, own_place(path), 0));
+  return is_device(path) ? -1 : static_cast<int>(syscall(SYS_unlinkat, AT_FDCWD, own_place(path), 0));
 }
 // What is closed is closed, whatever is told of it.
 REPLACED int close(int fd) {

@@ -19,6 +19,14 @@ struct log_message {
   std::string text;  // without prefix and line feed; "(no line feed)" is added when that is missing
 };
 
+// "QXFR[42]: HTTP<3+error > text\n".
+inline log_message parsed_line(std::string line) {
+  if (line.ends_with('\n')) line.pop_back();
+  const std::size_t at = line.find("]: ");
+  if (at == std::string::npos || line.size() < at + 18) return {"", -1, line};
+  return {line.substr(at + 3, 4), line[at + 8] - '0', line.substr(at + 18)};
+}
+
 class log_capture {
  public:
   // Callback only, level 7 for every module; empty.
@@ -63,17 +71,12 @@ class log_capture {
  private:
   static constexpr std::size_t longest_line = 382;  // longer ones are cut, and lose their line feed
 
-  // "QXFR[42]: HTTP<3+error > text\n".
   static int take_line(const char* bytes, int32_t length) {
     std::string line(bytes, static_cast<std::size_t>(length));
     const std::lock_guard hold(lock_);
     raw_ += line;
     if (line.size() < longest_line && !line.ends_with('\n')) line += "(no line feed)\n";
-    if (line.ends_with('\n')) line.pop_back();
-    const std::size_t at = line.find("]: ");
-    const bool whole = at != std::string::npos && line.size() >= at + 18;
-    kept_.push_back(whole ? log_message{line.substr(at + 3, 4), line[at + 8] - '0', line.substr(at + 18)}
-                          : log_message{"", -1, line});
+    kept_.push_back(parsed_line(line));
     return 0;
   }
 

@@ -123,8 +123,12 @@ std::string der_of(const X509* certificate) {
   return written([&](BIO* to) { return i2d_X509_bio(to, certificate); });
 }
 
-std::string der_of(const EVP_PKEY* key) {
-  return written([&](BIO* to) { return i2d_PrivateKey_bio(to, key); });
+std::string der_of(const EVP_PKEY* key, const char* passphrase) {
+  const auto encrypted = [&](BIO* to) {
+    return i2d_PKCS8PrivateKey_bio(to, key, EVP_aes_128_cbc(), passphrase,
+                                   static_cast<int>(strlen(passphrase)), nullptr, nullptr);
+  };
+  return passphrase ? written(encrypted) : written([&](BIO* to) { return i2d_PrivateKey_bio(to, key); });
 }
 
 std::shared_ptr<X509> certificate_in(const std::string& text) {

@@ -57,7 +57,7 @@ std::string der_of(const X509* certificate);
 inline std::string der_of(const identity& who) {
   return der_of(who.certificate.get());
 }
-std::string der_of(const EVP_PKEY* key);
+std::string der_of(const EVP_PKEY* key, const char* passphrase = nullptr);
 
 // The first certificate of a PEM text, or of DER; null when there is none.
 std::shared_ptr<X509> certificate_in(const std::string& text);
