@@ -33,6 +33,10 @@ void empty_if_named(int fd) {
 }  // namespace
 
 download_file::~download_file() {
+  if (place_ && held_ > 0) {
+    const int error = write_all(target(), {buffer_.get(), held_});
+    if (error != 0) log_line(module_, DL_LOG_WARNING, "partial file is shorter, errno %d\n", error);
+  }
   if (!fd_) return;
   written_file(fd_.get(), path_.c_str()).remove();
   empty_if_named(fd_.get());
@@ -50,6 +54,13 @@ bool download_file::open(const char* path) {
   return false;
 }
 
+void download_file::open(download_place& place) {
+  buffer_ = std::make_unique_for_overwrite<char[]>(buffer_bytes);
+  path_.assign(place.path());
+  received_ = place.held();
+  place_ = &place;
+}
+
 std::span<char> download_file::room() {
   return {buffer_.get() + held_, buffer_bytes - held_};
 }
@@ -64,6 +75,7 @@ int download_file::accept(uint32_t count, dl_result* result) {
 int download_file::finish(dl_result* result) {
   if (const int rc = judge(received_, result); rc < 0) return rc;
   if (const int rc = flush(result); rc < 0) return rc;
+  if (place_) return complete(result);
   const written_file written(fd_.get(), path_.c_str());  // while there still is a descriptor to go by
   if (::close(fd_.release()) == 0) return 0;
   const int rc = write_failed(result, "close", errno);
@@ -81,10 +93,17 @@ int download_file::judge(uint64_t total, dl_result* result) {
 }
 
 int download_file::flush(dl_result* result) {
-  if (const int error = write_all(fd_.get(), {buffer_.get(), held_}); error != 0)
+  if (const int error = write_all(target(), {buffer_.get(), held_}); error != 0) {
+    if (place_) held_ = 0;  // how much of it was written is not known
     return write_failed(result, "write", error);
+  }
   held_ = 0;
   return 0;
+}
+
+int download_file::complete(dl_result* result) {
+  const int error = place_->complete();
+  return error == 0 ? 0 : write_failed(result, "complete", error);
 }
 
 int download_file::write_failed(dl_result* result, const char* operation, int error) {

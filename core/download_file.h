@@ -18,6 +18,16 @@
 
 namespace fetchrig {
 
+// Where bytes wait until they are the whole file, other than under its own name (core/extra/partial_file.h).
+class download_place {
+ public:
+  virtual ~download_place() = default;
+  virtual const char* path() const = 0;      // of the whole file
+  virtual int descriptor() const = 0;        // borrowed; writes go to the end
+  virtual uint64_t held() const = 0;         // bytes there already
+  [[nodiscard]] virtual int complete() = 0;  // gives all of them the file's name: 0 or errno
+};
+
 class download_file {
  public:
   // `module` logs; `step` is the block size in bytes; `limit` is the largest file, in bytes.
@@ -29,6 +39,9 @@ class download_file {
   // Creates or truncates the file; logs "Can't open %s\n" and returns false when that fails. Without memory
   // it throws, and has opened nothing.
   [[nodiscard]] bool open(const char* path);
+  // Goes on behind what the place holds, which counts as delivered. It keeps all that comes, whatever happens, and
+  // finish() completes it. It outlives the object.
+  void open(download_place& place);
 
   // Room for the next bytes: the caller receives straight into it and then calls accept(). At least 4096 bytes.
   std::span<char> room();
@@ -44,13 +57,16 @@ class download_file {
 
  private:
   int judge(uint64_t total, dl_result* result);
+  int target() const { return place_ ? place_->descriptor() : fd_.get(); }
   int flush(dl_result* result);
+  int complete(dl_result* result);
   int write_failed(dl_result* result, const char* operation, int error);
 
   int module_;
   uint32_t step_;
   uint64_t limit_;
   unique_fd fd_;
+  download_place* place_ = nullptr;  // in place of the descriptor
   std::string path_;
   std::unique_ptr<char[]> buffer_;
   std::size_t held_ = 0;
