@@ -72,7 +72,9 @@ int send_message(http_channel& channel, const http_msg& message) {
   head.append(body.substr(0, joined));
   const std::span<const char> rest = body.substr(joined);
   const int rc = with_stream(channel, [&](stream& to) {
-    if (to.write_all(head) == 0 && to.write_all(rest) == 0) return 0;
+    int sent = to.write_all(head) == 0 && to.write_all(rest) == 0 ? 0 : DL_ERR_SEND;
+    if (sent == 0 && message.body.streamed) sent = send_streamed(*message.body.streamed, to);
+    if (sent != DL_ERR_SEND) return sent;
     note_symptom(DL_CAUSE_SEND, errno);
     return log_and_return(DL_LOG_HTTP, DL_ERR_SEND, "write error, errno %d\n", errno);
   });
@@ -97,7 +99,7 @@ int peek_failed(const io_result& outcome) {
 }
 
 int give(std::string_view text, std::span<char> line) {
-  memcpy(line.data(), text.data(), text.size());
+  memmove(line.data(), text.data(), text.size());  // it may have been read there
   line[text.size()] = '\0';
   return static_cast<int>(text.size());
 }
@@ -135,9 +137,11 @@ int http_read_line(http_channel& channel, std::size_t initial, std::size_t maxim
                    bool* at_end) {
   if (channel.is_tls() && !channel.session.ssl) return peek_failed({});
   std::array<char, max_line_bytes> bytes;
+  const std::span<char> buffer =
+      maximum > bytes.size() ? line.first(maximum) : std::span(bytes).first(maximum);
   const int timeout_s = net_timeout_seconds();
   const line_result read = with_stream(channel, [&](stream& from) {
-    return read_line(from, std::span(bytes).first(maximum), {initial, line.size()}, timeout_s);
+    return read_line(from, buffer, {initial, line.size()}, timeout_s);
   });
   if (at_end) *at_end = read.state == line_state::closed;
   switch (read.state) {

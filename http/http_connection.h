@@ -16,7 +16,7 @@ enum class tls_use { allowed, never };
 // Connects the session. `never` forbids TLS even for an HTTPS session (a proxy). Returns 0, -1 or -3.
 [[nodiscard]] int http_connect(http_channel& channel, const char* host, uint32_t port, tls_use tls);
 
-// Sends the whole request. Returns 0, -4 or -7.
+// Sends the whole request. Returns 0, -4, -7, or -8 when a streamed file cannot be read.
 [[nodiscard]] int http_send_request(http_channel& channel, const http_msg& message);
 
 // One read of up to `to.size()` bytes. Returns the count, 0 at the end of the stream, or a negative value: -8
@@ -30,8 +30,8 @@ inline constexpr std::size_t chunk_line_bytes = 128;
 inline constexpr std::size_t max_line_bytes = 512;
 
 // Reads one line into `line`, terminated, without its CRLF; nothing behind the CRLF is consumed. The search
-// for the CRLF works in a buffer of `initial` bytes that grows to `maximum` (at most max_line_bytes); a
-// longer line comes in pieces. Returns the length, 0 at the end of the stream too, or -8 (also when the line
+// for the CRLF works in a buffer of `initial` bytes that grows to `maximum` (beyond max_line_bytes it is `line`
+// itself, which has as many); a longer line comes in pieces. Returns the length, 0 at the end of the stream too, or -8 (also when the line
 // does not fit `line`). `at_end`, when given, tells whether the end of the stream stood in for the CRLF.
 [[nodiscard]] int http_read_line(http_channel& channel, std::size_t initial, std::size_t maximum,
                                  std::span<char> line, bool* at_end = nullptr);

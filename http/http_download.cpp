@@ -40,9 +40,10 @@ int copy_body(http_channel& channel, download_file& file, dl_result& result) {
 }
 
 int receive_file(dl_http_session& session, const char* path, dl_result& result) {
-  download_file file(DL_LOG_HTTP, block_bytes, max_file_size());
-  if (!file.open(path)) return -1;
   http_channel channel(session);
+  const bool whole = channel.own && channel.own->whole;
+  download_file file(DL_LOG_HTTP, block_bytes, whole ? channel.own->whole->limit : max_file_size());
+  if (!file.open(path)) return -1;
   const int rc = copy_body(channel, file, result);
   log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "recv : %d bytes\n", static_cast<int>(file.total()));
   return rc;

@@ -14,7 +14,6 @@
 namespace fetchrig {
 namespace {
 
-constexpr std::size_t min_room = 256;
 constexpr std::size_t max_block = std::size_t{256} * 1024;
 
 }  // namespace
@@ -75,8 +74,8 @@ bool header_block::start(std::size_t size) {
   return block_ != nullptr;
 }
 
-std::span<char> header_block::room() {
-  if (size_ - used_ < min_room) {
+std::span<char> header_block::room(std::size_t least) {
+  while (size_ - used_ < least) {
     if (size_ * 2 > max_block) return {};
     auto* grown = static_cast<char*>(realloc(block_.get(), size_ * 2));
     if (!grown) return {};

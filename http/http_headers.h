@@ -37,8 +37,8 @@ class header_block {
  public:
   // The block starts with `size` bytes of room; false without memory.
   [[nodiscard]] bool start(std::size_t size);
-  // At least 256 bytes of room for the next line, or an empty span: without memory, or beyond 256 KiB.
-  [[nodiscard]] std::span<char> room();
+  // Room for the next line, at least so many bytes, or an empty span: without memory, or beyond 256 KiB.
+  [[nodiscard]] std::span<char> room(std::size_t least);
   // Takes the line of `length` characters that was read into room().
   void take_line(std::size_t length);
   // Bytes used by the lines.

@@ -42,7 +42,7 @@ int set_standard_headers(bool tls, http_msg& message, const dl_url& url) {
 }
 
 int set_content_length(http_msg& message) {
-  const std::string length = std::to_string(message.body.buffer->size());
+  const std::string length = std::to_string(*message.body.size());
   log_line(DL_LOG_HTTP, DL_LOG_INFO, "Content-Length: %s\n", length.c_str());
   return http_set_header(message, "Content-Length", length.c_str());
 }
@@ -59,6 +59,11 @@ int make_failed(int code) {
 
 http_msg::~http_msg() {
   for (auto& header : headers) wipe(header.value);
+}
+
+std::optional<uint64_t> http_body::size() const {
+  if (streamed) return streamed->size();
+  return buffer ? std::optional<uint64_t>(buffer->size()) : std::nullopt;
 }
 
 std::unique_ptr<http_msg> http_msg_new() {
@@ -117,7 +122,7 @@ int http_make_request(bool tls, http_msg& message, const dl_http_request& reques
   message.extra_headers = request.headers;
   message.body.text = request.body;
   if (const int rc = http_prepare_body(message); rc < 0) return rc;
-  if (!message.body.buffer || caller_gives_length(message)) return 0;
+  if (!message.body.size() || caller_gives_length(message)) return 0;
   const int rc = guarded_step([&] { return set_content_length(message); });
   return rc < 0 ? make_failed(rc) : 0;
 }

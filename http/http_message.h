@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "http/extra/streamed_body.h"
 #include "include/fetchrig_types.h"
 
 namespace fetchrig {
@@ -23,9 +24,15 @@ struct http_header {
 };
 
 struct http_body {
-  const char* text = nullptr;         // borrowed: the request's body field
-  const char* file_path = nullptr;    // borrowed: the local file to send
-  std::optional<std::string> buffer;  // the final body bytes; none: the request has no body
+  const char* text = nullptr;       // borrowed: the request's body field
+  const char* file_path = nullptr;  // borrowed: the local file to send
+  std::optional<std::string>
+      buffer;                  // the final body bytes; none: the request has no body, or a streamed one
+  bool streams_files = false;  // files are sent while they are read
+  std::unique_ptr<streamed_body> streamed;
+
+  // Nothing without a body.
+  [[nodiscard]] std::optional<uint64_t> size() const;
 };
 
 struct http_msg {

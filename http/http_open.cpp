@@ -5,6 +5,7 @@
 #include "core/boundary.h"
 #include "core/cause.h"
 #include "core/config.h"
+#include "core/extras.h"
 #include "core/result.h"
 #include "core/url.h"
 #include "http/http_connection.h"
@@ -39,13 +40,14 @@ int connect_first(http_channel& channel, const dl_http_request& request, const d
   return connect_to(channel, *proxy, tls_use::never);
 }
 
-std::unique_ptr<http_msg> new_message(const http_plan& plan) {
+std::unique_ptr<http_msg> new_message(const http_plan& plan, bool whole_bodies) {
   auto message = http_msg_new();
   if (!message) return message;
   message->auth_type = plan.auth_type;
   message->credentials = plan.credentials;
   message->num_credentials = plan.num_credentials;
   message->body.file_path = plan.file_path;
+  message->body.streams_files = whole_bodies;
   return message;
 }
 
@@ -59,17 +61,19 @@ int judge_status(const http_plan& plan, int status) {
 }
 
 int exchange(const http_plan& plan, http_channel& channel) {
-  const auto message = new_message(plan);
+  const auto message = new_message(plan, channel.own->whole != nullptr);
   if (!message) return log_and_return(DL_LOG_HTTP, DL_ERR_MEMORY, "Out of memory\n");
   unique_url url;
   if (const int code = http_prepare_url(channel, url, plan.request); code < 0) return code;
   if (const int rc = connect_first(channel, plan.request, *url); rc < 0) return rc;
   if (http_make_request(channel.is_tls(), *message, plan.request, *url) < 0) return DL_ERR_SEND;
-  if (http_send_request(channel, *message) < 0) return DL_ERR_SEND;
+  const int sent = http_send_request(channel, *message);
+  if (sent < 0 && !may_have_answered(channel, sent)) return sent == DL_ERR_READ ? DL_ERR_READ : DL_ERR_SEND;
   log_line(DL_LOG_HTTP, DL_LOG_INFO, "process response\n");
   const int status =
       http_process_response(channel, url, plan.request.proxy != nullptr, *message, plan.redirect);
   log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "response process finish!\n");
+  if (sent < 0 && status < first_error_status) return DL_ERR_SEND;
   return judge_status(plan, status);
 }
 
@@ -86,6 +90,7 @@ int open_new_session(const http_plan& plan, unique_http_session& session) {
     return log_and_return(DL_LOG_HTTP, DL_ERR_PARAMETER, "auth info count nonpositive\n");
   }
   http_channel channel(*session);
+  if (const int rc = ask_for_whole_bodies(channel, current_extras()); rc < 0) return rc;
   return exchange(plan, channel);
 }
 

@@ -69,13 +69,22 @@ int append_file(int file, std::string& body) {
   }
 }
 
-int prepare_put(http_msg& message) {
-  const unique_fd file = open_file(message.body.file_path);
-  if (!file) return DL_ERR_PARAMETER;
-  std::string body;
-  if (const int rc = append_file(file.get(), body); rc < 0) return rc;
-  message.body.buffer = std::move(body);
+// The file becomes the body, between what a form puts around it.
+int take_file(http_body& body, unique_fd file, std::string before, std::string after) {
+  if (body.streams_files) {
+    body.streamed = std::make_unique<streamed_body>(std::move(file), std::move(before), std::move(after));
+    return measure(*body.streamed);
+  }
+  if (const int rc = append_file(file.get(), before); rc < 0) return rc;
+  before.append(after);
+  if (before.size() > max_body_bytes) return too_large();
+  body.buffer = std::move(before);
   return 0;
+}
+
+int prepare_put(http_msg& message) {
+  unique_fd file = open_file(message.body.file_path);
+  return file ? take_file(message.body, std::move(file), "", "") : DL_ERR_PARAMETER;
 }
 
 // "--" and the boundary that the headers name, taken verbatim up to the end of its line.
@@ -106,17 +115,13 @@ int part_header(const std::string& boundary, const char* path, std::string& head
 }
 
 int prepare_post(http_msg& message) {
-  const unique_fd file = open_file(message.body.file_path);
+  unique_fd file = open_file(message.body.file_path);
   if (!file) return DL_ERR_PARAMETER;
   std::string boundary;
   if (const int rc = boundary_line(message.extra_headers, boundary); rc < 0) return rc;
-  std::string body;
-  if (const int rc = part_header(boundary, message.body.file_path, body); rc < 0) return rc;
-  if (const int rc = append_file(file.get(), body); rc < 0) return rc;
-  body.append("\r\n").append(boundary).append("--\r\n");
-  if (body.size() > max_body_bytes) return too_large();
-  message.body.buffer = std::move(body);
-  return 0;
+  std::string header;
+  if (const int rc = part_header(boundary, message.body.file_path, header); rc < 0) return rc;
+  return take_file(message.body, std::move(file), std::move(header), "\r\n" + boundary + "--\r\n");
 }
 
 int prepare(http_msg& message) {

@@ -28,6 +28,9 @@ namespace {
 
 constexpr std::size_t first_block_bytes = 1024;
 constexpr std::size_t max_status_line_bytes = 128;
+constexpr head_rules classic_head = {max_line_bytes, false};
+constexpr int max_interim_responses = 32;
+constexpr int switching_protocols = 101;
 
 // The outcome of the loop, or the wish to have the next response read. No status can pose as that wish.
 using step_outcome = std::optional<int>;
@@ -48,7 +51,8 @@ class response_loop {
 
  private:
   int read_response();
-  int read_headers(bool& cut);
+  int read_head(const head_rules& rules);
+  int read_headers(const head_rules& rules, bool& cut);
   void note_body(http_response_facts& facts);
   step_outcome dispatch(int status);
 
@@ -84,6 +88,16 @@ class response_loop {
 
 // Returns the status, or a negative code.
 int response_loop::read_response() {
+  const head_rules rules = rules_of_head(channel_, classic_head);
+  for (int interim = 0; interim <= max_interim_responses; ++interim) {
+    const int status = read_head(rules);
+    const bool is_interim = status >= 100 && status < 200 && status != switching_protocols;
+    if (!rules.is_whole || !is_interim) return status;
+  }
+  return log_and_return(DL_LOG_HTTP, DL_ERR_READ, "too many interim responses\n");
+}
+
+int response_loop::read_head(const head_rules& rules) {
   std::array<char, max_status_line_bytes> line = {};
   const int length = http_read_line(channel_, usual_line_bytes, usual_line_bytes, line);
   if (length < 0) return length;
@@ -103,25 +117,30 @@ int response_loop::read_response() {
   log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "response code: %d\n", *status);
   set_last_status(*status);
   http_response_facts facts{.known = true, .status = *status};
-  if (const int rc = read_headers(facts.header_cut); rc < 0) return rc;
+  if (const int rc = read_headers(rules, facts.header_cut); rc < 0) return rc;
   if (facts.header_cut) {
     note_cause(DL_CAUSE_HEADER_CUT);
     log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "the header block ends early\n");
+    if (rules.is_whole) return DL_ERR_READ;
   }
-  note_body(facts);
+  if (rules.is_whole) {
+    if (const int rc = begin_whole_body(channel_, facts); rc < 0) return rc;
+  } else {
+    note_body(facts);
+  }
   if (channel_.own) channel_.own->response = facts;
   return *status;
 }
 
 // `cut` tells whether the stream ended before the empty line.
-int response_loop::read_headers(bool& cut) {
+int response_loop::read_headers(const head_rules& rules, bool& cut) {
   free_headers(channel_.session);
   header_block block;
   if (!block.start(block_bytes_)) return DL_ERR_MEMORY;
   for (;;) {
-    const auto room = block.room();
+    const auto room = block.room(rules.is_whole ? rules.max_line_bytes : usual_line_bytes);
     if (room.empty()) return DL_ERR_MEMORY;
-    const int length = http_read_line(channel_, usual_line_bytes, max_line_bytes, room, &cut);
+    const int length = http_read_line(channel_, usual_line_bytes, rules.max_line_bytes, room, &cut);
     if (length < 0) return length;
     if (length == 0) break;
     block.take_line(static_cast<std::size_t>(length));

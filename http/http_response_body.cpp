@@ -269,6 +269,7 @@ int read_by_length(http_channel& channel, std::span<char> to, std::size_t wanted
 }
 
 int read_body(http_channel& channel, std::span<char> to, std::size_t wanted, dl_result& result) {
+  if (channel.own && channel.own->whole) return read_whole_body(channel, to, wanted, result);
   return channel.is_chunked() ? read_chunked(channel, to, wanted, result)
                               : read_by_length(channel, to, wanted, result);
 }

@@ -14,6 +14,9 @@ namespace fetchrig {
 // How far the body of a live session has been read, and what ended it.
 [[nodiscard]] dl_body_end http_body_end(const dl_http_session* session);
 
+// RFC 9112 section 6.3: a response with this status ends with its header block, whatever it says.
+[[nodiscard]] bool has_no_body(int status);
+
 // The status of the last response that this thread read, 0 from the start of a call until one has come.
 [[nodiscard]] int last_status();
 void set_last_status(int status);

@@ -48,6 +48,8 @@ core/exports.cpp (strtok_r|vsprintf)
 # What can be switched on, or left out of the build, is in LAYER/extra/. The classic way reaches it here alone: files
 # that may include a header of extra/.
 seams='
+http/http_session.h http/extra/whole_body.h          # responses are whole or classic
+http/http_message.h http/extra/streamed_body.h       # a file is streamed or held
 '
 
 readonly folders=$(sed -n 's/:.*//p' <<<"$layers")
