@@ -503,6 +503,10 @@ outcome stage::play(const story& told, const run& with) {
   if (open_descriptors() != before) seen.broken.push_back("a descriptor is left open");
   seen.file = content_of(call.local);
   seen.told["file"] = !seen.file ? "none" : fs::is_regular_file(call.local) ? "=" + *seen.file : "special";
+  if (seen.file && *seen.file != "special") {
+    const auto mode = static_cast<unsigned>(fs::status(call.local).permissions());
+    for (const int shift : {6, 3, 0}) seen.told["mode"] += std::to_string(mode >> shift & 7);
+  }
   seen.told["body"] = seen.body;
   seen.told["read"] = std::to_string(seen.read_code);
   seen.told["last"] = std::to_string(dl_http_last_status());

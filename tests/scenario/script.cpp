@@ -312,8 +312,9 @@ class reader {
   void read_line(const string& word, const string& rest) {
     static const std::set<string> steps = {"<",      ">",      "<<",      ">>",   "<~",    "from", "after",
                                            "signal", "closed", "aborted", "hang", "reset", "hold", "deaf"};
-    static const std::set<string> of_call = {"file", "body",   "rest", "redirect", "reads", "read", "status",
-                                             "last", "header", "end",  "left",     "ring",  "port", "cause"};
+    static const std::set<string> of_call = {"file",  "mode", "body",   "rest", "redirect",
+                                             "reads", "read", "status", "last", "header",
+                                             "end",   "left", "ring",   "port", "cause"};
     static const std::map<string, void (*)(reader&, const string&)> others = {
         {"@", [](reader& in, const string& text) { in.connect(text); }},
         {"ask", [](reader& in, const string& text) { in.ask(text); }},

@@ -59,6 +59,7 @@
 //                               code unless it follows; "= cleared": -1 with code 0; "= untouched": -1, no result stored
 //   file BYTES | file none | file kept | file special   the local file afterwards (kept: what lay there before, which
 //                               is old=BYTES of the call or "old file"; special: no regular file, and still there)
+//   mode 644                    of that file
 //   body BYTES   read -8   reads 3 3 1   what was read, the code of the read that failed, the counts of the reads
 //   rest BYTES                  what a bare record left in the stream
 //   redirect URL   status 200   last 200   end 1   left 5   header X = X: y   ring 6   as the calls tell them;
