@@ -30,9 +30,10 @@ case "${1:-test}" in
   *) sed -n '3,7s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"; exit 2 ;;
 esac
 
+installed=$(dpkg-query -W -f='${Package} ${Status}\n' "${packages[@]}" 2>/dev/null | sed -n 's/ .*ok installed$//p') || true
 missing=()
 for package in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")
+  grep -qxF "$package" <<<"$installed" || missing+=("$package")
 done
 
 as_root=()

@@ -167,7 +167,8 @@ def test_what_is_sent(fetchrig, peer, line, scripts, sent):
     assert set(sent) <= set(server.received[-1].decode().split("\r\n"))
 
 
-def test_the_log_is_told_when_asked_for(fetchrig, peer):
-    ended = fetchrig.run(f"get -vv -o - http://{peer([ASK, OK]).address}/a")
+def test_headers_and_the_log_are_told_when_asked_for(fetchrig, peer):
+    server = peer([ASK, response(headers="Content-Length: 2\r\nX-Kind: test\r\n", body=b"ok")])
+    ended = fetchrig.run(f"get -vv --show-headers -o - http://{server.address}/a")
     assert (ended.stdout, ended.returncode) == (b"ok", 0)
-    assert "HTTP: response code: 200\n" in ended.stderr
+    assert "HTTP: response code: 200\n" in ended.stderr and "x-kind: test\n" in ended.stderr.lower()

@@ -3,6 +3,7 @@ that was moved, and as a part of another project. FETCHRIG_BUILD is the folder o
 import os
 import pathlib
 import re
+import shutil
 import subprocess
 
 import pytest
@@ -45,12 +46,15 @@ def shared(tmp_path_factory):
 
 
 @pytest.fixture(scope="module")
-def static(tmp_path_factory):
-    """Where the static library lies that another project built along and installed with itself."""
-    work = tmp_path_factory.mktemp("static")
+def static():
+    """Where the static library lies that another project built along and installed with itself. What has not changed
+    is not built again."""
+    work = BUILD / "package"
+    shutil.rmtree(work / "prefix", ignore_errors=True)
     run("cmake", "-G", "Ninja", "-S", HERE, "-B", work / "build", "-DEXTENSION=c", f"-DFETCHRIG_TREE={TOP}",
         "-DCMAKE_BUILD_TYPE=Release", "-DCMAKE_CXX_FLAGS_RELEASE=-O0", "-DCMAKE_UNITY_BUILD=ON",
-        "-DBUILD_SHARED_LIBS=OFF", "-DFETCHRIG_INSTALL=ON", f"-DCMAKE_INSTALL_PREFIX={work / 'prefix'}", "-DCMAKE_INSTALL_LIBDIR=lib")
+        "-DBUILD_SHARED_LIBS=OFF", "-DFETCHRIG_INSTALL=ON", f"-DCMAKE_INSTALL_PREFIX={work / 'prefix'}",
+        "-DCMAKE_INSTALL_LIBDIR=lib")
     run("cmake", "--build", work / "build", "-j", 2)
     assert run(work / "build/consumer") == VERSION + "\n"
     assert "Total Tests: 0" in run("ctest", "--test-dir", work / "build", "-N")
