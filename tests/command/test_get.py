@@ -6,7 +6,7 @@ import subprocess
 import tempfile
 
 import pytest
-from conftest import ASK, CONTENT, brief, chunked, response, sized, stall, tls_server, wait_for
+from conftest import ASK, CONTENT, brief, chunked, reset, response, sized, stall, tls_server, wait_for
 
 WHOLE = brief(CONTENT)
 PASSWORD = {"FETCHRIG_PASSWORD": "s3cret"}
@@ -122,6 +122,7 @@ def test_the_limit_is_the_largest_size(fetchrig, peer, script, content):
 
 @pytest.mark.parametrize("wanted_ca, script, complaint", [
     ("stranger", [], '"certificate required"'), (None, sized(10, b"four") + [stall], "no answer within 1 s (code -1)"),
+    (None, [ASK, response(body=b"no end"), reset], "the connection broke: Connection reset by peer"),
 ])
 def test_what_tls_servers_do_late(fetchrig, peer, places, wanted_ca, script, complaint):
     server = peer(script, tls=tls_server(places["good"], wanted_ca and places[wanted_ca]))
