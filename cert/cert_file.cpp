@@ -85,10 +85,6 @@ certificate_read read_certificate(unique_x509& certificate, const cert_source& s
   return outcome;
 }
 
-int cert_file_format(const char* path) {
-  return path ? cert_source(path).encoding : encoding_none;
-}
-
 unique_x509 load_cert_bio(int encoding, BIO* bio) {
   if (!bio) return nullptr;
   if (encoding == encoding_pem) return unique_x509(PEM_read_bio_X509(bio, nullptr, no_password_cb, nullptr));

@@ -52,8 +52,6 @@ struct read_messages {
 [[nodiscard]] certificate_read read_certificate(unique_x509& certificate, const cert_source& source,
                                                 const read_messages& messages);
 
-// PEM when a line of the file contains "BEGIN", else DER; -1 when it cannot be opened.
-[[nodiscard]] int cert_file_format(const char* path);
 // The next certificate of the stream; null for another code or when there is none.
 [[nodiscard]] unique_x509 load_cert_bio(int encoding, BIO* bio);
 // The next private key, opened with option 16; null as above.

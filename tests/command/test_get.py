@@ -146,6 +146,7 @@ def test_an_interrupted_download_leaves_nothing(fetchrig, peer, number, options)
         wait_for(lambda: len(fetchrig.files()) > 1 or len(fetchrig.files()["out"]) == 2)
         assert bool(os.listdir(temporary)) == ("ca-file" in options)
         command.send_signal(signal.SIGHUP)
+        pytest.raises(subprocess.TimeoutExpired, command.wait, 0.3)
         command.send_signal(number)
         assert command.wait(20) == -number
         assert (fetchrig.files(), os.listdir(temporary)) == ({"out": b"" if in_place else b"longer"}, [])

@@ -7,6 +7,7 @@
 #include "core/result.h"
 #include "include/fetchrig_openssl.h"
 #include "log/printable.h"
+#include "tests/support/options.h"
 
 namespace {
 
@@ -146,6 +147,62 @@ TEST(helpers, stand_in_for_standard_functions) {
   EXPECT_STREQ(header, "a[\xc4-B: Text");
   str2lower(header, 100, ':');
   EXPECT_STREQ(header, "a[\xc4-b: Text");
+}
+
+// The pointers that stories cannot leave out.
+TEST(exports, refuse_null) {
+  const test::library initialised;
+  char text[8] = "", *list = nullptr, *out = nullptr;
+  unsigned char* bytes = nullptr;
+  int32_t number = 0;
+  EVP_PKEY* key = nullptr;
+  dl_result result;
+  dl_ca_info info;
+  dl_ca_info_ex more;
+  dl_handle* handle = nullptr;
+  dl_http_session* http = nullptr;
+  const dl_request no_url = {}, url = {"http://h/", nullptr, nullptr, nullptr};
+  const dl_http_request get = {DL_METHOD_GET, "http://h/", nullptr, nullptr, nullptr, nullptr, nullptr};
+  const dl_http_request_ex extended = {&get, 0};
+  // clang-format off
+  for (const int rc : {
+      dl_open(&no_url, &handle, text, &result), dl_open(&url, nullptr, text, &result),
+      dl_open(&url, &handle, text, nullptr), dl_download(&no_url, text, text, &result),
+      dl_download(&url, nullptr, text, &result), dl_download(&url, text, text, nullptr),
+      dl_upload(&no_url, text, text, text, &result, text, 0, 0), dl_upload(&url, text, text, text, nullptr, text, 0, 0),
+      dl_http_open(&http, &get, nullptr, &result), dl_http_open(&http, &get, text, nullptr),
+      dl_http_open_ex(nullptr, &extended, text, &result), dl_http_recv_to_file(&get, text, nullptr, &result),
+      dl_http_recv_to_file_ex(nullptr, text, text, &result),
+      dl_http_post_multi_auth(nullptr, &get, nullptr, 1, text, &result),
+      dl_http_post_multi_auth(&http, &get, nullptr, 1, nullptr, &result), dl_install_ca(nullptr),
+      dl_get_ca_info(nullptr, &info), dl_get_ca_info(text, nullptr), dl_get_ca_info_ex(nullptr, &more, 0, &result),
+      dl_get_ca_info_ex(text, nullptr, 0, &result), dl_get_ca_info_ex(text, &more, 0, nullptr),
+      dl_generate_client_cert(nullptr, text, text, text, text, 512),
+      dl_generate_client_cert(text, nullptr, text, text, text, 512),
+      dl_generate_client_cert(text, text, nullptr, text, text, 512),
+      dl_generate_client_cert(text, text, text, nullptr, text, 512),
+      dl_cert_build_rsa_key(nullptr, 512, &key, &number), dl_cert_build_rsa_key(text, 512, nullptr, &number),
+      dl_cert_build_rsa_key(text, 512, &key, nullptr), dl_cert_write_key(text, 0, nullptr, 0),
+      curl_mfprintf(nullptr, "x"), curl_msprintf(nullptr, "x"), curl_msnprintf(nullptr, 1, "x")}) EXPECT_EQ(rc, -1);
+  // clang-format on
+  EXPECT_EQ(dl_cert_verify_problems(nullptr, 1) + dl_cert_verify_problems(&number, -1), 0);
+  EXPECT_EQ(Curl_base64_encode("x", 1, nullptr) + Curl_base64_decode("x", nullptr), 0U);
+  EXPECT_EQ(Curl_base64_encode(nullptr, 1, &out) + Curl_base64_decode(nullptr, &bytes), 0U);
+  Curl_safefree(out);
+  Curl_safefree(bytes);
+  EXPECT_FALSE(strdupdelim(nullptr, text) || strdupdelim(text + 1, text) ||
+               Curl_strtok_r(text, nullptr, &list) || Curl_strtok_r(text, ",", nullptr));
+  EXPECT_EQ(Curl_input_auth(nullptr, 0, "Basic"), HTTP_CHALLENGE_UNKNOWN);
+  for (const int answer : {Curl_output_auth(nullptr, 0, "GET", "/"),
+                           Curl_output_digest(nullptr, 0, "GET", "/"), Curl_output_xsi_auth(nullptr)})
+    EXPECT_EQ(answer, HTTP_ANSWER_SCHEME);
+  dl_url_free(dl_url_parse("http://h/", nullptr, nullptr, nullptr));
+  dl_last_cause(nullptr);
+  Curl_digest_cleanup_one(nullptr);
+  get_all_qop_content(nullptr, 0, text);
+  str2lower(nullptr, 1, 0);
+  Curl_md5it(nullptr, nullptr);
+  EXPECT_STREQ(text, "");
 }
 
 }  // namespace
