@@ -38,8 +38,9 @@ done
 
 as_root=()
 if [ "$(id -u)" -ne 0 ]; then as_root=(sudo); fi
-if [ ${#missing[@]} -gt 0 ] && [ ${#as_root[@]} -gt 0 ] && ! command -v sudo >/dev/null; then
-  echo "Not root, and sudo is not there. An administrator may run: apt-get install ${missing[*]}" >&2
+if [ ${#missing[@]} -gt 0 ] && [ ${#as_root[@]} -gt 0 ] && ! { command -v sudo && sudo -v; } >/dev/null; then
+  echo "Packages are missing, and this user may not install them. An administrator may run:" >&2
+  echo "  apt-get install ${missing[*]}" >&2
   exit 1
 fi
 
