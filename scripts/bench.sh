@@ -1,9 +1,18 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 # Builds the release preset and runs every benchmark; each prints ratios against a bare loop measured in the same run,
-# or the instructions of a start, and fails when its bound is passed. Arguments go to each program (MiB to move).
+# or the instructions of a start, and fails when its bound is passed.
+#   bench.sh [MIB]     MiB to move
+#   bench.sh --peers   the command beside wget, aria2, lftp, tftp-hpa and atftp, which it installs: the table and the chart
+#                      of docs/speed.md
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+if [ "${1:-}" = --peers ]; then
+  scripts/setup.sh peers
+  cmake --preset default >/dev/null
+  cmake --build --preset default --target fetchrig_command
+  exec /usr/bin/python3 -B bench/peers.py build/fetchrig --write
+fi
 scripts/setup.sh
 cmake --preset default >/dev/null
 cmake --build --preset default

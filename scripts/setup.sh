@@ -5,6 +5,7 @@
 #   setup.sh demo       what building the library and the command and the demonstration need
 #   setup.sh [test]     ... and what scripts/test.sh needs
 #   setup.sh release    ... and what scripts/release.sh needs
+#   setup.sh peers      what the demonstration and scripts/bench.sh --peers need
 set -euo pipefail
 
 demo=(
@@ -22,12 +23,14 @@ tests=(
   gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user-static
 )
 release=(debhelper dpkg-dev fakeroot lintian mmdebstrap faketime)
+peers=(wget aria2 lftp tftp-hpa atftp strace gnuplot-nox)
 
 case "${1:-test}" in
   demo) packages=("${demo[@]}") ;;
   test) packages=("${demo[@]}" "${tests[@]}") ;;
   release) packages=("${demo[@]}" "${tests[@]}" "${release[@]}") ;;
-  *) sed -n '3,7s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"; exit 2 ;;
+  peers) packages=("${demo[@]}" "${peers[@]}") ;;
+  *) sed -n '3,8s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"; exit 2 ;;
 esac
 
 installed=$(dpkg-query -W -f='${Package} ${Status}\n' "${packages[@]}" 2>/dev/null | sed -n 's/ .*ok installed$//p') || true

@@ -29,7 +29,8 @@ def surroundings(tmp_path_factory):
     kept = run(TOP / "scripts/demo.sh", "--keep")
     assert "FAILED" not in kept
     yield {**os.environ, "PATH": f"{prefix}/bin:{os.environ['PATH']}", "PKG_CONFIG_PATH": f"{prefix}/lib/pkgconfig",
-           "LD_LIBRARY_PATH": f"{prefix}/lib", "MANPATH": f"{prefix}/share/man", "TMPDIR": str(prefix)}
+           "LD_LIBRARY_PATH": f"{prefix}/lib", "TMPDIR": str(prefix), "HOME": str(prefix),
+           "XDG_CONFIG_HOME": "", "http_proxy": ""}
     run("kill", re.search(r"kill (\d+)", kept)[1])
 
 
