@@ -123,7 +123,7 @@ def draw(results, target):
               "set multiplot layout 2,1; set style data histogram; set style histogram cluster gap 1",
               "set style fill solid 0.8 border -1; set yrange [0:*]; set grid y; set key outside right"]
     for column in (0, 2):
-        rows = [[f'"{title}"', *(f"{each[name][column]:.3f}" if name in each else "NaN" for name in programs)]
+        rows = [[f'"{title}"'.replace(" ", r"\n"), *(f"{each[name][column]:.3f}" if name in each else "NaN" for name in programs)]
                 for title, _, each in results]
         block = "\n".join(map(" ".join, rows))
         script += [f"$data{column} << END\n{block}\nEND", f"set title '{MEASURES[column]}, fetchrig = 1'",
