@@ -119,11 +119,12 @@ def table(results):
 def draw(results, target):
     """A chart of the CPU times and one of the wall times, a group of bars for each transfer."""
     programs = sorted({name for _, _, each in results for name in each}, key=lambda name: (name != "fetchrig", name))
-    script = [f"set terminal svg size 900,640 font 'sans-serif,13' background '#ffffff'; set output '{target}'",
+    script = [f"set terminal svg size 900,680 font 'sans-serif,13' background '#ffffff'; set output '{target}'",
               "set multiplot layout 2,1; set style data histogram; set style histogram cluster gap 1",
-              "set style fill solid 0.8 border -1; set yrange [0:*]; set grid y; set key outside right"]
+              "set style fill solid 0.8 border -1; set yrange [0:*]; set grid y; set key outside right; set bmargin 3"]
     for column in (0, 2):
-        rows = [[f'"{title}"'.replace(" ", r"\n"), *(f"{each[name][column]:.3f}" if name in each else "NaN" for name in programs)]
+        rows = [[f'"{title}"'.replace(" ", r"\n"),
+                 *(f"{each[name][column]:.3f}" if name in each else "NaN" for name in programs)]
                 for title, _, each in results]
         block = "\n".join(map(" ".join, rows))
         script += [f"$data{column} << END\n{block}\nEND", f"set title '{MEASURES[column]}, fetchrig = 1'",
