@@ -170,6 +170,7 @@ void config_init() {
 
 void config_exit() {
   if (!config_initialised()) return;
+  end_extras();
   openssl_stop();
   pthread_mutex_destroy(&g_dl_cfg.lock);
   clear_config();

@@ -49,6 +49,11 @@ struct transfer_extras {
 // All off, with the start of the library; no other thread uses it yet.
 void clear_extras();
 
+// Has `end` called when the library ends; once, however often it is asked for. For what is kept between transfers.
+void at_library_end(void (*end)());
+// Calls it.
+void end_extras();
+
 #else
 
 [[nodiscard]] constexpr transfer_extras current_extras() {
@@ -67,6 +72,7 @@ void clear_extras();
   return 0;
 }
 constexpr void clear_extras() {}
+constexpr void end_extras() {}
 
 #endif
 

@@ -65,6 +65,14 @@ int start_tls(http_channel& channel, const char* host) {
   return 0;
 }
 
+int connect_fresh(http_channel& channel, const char* host, uint32_t port, tls_use tls) {
+  const int timeout_s = net_timeout_seconds();
+  const int sock = connect_to_host(host, static_cast<int>(port), ipv6_enabled(), timeout_s);
+  if (sock < 1) return sock;
+  channel.session.sock = sock;
+  return tls == tls_use::allowed && channel.is_tls() ? start_tls(channel, host) : 0;
+}
+
 int send_message(http_channel& channel, const http_msg& message) {
   const std::string_view body = message.body.buffer ? *message.body.buffer : std::string_view();
   const std::size_t joined = body.size() <= max_joined_body_bytes ? body.size() : 0;
@@ -80,6 +88,33 @@ int send_message(http_channel& channel, const http_msg& message) {
   });
   wipe(head);
   return rc;
+}
+
+int send_guarded(http_channel& channel, const http_msg& message) {
+  return guarded([&] { return send_message(channel, message); },
+                 [] { return log_and_return(DL_LOG_HTTP, DL_ERR_MEMORY, "Out of memory\n"); });
+}
+
+// Whether the server answers on a connection that served before, or may yet: it may have closed it meanwhile.
+bool still_answers(http_channel& channel) {
+  const int timeout_s = net_timeout_seconds();
+  char first = 0;
+  const io_result seen = with_stream(channel, [&](stream& from) {
+    return from.peek({&first, 1}, timeout_s);
+  });
+  return seen.count > 0 || seen.wait_failed;
+}
+
+// The session's origin again, on a connection that nothing was sent on.
+int connect_anew(http_channel& channel, const kept_connection& kept) {
+  const std::string host = kept.host;
+  const uint32_t port = kept.port;
+  const uint32_t tls = channel.session.flags & DL_HTTP_FLAG_TLS;
+  http_session_reset(channel);
+  channel.session.flags |= tls;
+  channel.own->kept->is_kept = false;
+  clear_cause();
+  return connect_fresh(channel, host.c_str(), port, tls_use::allowed);
 }
 
 // What a failed read met; nothing is known of one that was not made.
@@ -107,17 +142,17 @@ int give(std::string_view text, std::span<char> line) {
 }  // namespace
 
 int http_connect(http_channel& channel, const char* host, uint32_t port, tls_use tls) {
-  const int timeout_s = net_timeout_seconds();
-  const int sock = connect_to_host(host, static_cast<int>(port), ipv6_enabled(), timeout_s);
-  if (sock < 1) return sock;
-  channel.session.sock = sock;
-  return tls == tls_use::allowed && channel.is_tls() ? start_tls(channel, host) : 0;
+  if (take_kept(channel, host, port, tls == tls_use::allowed)) return 0;
+  return connect_fresh(channel, host, port, tls);
 }
 
 int http_send_request(http_channel& channel, const http_msg& message) {
   if (channel.is_tls() && !channel.session.ssl) return DL_ERR_SEND;
-  return guarded([&] { return send_message(channel, message); },
-                 [] { return log_and_return(DL_LOG_HTTP, DL_ERR_MEMORY, "Out of memory\n"); });
+  const int rc = send_guarded(channel, message);
+  const kept_connection* const kept = kept_before(channel);
+  if (!kept || rc == DL_ERR_MEMORY || (rc == 0 && still_answers(channel))) return rc;
+  log_line(DL_LOG_HTTP, DL_LOG_INFO, "the kept connection is dead\n");
+  return connect_anew(channel, *kept) == 0 ? send_guarded(channel, message) : DL_ERR_SEND;
 }
 
 int http_recv(http_channel& channel, std::span<char> to, read_ahead_use use) {

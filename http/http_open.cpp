@@ -90,7 +90,9 @@ int open_new_session(const http_plan& plan, unique_http_session& session) {
     return log_and_return(DL_LOG_HTTP, DL_ERR_PARAMETER, "auth info count nonpositive\n");
   }
   http_channel channel(*session);
-  if (const int rc = ask_for_whole_bodies(channel, current_extras()); rc < 0) return rc;
+  const transfer_extras extras = current_extras();
+  if (const int rc = ask_for_whole_bodies(channel, extras); rc < 0) return rc;
+  if (const int rc = ask_for_kept(channel, extras, plan.request.method); rc < 0) return rc;
   return exchange(plan, channel);
 }
 

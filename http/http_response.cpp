@@ -128,6 +128,7 @@ int response_loop::read_head(const head_rules& rules) {
   } else {
     note_body(facts);
   }
+  note_persistence(channel_, {line.data(), static_cast<std::size_t>(length)});
   if (channel_.own) channel_.own->response = facts;
   return *status;
 }

@@ -103,6 +103,7 @@ void free_headers(dl_http_session& session) {
 
 void http_session_reset(http_channel& channel) {
   dl_http_session& session = channel.session;
+  keep_connection(channel);
   free_chunk(channel);
   free_headers(session);
   if (channel.is_tls()) end_tls(session);

@@ -9,6 +9,7 @@
 
 #include <memory>
 
+#include "http/extra/kept_connections.h"
 #include "http/extra/whole_body.h"
 #include "include/fetchrig_types.h"
 #include "net/tcp_stream.h"
@@ -30,8 +31,9 @@ struct http_response_facts {
 struct http_private {
   http_response_facts response;
   read_ahead ahead;
-  std::unique_ptr<whole_body> whole;  // where bodies must be whole
-  uint32_t chunk_begin = 0;           // taken bytes at the front of the chunk buffer
+  std::unique_ptr<kept_connection> kept;  // where connections are kept
+  std::unique_ptr<whole_body> whole;      // where bodies must be whole
+  uint32_t chunk_begin = 0;               // taken bytes at the front of the chunk buffer
   const dl_http_session* owner = nullptr;
   http_private* next = nullptr;  // in the table of live sessions
 };

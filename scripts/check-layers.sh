@@ -48,7 +48,7 @@ core/exports.cpp (strtok_r|vsprintf)
 # What can be switched on, or left out of the build, is in LAYER/extra/. The classic way reaches it here alone: files
 # that may include a header of extra/.
 seams='
-http/http_session.h http/extra/whole_body.h          # responses are whole or classic
+http/http_session.h http/extra/(whole_body|kept_connections).h   # responses are whole or classic, connections kept
 http/http_message.h http/extra/streamed_body.h       # a file is streamed or held
 '
 

@@ -3,6 +3,7 @@
 #include "core/extras.h"
 
 #include <algorithm>
+#include <atomic>
 #include <iterator>
 
 #include "core/config.h"
@@ -12,6 +13,9 @@ namespace {
 
 // Under the configuration lock.
 transfer_extras values;
+
+// One layer keeps something.
+std::atomic<void (*)()> end_action{nullptr};
 
 struct switch_extra {
   uint32_t extra;
@@ -114,6 +118,14 @@ uint32_t read_extra(uint32_t extra) {
 
 void clear_extras() {
   values = {};
+}
+
+void at_library_end(void (*end)()) {
+  end_action.store(end, std::memory_order_release);
+}
+
+void end_extras() {
+  if (void (*end)() = end_action.exchange(nullptr, std::memory_order_acq_rel)) end();
 }
 
 }  // namespace fetchrig
