@@ -50,6 +50,7 @@ core/exports.cpp (strtok_r|vsprintf)
 seams='
 http/http_session.h http/extra/(whole_body|kept_connections).h   # responses are whole or classic, connections kept
 http/http_message.h http/extra/streamed_body.h       # a file is streamed or held
+tftp/tftp_(download|upload|session).cpp tftp/extra/tftp_windowed.h  # a transfer is negotiated or classic
 '
 
 readonly folders=$(sed -n 's/:.*//p' <<<"$layers")

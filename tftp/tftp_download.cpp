@@ -13,6 +13,7 @@
 #include "core/result.h"
 #include "log/log.h"
 #include "net/socket.h"
+#include "tftp/extra/tftp_windowed.h"
 
 namespace fetchrig {
 namespace {
@@ -117,6 +118,12 @@ bool answered(const dl_tftp_session& session, int timeout_s) {
   return wait_ready(session.sock, wait_readable, std::max(timeout_s, min_answer_wait_s)) != 0;
 }
 
+// Returns 0 or a negative code.
+int request_file(const dl_tftp_session& session, const char* remote_name, int timeout_s) {
+  if (const int code = tftp_send_request(session, tftp_opcode::rrq, remote_name); code < 0) return code;
+  return answered(session, timeout_s) ? 0 : DL_ERR_NOT_TFTP;
+}
+
 // Reads into the file until the end. Returns 0 or -1 with the result filled.
 int copy_to_file(dl_tftp_session& session, download_file& file, dl_result* result) {
   for (;;) {
@@ -139,17 +146,20 @@ int tftp_open(dl_tftp_session** handle, const tftp_target& target, dl_result* re
     return fail(result, DL_ERR_NOT_INITIALISED);
   }
   const net_options options = net_settings();
-  if (tftp_start(handle, target, 1, options.ipv6, result) < 0) return -1;
+  const transfer_extras extras = current_extras();
+  if (tftp_start(handle, target, 1, {options.ipv6, extras.tftp_ports}, result) < 0) return -1;
   log_line(DL_LOG_TFTP, DL_LOG_INFO, "Send Request Packet\n");
-  if (const int code = tftp_send_request(**handle, tftp_opcode::rrq, target.remote_name); code < 0) {
-    return tftp_abandon(handle, result, code);
-  }
-  if (!answered(**handle, options.net_timeout_s)) return tftp_abandon(handle, result, DL_ERR_NOT_TFTP);
+  const tftp_beginning begins = {tftp_opcode::rrq, target.remote_name, {}, options.net_timeout_s};
+  const auto negotiated = tftp_windowed_open(**handle, begins, extras);
+  const int code =
+      negotiated ? *negotiated : request_file(**handle, target.remote_name, options.net_timeout_s);
+  if (code < 0) return tftp_abandon(handle, result, code);
   log_line(DL_LOG_TFTP, DL_LOG_NOTICE, "tftp open success\n");
   return 0;
 }
 
 int tftp_read(dl_tftp_session& session, std::span<char> to, dl_result* result) {
+  if (const auto count = tftp_windowed_read(session, to, result)) return *count;
   // The carry buffer marks a session that has begun: it stays only once a packet that settles the sizes was
   // taken. The block number alone would not tell, as it wraps.
   const bool fresh = !session.carry;
@@ -167,7 +177,9 @@ int tftp_recv_to_file(const tftp_target& target, const char* local_path, dl_resu
   dl_tftp_session* opened = nullptr;
   if (tftp_open(&opened, target, result) < 0) return -1;
   const unique_tftp session(opened);
-  download_file file(DL_LOG_TFTP, tftp_max_blksize, max_file_size());
+  const uint64_t limit = current_extras().max_file_size(max_file_size());
+  if (tftp_windowed_exceeds(*session, limit, result)) return -1;
+  download_file file(DL_LOG_TFTP, tftp_max_blksize, limit);
   if (!file.open(local_path ? local_path : target.remote_name)) return -1;
   if (copy_to_file(*session, file, result) < 0) return -1;
   log_line(DL_LOG_TFTP, DL_LOG_NOTICE, "recv: %d bytes\n", static_cast<int>(file.total()));

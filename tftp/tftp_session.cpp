@@ -20,6 +20,7 @@
 #include "log/printable.h"
 #include "net/address.h"
 #include "net/socket.h"
+#include "tftp/extra/tftp_windowed.h"
 #include "tftp/tftp_port.h"
 
 namespace fetchrig {
@@ -46,10 +47,8 @@ socklen_t server_length(const dl_tftp_session& session) {
   return server_family(session) == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
 }
 
-// Stores a port in network byte order, which has the same place for both families.
-void set_server_port(dl_tftp_session& session, in_port_t port) {
-  memcpy(reinterpret_cast<char*>(session.server) + offsetof(sockaddr_in, sin_port), &port, sizeof port);
-}
+// Of the port, in network byte order: the same for both families.
+constexpr std::size_t port_offset = offsetof(sockaddr_in, sin_port);
 
 bool bind_port(int sock, int family, in_port_t port) {
   sockaddr_in any4 = {};
@@ -69,15 +68,8 @@ bool bind_random_port(int sock, int family) {
   return false;
 }
 
-// An ERROR does not end an exchange at once; the log keeps what the server said.
-void log_server_error(std::string_view datagram) {
-  cursor in(datagram);
-  const auto opcode = in.u16be();
-  const auto code = in.u16be();
-  if (!code || *opcode != static_cast<uint16_t>(tftp_opcode::error)) return;
-  const std::string_view message = in.rest().substr(0, in.rest().find('\0'));
-  note_cause(DL_CAUSE_TFTP_ERROR, *code, message);
-  log_line(DL_LOG_TFTP, DL_LOG_WARNING, "server error %d: %s\n", *code, printable(message).c_str());
+bool bind_local(int sock, int family, const tftp_socket_choice& choice) {
+  return choice.systems_port ? bind_port(sock, family, 0) : bind_random_port(sock, family);
 }
 
 }  // namespace
@@ -95,8 +87,8 @@ int tftp_check_open(dl_tftp_session** handle, const tftp_target& target, dl_resu
   return fail(result, DL_ERR_PARAMETER);
 }
 
-int tftp_start(dl_tftp_session** handle, const tftp_target& target, uint16_t first_block, int ipv6,
-               dl_result* result) {
+int tftp_start(dl_tftp_session** handle, const tftp_target& target, uint16_t first_block,
+               const tftp_socket_choice& choice, dl_result* result) {
   auto session = zeroed_record<dl_tftp_session>();
   if (!session) {
     *handle = nullptr;
@@ -110,7 +102,7 @@ int tftp_start(dl_tftp_session** handle, const tftp_target& target, uint16_t fir
   *handle = session.release();
   log_line(DL_LOG_TFTP, DL_LOG_NOTICE, "tftp open begin, host: %s, port:%d, remote_name:%s\n",
            printable(target.host).c_str(), port, printable(target.remote_name).c_str());
-  if (const int code = tftp_setup_socket(**handle, target.host, port, ipv6); code < 0) {
+  if (const int code = tftp_setup_socket(**handle, target.host, port, choice); code < 0) {
     return tftp_abandon(handle, result, code);
   }
   return 0;
@@ -126,18 +118,40 @@ bool tftp_usable(const dl_tftp_session* session) {
   return session && session->magic == DL_TFTP_MAGIC && session->sock != 0;
 }
 
-int tftp_setup_socket(dl_tftp_session& session, const char* host, uint16_t port, int ipv6) {
-  const address_list answers = look_up_host(host, ipv6, SOCK_DGRAM);
+int tftp_setup_socket(dl_tftp_session& session, const char* host, uint16_t port,
+                      const tftp_socket_choice& choice) {
+  const address_list answers = look_up_host(host, choice.ipv6, SOCK_DGRAM);
   if (!answers) return DL_ERR_HOST;
-  const addrinfo* chosen = first_usable(answers.get(), ipv6);
+  const addrinfo* chosen = first_usable(answers.get(), choice.ipv6);
   if (!chosen) return DL_ERR_SOCKET;
   unique_fd sock = open_socket(chosen->ai_family, SOCK_DGRAM);
-  if (!sock || !bind_random_port(sock.get(), chosen->ai_family)) return DL_ERR_SOCKET;
+  if (!sock || !bind_local(sock.get(), chosen->ai_family, choice)) return DL_ERR_SOCKET;
 
   memcpy(session.server, chosen->ai_addr, std::min<std::size_t>(chosen->ai_addrlen, sizeof session.server));
-  set_server_port(session, htons(port));
+  tftp_set_server_port(session, htons(port));
   session.sock = sock.release();
   return 0;
+}
+
+uint16_t tftp_server_port(const dl_tftp_session& session) {
+  uint16_t port;
+  memcpy(&port, reinterpret_cast<const char*>(session.server) + port_offset, sizeof port);
+  return port;
+}
+
+void tftp_set_server_port(dl_tftp_session& session, uint16_t port) {
+  memcpy(reinterpret_cast<char*>(session.server) + port_offset, &port, sizeof port);
+}
+
+std::optional<uint16_t> tftp_note_server_error(std::string_view datagram) {
+  cursor in(datagram);
+  const auto opcode = in.u16be();
+  const auto code = in.u16be();
+  if (!code || *opcode != static_cast<uint16_t>(tftp_opcode::error)) return {};
+  const std::string_view message = in.rest().substr(0, in.rest().find('\0'));
+  note_cause(DL_CAUSE_TFTP_ERROR, *code, message);
+  log_line(DL_LOG_TFTP, DL_LOG_WARNING, "server error %d: %s\n", *code, printable(message).c_str());
+  return code;
 }
 
 ssize_t tftp_send_packet(const dl_tftp_session& session, std::string_view packet) {
@@ -225,8 +239,9 @@ ssize_t tftp_receive(dl_tftp_session& session, int timeout_s, tftp_packet_buffer
   }
   // Servers answer from a port of their own for each transfer (RFC 1350, section 4).
   const sa_family_t family = server_family(session);
-  if (family == AF_INET || family == AF_INET6) set_server_port(session, sender.sin6_port);
-  log_server_error({packet.data(), static_cast<std::size_t>(length)});
+  if (family == AF_INET || family == AF_INET6) tftp_set_server_port(session, sender.sin6_port);
+  // An ERROR does not end an exchange at once; the log keeps what the server said.
+  tftp_note_server_error({packet.data(), static_cast<std::size_t>(length)});
   return length;
 }
 
@@ -249,6 +264,7 @@ void tftp_close(dl_tftp_session* session) {
     log_line(DL_LOG_TFTP, DL_LOG_ERROR, "tftp close with invalid parameter\n");
     return;
   }
+  tftp_windowed_close(*session);
   // The record is the caller's handle until here, so it is held in the owners for plain memory only now.
   const unique_malloc<dl_tftp_session> record(session);
   const unique_text carry(session->carry);

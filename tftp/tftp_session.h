@@ -11,8 +11,10 @@
 #include <sys/types.h>
 
 #include <memory>
+#include <optional>
 #include <string_view>
 
+#include "core/extras.h"
 #include "include/fetchrig_types.h"
 #include "tftp/tftp_packet.h"
 
@@ -37,10 +39,16 @@ struct tftp_target {
 // as there is a place for it.
 [[nodiscard]] int tftp_check_open(dl_tftp_session** handle, const tftp_target& target, dl_result* result);
 
-// Makes a session whose first block is `first_block`, publishes it in `handle` and sets up its socket, for
-// IPv6 as well when `ipv6` is not 0. Returns 0, or -1 with `result` filled and no session left.
+// How the socket of a session is made.
+struct tftp_socket_choice {
+  int ipv6;           // not 0: for IPv6 as well
+  bool systems_port;  // the local port is drawn by the system
+};
+
+// Makes a session whose first block is `first_block`, publishes it in `handle` and sets up its socket. Returns 0, or
+// -1 with `result` filled and no session left.
 [[nodiscard]] int tftp_start(dl_tftp_session** handle, const tftp_target& target, uint16_t first_block,
-                             int ipv6, dl_result* result);
+                             const tftp_socket_choice& choice, dl_result* result);
 
 // Closes the session of a failed open, stores none, fills `result` and returns -1.
 int tftp_abandon(dl_tftp_session** handle, dl_result* result, int code);
@@ -50,7 +58,12 @@ int tftp_abandon(dl_tftp_session** handle, dl_result* result, int code);
 
 // Resolves the server and binds a UDP socket to a random port. Returns 0 with `sock` and `server` set, -1
 // when the name does not resolve, or -2.
-[[nodiscard]] int tftp_setup_socket(dl_tftp_session& session, const char* host, uint16_t port, int ipv6);
+[[nodiscard]] int tftp_setup_socket(dl_tftp_session& session, const char* host, uint16_t port,
+                                    const tftp_socket_choice& choice);
+
+// The port that packets go to, in network byte order.
+[[nodiscard]] uint16_t tftp_server_port(const dl_tftp_session& session);
+void tftp_set_server_port(dl_tftp_session& session, uint16_t port);
 
 // Sends one packet to the server. Returns what sendto() does; an empty packet, one that did not fit when it
 // was built, fails with EMSGSIZE.
@@ -75,6 +88,9 @@ int tftp_send_error(const dl_tftp_session& session, uint16_t code, std::string_v
 // an empty datagram), or -1 with `result` filled and logged.
 [[nodiscard]] ssize_t tftp_receive(dl_tftp_session& session, int timeout_s, tftp_packet_buffer& packet,
                                    dl_result* result);
+
+// The code of an ERROR, which is logged with what the server says and noted as the cause; nothing for another datagram.
+std::optional<uint16_t> tftp_note_server_error(std::string_view datagram);
 
 // Discards every datagram already queued.
 void tftp_drain(int sock);

@@ -18,6 +18,7 @@
 #include "core/upload_file.h"
 #include "log/log.h"
 #include "log/printable.h"
+#include "tftp/extra/tftp_windowed.h"
 
 namespace fetchrig {
 namespace {
@@ -106,12 +107,17 @@ int send_blocks(dl_tftp_session& session, FILE* file, const char* local_path, in
 
 }  // namespace
 
-int tftp_send_open(dl_tftp_session** handle, const tftp_target& target, dl_result* result) {
+int tftp_send_open(dl_tftp_session** handle, const tftp_target& target, dl_result* result,
+                   std::optional<uint64_t> size) {
   if (tftp_check_open(handle, target, result) < 0) return -1;
   const net_options options = net_settings();
-  if (tftp_start(handle, target, 0, options.ipv6, result) < 0) return -1;
+  const transfer_extras extras = current_extras();
+  if (tftp_start(handle, target, 0, {options.ipv6, extras.tftp_ports}, result) < 0) return -1;
   log_line(DL_LOG_TFTP, DL_LOG_INFO, "Send Request Packet\n");
-  const int code = request_accepted(**handle, target.remote_name, options.net_timeout_s, result);
+  const tftp_beginning begins = {tftp_opcode::wrq, target.remote_name, size, options.net_timeout_s};
+  const auto negotiated = tftp_windowed_open(**handle, begins, extras);
+  const int code = negotiated ? *negotiated
+                              : request_accepted(**handle, target.remote_name, options.net_timeout_s, result);
   if (code < 0) return tftp_abandon(handle, result, code);
   (*handle)->block = 1;
   log_line(DL_LOG_TFTP, DL_LOG_NOTICE, "tftp open success\n");
@@ -120,9 +126,9 @@ int tftp_send_open(dl_tftp_session** handle, const tftp_target& target, dl_resul
 
 int tftp_send(dl_tftp_session& session, const char* local_path, dl_result* result) {
   const net_options options = net_settings();
-  const uint32_t limit = options.max_file_size;
+  const uint64_t limit = current_extras().max_file_size(options.max_file_size);
   const int64_t size = file_size(local_path);
-  if (size != -1 && size > static_cast<int64_t>(limit)) {
+  if (size != -1 && static_cast<uint64_t>(size) > limit) {
     log_line(DL_LOG_TFTP, DL_LOG_ERROR, "File %s size larger than maxsize %ld\n",
              printable(local_path).c_str(), static_cast<long>(limit));
     return fail(result, DL_ERR_READ);
@@ -138,6 +144,7 @@ int tftp_send(dl_tftp_session& session, const char* local_path, dl_result* resul
     log_line(DL_LOG_TFTP, DL_LOG_ERROR, "File %s has 2 GiB or more\n", printable(local_path).c_str());
     return fail(result, DL_ERR_READ);
   }
+  if (const auto count = tftp_windowed_send(session, fileno(file.get()), local_path, result)) return *count;
   return send_blocks(session, file.get(), local_path, options.net_timeout_s, result);
 }
 
@@ -147,7 +154,9 @@ int tftp_send_file(const tftp_target& target, const char* local_path, dl_result*
   tftp_target named = target;
   if (!named.remote_name || !*named.remote_name) named.remote_name = base_name(local_path).data();
   dl_tftp_session* opened = nullptr;
-  if (tftp_send_open(&opened, named, result) < 0) return -1;
+  const int32_t size = file_size(local_path);
+  const auto told = size >= 0 ? std::optional<uint64_t>(size) : std::nullopt;
+  if (tftp_send_open(&opened, named, result, told) < 0) return -1;
   const unique_tftp session(opened);
   const int total = tftp_send(*session, local_path, result);
   if (total < 0) return -1;

@@ -7,9 +7,10 @@
 
 namespace fetchrig {
 
-// Sends the write request until the server accepts it. Returns 0 with the session in `handle`, or -1
-// with the result filled.
-[[nodiscard]] int tftp_send_open(dl_tftp_session** handle, const tftp_target& target, dl_result* result);
+// Sends the write request until the server accepts it; `size` is the file's where it is known. Returns 0 with the
+// session in `handle`, or -1 with the result filled.
+[[nodiscard]] int tftp_send_open(dl_tftp_session** handle, const tftp_target& target, dl_result* result,
+                                 std::optional<uint64_t> size = {});
 
 // Sends the file. Returns the bytes sent, or -1 with the result filled.
 [[nodiscard]] int tftp_send(dl_tftp_session& session, const char* local_path, dl_result* result);
