@@ -44,33 +44,12 @@ auto with_stream(http_channel& channel, Work work, read_ahead_use use = read_ahe
   return work(static_cast<stream&>(tcp));
 }
 
-int start_tls(http_channel& channel, const char* host) {
-  const tls_options options = https_options();
-  dl_http_session& session = channel.session;
-  tls_connection made;
-  const int rc = tls_connect(made, {.sock = session.sock,
-                                    .cert_file = options.cert_file.data(),
-                                    .ca_dir = options.ca_dir.data(),
-                                    .method = options.method,
-                                    .verify_peer = options.verify_peer != 0,
-                                    .verify_host = options.verify_host != 0,
-                                    .host = host});
-  if (rc < 0) {
-    close_socket(session.sock);
-    return rc;
-  }
-  read_tls_ahead(made.ssl.get());
-  session.ssl = made.ssl.release();
-  session.ssl_ctx = made.ctx.release();
-  return 0;
-}
-
 int connect_fresh(http_channel& channel, const char* host, uint32_t port, tls_use tls) {
   const int timeout_s = net_timeout_seconds();
   const int sock = connect_to_host(host, static_cast<int>(port), ipv6_enabled(), timeout_s);
   if (sock < 1) return sock;
   channel.session.sock = sock;
-  return tls == tls_use::allowed && channel.is_tls() ? start_tls(channel, host) : 0;
+  return tls == tls_use::allowed && channel.is_tls() ? http_start_tls(channel, host) : 0;
 }
 
 int send_message(http_channel& channel, const http_msg& message) {
@@ -140,6 +119,27 @@ int give(std::string_view text, std::span<char> line) {
 }
 
 }  // namespace
+
+int http_start_tls(http_channel& channel, const char* host) {
+  const tls_options options = https_options();
+  dl_http_session& session = channel.session;
+  tls_connection made;
+  const int rc = tls_connect(made, {.sock = session.sock,
+                                    .cert_file = options.cert_file.data(),
+                                    .ca_dir = options.ca_dir.data(),
+                                    .method = options.method,
+                                    .verify_peer = options.verify_peer != 0,
+                                    .verify_host = options.verify_host != 0,
+                                    .host = host});
+  if (rc < 0) {
+    close_socket(session.sock);
+    return rc;
+  }
+  read_tls_ahead(made.ssl.get());
+  session.ssl = made.ssl.release();
+  session.ssl_ctx = made.ctx.release();
+  return 0;
+}
 
 int http_connect(http_channel& channel, const char* host, uint32_t port, tls_use tls) {
   if (take_kept(channel, host, port, tls == tls_use::allowed)) return 0;

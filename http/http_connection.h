@@ -16,6 +16,9 @@ enum class tls_use { allowed, never };
 // Connects the session. `never` forbids TLS even for an HTTPS session (a proxy). Returns 0, -1 or -3.
 [[nodiscard]] int http_connect(http_channel& channel, const char* host, uint32_t port, tls_use tls);
 
+// Starts TLS with the host on the connected session, whose TLS bit is set. Returns 0, or -3 with the socket closed.
+[[nodiscard]] int http_start_tls(http_channel& channel, const char* host);
+
 // Sends the whole request. Returns 0, -4, -7, or -8 when a streamed file cannot be read.
 [[nodiscard]] int http_send_request(http_channel& channel, const http_msg& message);
 

@@ -8,6 +8,7 @@
 #include "core/extras.h"
 #include "core/result.h"
 #include "core/url.h"
+#include "http/extra/http_extras.h"
 #include "http/http_connection.h"
 #include "http/http_response.h"
 #include "http/http_status.h"
@@ -33,7 +34,12 @@ int connect_to(http_channel& channel, const dl_url& url, tls_use tls) {
   return rc < 0 ? log_and_return(DL_LOG_HTTP, rc, "Connect Error\n") : 0;
 }
 
-int connect_first(http_channel& channel, const dl_http_request& request, const dl_url& url) {
+int connect_first(http_channel& channel, const dl_http_request& request, const dl_url& url,
+                  http_policy* route) {
+  if (route) {
+    const int rc = route->connect(channel, url);
+    return rc < 0 ? log_and_return(DL_LOG_HTTP, rc, "Connect Error\n") : rc;
+  }
   if (!request.proxy) return connect_to(channel, url, tls_use::allowed);
   unique_url proxy;
   if (const int code = parse_url(proxy, request.proxy, nullptr, nullptr); code < 0) return code;
@@ -60,18 +66,22 @@ int judge_status(const http_plan& plan, int status) {
   return 0;
 }
 
-int exchange(const http_plan& plan, http_channel& channel) {
+int exchange(const http_plan& plan, http_channel& channel, const transfer_extras& extras) {
+  std::unique_ptr<http_policy> policy;
+  if (const int rc = make_http_policy(policy, extras, plan.request); rc < 0) return rc;
   const auto message = new_message(plan, channel.own->whole != nullptr);
   if (!message) return log_and_return(DL_LOG_HTTP, DL_ERR_MEMORY, "Out of memory\n");
   unique_url url;
   if (const int code = http_prepare_url(channel, url, plan.request); code < 0) return code;
-  if (const int rc = connect_first(channel, plan.request, *url); rc < 0) return rc;
+  http_policy* const route = policy && policy->has_route() ? policy.get() : nullptr;
+  if (const int rc = connect_first(channel, plan.request, *url, route); rc != 0) return rc;
   if (http_make_request(channel.is_tls(), *message, plan.request, *url) < 0) return DL_ERR_SEND;
+  if (policy && policy->complete(*message, *url) < 0) return DL_ERR_SEND;
   const int sent = http_send_request(channel, *message);
   if (sent < 0 && !may_have_answered(channel, sent)) return sent == DL_ERR_READ ? DL_ERR_READ : DL_ERR_SEND;
   log_line(DL_LOG_HTTP, DL_LOG_INFO, "process response\n");
-  const int status =
-      http_process_response(channel, url, plan.request.proxy != nullptr, *message, plan.redirect);
+  const bool proxied = plan.request.proxy && !route;
+  const int status = http_process_response(channel, url, proxied, *message, plan.redirect, policy.get());
   log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "response process finish!\n");
   if (sent < 0 && status < first_error_status) return DL_ERR_SEND;
   return judge_status(plan, status);
@@ -93,7 +103,7 @@ int open_new_session(const http_plan& plan, unique_http_session& session) {
   const transfer_extras extras = current_extras();
   if (const int rc = ask_for_whole_bodies(channel, extras); rc < 0) return rc;
   if (const int rc = ask_for_kept(channel, extras, plan.request.method); rc < 0) return rc;
-  return exchange(plan, channel);
+  return exchange(plan, channel, extras);
 }
 
 }  // namespace

@@ -31,6 +31,7 @@ constexpr std::size_t max_status_line_bytes = 128;
 constexpr head_rules classic_head = {max_line_bytes, false};
 constexpr int max_interim_responses = 32;
 constexpr int switching_protocols = 101;
+constexpr int status_unauthorised = 401;
 
 // The outcome of the loop, or the wish to have the next response read. No status can pose as that wish.
 using step_outcome = std::optional<int>;
@@ -38,8 +39,14 @@ constexpr step_outcome read_next = std::nullopt;
 
 class response_loop {
  public:
-  response_loop(http_channel& channel, unique_url& url, bool proxied, http_msg& message, char* redirect)
-      : channel_(channel), url_(url), proxied_(proxied), message_(message), redirect_(redirect) {}
+  response_loop(http_channel& channel, unique_url& url, bool proxied, http_msg& message, char* redirect,
+                http_policy* policy)
+      : channel_(channel),
+        url_(url),
+        proxied_(proxied),
+        message_(message),
+        redirect_(redirect),
+        policy_(policy) {}
 
   int run() {
     for (;;) {
@@ -56,14 +63,16 @@ class response_loop {
   void note_body(http_response_facts& facts);
   step_outcome dispatch(int status);
 
-  step_outcome follow_redirect();
-  int take_target(const char* target);
+  step_outcome follow_redirect(int status);
+  int take_target(int status, const char* line);
   void leave_origin(const dl_url& old_url);
   int rebuild_message();
   int renew_connection();
   int drain_proxied();
+  int send();
 
   step_outcome answer_challenge();
+  step_outcome answer_choice(int status);
   int check_attempts();
   int make_answer(auth_work& answer, const char* challenge);
   void choose_login(auth_work& answer);
@@ -78,6 +87,7 @@ class response_loop {
   bool proxied_;
   http_msg& message_;
   char* redirect_;
+  http_policy* policy_;
 
   const uint32_t redirect_limit_ = max_redirects();
   const uint32_t retry_limit_ = auth_retry_limit();
@@ -172,39 +182,48 @@ void response_loop::note_body(http_response_facts& facts) {
 }
 
 step_outcome response_loop::dispatch(int status) {
-  switch (status) {
-    case 200:
-      return 0;
-    case 301:
-    case 302:
-      return follow_redirect();
-    case 401:
-      return answer_challenge();
-    default:
-      free_headers(channel_.session);
-      return status;
+  if (policy_) {
+    if (const int rc = policy_->check(channel_.session.headers); rc < 0) return rc;
   }
+  switch (policy_ ? policy_->act_on(status, message_) : classic_act(status)) {
+    case response_act::follow:
+      return follow_redirect(status);
+    case response_act::answer:
+      return answer_challenge();
+    case response_act::answer_choice:
+      return answer_choice(status);
+    case response_act::finish:
+      break;
+  }
+  if (status == 200) return 0;
+  free_headers(channel_.session);
+  return status;
 }
 
-step_outcome response_loop::follow_redirect() {
+step_outcome response_loop::follow_redirect(int status) {
   if (redirects_ >= redirect_limit_) return DL_ERR_REDIRECTS;
   const char* line = header("location");
   if (!line) {
     note_cause(DL_CAUSE_NO_TARGET);
     return log_and_return(DL_LOG_HTTP, DL_ERR_REDIRECTS, "Can't find location header\n");
   }
-  if (const int rc = take_target(header_value(line, strlen("location"))); rc < 0) return rc;
+  if (const int rc = take_target(status, line); rc < 0) return rc;
   if (const int rc = rebuild_message(); rc < 0) return rc;
-  if (const int rc = proxied_ ? drain_proxied() : renew_connection(); rc < 0) return rc;
-  if (const int rc = http_send_request(channel_, message_); rc < 0)
-    return log_and_return(DL_LOG_HTTP, rc, "Request Send Error\n");
+  if (const int rc = proxied_ ? drain_proxied() : renew_connection(); rc != 0) return rc;
+  if (const int rc = send(); rc < 0) return log_and_return(DL_LOG_HTTP, rc, "Request Send Error\n");
   ++redirects_;
   return read_next;
 }
 
 // The target becomes the URL; method and credentials carry over.
-int response_loop::take_target(const char* target) {
+int response_loop::take_target(int status, const char* line) {
   log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "redirect to new url\n");
+  const char* target = header_value(line, strlen("location"));
+  std::string resolved;
+  if (policy_) {
+    if (const int rc = policy_->resolve(resolved, *url_, line); rc < 0) return rc;
+    target = resolved.c_str();
+  }
   copy_text({redirect_, DL_REDIRECT_SIZE}, target);
   unique_url next;
   const int code = parse_url(next, target, url_->user, url_->password);
@@ -212,7 +231,7 @@ int response_loop::take_target(const char* target) {
   next->method = url_->method;
   std::swap(url_, next);
   leave_origin(*next);
-  return 0;
+  return policy_ ? policy_->move(status, message_, *url_, *next) : 0;
 }
 
 // An answer to one origin's challenge is not shown to another.
@@ -239,8 +258,18 @@ int response_loop::rebuild_message() {
 int response_loop::renew_connection() {
   http_session_reset(channel_);
   if (url_->scheme == scheme_https) channel_.session.flags |= DL_HTTP_FLAG_TLS;
-  if (http_connect(channel_, url_->host, url_->port, tls_use::allowed) == 0) return 0;
-  return log_and_return(DL_LOG_HTTP, DL_ERR_CONNECT, "Connect Error\n");
+  const bool routed = policy_ && policy_->has_route();
+  const int rc = routed ? policy_->connect(channel_, *url_)
+                        : http_connect(channel_, url_->host, url_->port, tls_use::allowed);
+  if (rc >= 0) return rc;
+  return log_and_return(DL_LOG_HTTP, routed ? rc : DL_ERR_CONNECT, "Connect Error\n");
+}
+
+int response_loop::send() {
+  if (policy_) {
+    if (const int rc = policy_->complete(message_, *url_); rc < 0) return rc;
+  }
+  return http_send_request(channel_, message_);
 }
 
 // The connection to the proxy stays, when this body's end is where the next response begins: late bytes would
@@ -273,10 +302,23 @@ step_outcome response_loop::answer_challenge() {
   log_line(DL_LOG_HTTP, DL_LOG_INFO, "http auth type: %d,\n", static_cast<int>(answer.picked));
   log_line(DL_LOG_HTTP, DL_LOG_INFO, "Reconnect %s:%d\n", printable(url_->host).c_str(),
            static_cast<int>(url_->port));
-  if (const int rc = renew_connection(); rc < 0) return rc;
+  if (const int rc = renew_connection(); rc != 0) return rc;
   proxied_ = false;
   if (const int rc = resend_with(answer); rc < 0) return rc;
   ++attempts_;
+  return read_next;
+}
+
+step_outcome response_loop::answer_choice(int status) {
+  const bool is_counted = status == status_unauthorised;
+  if (const int rc = is_counted ? check_attempts() : 0; rc < 0) return rc;
+  const int chosen = policy_->choose(status, channel_.session.headers, message_, *url_);
+  if (chosen == DL_ERR_AUTH) return auth_failed("Input Auth Error\n");
+  if (chosen < 0) return chosen;
+  if (const int rc = renew_connection(); rc != 0) return rc;
+  proxied_ = false;
+  if (const int rc = send(); rc < 0) return rc;
+  if (is_counted) ++attempts_;
   return read_next;
 }
 
@@ -321,7 +363,7 @@ int response_loop::resend_with(const auth_work& answer) {
   const int rc = http_set_header(message_, "Authorization", text.get());
   wipe(text.get());
   if (rc < 0) return rc;
-  return http_send_request(channel_, message_);
+  return send();
 }
 
 int response_loop::auth_failed(const char* text) {
@@ -333,9 +375,9 @@ int response_loop::auth_failed(const char* text) {
 }  // namespace
 
 int http_process_response(http_channel& channel, unique_url& url, bool proxied, http_msg& message,
-                          char* redirect) {
+                          char* redirect, http_policy* policy) {
   const int outcome =
-      guarded_step([&] { return response_loop(channel, url, proxied, message, redirect).run(); });
+      guarded_step([&] { return response_loop(channel, url, proxied, message, redirect, policy).run(); });
   if (outcome < 0) free_headers(channel.session);
   return outcome;
 }

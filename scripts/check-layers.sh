@@ -51,6 +51,7 @@ seams='
 http/http_session.h http/extra/(whole_body|kept_connections).h   # responses are whole or classic, connections kept
 http/http_message.h http/extra/streamed_body.h       # a file is streamed or held
 tftp/tftp_(download|upload|session).cpp tftp/extra/tftp_windowed.h  # a transfer is negotiated or classic
+http/http_open.cpp http/extra/http_extras.h              # the policy of an exchange
 '
 
 readonly folders=$(sed -n 's/:.*//p' <<<"$layers")
