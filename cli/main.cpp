@@ -144,6 +144,8 @@ int run_command_line(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) return app.exit(error);  // --help, --version
     return wrong_command_line(app, error, argc, argv);
+  } catch (const usage_error& error) {  // of an option's own reader
+    return wrong_usage(error.what());
   }
   return run_action(chosen);
 }

@@ -19,6 +19,7 @@ URL = "http://127.0.0.1:1/a"  # refused connections would end in 1
     ("get gopher://127.0.0.1/a", "only http, https, ftp and tftp"), ("get http:///a", "no host"),
     ("get ftp://:secret@127.0.0.1/a", "no user name"),
     ("get 'http://127.0.0.1/a\r\nX: y'", "control characters"),
+    (f"get --sha256 {'0' * 63} {URL}", "64 hexadecimal digits"),
     (f"get --timeout 0 {URL}", "--timeout"), (f"get --max-size 4G {URL}", "--max-size"),
     (f"get --header 'A: b\r\nC: d' {URL}", "--header"), (f"get --auth ntlm {URL}", "--auth"),
     ("get --header 'A: b' ftp://127.0.0.1/a", "--header"),
