@@ -93,6 +93,11 @@ struct wiped_text {
   std::string text;
 };
 
+struct encoded_text {
+  ~encoded_text() { wipe(text.get()); }
+  unique_text text;
+};
+
 void join_login(std::string& login, string_view user, string_view password) {
   login.reserve(user.size() + password.size() + 1);
   login.append(user).append(":").append(password);
@@ -127,16 +132,15 @@ int http_login::choose_digest(digest_terms terms, const char* user, const char* 
 }
 
 int http_login::choose_basic(string_view login) {
-  unique_text encoded;
-  base64_encode(encoded, login);
-  if (!encoded) return DL_ERR_MEMORY;
+  encoded_text encoded;
+  base64_encode(encoded.text, login);
+  if (!encoded.text) return DL_ERR_MEMORY;
   log_line(DL_LOG_HTTP, DL_LOG_INFO, "%s: Basic\n", fields_.answer);
   digest_.reset();
   wipe(basic_);
-  const string_view text = encoded.get();
+  const string_view text = encoded.text.get();
   basic_.reserve(text.size() + strlen("Basic "));
   basic_.append("Basic ").append(text);
-  wipe(encoded.get());
   return 0;
 }
 

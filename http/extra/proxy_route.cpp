@@ -110,7 +110,8 @@ int proxy_route::open_tunnel(http_channel& channel, const dl_url& url) {
     if (const int rc = choose(channel.session.headers); rc < 0) return rc;
   }
   // What came before TLS has begun came from nobody that has been checked.
-  if (channel.own && !channel.own->ahead.held().empty()) return bad_answer();
+  if (channel.own && !channel.own->ahead.held().empty())
+    return log_and_return(DL_LOG_HTTP, DL_ERR_CONNECT, "the proxy answers more than CONNECT asks for\n");
   free_headers(channel.session);
   if (channel.own) channel.own->response = {};
   set_last_status(0);

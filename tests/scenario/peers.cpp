@@ -77,18 +77,21 @@ std::shared_ptr<link> conversation::accept(const endpoint& server, bool datagram
     by.way = std::make_shared<link>();
     by.way->mute = plan.has("mute");
     by.way->interrupted = plan.has("interrupted");
-    if (!plan.has("tls")) return by.way;
-    by.tls.reset(SSL_new(known_.context(plan.certificate())));
-    SSL_set_bio(by.tls.get(), BIO_new(BIO_s_mem()), BIO_new(BIO_s_mem()));
-    SSL_set_accept_state(by.tls.get());
-    const int version = plan.has("version") ? TLS1_VERSION + plan.with.at("version").back() - '0' : 0;
-    SSL_set_min_proto_version(by.tls.get(), version);
-    SSL_set_max_proto_version(by.tls.get(), version);
-    if (plan.has("demands"))
-      SSL_set_verify(by.tls.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+    if (plan.has("tls") && !plan.has("later")) start_tls(by, plan);
     return by.way;
   }
   return nullptr;
+}
+
+void conversation::start_tls(party& by, const connection& plan) {
+  by.tls.reset(SSL_new(known_.context(plan.certificate())));
+  SSL_set_bio(by.tls.get(), BIO_new(BIO_s_mem()), BIO_new(BIO_s_mem()));
+  SSL_set_accept_state(by.tls.get());
+  const int version = plan.has("version") ? TLS1_VERSION + plan.with.at("version").back() - '0' : 0;
+  SSL_set_min_proto_version(by.tls.get(), version);
+  SSL_set_max_proto_version(by.tls.get(), version);
+  if (plan.has("demands"))
+    SSL_set_verify(by.tls.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
 }
 
 // Client and server share a thread, and with it OpenSSL's queue of errors.
@@ -154,6 +157,7 @@ bool conversation::advance(const step& now, party& by) {
     return closed;
   }
   if (now.what == ">>") put(by, now.bytes);
+  if (now.what == "secure") start_tls(by, told_.connections[now.connection]);
   if (now.what == "signal") net.interrupts = true;
   if (now.what == "from") {
     const std::size_t colon = now.bytes.find(':');

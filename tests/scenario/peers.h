@@ -47,6 +47,7 @@ class conversation : public peers {
   void put(party& by, const std::string& bytes);
   void end(party& by, bool farewell);
   void problem(const step& at, const std::string& what);
+  void start_tls(party& by, const connection& plan);
   static void pump_tls(party& by);
 
   const story& told_;

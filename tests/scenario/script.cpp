@@ -310,8 +310,9 @@ class reader {
     }
   }
   void read_line(const string& word, const string& rest) {
-    static const std::set<string> steps = {"<",      ">",      "<<",      ">>",   "<~",    "from", "after",
-                                           "signal", "closed", "aborted", "hang", "reset", "hold", "deaf"};
+    static const std::set<string> steps = {"<",       ">",     "<<",     ">>",     "<~",
+                                           "from",    "after", "signal", "secure", "closed",
+                                           "aborted", "hang",  "reset",  "hold",   "deaf"};
     static const std::set<string> of_call = {"file",  "mode", "body",   "rest", "redirect",
                                              "reads", "read", "status", "last", "header",
                                              "end",   "left", "ring",   "port", "cause"};

@@ -33,7 +33,8 @@
 //
 // The other side, in the order in which things happen, whatever the connection:
 //   @ a.test:80                 the client connects here; `tls` or `tls=NAME` behind it makes it a TLS server with
-//                               that certificate (server, foreign, elsewhere, or the file's own), version=1.2;
+//                               that certificate (server, foreign, elsewhere, or the file's own), version=1.2; `later`: from the line
+//                               "secure" on;
 //                               sni=a.test or sni=none is the name that the client must ask for; `demands` a
 //                               certificate of it, by `authority`, which is what it trusts; `udp` makes it datagrams;
 //                               as=NAME names it; `mute` lets no connection come about; `interrupted`:
@@ -78,7 +79,7 @@
 // A file's certificates are described in front of its stories (cert_table.h).
 //
 // BYTES may hold \r \n \t \s \0 \\ \xNN and {bytes N} (N bytes of generated content), {bytes N@M} (from its byte M on),
-// {repeat N TEXT}, {chunk BYTES}, {md5 TEXT}, {base64 TEXT}, {octets} (all that a file's name may hold), {dir}, {w} (the
+// {repeat N TEXT}, {chunk BYTES}, {md5 TEXT}, {sha256 TEXT}, {sha512-256 TEXT}, {base64 TEXT}, {octets} (all that a file's name may hold), {dir}, {w} (the
 // directory of the files that `at` tells of), {got} (the local file), and for TFTP
 // {rrq NAME} {wrq NAME} {data N BYTES} {ack N} {oack NAME VALUE} {error N TEXT}.
 //

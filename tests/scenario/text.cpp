@@ -68,6 +68,8 @@ string generated(const string& name, string rest, const places& where) {
   if (name == "bytes") return content(rest);
   if (name == "chunk") return chunk(rest);
   if (name == "md5") return test::md5_hex(rest);
+  if (name == "sha256") return test::digest_hex(EVP_sha256(), rest);
+  if (name == "sha512-256") return test::digest_hex(EVP_sha512_256(), rest);
   if (name == "base64") return base64(rest);
   if (name == "dir") return where.directory;
   if (name == "octets") return octets();

@@ -1,7 +1,6 @@
 // temp_dir.cpp: temporary directories, whole files, deterministic content and digests.
 #include "tests/support/temp_dir.h"
 
-#include <openssl/evp.h>
 #include <stdlib.h>
 
 #include <algorithm>
@@ -14,16 +13,6 @@ namespace test {
 namespace {
 
 namespace fs = std::filesystem;
-
-std::string digest_hex(const EVP_MD* kind, std::string_view data) {
-  unsigned char digest[EVP_MAX_MD_SIZE] = {};
-  unsigned length = 0;
-  if (EVP_Digest(data.data(), data.size(), digest, &length, kind, nullptr) != 1)
-    throw std::runtime_error("digest failed");
-  std::string hex;
-  for (unsigned i = 0; i < 2 * length; ++i) hex += "0123456789abcdef"[digest[i / 2] >> (i % 2 ? 0 : 4) & 15];
-  return hex;
-}
 
 }  // namespace
 
@@ -84,6 +73,16 @@ std::string make_bytes(std::size_t size, uint64_t seed) {
 
 std::string summary(std::string_view bytes) {
   return std::to_string(bytes.size()) + " bytes, " + md5_hex(bytes);
+}
+
+std::string digest_hex(const EVP_MD* kind, std::string_view data) {
+  unsigned char digest[EVP_MAX_MD_SIZE] = {};
+  unsigned length = 0;
+  if (EVP_Digest(data.data(), data.size(), digest, &length, kind, nullptr) != 1)
+    throw std::runtime_error("digest failed");
+  std::string hex;
+  for (unsigned i = 0; i < 2 * length; ++i) hex += "0123456789abcdef"[digest[i / 2] >> (i % 2 ? 0 : 4) & 15];
+  return hex;
 }
 
 std::string md5_hex(std::string_view data) {

@@ -4,6 +4,7 @@
 #ifndef FETCHRIG_TESTS_SUPPORT_TEMP_DIR_H
 #define FETCHRIG_TESTS_SUPPORT_TEMP_DIR_H
 
+#include <openssl/evp.h>
 #include <stdint.h>
 
 #include <string>
@@ -43,6 +44,7 @@ std::string make_bytes(std::size_t size, uint64_t seed = 1);
 std::string summary(std::string_view bytes);
 
 // As lower-case hexadecimal digits.
+std::string digest_hex(const EVP_MD* kind, std::string_view data);
 std::string md5_hex(std::string_view data);
 
 }  // namespace test
