@@ -4,7 +4,9 @@
 #ifndef FETCHRIG_HTTP_HTTP_DOWNLOAD_H
 #define FETCHRIG_HTTP_HTTP_DOWNLOAD_H
 
+#include "core/download_file.h"
 #include "http/http_open.h"
+#include "http/http_session.h"
 
 namespace fetchrig {
 
@@ -12,6 +14,11 @@ namespace fetchrig {
 // the last part of the URL's path. Returns 0, or -1 with the plan's result filled; a file that cannot be created
 // leaves the result clear.
 [[nodiscard]] int http_recv_to_file(const http_plan& plan, const char* local_path);
+
+// The block size in which totals and the size limit of a file are judged.
+inline constexpr uint32_t http_file_step = 512;
+// Receives the body into the open file and finishes it. Returns 0, or -1 with the result filled.
+[[nodiscard]] int http_copy_body(http_channel& channel, download_file& file, dl_result& result);
 
 }  // namespace fetchrig
 #endif

@@ -66,9 +66,15 @@ int judge_status(const http_plan& plan, int status) {
   return 0;
 }
 
-int exchange(const http_plan& plan, http_channel& channel, const transfer_extras& extras) {
+int ask_for_range(http_msg& message, const http_range& range) {
+  message.is_ranged = true;
+  if (const int rc = http_set_header(message, "Range", range.bytes.c_str()); rc < 0) return rc;
+  return http_set_header(message, "If-Range", range.validator.c_str());
+}
+
+int exchange(const http_plan& plan, http_channel& channel) {
   std::unique_ptr<http_policy> policy;
-  if (const int rc = make_http_policy(policy, extras, plan.request); rc < 0) return rc;
+  if (const int rc = make_http_policy(policy, plan.extras, plan.request); rc < 0) return rc;
   const auto message = new_message(plan, channel.own->whole != nullptr);
   if (!message) return log_and_return(DL_LOG_HTTP, DL_ERR_MEMORY, "Out of memory\n");
   unique_url url;
@@ -76,6 +82,7 @@ int exchange(const http_plan& plan, http_channel& channel, const transfer_extras
   http_policy* const route = policy && policy->has_route() ? policy.get() : nullptr;
   if (const int rc = connect_first(channel, plan.request, *url, route); rc != 0) return rc;
   if (http_make_request(channel.is_tls(), *message, plan.request, *url) < 0) return DL_ERR_SEND;
+  if (plan.range && ask_for_range(*message, *plan.range) < 0) return DL_ERR_SEND;
   if (policy && policy->complete(*message, *url) < 0) return DL_ERR_SEND;
   const int sent = http_send_request(channel, *message);
   if (sent < 0 && !may_have_answered(channel, sent)) return sent == DL_ERR_READ ? DL_ERR_READ : DL_ERR_SEND;
@@ -100,10 +107,9 @@ int open_new_session(const http_plan& plan, unique_http_session& session) {
     return log_and_return(DL_LOG_HTTP, DL_ERR_PARAMETER, "auth info count nonpositive\n");
   }
   http_channel channel(*session);
-  const transfer_extras extras = current_extras();
-  if (const int rc = ask_for_whole_bodies(channel, extras); rc < 0) return rc;
-  if (const int rc = ask_for_kept(channel, extras, plan.request.method); rc < 0) return rc;
-  return exchange(plan, channel, extras);
+  if (const int rc = ask_for_whole_bodies(channel, plan.extras); rc < 0) return rc;
+  if (const int rc = ask_for_kept(channel, plan.extras, plan.request.method); rc < 0) return rc;
+  return exchange(plan, channel);
 }
 
 }  // namespace

@@ -4,10 +4,19 @@
 #ifndef FETCHRIG_HTTP_HTTP_OPEN_H
 #define FETCHRIG_HTTP_HTTP_OPEN_H
 
+#include <string>
+
+#include "core/extras.h"
 #include "http/http_message.h"
 #include "http/http_session.h"
 
 namespace fetchrig {
+
+// A part of a file, while the file is the one of this validator (RFC 9110 sections 13.1.5, 14.2).
+struct http_range {
+  std::string bytes;
+  std::string validator;
+};
 
 // What one call asks of the sequence. Everything is borrowed for the duration of the call.
 struct http_plan {
@@ -19,6 +28,8 @@ struct http_plan {
   int32_t num_credentials = 0;
   const char* file_path = nullptr;  // the local file to send
   bool refuse_304 = false;
+  const http_range* range = nullptr;  // asks for a part; a response that is one (206) keeps its headers
+  transfer_extras extras = current_extras();
 };
 
 // Clears the result and runs the sequence. Returns 0 with the session open at the start of the body, or -1 with

@@ -31,6 +31,7 @@ constexpr std::size_t max_status_line_bytes = 128;
 constexpr head_rules classic_head = {max_line_bytes, false};
 constexpr int max_interim_responses = 32;
 constexpr int switching_protocols = 101;
+constexpr int status_partial = 206;
 constexpr int status_unauthorised = 401;
 
 // The outcome of the loop, or the wish to have the next response read. No status can pose as that wish.
@@ -196,6 +197,7 @@ step_outcome response_loop::dispatch(int status) {
       break;
   }
   if (status == 200) return 0;
+  if (status == status_partial && message_.is_ranged) return status;
   free_headers(channel_.session);
   return status;
 }

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "core/cause.h"
@@ -42,9 +43,14 @@ int still_named(int fd, const char* path) {
   return opened.st_nlink == 1 && opened.st_uid == ::geteuid() ? 0 : EPERM;
 }
 
-int lock_now(int fd) {
-  while (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
-    if (errno != EINTR) return errno;
+// Another process may be about to finish; one that is not keeps it for long.
+int lock_soon(int fd) {
+  constexpr int max_waits = 10;
+  constexpr timespec wait = {0, 100000000};
+  for (int waits = 0; ::flock(fd, LOCK_EX | LOCK_NB) != 0;) {
+    if (errno == EINTR) continue;
+    if (errno != EWOULDBLOCK || waits++ == max_waits) return errno;
+    ::nanosleep(&wait, nullptr);
   }
   return 0;
 }
@@ -85,7 +91,7 @@ int partial_file::open_locked() {
   for (int tries = 0; tries < max_tries && error == ESTALE; ++tries) {
     fd_.reset(::open(part_.c_str(), O_RDWR | O_APPEND | own_flags, own_mode));
     if (!fd_) return errno;
-    error = lock_now(fd_.get());
+    error = lock_soon(fd_.get());
     if (error == 0) error = still_named(fd_.get(), part_.c_str());
   }
   if (error != 0) fd_.reset();
@@ -139,10 +145,14 @@ void partial_file::drop() {
 // The mode of a new file is known only from one.
 int partial_file::complete() {
   struct stat status = {};
+  const bool is_new = ::lstat(path_.c_str(), &status) != 0;
   const unique_fd file(::open(path_.c_str(), O_WRONLY | own_flags, 0666));
   if (!file || ::fstat(file.get(), &status) != 0) return errno;
-  if (::fchmod(fd_.get(), status.st_mode & permissions) != 0) return errno;
-  if (::rename(part_.c_str(), path_.c_str()) != 0) return errno;
+  if (::fchmod(fd_.get(), status.st_mode & permissions) != 0 || ::rename(part_.c_str(), path_.c_str()) != 0) {
+    const int error = errno;
+    if (is_new) ::unlink(path_.c_str());
+    return error;
+  }
   ::unlink(info_.c_str());
   fd_.reset();
   return 0;

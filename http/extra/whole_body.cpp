@@ -225,7 +225,7 @@ int body_reader::failed(int code) {
 }  // namespace
 
 int ask_for_whole_bodies(http_channel& channel, const transfer_extras& extras) {
-  if (!extras.whole_bodies) return 0;
+  if (!extras.whole_bodies && !extras.resume) return 0;
   channel.own->whole.reset(new (std::nothrow) whole_body);
   if (!channel.own->whole) return DL_ERR_MEMORY;
   channel.own->whole->limit = extras.max_file_size(max_file_size());
