@@ -56,7 +56,7 @@ std::string hashed(const EVP_MD* hash, std::initializer_list<string_view> parts)
 }
 
 bool is_plain(string_view text) {
-  return std::none_of(text.begin(), text.end(), [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; });
+  return std::none_of(text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; });
 }
 
 bool is_ascii(string_view text) {
