@@ -10,6 +10,7 @@
 
 #include <sstream>
 
+#include "fetchrig.h"
 #include "pem.h"
 #include "report.h"
 
@@ -34,7 +35,8 @@ bool ends_alike(const std::string& text, const std::string& end) {
 bool is_excepted(const location& where, std::string entry) {
   if (entry == "*") return true;
   const std::size_t colon = entry.find(':') == entry.rfind(':') ? entry.find(':') : entry.npos;
-  const std::string port = where.port.empty() ? "80" : where.port;
+  const std::string usual_port = where.kind == scheme::https ? "443" : "80";
+  const std::string port = where.port.empty() ? usual_port : where.port;
   if (colon != entry.npos && entry.substr(colon + 1) != port) return false;
   entry.resize(colon == entry.npos ? entry.size() : colon);
   if (entry.starts_with('.')) entry.erase(0, 1);
@@ -62,9 +64,16 @@ bool is_usable(const std::string& path) {
 
 }  // namespace
 
+bool goes_by_proxy(const location& where) {
+  // A library that was built without tunnels does not take the switch.
+  return where.kind == scheme::http || (where.kind == scheme::https && dl_set_extra(DL_EXTRA_PROXY, 1) == 0);
+}
+
 std::string environment_proxy(const location& where) {
-  const std::string proxy = variable("http_proxy");
-  if (where.kind != scheme::http || proxy.empty() || goes_without_proxy(where)) return "";
+  if (!goes_by_proxy(where)) return "";
+  std::string proxy = variable(where.kind == scheme::http ? "http_proxy" : "https_proxy");
+  if (proxy.empty() && where.kind == scheme::https) proxy = variable("HTTPS_PROXY");
+  if (proxy.empty() || goes_without_proxy(where)) return "";
   return proxy.find("://") == proxy.npos ? "http://" + proxy : proxy;
 }
 

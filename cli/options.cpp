@@ -138,6 +138,7 @@ std::unique_ptr<ca_bundle> set_connection_options(const connection_options& opti
                                                   std::uint32_t timeout_s) {
   const std::uint32_t verify = options.insecure ? 0 : 1;
   start_log(options.verbosity);
+  dl_set_extras(DL_EXTRAS_RECOMMENDED);
   auto bundle = set_trusted_cas(options);
   set_text_option(DL_OPT_HTTPS_CERT_FILE, options.client_cert);
   set_number_option(DL_OPT_SSL_METHOD, options.tls_method);
@@ -209,8 +210,9 @@ void add_transfer_options(CLI::App& app, transfer_options& options) {
   app.add_option("--user", options.user, "User name for HTTP or FTP");
   app.add_option("--password", options.password,
                  "Its password; better left to FETCHRIG_PASSWORD or to the question at the terminal");
-  app.add_option("--proxy", options.proxy,
-                 "URL of an HTTP proxy (http URLs only), \"\" for none; else http_proxy has it");
+  app.add_option(
+      "--proxy", options.proxy,
+      "URL of an HTTP proxy for http and https URLs, \"\" for none; else http_proxy or https_proxy");
   app.add_option("--header", options.headers, "Header line for HTTP; repeatable")
       ->type_name("\"NAME: VALUE\"")
       ->expected(1)
@@ -227,7 +229,7 @@ void add_transfer_options(CLI::App& app, transfer_options& options) {
       ->check(CLI::Range(0.0, 3600.0))
       ->type_name("SECONDS")
       ->capture_default_str();
-  app.add_flag("--no-env", options.no_env, "Use neither http_proxy nor ~/.netrc");
+  app.add_flag("--no-env", options.no_env, "Use neither http_proxy, https_proxy nor ~/.netrc");
   app.add_flag("--json", options.json, "Answer in JSON, one object a transfer");
   app.add_flag("-q,--quiet", options.quiet, "Show no progress");
   add_connection_options(app, options.connection);
@@ -249,8 +251,8 @@ std::unique_ptr<ca_bundle> configure(const transfer_options& options, const loca
 }
 
 void check_proxy(const transfer_options& options, const location& where) {
-  if (where.kind == scheme::http || options.proxy.value_or("").empty()) return;
-  throw usage_error("--proxy is for http URLs; HTTPS is not tunnelled through a proxy");
+  if (options.proxy.value_or("").empty() || goes_by_proxy(where)) return;
+  throw usage_error("--proxy is for http and https URLs");
 }
 
 std::string proxy_for(const transfer_options& options, const location& where) {

@@ -61,7 +61,7 @@ void add_verbosity(CLI::App& app, int& verbosity);
 [[nodiscard]] std::unique_ptr<ca_bundle> configure(const connection_options& options);
 [[nodiscard]] std::unique_ptr<ca_bundle> configure(const transfer_options& options, const location& where);
 
-// Throws usage_error for a proxy that is given for another scheme than http.
+// Throws usage_error for a proxy that is given that cannot lead to the URL.
 void check_proxy(const transfer_options& options, const location& where);
 // The proxy for the URL, or empty.
 std::string proxy_for(const transfer_options& options, const location& where);

@@ -58,8 +58,8 @@ class http_policy {
   // Changes the message, and the login that `url` takes along, for a redirect of that status from `old_url`.
   [[nodiscard]] virtual int move(int status, http_msg& message, dl_url& url, const dl_url& old_url) = 0;
 
-  // Chooses one of the challenges and what answers it in the next request. Returns 0, or a negative code: DL_ERR_AUTH
-  // when there is nothing to answer with. The limit of option 15 is kept by the caller for 401, else here.
+  // Chooses one of the challenges and what answers it in the next request. Returns 0, or a negative code, logged:
+  // DL_ERR_AUTH when there is nothing to answer with. The limit of option 15 is kept by the caller for 401, else here.
   [[nodiscard]] virtual int choose(int status, const char* headers, http_msg& message, const dl_url& url) = 0;
 };
 

@@ -315,8 +315,10 @@ step_outcome response_loop::answer_choice(int status) {
   const bool is_counted = status == status_unauthorised;
   if (const int rc = is_counted ? check_attempts() : 0; rc < 0) return rc;
   const int chosen = policy_->choose(status, channel_.session.headers, message_, *url_);
-  if (chosen == DL_ERR_AUTH) return auth_failed("Input Auth Error\n");
-  if (chosen < 0) return chosen;
+  if (chosen < 0) {
+    http_session_reset(channel_);
+    return chosen;
+  }
   if (const int rc = renew_connection(); rc != 0) return rc;
   proxied_ = false;
   if (const int rc = send(); rc < 0) return rc;

@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: MIT
 """Starts real servers on loopback, on ports that are free, and stops them again.
 
-  servers.py SERVER... [-- COMMAND...]     SERVER is nginx, apache, vsftpd, pyftpd, tftpd or atftpd
+  servers.py SERVER... [-- COMMAND...]     SERVER is nginx, apache, lighttpd, vsftpd, pyftpd, tftpd or
+                                           atftpd, or one of the proxies squid and tinyproxy
 
 All serve one new directory, in which "upload" is writable. When they answer, the command runs, and they end with it;
 without one they run until standard input ends. The command finds in its environment, and without one standard output
@@ -129,6 +130,43 @@ DocumentRoot $root
 """
 APACHE_MODULES = "mpm_prefork authn_core authn_file authz_core authz_user auth_digest".split()
 
+LIGHTTPD = """server.document-root = "$root"
+server.bind = "127.0.0.1"
+server.port = $http
+server.modules = ("mod_alias", "mod_auth", "mod_authn_file", "mod_redirect")
+index-file.names = ("index")
+alias.url = ("/private/" => "$root/")
+auth.backend = "htdigest"
+auth.backend.htdigest.userfile = "$users"
+auth.require = ("/private/" => ("method" => "digest", "algorithm" => "SHA-256", "realm" => "$realm",
+  "require" => "valid-user", "userhash" => "enable"))
+$redirects
+"""
+LIGHTTPD_REDIRECT = """$$HTTP["url"] =~ "^/CODE/" {
+  url.redirect = ("^/CODE/(.*)" => "/$$1")
+  url.redirect-code = CODE
+}
+"""
+
+SQUID = """http_port 127.0.0.1:$http
+pid_filename none
+cache_log stdio:/dev/null
+access_log none
+cache deny all
+pinger_enable off
+shutdown_lifetime 0 seconds
+coredump_dir $place
+auth_param digest program /usr/lib/squid/digest_file_auth -c $users
+auth_param digest realm $realm
+acl known proxy_auth REQUIRED
+http_access allow known
+"""
+
+TINYPROXY = """Port $http
+Listen 127.0.0.1
+BasicAuth $user $password
+"""
+
 VSFTPD_ON = """listen anonymous_enable no_anon_password write_enable anon_upload_enable anon_other_write_enable
     run_as_launching_user""".split()
 VSFTPD_OFF = """background anon_world_readable_only seccomp_sandbox isolate isolate_network connect_from_port_20
@@ -163,6 +201,27 @@ def apache(place, _host, ports, _options):
     return ["apache2", "-D", "FOREGROUND", "-f", conf]
 
 
+def lighttpd(place, _host, ports, _options):
+    def sha256(*parts):
+        return hashlib.sha256(":".join(parts).encode()).hexdigest()
+
+    secret, hashed_user = sha256(USER, REALM, PASSWORD), sha256(USER, REALM)
+    users = place.write("sha256-users", f"{USER}:$realm:{secret}:{hashed_user}\n")
+    redirects = "".join(LIGHTTPD_REDIRECT.replace("CODE", str(code)) for code in (301, 302, 303, 307, 308))
+    values = {"users": users, "redirects": redirects.replace("$$", "$"), **ports}
+    return ["lighttpd", "-D", "-f", place.write("lighttpd.conf", LIGHTTPD, **values)]
+
+
+def squid(place, _host, ports, _options):
+    secret = hashlib.md5(f"{USER}:{REALM}:{PASSWORD}".encode()).hexdigest()
+    users = place.write("squid-users", f"{USER}:$realm:{secret}\n")
+    return ["squid", "-N", "-f", place.write("squid.conf", SQUID, users=users, **ports)]
+
+
+def tinyproxy(place, _host, ports, _options):
+    return ["tinyproxy", "-d", "-c", place.write("tinyproxy.conf", TINYPROXY, user=USER, password=PASSWORD, **ports)]
+
+
 def vsftpd(place, host, ports, _options):
     values = {"listen_address": host, "listen_port": ports["ftp"], "anon_root": place.root, "anon_umask": "022",
               "secure_chroot_dir": place.root}
@@ -188,8 +247,8 @@ def atftpd(place, host, ports, options):
             "--logfile=-", *options, place.root]
 
 
-SCHEMES = {nginx: ["http", "https"], apache: ["http"], vsftpd: ["ftp"], pyftpd: ["ftp"], tftpd: ["tftp"],
-           atftpd: ["tftp"]}
+SCHEMES = {nginx: ["http", "https"], apache: ["http"], lighttpd: ["http"], squid: ["http"], tinyproxy: ["http"],
+           vsftpd: ["ftp"], pyftpd: ["ftp"], tftpd: ["tftp"], atftpd: ["tftp"]}
 
 
 class Server:

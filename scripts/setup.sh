@@ -18,7 +18,7 @@ demo=(
 tests=(
   git libgtest-dev libbenchmark-dev
   clang clang-format clang-tidy libclang-rt-14-dev cppcheck dwarves reuse
-  apache2-bin python3-pyftpdlib
+  apache2-bin lighttpd squid tinyproxy-bin python3-pyftpdlib
   python3-pytest python3-pexpect valgrind gcovr doxygen
   gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user-static
 )

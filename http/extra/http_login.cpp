@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "core/base64.h"
+#include "core/cause.h"
 #include "core/openssl_owners.h"
 #include "core/text.h"
 #include "http/extra/streamed_body.h"
@@ -98,6 +99,10 @@ struct encoded_text {
   unique_text text;
 };
 
+int refuse(const char* why) {
+  return log_and_return(DL_LOG_HTTP, DL_ERR_AUTH, "%s\n", why);
+}
+
 void join_login(std::string& login, string_view user, string_view password) {
   login.reserve(user.size() + password.size() + 1);
   login.append(user).append(":").append(password);
@@ -145,17 +150,20 @@ int http_login::choose_basic(string_view login) {
 }
 
 int http_login::choose(const char* headers, const char* user, const char* password) {
-  if (!user && !password) return DL_ERR_AUTH;
+  if (!user && !password) return refuse("no login for the challenge");
   std::vector<auth_challenge> challenges;
   each_field(headers, fields_.challenge, [&](string_view value) { read_challenges(value, challenges); });
   auto terms = strongest(challenges);
   const auth_challenge* basic = terms ? nullptr : find_basic(challenges);
-  if (!terms && !basic) return DL_ERR_AUTH;
+  if (!terms && !basic) {
+    note_cause(DL_CAUSE_CHALLENGE);
+    return refuse("Input Auth Error");
+  }
   const std::string* basic_realm = basic ? basic->find("realm") : nullptr;
   std::string realm = terms ? terms->realm : basic_realm ? *basic_realm : std::string();
   wiped_text login;
   join_login(login.text, or_empty(user), or_empty(password));
-  if (was_refused(realm, terms && terms->is_stale, login.text)) return DL_ERR_AUTH;
+  if (was_refused(realm, terms && terms->is_stale, login.text)) return refuse("login refused");
   const int rc = terms ? choose_digest(std::move(*terms), user, password) : choose_basic(login.text);
   if (rc < 0) return rc;
   realm_.swap(realm);

@@ -172,11 +172,8 @@ bool proxy_route::wants_login(int status) const {
 }
 
 int proxy_route::choose(const char* headers) {
-  const int rc = logins_++ < auth_retry_limit() ? login_.choose(headers, proxy_->user, proxy_->password)
-                                                : int{DL_ERR_AUTH};
-  if (rc != DL_ERR_AUTH) return rc;
-  note_cause(DL_CAUSE_CHALLENGE);
-  return log_and_return(DL_LOG_HTTP, rc, "the proxy does not take its login\n");
+  if (logins_++ < auth_retry_limit()) return login_.choose(headers, proxy_->user, proxy_->password);
+  return log_and_return(DL_LOG_HTTP, DL_ERR_AUTH, "the proxy asks for its login again and again\n");
 }
 
 }  // namespace fetchrig

@@ -48,7 +48,7 @@ class Fetchrig:
     def run(self, line, env=(), shell='exec "$@"', **names):
         """The outcome of a command line, which `shell` finds as "$@"."""
         known = {"FETCHRIG_STORE": "store", "FETCHRIG_DEVICE_CERT": DEVICE, "HOME": self.work, "XDG_CONFIG_HOME": "",
-                 "http_proxy": "", "no_proxy": ""}
+                 "http_proxy": "", "https_proxy": "", "HTTPS_PROXY": "", "no_proxy": ""}
         words = ["sh", "-c", shell, "sh", *self.words(line, names)]
         done = subprocess.run(words, cwd=self.work, env={**os.environ, **known, **dict(env)}, input=b"typed",
                               capture_output=True, timeout=LIMIT_S)
@@ -85,7 +85,7 @@ class Places(dict):
     """By name: base URLs of servers, which start when they are named; the CA behind HTTPS; certificates with keys."""
 
     programs = {"http": "nginx", "https": "nginx", "digest": "apache", "ftp": "vsftpd", "ftp_login": "pyftpd",
-                "tftp": "atftpd"}
+                "tftp": "atftpd", "lighttpd": "lighttpd", "squid": "squid", "tinyproxy": "tinyproxy"}
 
     def __init__(self, directory):
         self.place = servers.Place(directory)

@@ -34,7 +34,7 @@ def test_answers_in_json(fetchrig, places):
     (f"get {HERE}", [[ASK, BUSY], [ASK, CUT], [ASK, OK]], 0, 3),
     (f"get {HERE}", [[ASK, BUSY]], 7, 4),
     (f"get {HERE}", [[ASK, GONE]], 7, 1),
-    (f"get {HERE}", [[ASK, CHALLENGE]], 6, 3),  # the answers to one request's challenges
+    (f"get {HERE}", [[ASK, CHALLENGE]], 6, 1),
     (f"get -o missing/x {HERE}", [[ASK, OK]], 9, 1),
     (f"get -o - {HERE}", [[ASK, CUT]], 10, 1),  # what went to a pipe cannot be taken back
     ("get ftp://{peer}/a", [[b"421 later\r\n"], [b"500 no\r\n"]], 7, 2),

@@ -23,7 +23,7 @@ URL = "http://127.0.0.1:1/a"  # refused connections would end in 1
     (f"get --timeout 0 {URL}", "--timeout"), (f"get --max-size 4G {URL}", "--max-size"),
     (f"get --header 'A: b\r\nC: d' {URL}", "--header"), (f"get --auth ntlm {URL}", "--auth"),
     ("get --header 'A: b' ftp://127.0.0.1/a", "--header"),
-    (f"get --proxy {URL} https://127.0.0.1/a", "--proxy"), (f"get --cert missing.pem {URL}", "missing.pem"),
+    (f"get --proxy {URL} ftp://127.0.0.1/a", "--proxy"), (f"get --cert missing.pem {URL}", "missing.pem"),
     (f"get --ca-dir missing {URL}", "missing is not a directory"),
     (f"get --option user-agent={'d' * 512} {URL}", "too long"),
     (f"get --option colour=red {URL}", "colour"), (f"get --option net-timeout=61 {URL}", "net-timeout"),
