@@ -132,6 +132,10 @@ std::string file_cut_words(const dl_cause_info&) {
   return "the connection ended before the whole file had come";
 }
 
+std::string header_cut_words(const dl_cause_info&) {
+  return "the server's answer ends inside its header";
+}
+
 std::string no_target_words(const dl_cause_info&) {
   return "the server redirects without a target";
 }
@@ -178,6 +182,7 @@ constexpr cause_entry causes[] = {
     {DL_CAUSE_NO_REPLY, talking, no_reply_words, exit_protocol, limits::none, outlook::may_pass},
     {DL_CAUSE_LONG_REPLY, talking, long_reply_words, exit_protocol},
     {DL_CAUSE_FILE_CUT, talking, file_cut_words, exit_protocol, limits::none, outlook::may_pass},
+    {DL_CAUSE_HEADER_CUT, talking, header_cut_words, exit_protocol, limits::none, outlook::may_pass},
     {DL_CAUSE_NO_TARGET, talking, no_target_words, exit_protocol},
     {DL_CAUSE_CHALLENGE, talking, challenge_words, exit_login},
     {DL_CAUSE_TFTP_ERROR, talking, tftp_words, exit_refused},

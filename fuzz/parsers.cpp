@@ -8,6 +8,8 @@
 #include "core/url.h"
 #include "ftp/ftp_parse.h"
 #include "fuzz/fuzz.h"
+#include "http/extra/digest_rfc7616.h"
+#include "http/extra/url_reference.h"
 #include "http/http_auth.h"
 #include "include/fetchrig.h"
 #include "include/fetchrig_openssl.h"
@@ -119,6 +121,38 @@ FUZZ_TARGET(http_challenge) {
   const std::string_view line(work.answer);
   FUZZ_CHECK(line.starts_with("Authorization: "));
   FUZZ_CHECK(line.find_first_of("\r\n") == line.size() - 2 && line.ends_with("\r\n"));
+}
+
+// A base and a reference, a line each: the target is absolute where the base is, has no dots or fragment left, and leads
+// to itself.
+FUZZ_TARGET(url_reference) {
+  const std::string base = "http://" + std::string(fuzz::next_part(input, '\n')) + "/";
+  const std::string target = resolve_reference(base, input);
+  const std::string_view path = std::string_view(target).substr(0, target.find('?'));
+  FUZZ_CHECK(target.find('#') == target.npos && target.find(':') != target.npos);
+  FUZZ_CHECK(input.empty() || input[0] == '?' || input[0] == '#' || !path.ends_with("/.."));
+  FUZZ_CHECK(resolve_reference(base, target) == target);
+}
+
+// Whatever is offered, the answer is one header line, and its own proof fits it.
+FUZZ_TARGET(http_challenges) {
+  std::vector<auth_challenge> list;
+  while (!input.empty()) read_challenges(fuzz::next_part(input, '\n'), list);
+  for (const auth_challenge& one : list) {
+    FUZZ_CHECK(!one.scheme.empty() && one.parameters.size() <= 32);
+    const auto terms = read_digest_terms(one);
+    if (!terms) continue;
+    digest_login login(*terms, fuzz::user, fuzz::secret, "c");
+    const std::string answer = login.answer({"GET", "/path", "h"});
+    FUZZ_CHECK(answer.starts_with("Digest ") && answer.find_first_of("\r\n") == answer.npos);
+    FUZZ_CHECK(answer.find(fuzz::secret) == answer.npos ||
+               terms->realm.find(fuzz::secret) != std::string::npos ||
+               terms->nonce.find(fuzz::secret) != std::string::npos || terms->opaque.has_value());
+    FUZZ_CHECK(!login.is_proven_by("") || terms->qop == digest_qop::auth_int);
+    const auth_challenge again = read_auth_info(answer.substr(7));
+    const std::string *realm = again.find("realm"), *nonce = again.find("nonce");
+    FUZZ_CHECK(realm && *realm == terms->realm && nonce && *nonce == terms->nonce);
+  }
 }
 
 // What comes out as elements, written as a subject text again, comes out the same.
