@@ -29,6 +29,7 @@ using unique_x509_store = std::unique_ptr<X509_STORE, openssl_deleter<X509_STORE
 using unique_x509_store_ctx = std::unique_ptr<X509_STORE_CTX, openssl_deleter<X509_STORE_CTX_free>>;
 using unique_md_ctx = std::unique_ptr<EVP_MD_CTX, openssl_deleter<EVP_MD_CTX_free>>;
 using unique_pkey = std::unique_ptr<EVP_PKEY, openssl_deleter<EVP_PKEY_free>>;
+using unique_ssl_session = std::unique_ptr<SSL_SESSION, openssl_deleter<SSL_SESSION_free>>;
 using unique_ssl = std::unique_ptr<SSL, openssl_deleter<SSL_free>>;
 using unique_ssl_ctx = std::unique_ptr<SSL_CTX, openssl_deleter<SSL_CTX_free>>;
 

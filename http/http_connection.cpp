@@ -11,6 +11,7 @@
 #include "core/cause.h"
 #include "core/config.h"
 #include "core/text.h"
+#include "http/extra/known_sessions.h"
 #include "log/log.h"
 #include "net/connect.h"
 #include "net/line_reader.h"
@@ -123,6 +124,7 @@ int give(std::string_view text, std::span<char> line) {
 int http_start_tls(http_channel& channel, const char* host) {
   const tls_options options = https_options();
   dl_http_session& session = channel.session;
+  const unique_ssl_session known = known_session(channel);
   tls_connection made;
   const int rc = tls_connect(made, {.sock = session.sock,
                                     .cert_file = options.cert_file.data(),
@@ -130,11 +132,14 @@ int http_start_tls(http_channel& channel, const char* host) {
                                     .method = options.method,
                                     .verify_peer = options.verify_peer != 0,
                                     .verify_host = options.verify_host != 0,
-                                    .host = host});
+                                    .host = host,
+                                    .known = known.get()});
   if (rc < 0) {
     close_socket(session.sock);
     return rc;
   }
+  if (known && SSL_session_reused(made.ssl.get()))
+    log_line(DL_LOG_HTTP, DL_LOG_INFO, "goes on with a TLS session\n");
   read_tls_ahead(made.ssl.get());
   session.ssl = made.ssl.release();
   session.ssl_ctx = made.ctx.release();

@@ -144,19 +144,27 @@ int verify_chain(X509_STORE_CTX* chain, void*) {
   return verdict;
 }
 
-int hand_shake(int sock, SSL_CTX* ctx, const char* host, unique_ssl& ssl) {
+// The verdict on the chain of a session that is gone on with.
+long offer_session(SSL* ssl, SSL_SESSION* known) {
+  return known && SSL_set_session(ssl, known) == 1 ? SSL_get_verify_result(ssl) : X509_V_ERR_UNSPECIFIED;
+}
+
+int hand_shake(const tls_request& request, SSL_CTX* ctx, unique_ssl& ssl) {
   ssl.reset(SSL_new(ctx));
-  BIO* bio = ssl ? new_tls_bio(sock, tls_wait_limit_seconds()) : nullptr;
+  const unsigned limit_s = request.wait_limit_s != 0 ? request.wait_limit_s : tls_wait_limit_seconds();
+  BIO* bio = ssl ? new_tls_bio(request.sock, limit_s) : nullptr;
   if (!bio) return refuse("Create ssl error\n");
   SSL_set_bio(ssl.get(), bio, bio);
+  const long known_verdict = offer_session(ssl.get(), request.known);
   // OpenSSL starts with "verified" and stays there when it cannot even begin the check; here only a check
   // that ran may say so.
   SSL_set_verify_result(ssl.get(), X509_V_ERR_UNSPECIFIED);
-  name_server(ssl.get(), host);
+  name_server(ssl.get(), request.host);
   start_tls_operation(ssl.get());
   ERR_clear_error();
   if (SSL_connect(ssl.get()) > 0) {
     end_tls_operation(ssl.get());
+    if (SSL_session_reused(ssl.get())) SSL_set_verify_result(ssl.get(), known_verdict);
     ERR_clear_error();  // of CA files that were passed over: a read would take it for its own
     return 0;
   }
@@ -204,7 +212,7 @@ int tls_connect(tls_connection& connection, const tls_request& request) {
     tls_connection made;
     int rc = set_up(request.cert_file, request.ca_dir, request.method, made.ctx);
     if (rc < 0) return rc;
-    if (rc = hand_shake(request.sock, made.ctx.get(), request.host, made.ssl); rc < 0) return rc;
+    if (rc = hand_shake(request, made.ctx.get(), made.ssl); rc < 0) return rc;
     if (request.verify_peer) rc = check_server(made.ssl.get(), request.host, request.verify_host);
     if (rc < 0) return rc;
     connection = std::move(made);

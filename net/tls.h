@@ -17,6 +17,9 @@ struct tls_request {
   bool verify_peer;       // the chain must be good
   bool verify_host;       // and the certificate name the host
   const char* host;       // the name or address that was dialled
+  // A session with the same server, whose checks hold for the connection that goes on with it; null: none.
+  SSL_SESSION* known = nullptr;
+  unsigned wait_limit_s = 0;  // of each wait; 0: as dl_set_tls_wait_limit() says
 };
 
 // Released in the order that OpenSSL asks for: the connection before its context.

@@ -48,6 +48,7 @@ core/exports.cpp (strtok_r|vsprintf)
 # What can be switched on, or left out of the build, is in LAYER/extra/. The classic way reaches it here alone: files
 # that may include a header of extra/.
 seams='
+http/http_connection.cpp http/extra/known_sessions.h  # TLS may go on with a session
 http/http_download.cpp http/extra/http_resume.h       # a download may go on with a part
 http/http_session.h http/extra/(whole_body|kept_connections).h   # responses are whole or classic, connections kept
 http/http_message.h http/extra/streamed_body.h       # a file is streamed or held

@@ -3,6 +3,7 @@
 #include "http/extra/kept_connections.h"
 
 #include <openssl/err.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +18,7 @@
 #include "core/owners.h"
 #include "core/process_lock.h"
 #include "core/text.h"
+#include "http/extra/known_sessions.h"
 #include "http/http_headers.h"
 #include "http/http_response_body.h"
 #include "http/http_session.h"
@@ -91,6 +93,7 @@ unique_waiting add_youngest(unique_waiting connection, std::size_t most) {
 }
 
 void close_all() {
+  forget_sessions();
   while (take_youngest([](const waiting_connection&) { return true; })) {
   }
 }
@@ -111,7 +114,10 @@ std::string origin_of(const http_channel& channel, const char* host, uint32_t po
   const tls_options tls = https_options();
   origin += "\ntls " + std::to_string(tls.method) + std::to_string(tls.verify_peer) +
             std::to_string(tls.verify_host);
-  return origin.append("\n").append(tls.cert_file.data()).append("\n").append(tls.ca_dir.data());
+  origin.append("\n").append(tls.cert_file.data()).append("\n").append(tls.ca_dir.data());
+  struct stat status = {};
+  if (::stat(tls.ca_dir.data(), &status) != 0) return origin;
+  return origin + "\n" + std::to_string(status.st_mtim.tv_sec) + "." + std::to_string(status.st_mtim.tv_nsec);
 }
 
 void give_to(http_channel& channel, unique_waiting connection) {
@@ -199,6 +205,7 @@ void note_persistence(http_channel& channel, std::string_view status_line) {
 
 void keep_connection(http_channel& channel) {
   kept_connection* const kept = channel.own ? channel.own->kept.get() : nullptr;
+  remember_session(channel);
   if (!kept || !kept->persists || kept->origin.empty() || channel.session.sock <= 0) return;
   kept->persists = false;
   if (!is_at_rest(channel)) return;
