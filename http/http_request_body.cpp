@@ -72,7 +72,8 @@ int append_file(int file, std::string& body) {
 // The file becomes the body, between what a form puts around it.
 int take_file(http_body& body, unique_fd file, std::string before, std::string after) {
   if (body.streams_files) {
-    body.streamed = std::make_unique<streamed_body>(std::move(file), std::move(before), std::move(after));
+    body.streamed =
+        std::make_unique<streamed_body>(streamed_body{std::move(file), std::move(before), std::move(after)});
     return measure(*body.streamed);
   }
   if (const int rc = append_file(file.get(), before); rc < 0) return rc;
