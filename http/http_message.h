@@ -46,6 +46,7 @@ struct http_msg {
   const dl_auth_info* credentials = nullptr;  // borrowed, with http_auth_type::credential_list
   int32_t num_credentials = 0;
   int32_t next_credential = 0;
+  bool sent_again = false;  // by a redirect or a challenge, whatever became of it before
   bool is_ranged = false;  // asks for a part of a file
 };
 

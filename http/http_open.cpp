@@ -90,7 +90,7 @@ int exchange(const http_plan& plan, http_channel& channel) {
   const bool proxied = plan.request.proxy && !route;
   const int status = http_process_response(channel, url, proxied, *message, plan.redirect, policy.get());
   log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "response process finish!\n");
-  if (sent < 0 && status < first_error_status) return DL_ERR_SEND;
+  if (sent < 0 && !message->sent_again && status < first_error_status) return DL_ERR_SEND;
   return judge_status(plan, status);
 }
 

@@ -271,6 +271,7 @@ int response_loop::send() {
   if (policy_) {
     if (const int rc = policy_->complete(message_, *url_); rc < 0) return rc;
   }
+  message_.sent_again = true;
   return http_send_request(channel_, message_);
 }
 
