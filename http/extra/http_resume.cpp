@@ -102,7 +102,7 @@ int resumed_download::ask(unique_http_session& session, bool ranged) {
   http_plan plan = plan_;
   std::optional<http_range> range;
   if (ranged) {
-    range.emplace("bytes=" + std::to_string(part_.held()) + "-", part_.source().validator);
+    range = http_range{"bytes=" + std::to_string(part_.held()) + "-", part_.source().validator};
     plan.range = &*range;
   }
   return http_open(plan, session);
