@@ -47,7 +47,7 @@ struct http_msg {
   int32_t num_credentials = 0;
   int32_t next_credential = 0;
   bool sent_again = false;  // by a redirect or a challenge, whatever became of it before
-  bool is_ranged = false;  // asks for a part of a file
+  bool is_ranged = false;   // asks for a part of a file
 };
 
 // A message without anything in it; null without memory.
