@@ -61,6 +61,7 @@ TEST_F(transfer_mix, sixteen_threads_lose_nothing_whatever_others_change) {
       set_option(DL_OPT_USER_AGENT, "agent " + std::to_string(i));
       set_option(DL_OPT_NET_TIMEOUT, 20 + i % 20);
       dl_log_init(0, i % 2 ? ignore_line : nullptr);
+      EXPECT_EQ(0, dl_set_extras(i % 2 ? DL_EXTRAS_RECOMMENDED : DL_EXTRAS_NONE));
       dl_ca_info_ex info = {};
       dl_result result = {};
       EXPECT_EQ(0, dl_get_ca_info_ex(ca.c_str(), &info, 0, &result));
