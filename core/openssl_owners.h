@@ -31,6 +31,7 @@ using unique_md_ctx = std::unique_ptr<EVP_MD_CTX, openssl_deleter<EVP_MD_CTX_fre
 using unique_pkey = std::unique_ptr<EVP_PKEY, openssl_deleter<EVP_PKEY_free>>;
 using unique_ssl_session = std::unique_ptr<SSL_SESSION, openssl_deleter<SSL_SESSION_free>>;
 using unique_ssl = std::unique_ptr<SSL, openssl_deleter<SSL_free>>;
+using unique_ssl_session = std::unique_ptr<SSL_SESSION, openssl_deleter<SSL_SESSION_free>>;
 using unique_ssl_ctx = std::unique_ptr<SSL_CTX, openssl_deleter<SSL_CTX_free>>;
 
 }  // namespace fetchrig

@@ -55,7 +55,7 @@ int dl_ftp_send_open(dl_ftp_session** session, const char* host, uint32_t port, 
 
 int dl_ftp_send(dl_ftp_session* session, const char* local_path, dl_result* result) {
   if (!result || !ftp_usable(session)) return refuse(result);
-  return guarded_transfer(result, [&] { return ftp_send(*session, local_path, result); });
+  return guarded_transfer(result, [&] { return static_cast<int>(ftp_send(*session, {local_path}, result)); });
 }
 
 int dl_ftp_send_file(const char* host, uint32_t port, const char* user, const char* password,

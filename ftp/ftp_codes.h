@@ -20,7 +20,9 @@ enum ftp_code : int {
   ftp_passive = 227,
   ftp_extended_passive = 229,
   ftp_logged_in = 230,
+  ftp_auth_accepted = 234,
   ftp_need_password = 331,
+  ftp_restart_accepted = 350,
   ftp_file_not_found = 550,
 };
 

@@ -11,9 +11,9 @@
 
 #include "core/cause.h"
 #include "core/owners.h"
+#include "ftp/ftp_stream.h"
 #include "log/log.h"
 #include "log/printable.h"
-#include "net/tcp_stream.h"
 
 namespace fetchrig {
 namespace {
@@ -58,8 +58,7 @@ int ftp_command(const dl_ftp_session& session, std::string_view word,
   reply.set_length(0);
   const command_line line(word, argument);
   if (!line) return DL_ERR_MEMORY;
-  tcp_stream control(session.ctrl_sock);
-  if (control.write_all(line.bytes()) < 0) {
+  if (ftp_stream::control(session)->write_all(line.bytes()) < 0) {
     note_symptom(DL_CAUSE_SEND, errno);
     log_line(DL_LOG_FTP, DL_LOG_NOTICE, "write error, errno %d\n", errno);
     const std::string_view shown = word == password_word ? masked_password : line.without_end();

@@ -10,6 +10,7 @@
 #include <array>
 
 #include "core/config.h"
+#include "ftp/extra/ftp_extras.h"
 #include "ftp/ftp_codes.h"
 #include "ftp/ftp_command.h"
 #include "ftp/ftp_parse.h"
@@ -47,6 +48,9 @@ int passive_target(const dl_ftp_session& session, std::string_view text, data_ta
   target.port = endpoint->port;
   target.ipv6 = 0;
   warn_if_elsewhere(session, *endpoint, target.host.data());
+  if (ftp_extras_host(session, target.host, target.ipv6)) {
+    log_line(DL_LOG_FTP, DL_LOG_INFO, "data connection to %s\n", target.host.data());
+  }
   return 0;
 }
 
@@ -59,13 +63,16 @@ int extended_target(const dl_ftp_session& session, std::string_view text, data_t
   return 0;
 }
 
+bool means_pasv(const dl_ftp_session& session, std::string_view refusal) {
+  return refusal.find(ftp_protocol_not_supported) != std::string_view::npos ||
+         ftp_extras_falls_back(session, refusal);
+}
+
 // Sends EPSV or PASV; turns `extended` off when the server had to be asked with PASV after all.
 int request_endpoint(const dl_ftp_session& session, ftp_reply& reply, bool& extended) {
   if (extended) {
     const int rc = ftp_command(session, "EPSV", {}, reply, {ftp_extended_passive});
-    if (rc != DL_ERR_FTP_REPLY || reply.line().find(ftp_protocol_not_supported) == std::string_view::npos) {
-      return rc;
-    }
+    if (rc != DL_ERR_FTP_REPLY || !means_pasv(session, reply.line())) return rc;
     log_line(DL_LOG_FTP, DL_LOG_WARNING, "DL_ERRFTP:[%s], Try use PASV\n", printable(reply.line()).c_str());
     extended = false;
   }

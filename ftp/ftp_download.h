@@ -6,12 +6,14 @@
 
 #include <span>
 
+#include "ftp/extra/ftp_resume.h"
 #include "ftp/ftp_session.h"
 
 namespace fetchrig {
 
-// Logs in and requests `path`. Returns 0 with the session published, or -1 with the result filled.
-[[nodiscard]] int ftp_open(const ftp_outcome& out, const ftp_server& server, const char* path);
+// Logs in and requests `path`, or what `resume` lacks of it. Returns 0 with the session published, or -1 with the result filled.
+[[nodiscard]] int ftp_open(const ftp_outcome& out, const ftp_server& server, const char* path,
+                           ftp_resume* resume = nullptr);
 
 // Fills `to`, or as much of it as the file still has. Returns the count, 0 at the end, or -1 with the result filled.
 [[nodiscard]] int ftp_read(dl_ftp_session& session, std::span<char> to, dl_result* result);

@@ -9,10 +9,10 @@
 #include "core/text.h"
 #include "ftp/ftp_codes.h"
 #include "ftp/ftp_parse.h"
+#include "ftp/ftp_stream.h"
 #include "ftp/ftp_wait.h"
 #include "log/log.h"
 #include "net/line_reader.h"
-#include "net/tcp_stream.h"
 
 namespace fetchrig {
 namespace {
@@ -26,10 +26,10 @@ int reply_too_long(int code) {
 }
 
 // Reads one line into `reply`: when the peer closed, what had arrived of it. Returns 0, -8 or -1.
-int read_reply_line(int sock, ftp_reply& reply, line_state& state) {
+int read_reply_line(const dl_ftp_session& session, ftp_reply& reply, line_state& state) {
   const std::span<char> buffer = reply.buffer();
-  tcp_stream control(sock);
-  const line_result read = read_line(control, buffer, {buffer.size(), buffer.size()}, net_timeout_seconds());
+  ftp_stream control = ftp_stream::control(session);
+  const line_result read = read_line(*control, buffer, {buffer.size(), buffer.size()}, net_timeout_seconds());
   reply.set_length(read.text.size());
   state = read.state;
   if (read.io.wait_failed) {
@@ -52,7 +52,7 @@ void ftp_reply::assign(std::string_view text) {
 int dl_recv_reply(const dl_ftp_session& session, ftp_reply& reply, ftp_expected expected) {
   line_state state = line_state::complete;
   for (int lines = 0; lines < ftp_max_reply_lines && state != line_state::closed; ++lines) {
-    if (const int rc = read_reply_line(session.ctrl_sock, reply, state); rc < 0) return rc;
+    if (const int rc = read_reply_line(session, reply, state); rc < 0) return rc;
     if (const auto code = ftp_reply_code(reply.line())) {
       return expected.code != 0 && *code != expected.code ? expected.mismatch : *code;
     }

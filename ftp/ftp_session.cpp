@@ -6,6 +6,7 @@
 #include <stddef.h>
 #include <string.h>
 
+#include "core/boundary.h"
 #include "core/cause.h"
 #include "core/config.h"
 #include "core/owners.h"
@@ -13,6 +14,7 @@
 #include "core/process_lock.h"
 #include "core/result.h"
 #include "core/text.h"
+#include "ftp/extra/ftp_extras.h"
 #include "ftp/ftp_codes.h"
 #include "ftp/ftp_command.h"
 #include "ftp/ftp_data.h"
@@ -70,12 +72,14 @@ static_assert(offsetof(dl_ftp_session, host) == 16 && sizeof(dl_ftp_session) == 
 // Returns 0 or a negative code.
 int ftp_login(const dl_ftp_session& session, const char* user, const char* password, ftp_reply& reply) {
   if (const int rc = dl_recv_reply(session, reply, {ftp_service_ready}); rc < 0) return rc;
+  if (const int rc = ftp_extras_secure(session, reply); rc < 0) return rc;
 
   const int answer = ftp_command(session, "USER", user && *user ? user : anonymous_user, reply);
   if (answer < 0) return answer;
   if (answer != ftp_logged_in && answer != ftp_need_password) return DL_ERR_FTP_USER;
   if (answer == ftp_need_password) {
-    const auto argument = password ? std::optional<std::string_view>(password) : std::nullopt;
+    const char* const given = ftp_extras_password(session, user, password);
+    const auto argument = given ? std::optional<std::string_view>(given) : std::nullopt;
     const int rc = ftp_command(session, "PASS", argument, reply, {ftp_logged_in, DL_ERR_FTP_PASS});
     if (rc < 0) return rc;
   }
@@ -91,6 +95,7 @@ int open_connections(dl_ftp_session& session, const ftp_server& server, const ne
   const int sock = connect_to_host(session.host, static_cast<int>(port), options.ipv6, options.net_timeout_s);
   if (sock <= 0) return log_and_return(DL_LOG_FTP, sock, "Connect Error\n");
   session.ctrl_sock = sock;
+  ftp_extras_begin(session, current_extras());
 
   if (const int rc = ftp_login(session, server.user, server.password, reply); rc < 0) {
     return log_and_return(DL_LOG_FTP, rc, "ftp login error\n");
@@ -122,7 +127,7 @@ int ftp_session_open(const ftp_outcome& out, const ftp_server& server, const net
   if (!allocated) return fail(out.result, DL_ERR_MEMORY);
   dl_ftp_session& session = allocated.release()->record;
   session.magic = DL_FTP_MAGIC;
-  const int rc = open_connections(session, server, options, reply);
+  const int rc = guarded_step([&] { return open_connections(session, server, options, reply); });
   return rc < 0 ? ftp_fail(out, reply, rc) : 0;
 }
 
@@ -165,6 +170,7 @@ void ftp_close(dl_ftp_session* session) {
   }
   const unique_malloc<dl_ftp_session> owner(session);
   cut.remove(*session);
+  ftp_extras_end(*session);
   close_socket(session->ctrl_sock);
   close_socket(session->data_sock);
   OPENSSL_cleanse(session, sizeof *session);

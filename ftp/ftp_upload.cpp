@@ -15,6 +15,7 @@
 #include "core/result.h"
 #include "core/text.h"
 #include "core/upload_file.h"
+#include "ftp/extra/ftp_extras.h"
 #include "ftp/ftp_codes.h"
 #include "ftp/ftp_command.h"
 #include "ftp/ftp_parse.h"
@@ -48,13 +49,13 @@ struct upload {
 // What the server says of the file under the remote name.
 struct remote_file {
   bool missing;
-  uint32_t size;  // 0 when it does not tell
+  uint64_t size;  // 0 when it does not tell
 };
 
 remote_file ask_remote_file(const upload& job) {
   const int code = ftp_command(job.session, "SIZE", job.name, job.reply);
   const uint64_t size = code == ftp_size_known ? ftp_size_answer(job.reply.line()).value_or(0) : 0;
-  return {code == ftp_file_not_found, static_cast<uint32_t>(std::min<uint64_t>(size, UINT32_MAX))};
+  return {code == ftp_file_not_found, ftp_extras_remote_size(job.session, size)};
 }
 
 // The upload would pass the limit, and stops there: takes leave, and the failure tells why.
@@ -91,25 +92,26 @@ const char* command_within_limit(int32_t post_mode) {
 }
 
 // Chooses the transfer command and has it accepted. Returns 0, a negative code, or the server's reply code.
-int start_transfer(upload& job, const char* local_path, uint32_t limit) {
+int start_transfer(upload& job, const char* local_path, uint64_t limit) {
   const remote_file remote = ask_remote_file(job);
   if (remote.missing) {
     log_line(DL_LOG_FTP, DL_LOG_INFO, "File not found, use STOR\n");
     job.post_mode = DL_FTP_STORE;
   }
-  const int32_t local_size = file_size(local_path);
+  const int64_t local_size = ftp_extras_local_size(job.session, local_path);
   if (local_size == -1) {
     job.reply.assign("cannot get local file size\n");
     return log_and_return(DL_LOG_FTP, DL_ERR_FTP_REPLY, "cannot get local file size\n");
   }
   if (!is_upload_file(DL_LOG_FTP, local_path)) return DL_ERR_READ;
-  const bool beyond = uint64_t{remote.size} + static_cast<uint32_t>(local_size) > limit;
+  const bool beyond = remote.size + static_cast<uint64_t>(local_size) > limit;
   if (beyond && job.limit_mode == DL_FTP_LIMIT_STOP) return stop_at_limit(job);
   const char* command = beyond ? command_beyond_limit(job.limit_mode) : command_within_limit(job.post_mode);
   if (!command) return DL_ERR_FTP_REPLY;
 
   const int code = ftp_command(job.session, command, job.name, job.reply);
-  if (code == ftp_data_connection_open || code == ftp_about_to_open_data) return 0;
+  if (code == ftp_data_connection_open || code == ftp_about_to_open_data)
+    return ftp_extras_secure_data(job.session);
   return log_and_return(DL_LOG_FTP, code != 0 ? code : DL_ERR_FTP_REPLY, "Open data transfer conn err\n");
 }
 
@@ -119,22 +121,24 @@ int drop_upload(dl_ftp_session& session, dl_result* result) {
   return fail(result, DL_ERR_READ);
 }
 
-// A count of bytes has 32 bits with a sign.
+// A count of bytes that is returned has 32 bits with a sign.
 int too_large(dl_result* result) {
   log_line(DL_LOG_FTP, DL_LOG_ERROR, "local file of 2 GiB or more\n");
   return fail(result, DL_ERR_PARAMETER);
 }
 
 // Sends the file to its end. Returns the bytes sent, or -1 with the result filled.
-int send_contents(dl_ftp_session& session, int file, const char* local_path, dl_result* result) {
-  const send_result sent = send_file(session.data_sock, file, INT_MAX, net_timeout_seconds());
+int64_t send_contents(dl_ftp_session& session, int file, const ftp_upload_source& source, dl_result* result) {
+  const auto secured = ftp_extras_send(session, file, source.max_bytes);
+  const send_result sent =
+      secured ? *secured : send_file(session.data_sock, file, source.max_bytes, net_timeout_seconds());
   switch (sent.end) {
     case send_end::whole:
       return sent.total;
     case send_end::too_large:
       return too_large(result);
     case send_end::read_failed:
-      log_unreadable(DL_LOG_FTP, local_path, sent.error);
+      log_unreadable(DL_LOG_FTP, source.path, sent.error);
       return drop_upload(session, result);
     case send_end::wait_failed:
       ftp_log_failed_wait(sent.error);
@@ -149,7 +153,8 @@ int send_contents(dl_ftp_session& session, int file, const char* local_path, dl_
   return fail(result, DL_ERR_MEMORY);
 }
 
-int send_local_file(dl_ftp_session& session, const char* local_path, dl_result* result) {
+int64_t send_local_file(dl_ftp_session& session, const ftp_upload_source& source, dl_result* result) {
+  const char* const local_path = source.path;
   if (local_path && !is_upload_file(DL_LOG_FTP, local_path)) return drop_upload(session, result);
   const unique_fd file(local_path ? ::open(local_path, O_RDONLY | O_CLOEXEC) : -1);
   if (!file) {
@@ -157,8 +162,8 @@ int send_local_file(dl_ftp_session& session, const char* local_path, dl_result* 
     return fail(result, DL_ERR_PARAMETER);
   }
   struct stat status = {};
-  if (::fstat(file.get(), &status) == 0 && status.st_size > INT_MAX) return too_large(result);
-  return send_contents(session, file.get(), local_path, result);
+  if (::fstat(file.get(), &status) == 0 && status.st_size > source.max_bytes) return too_large(result);
+  return send_contents(session, file.get(), source, result);
 }
 
 // Reads the server's verdict on the transfer and takes leave. Returns 0, or -1 with the result filled.
@@ -189,16 +194,17 @@ int ftp_send_open(const ftp_outcome& out, const ftp_server& server, const ftp_up
   // To the server a regular end is the end of the file: only a whole one has it, whatever happens until then.
   reset_on_close((*out.handle)->data_sock);
   upload job{**out.handle, ftp_wire_name(or_empty(name)), request.post_mode, request.limit_mode, reply};
-  if (const int rc = start_transfer(job, request.local_path, options.max_file_size); rc != 0)
-    return ftp_fail(out, reply, rc);
+  const uint64_t limit = ftp_extras_limit(**out.handle, options.max_file_size);
+  if (const int rc = start_transfer(job, request.local_path, limit); rc != 0) return ftp_fail(out, reply, rc);
   log_line(DL_LOG_FTP, DL_LOG_NOTICE, "Post open success\n");
   return 0;
 }
 
-int ftp_send(dl_ftp_session& session, const char* local_path, dl_result* result) {
+int64_t ftp_send(dl_ftp_session& session, const ftp_upload_source& source, dl_result* result) {
   reset_on_close(session.data_sock);  // the caller may have opened it by itself
-  const int count = send_local_file(session, local_path, result);
+  const int64_t count = send_local_file(session, source, result);
   if (count < 0) return -1;
+  if (!ftp_extras_end_upload(session)) return fail(result, DL_ERR_SEND);
   close_in_order(session.data_sock);
   return finish_transfer(session, result) < 0 ? -1 : count;
 }
@@ -207,9 +213,10 @@ int ftp_send_file(const ftp_server& server, const ftp_upload_request& request, d
   dl_ftp_session* opened = nullptr;
   if (ftp_send_open({&opened, result}, server, request) < 0) return -1;
   const unique_ftp session(opened);
-  const int count = ftp_send(*session, request.local_path, result);
+  const ftp_upload_source source = {request.local_path, ftp_extras_max_upload(*session)};
+  const int64_t count = ftp_send(*session, source, result);
   if (count < 0) return -1;
-  log_line(DL_LOG_FTP, DL_LOG_NOTICE, "send: %d bytes\n", count);
+  log_line(DL_LOG_FTP, DL_LOG_NOTICE, "send: %lld bytes\n", static_cast<long long>(count));
   return 0;
 }
 

@@ -4,6 +4,8 @@
 #ifndef FETCHRIG_FTP_FTP_UPLOAD_H
 #define FETCHRIG_FTP_FTP_UPLOAD_H
 
+#include <limits.h>
+
 #include "ftp/ftp_session.h"
 
 namespace fetchrig {
@@ -20,8 +22,14 @@ struct ftp_upload_request {
 [[nodiscard]] int ftp_send_open(const ftp_outcome& out, const ftp_server& server,
                                 const ftp_upload_request& request);
 
+// The local file, and the most that is sent of it.
+struct ftp_upload_source {
+  const char* path;
+  int64_t max_bytes = INT_MAX;
+};
+
 // Sends the file, reads the server's verdict and takes leave. Returns the bytes sent, or -1 with the result filled.
-[[nodiscard]] int ftp_send(dl_ftp_session& session, const char* local_path, dl_result* result);
+[[nodiscard]] int64_t ftp_send(dl_ftp_session& session, const ftp_upload_source& source, dl_result* result);
 
 // Open, send and close. Returns 0 or -1 with the result filled.
 [[nodiscard]] int ftp_send_file(const ftp_server& server, const ftp_upload_request& request,

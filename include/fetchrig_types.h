@@ -73,7 +73,8 @@ enum dl_cause {
   DL_CAUSE_SERVER_NAME = 8,     /**< the server's certificate does not name the host */
 
   /* In the TLS handshake or later. */
-  DL_CAUSE_TLS = 9,        /**< OpenSSL gave up [OpenSSL's error; text: its reason] */
+  DL_CAUSE_TLS = 9,        /**< OpenSSL gave up [OpenSSL's error; text: its reason], or an FTP server refuses TLS [its
+                                reply's code; text: the reply] */
   DL_CAUSE_TLS_ALERT = 10, /**< the server ended TLS with an alert [its number; text: OpenSSL's name for it] */
 
   /* On a connection. */

@@ -20,7 +20,7 @@ namespace fetchrig {
 namespace {
 
 constexpr std::size_t piece_bytes = 65536;
-constexpr int max_sendfile_bytes = 1 << 20;
+constexpr int64_t max_sendfile_bytes = 1 << 20;
 
 sigset_t pipe_signal() {
   sigset_t set;
@@ -93,7 +93,7 @@ bool is_connection_error(int error) {
 
 class file_sender {
  public:
-  file_sender(int sock, int file, int max_bytes, int timeout_s)
+  file_sender(int sock, int file, int64_t max_bytes, int timeout_s)
       : sock_(sock), file_(file), max_bytes_(max_bytes), timeout_s_(timeout_s) {}
 
   // sendfile() goes as far as it can. Reading then finds the end of the file, or tells whose fault the stop was.
@@ -118,7 +118,7 @@ class file_sender {
 
   int sock_;
   int file_;
-  int max_bytes_;
+  int64_t max_bytes_;
   int timeout_s_;
   int refusal_ = 0;  // errno with which sendfile() stopped
   send_result result_ = {send_end::whole};
@@ -133,11 +133,11 @@ void file_sender::pass_on() {
   const not_blocking mode(sock_);
   sigpipe_hold hold;
   while (mode && !failed() && result_.total < max_bytes_) {
-    const int wanted = std::min(max_sendfile_bytes, max_bytes_ - result_.total);
+    const int64_t wanted = std::min(max_sendfile_bytes, max_bytes_ - result_.total);
     const ssize_t sent = ::sendfile(sock_, file_, nullptr, static_cast<std::size_t>(wanted));
     if (sent == 0) return;
     if (sent > 0) {
-      result_.total += static_cast<int>(sent);
+      result_.total += sent;
     } else if (would_block()) {
       await_room();
     } else if (errno != EINTR) {
@@ -170,13 +170,13 @@ void file_sender::copy(std::span<char> buffer) {
     if (is_connection_error(refusal_)) return fail(send_end::send_failed, refusal_);
     if (count > max_bytes_ - result_.total) return fail(send_end::too_large);
     send_piece(buffer.first(static_cast<std::size_t>(count)));
-    if (!failed()) result_.total += static_cast<int>(count);
+    if (!failed()) result_.total += count;
   }
 }
 
 }  // namespace
 
-send_result send_file(int sock, int file, int max_bytes, int timeout_s) {
+send_result send_file(int sock, int file, int64_t max_bytes, int timeout_s) {
   return file_sender(sock, file, max_bytes, timeout_s).run();
 }
 

@@ -5,6 +5,8 @@
 #ifndef FETCHRIG_NET_SEND_FILE_H
 #define FETCHRIG_NET_SEND_FILE_H
 
+#include <stdint.h>
+
 namespace fetchrig {
 
 enum class send_end {
@@ -18,13 +20,13 @@ enum class send_end {
 
 struct send_result {
   send_end end;
-  int error = 0;  // errno
-  int total = 0;  // bytes sent
+  int error = 0;      // errno
+  int64_t total = 0;  // bytes sent
 };
 
 // Sends `file` from where it stands to its end, waiting at most timeout_s seconds whenever the connection takes no more.
 // Never raises SIGPIPE. Who changes the file meanwhile changes what arrives.
-[[nodiscard]] send_result send_file(int sock, int file, int max_bytes, int timeout_s);
+[[nodiscard]] send_result send_file(int sock, int file, int64_t max_bytes, int timeout_s);
 
 }  // namespace fetchrig
 #endif

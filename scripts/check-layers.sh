@@ -52,6 +52,8 @@ http/http_connection.cpp http/extra/known_sessions.h  # TLS may go on with a ses
 http/http_download.cpp http/extra/http_resume.h       # a download may go on with a part
 http/http_session.h http/extra/(whole_body|kept_connections).h   # responses are whole or classic, connections kept
 http/http_message.h http/extra/streamed_body.h       # a file is streamed or held
+ftp/ftp_(stream.h|(data|session|upload).cpp) ftp/extra/ftp_extras.h  # what holds for a session
+ftp/ftp_download.h ftp/extra/ftp_resume.h             # a download begins anew or goes on
 tftp/tftp_(download|upload|session).cpp tftp/extra/tftp_windowed.h  # a transfer is negotiated or classic
 http/http_open.cpp http/extra/http_extras.h              # the policy of an exchange
 '

@@ -508,6 +508,11 @@ outcome stage::play(const story& told, const run& with) {
     const auto mode = static_cast<unsigned>(fs::status(call.local).permissions());
     for (const int shift : {6, 3, 0}) seen.told["mode"] += std::to_string(mode >> shift & 7);
   }
+  seen.told["part"] = content_of(call.local + ".part").value_or("none");
+  for (const char* end : {".part", ".part.info"}) {
+    fs::remove(call.local + end);
+    std::erase(names, fs::path(call.local + end).filename());
+  }
   seen.told["body"] = seen.body;
   seen.told["read"] = std::to_string(seen.read_code);
   seen.told["last"] = std::to_string(dl_http_last_status());

@@ -313,9 +313,9 @@ class reader {
     static const std::set<string> steps = {"<",       ">",     "<<",     ">>",     "<~",
                                            "from",    "after", "signal", "secure", "closed",
                                            "aborted", "hang",  "reset",  "hold",   "deaf"};
-    static const std::set<string> of_call = {"file",  "mode", "body",   "rest", "redirect",
-                                             "reads", "read", "status", "last", "header",
-                                             "end",   "left", "ring",   "port", "cause"};
+    static const std::set<string> of_call = {"file", "mode",   "body",  "rest",   "redirect", "reads",
+                                             "read", "status", "last",  "header", "end",      "left",
+                                             "ring", "port",   "cause", "part"};
     static const std::map<string, void (*)(reader&, const string&)> others = {
         {"@", [](reader& in, const string& text) { in.connect(text); }},
         {"ask", [](reader& in, const string& text) { in.ask(text); }},

@@ -61,6 +61,7 @@
 //   file BYTES | file none | file kept | file special   the local file afterwards (kept: what lay there before, which
 //                               is old=BYTES of the call or "old file"; special: no regular file, and still there)
 //   mode 644                    of that file
+//   part BYTES                  the part of the local file that is kept for a later call, or none
 //   body BYTES   read -8   reads 3 3 1   what was read, the code of the read that failed, the counts of the reads
 //   rest BYTES                  what a bare record left in the stream
 //   redirect URL   status 200   last 200   end 1   left 5   header X = X: y   ring 6   as the calls tell them;
