@@ -93,7 +93,7 @@ std::vector<string> broken_rules(const story& told, const outcome& whole, const 
   const string& left = seen.told.at("part");
   const bool was_there = std::any_of(told.files.begin(), told.files.end(),
                                      [&](const auto& one) { return one.second.content == left; });
-  rule(left == "none" || was_there || !whole.file || whole.file->starts_with(left), "a part of another file");
+  rule(left == "none" || was_there || !whole_ok || whole.file->starts_with(left), "a part of another file");
   const bool falls_back = ring && !seen.file && seen.told.at("ring") != whole.told.at("ring");
   rule(!ok || !whole_ok || seen.file == whole.file || (early && part) || falls_back,
        "success with another file");
