@@ -123,14 +123,14 @@ FUZZ_TARGET(http_challenge) {
   FUZZ_CHECK(line.find_first_of("\r\n") == line.size() - 2 && line.ends_with("\r\n"));
 }
 
-// A base and a reference, a line each: the target is absolute where the base is, has no dots or fragment left, and leads
+// A base and a reference, a line each: the target is absolute, has no dots or fragment left, and leads
 // to itself.
 FUZZ_TARGET(url_reference) {
-  const std::string base = "http://" + std::string(fuzz::next_part(input, '\n')) + "/";
+  const std::string base = resolve_reference("", "http://" + std::string(fuzz::next_part(input, '\n')) + "/");
   const std::string target = resolve_reference(base, input);
   const std::string_view path = std::string_view(target).substr(0, target.find('?'));
   FUZZ_CHECK(target.find('#') == target.npos && target.find(':') != target.npos);
-  FUZZ_CHECK(input.empty() || input[0] == '?' || input[0] == '#' || !path.ends_with("/.."));
+  FUZZ_CHECK(!path.ends_with("/..") && !path.ends_with("/."));
   FUZZ_CHECK(resolve_reference(base, target) == target);
 }
 

@@ -89,6 +89,7 @@ std::string composed(const url_parts& parts, const std::string& path) {
   if (parts.scheme) url.append(*parts.scheme).append(":");
   if (parts.authority) url.append("//").append(*parts.authority);
   if (parts.authority && path.empty()) url += '/';
+  if (!parts.authority && path.starts_with("//")) url += "/.";  // or it would begin with an authority
   url += path;
   if (parts.query) url.append("?").append(*parts.query);
   return url;

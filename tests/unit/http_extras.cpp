@@ -55,6 +55,7 @@ TEST(http_extras, references_of_rfc3986) {
       {"g#s/./x", "http://a/b/c/g"},
       {"g#s/../x", "http://a/b/c/g"},
       {"http:g", "http:g"},
+      {"http:/..//g", "http:/.//g"},  // no authority comes of it
   };
   for (const auto& [reference, target] : rows)
     EXPECT_EQ(resolve_reference("http://a/b/c/d;p?q", reference), target) << reference;
