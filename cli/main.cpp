@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <exception>
 #include <new>
+#include <string_view>
 
 #include "commands.h"
 #include "completion.h"
@@ -23,8 +24,8 @@ namespace {
 
 using namespace fetchrig::cli;
 
-int wrong_usage(const char* words) {
-  tell(words);
+int wrong_usage(std::string_view words) {
+  tell(printable(words));
   fputs("Run with --help for more information.\n", stderr);
   return exit_usage;
 }
@@ -49,10 +50,29 @@ const CLI::App& reached(const CLI::App& app) {
   return parsed.empty() ? app : reached(*parsed.front());
 }
 
+// The value of an option that was not typed comes from the configuration file.
+bool is_typed(std::string_view option, int argc, char** argv) {
+  return std::any_of(argv + 1, argv + argc, [&](std::string_view word) { return word.starts_with(option); });
+}
+
+// What is wrong with a value, and in which file when nobody typed it.
+std::string value_words(const CLI::App& app, const CLI::ParseError& error, int argc, char** argv) {
+  constexpr std::string_view unknown = "INI was not able to parse ";
+  std::string words = error.what();
+  const bool in_file = words.starts_with(unknown);
+  if (in_file) words = words.substr(unknown.size()) + " is not known";
+  const bool of_value = error.get_name() == "ValidationError" || error.get_name() == "ConversionError";
+  const std::size_t at = words.find("--");
+  const bool untyped =
+      of_value && at != words.npos &&
+      !is_typed(std::string_view(words).substr(at, words.find_first_of(": =", at) - at), argc, argv);
+  return in_file || untyped ? app["--config"]->as<std::string>() + ": " + words : words;
+}
+
 // A word that nobody takes explains an error better than what is missed in its place.
 int wrong_command_line(const CLI::App& app, const CLI::ParseError& error, int argc, char** argv) {
   const auto wrong = app.remaining(true);
-  if (wrong.empty()) return wrong_usage(error.what());
+  if (wrong.empty()) return wrong_usage(value_words(app, error, argc, argv));
   const std::string word = first_wrong_word(wrong, argc, argv);
   const bool wants_subcommand = !reached(app).get_subcommands({}).empty();
   const char* kind = is_option(word)    ? "unknown option"
@@ -60,7 +80,9 @@ int wrong_command_line(const CLI::App& app, const CLI::ParseError& error, int ar
                                         : "unexpected word";
   // The value of an option may be a secret.
   const std::string shown = is_option(word) ? word.substr(0, word.find('=')) : word;
-  return wrong_usage((std::string(kind) + " \"" + printable(shown) + "\"").c_str());
+  const bool is_general = is_option(word) && app.get_option_no_throw(shown) != nullptr;
+  return wrong_usage(std::string(kind) + " \"" + shown + "\"" +
+                     (is_general ? ", which stands before the subcommand" : ""));
 }
 
 int run_action(const action& chosen) {

@@ -146,11 +146,13 @@ def test_the_proxy_of_the_environment(fetchrig, peer, options, no_proxy, proxied
 
 @pytest.mark.parametrize("content, status, with_option", [
     ("[get]\nmax-size = 10\n[cert.list]\njson = true\n", 8, 0), ("[get]\ncolour = red\n", 2, 2),
+    ("[get]\ntimeout = 99\n", 2, 2),
 ])
 def test_defaults_of_a_configuration_file(fetchrig, content, status, with_option):
     fetchrig.write("fetchrig.conf", content)
     line = "get -o /dev/null {http}/a.bin"
-    assert fetchrig.run(line, env={"XDG_CONFIG_HOME": "."}).returncode == status
+    by_itself = fetchrig.run(line, env={"XDG_CONFIG_HOME": "."})
+    assert (by_itself.returncode, "./fetchrig.conf: " in by_itself.stderr) == (status, status == 2), by_itself
     assert fetchrig.run(f"--config fetchrig.conf {line}").returncode == status
     assert fetchrig.run(f"--config fetchrig.conf {line} --max-size 1M").returncode == with_option
 
