@@ -73,8 +73,7 @@ std::string environment_proxy(const location& where) {
   if (!goes_by_proxy(where)) return "";
   std::string proxy = variable(where.kind == scheme::http ? "http_proxy" : "https_proxy");
   if (proxy.empty() && where.kind == scheme::https) proxy = variable("HTTPS_PROXY");
-  if (proxy.empty() || goes_without_proxy(where)) return "";
-  return proxy.find("://") == proxy.npos ? "http://" + proxy : proxy;
+  return goes_without_proxy(where) ? "" : proxy;
 }
 
 std::optional<netrc_login> environment_login(const location& where, const std::optional<std::string>& user) {

@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 #include <stdlib.h>
+#include <strings.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -251,13 +252,17 @@ std::unique_ptr<ca_bundle> configure(const transfer_options& options, const loca
 }
 
 void check_proxy(const transfer_options& options, const location& where) {
-  if (options.proxy.value_or("").empty() || goes_by_proxy(where)) return;
-  throw usage_error("--proxy is for http and https URLs");
+  if (!options.proxy.value_or("").empty() && !goes_by_proxy(where))
+    throw usage_error("--proxy is for http and https URLs");
+  const std::string proxy = proxy_for(options, where);
+  if (!proxy.empty() && strncasecmp(proxy.c_str(), "http://", 7) != 0)
+    throw usage_error("the URL of a proxy begins with http://");
 }
 
 std::string proxy_for(const transfer_options& options, const location& where) {
-  if (options.proxy) return *options.proxy;
-  return options.no_env ? "" : environment_proxy(where);
+  std::string proxy = options.no_env ? "" : environment_proxy(where);
+  if (options.proxy) proxy = *options.proxy;
+  return proxy.empty() || proxy.find("://") != proxy.npos ? proxy : "http://" + proxy;
 }
 
 void set_text_option(std::uint32_t option, const std::string& value) {

@@ -101,6 +101,13 @@ nlohmann::ordered_json outcome_json(const location& where, const outcome& told, 
   return json;
 }
 
+// What has no connection may lack it to the proxy, which somebody may have set long ago.
+std::string failure_words(const failure& why, const location& where, const transfer_options& options) {
+  const bool connected = why.status() != exit_unreachable && why.status() != exit_timeout;
+  return why.what() +
+         std::string(connected || proxy_for(options, where).empty() ? "" : "; a proxy is in use");
+}
+
 }  // namespace
 
 int run_transfer(const location& where, const transfer_options& options, outcome& told,
@@ -117,12 +124,13 @@ int run_transfer(const location& where, const transfer_options& options, outcome
     if (!options.quiet && somebody_watches() && !told.summary.empty()) tell(told.summary);
     return exit_done;
   } catch (const failure& why) {
+    const std::string words = failure_words(why, where, options);
     auto json = json_now();
-    json.update({{"ok", false}, {"code", why.code()}, {"message", why.what()}, {"exit", why.status()}});
+    json.update({{"ok", false}, {"code", why.code()}, {"message", words}, {"exit", why.status()}});
     // An FTP reply in place of a library's code.
     if (told.server.status == 0 && why.code() >= 100) json["status"] = why.code();
     if (options.json) print_json_line(json);
-    tell(why.what());
+    tell(words);
     return why.status();
   }
 }
