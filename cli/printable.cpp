@@ -5,8 +5,14 @@
 namespace fetchrig::cli {
 namespace {
 
+// Marks and overrides that turn the direction of what follows: a name may pose as another by them.
+bool turns_direction(unsigned code_point) {
+  return code_point == 0x61c || code_point == 0x200e || code_point == 0x200f ||
+         (code_point >= 0x202a && code_point <= 0x202e) || (code_point >= 0x2066 && code_point <= 0x2069);
+}
+
 // Length of the valid UTF-8 sequence of two or more bytes at the start of `text`, 0 when there is none or it
-// is one of the C1 control characters.
+// is a C1 control character or one of direction.
 std::size_t utf8_sequence(std::string_view text) {
   const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
   struct shape {
@@ -24,7 +30,8 @@ std::size_t utf8_sequence(std::string_view text) {
       code_point = code_point << 6 | (byte(i) & 0x3fu);
     }
     const bool surrogate = code_point >= 0xd800 && code_point <= 0xdfff;
-    return code_point < form.least || code_point > 0x10ffff || surrogate ? 0 : form.length;
+    const bool steers = turns_direction(code_point);
+    return code_point < form.least || code_point > 0x10ffff || surrogate || steers ? 0 : form.length;
   }
   return 0;
 }
