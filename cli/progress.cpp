@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "temporary_path.h"
 #include "terminal_line.h"
 
 namespace fetchrig::cli {
@@ -76,6 +77,7 @@ double speed_window::still_for_s() const {
 progress_meter::progress_meter(bool wanted, std::optional<std::uint64_t> expected_bytes, watch bytes_moved)
     : expected_bytes_(expected_bytes), bytes_moved_(std::move(bytes_moved)) {
   if (!wanted || !somebody_watches()) return;
+  watch_signals();
   drawer_ = quiet_thread([this](const std::stop_token& stop) { run(stop); });
 }
 
@@ -113,10 +115,10 @@ std::string progress_meter::line(std::uint64_t total_bytes) const {
   std::string text = readable_size(static_cast<double>(total_bytes));
   if (expected_bytes_ && *expected_bytes_ > 0) text += share_of(total_bytes, *expected_bytes_);
   if (window_.still_for_s() >= stall_s) return text + "  stalled for " + readable_time(window_.still_for_s());
+  if (window_.length_s() < 1) return text;  // the first moments say little
   const double speed = window_.bytes_per_s();
   text += "  " + readable_size(speed) + "/s";
-  const bool known = speed > 0 && window_.length_s() >= 1;  // the first moments say little
-  if (known && expected_bytes_ && *expected_bytes_ > total_bytes)
+  if (speed > 0 && expected_bytes_ && *expected_bytes_ > total_bytes)
     text += "  " + readable_time(static_cast<double>(*expected_bytes_ - total_bytes) / speed) + " left";
   return text;
 }

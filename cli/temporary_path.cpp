@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "report.h"
+#include "terminal_line.h"
 
 namespace fetchrig::cli {
 namespace {
@@ -35,21 +36,9 @@ extern "C" void clean_up_and_die(int signal_number) {
   for (auto path = doomed().rbegin(); path != doomed().rend(); ++path) {
     if (unlink(path->c_str()) != 0) rmdir(path->c_str());
   }
+  end_line_in_handler();
   signal(signal_number, SIG_DFL);
   raise(signal_number);
-}
-
-// A signal that the caller had ignored (nohup) stays ignored.
-void watch_signals() {
-  static bool watched = false;
-  if (std::exchange(watched, true)) return;
-  doomed();
-  for (const int number : ending_signals) {
-    struct sigaction action = {};
-    if (sigaction(number, nullptr, &action) != 0 || action.sa_handler == SIG_IGN) continue;
-    action.sa_handler = clean_up_and_die;
-    sigaction(number, &action, nullptr);
-  }
 }
 
 class held_signals {
@@ -142,6 +131,19 @@ class new_file {
 };
 
 }  // namespace
+
+// A signal that the caller had ignored (nohup) stays ignored.
+void watch_signals() {
+  static bool watched = false;
+  if (std::exchange(watched, true)) return;
+  doomed();
+  for (const int number : ending_signals) {
+    struct sigaction action = {};
+    if (sigaction(number, nullptr, &action) != 0 || action.sa_handler == SIG_IGN) continue;
+    action.sa_handler = clean_up_and_die;
+    sigaction(number, &action, nullptr);
+  }
+}
 
 temporary_path::temporary_path(std::string path) : path_(std::move(path)) {
   watch_signals();

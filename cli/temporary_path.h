@@ -53,6 +53,9 @@ class private_directory {
   std::vector<temporary_path> files_;  // removed before the directory
 };
 
+// Sees to it that a signal that ends the command leaves nothing of all this, nor half a line on the terminal.
+void watch_signals();
+
 // While `fd` is set here, a signal that ends the command empties that file: it holds a part of a whole.
 // -1: none.
 void empty_on_signal(int fd);

@@ -5,13 +5,14 @@
 #include <stdio.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <mutex>
 
 namespace fetchrig::cli {
 namespace {
 
-std::mutex lock;     // for what follows, and for the order on the terminal
-bool drawn = false;  // the cursor stands behind a drawn line
+std::mutex lock;                  // for what follows, and for the order on the terminal
+std::atomic<bool> drawn = false;  // the cursor stands behind a drawn line; also read by a signal's handler
 
 void erase_drawn() {
   if (drawn) fputs("\r\033[K", stderr);
@@ -29,6 +30,10 @@ void draw_line(std::string_view text) {
 void erase_line() {
   const std::scoped_lock hold(lock);
   erase_drawn();
+}
+
+void end_line_in_handler() {
+  if (drawn && write(STDERR_FILENO, "\n", 1) < 0) drawn = false;
 }
 
 void write_line(std::string_view prefix, std::string_view text) {

@@ -11,6 +11,8 @@ namespace fetchrig::cli {
 // Draws `text` in place of what was drawn before.
 void draw_line(std::string_view text);
 void erase_line();
+// Ends the drawn line, for a signal's handler: what the shell writes next stands below it.
+void end_line_in_handler();
 // Writes a line that stays in place of the drawn one, which comes back when it is drawn again. Takes no memory.
 void write_line(std::string_view prefix, std::string_view text);
 
