@@ -103,7 +103,7 @@ TEST_F(sockets, take_a_file_from_where_it_stands_to_its_end_or_limit) {
     const unique_fd file(::open(name, O_RDONLY | O_CLOEXEC));
     lseek(file.get(), 2, SEEK_SET);
     const send_result sent = send_file(near_.get(), file.get(), limit, 1);
-    EXPECT_EQ(std::pair(sent.end, sent.total), std::pair(end, static_cast<int>(arrives.size()))) << name;
+    EXPECT_EQ(std::pair(sent.end, sent.total), std::pair(end, static_cast<int64_t>(arrives.size()))) << name;
     std::string got(arrives.size() + 1, '\0');
     got.resize(static_cast<std::size_t>(std::max<ssize_t>(recv(far_.get(), got.data(), got.size(), 0), 0)));
     EXPECT_EQ(got, arrives);
