@@ -327,6 +327,16 @@ std::string library_text(const dl_result& result) {
   return last == message.npos ? "failed" : printable(message.substr(0, last + 1));
 }
 
+bool is_beyond_limit(const dl_result& result) {
+  return result.code == DL_ERR_READ && std::string_view(result.message).starts_with("exceed max size");
+}
+
+verdict limit_verdict() {
+  return {
+      "the file is larger than the limit of " + std::to_string(size_limit_bytes()) + " bytes (--max-size)",
+      exit_too_large};
+}
+
 // What the code, the library's own text and its log lines tell where no cause is known.
 verdict code_verdict(const dl_result& result) {
   const auto* known = std::find_if(std::begin(code_table), std::end(code_table),
@@ -335,6 +345,7 @@ verdict code_verdict(const dl_result& result) {
   if (known != std::end(code_table)) told = {known->words ? known->words : "", known->status, known->later};
   if (result.code == DL_ERR_FTP_REPLY) told = reply_verdict(result.message);
   if (dl_last_cause(nullptr) == DL_CAUSE_LOCAL_FILE) told.status = exit_local_file;
+  if (is_beyond_limit(result)) return limit_verdict();
   if (told.words.empty()) told.words = library_text(result);
   told.words += code_words(result.code);
   const std::string lines = logged_errors();

@@ -10,7 +10,6 @@
 
 #include <sstream>
 
-#include "fetchrig.h"
 #include "pem.h"
 #include "report.h"
 
@@ -44,6 +43,13 @@ bool is_excepted(const location& where, std::string entry) {
   return strcasecmp(where.host.c_str(), entry.c_str()) == 0 || ends_alike(where.host, "." + entry);
 }
 
+// Other programs may have one of another kind there.
+std::string proxy_for_all() {
+  const std::string lower = variable("all_proxy");
+  const std::string proxy = lower.empty() ? variable("ALL_PROXY") : lower;
+  return proxy.find("://") == proxy.npos || proxy.starts_with("http://") ? proxy : "";
+}
+
 bool goes_without_proxy(const location& where) {
   const std::string lower = variable("no_proxy");
   std::istringstream rest(lower.empty() ? variable("NO_PROXY") : lower);
@@ -64,15 +70,10 @@ bool is_usable(const std::string& path) {
 
 }  // namespace
 
-bool goes_by_proxy(const location& where) {
-  // A library that was built without tunnels does not take the switch.
-  return where.kind == scheme::http || (where.kind == scheme::https && dl_set_extra(DL_EXTRA_PROXY, 1) == 0);
-}
-
 std::string environment_proxy(const location& where) {
-  if (!goes_by_proxy(where)) return "";
   std::string proxy = variable(where.kind == scheme::http ? "http_proxy" : "https_proxy");
   if (proxy.empty() && where.kind == scheme::https) proxy = variable("HTTPS_PROXY");
+  if (proxy.empty()) proxy = proxy_for_all();
   return goes_without_proxy(where) ? "" : proxy;
 }
 

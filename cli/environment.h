@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// environment.h: what the user's surroundings say about a transfer: the proxy in http_proxy, https_proxy and no_proxy, the logins in
+// environment.h: what the user's surroundings say about a transfer: the proxy in http_proxy and its kin, the logins in
 // ~/.netrc. One thread.
 #ifndef FETCHRIG_CLI_ENVIRONMENT_H
 #define FETCHRIG_CLI_ENVIRONMENT_H
@@ -12,11 +12,8 @@
 
 namespace fetchrig::cli {
 
-// Whether a proxy can lead to it: http, and https through a tunnel.
-bool goes_by_proxy(const location& where);
-
-// The proxy for an http URL by http_proxy, for an https one by https_proxy or HTTPS_PROXY, unless no_proxy excepts its
-// host; else empty. HTTP_PROXY is not looked at: in a CGI program it is a header line of the client's.
+// The proxy for an http URL by http_proxy, for an https one by https_proxy or HTTPS_PROXY, for both by all_proxy or
+// ALL_PROXY, unless no_proxy excepts the host; else empty. HTTP_PROXY is not looked at: in a CGI program it is a header line of the client's.
 std::string environment_proxy(const location& where);
 
 // The login for the host in ~/.netrc, that of `user` when there is one. A file that others may read is left alone with

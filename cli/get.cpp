@@ -95,7 +95,7 @@ std::vector<download> planned(const get_options& options) {
   return plan;
 }
 
-failure too_large(const std::string& subject, std::uint32_t limit, const char* how) {
+failure too_large(const std::string& subject, std::uint64_t limit, const char* how) {
   return failure(
       DL_ERR_READ,
       printable(subject) + ": " + how + " the limit of " + std::to_string(limit) + " bytes (--max-size)",
@@ -150,14 +150,14 @@ class body_copy {
                     exit_protocol, outlook::may_pass);
     }
     // The library stops such a body at the limit, where a longer one would look the same.
-    if (from_.ends_unmarked() && told_.bytes == limit_)
+    if (from_.ends_at_limit() && told_.bytes == limit_)
       throw too_large(to_.where.url, limit_, "the server announced no length and the file reaches");
   }
 
   source& from_;
   const download& to_;
   outcome& told_;
-  const std::uint32_t limit_ = size_limit_bytes();
+  const std::uint64_t limit_ = size_limit_bytes();
   const std::optional<std::uint64_t> announced_ = from_.announced_bytes();
   std::optional<sha256> digest_;
 };

@@ -115,6 +115,9 @@ constexpr std::uint32_t default_tftp_timeout_s = 5;
 
 constexpr std::uint32_t usual_redirects = 5;
 
+// Beyond the 32 bits of its option; 0: the option holds.
+std::uint64_t large_size_limit_bytes = 0;
+
 constexpr char list_separator = ':';  // of directories, as OpenSSL takes them
 
 std::vector<std::string> split_directories(const std::string& list) {
@@ -139,7 +142,8 @@ std::unique_ptr<ca_bundle> set_connection_options(const connection_options& opti
                                                   std::uint32_t timeout_s) {
   const std::uint32_t verify = options.insecure ? 0 : 1;
   start_log(options.verbosity);
-  dl_set_extras(DL_EXTRAS_RECOMMENDED);
+  // A library that was built without extras stays classic.
+  dl_set_extras(options.classic ? DL_EXTRAS_NONE : DL_EXTRAS_RECOMMENDED);
   auto bundle = set_trusted_cas(options);
   set_text_option(DL_OPT_HTTPS_CERT_FILE, options.client_cert);
   set_number_option(DL_OPT_SSL_METHOD, options.tls_method);
@@ -156,6 +160,20 @@ std::unique_ptr<ca_bundle> set_connection_options(const connection_options& opti
 void set_raw_options(const connection_options& options) {
   for (const std::string& assignment : options.raw_options) set_raw_option(assignment);
   dl_set_tls_wait_limit(wait_limit_s());
+}
+
+// https goes through a tunnel, one of the extras: a library that was built without them does not take the switch.
+bool goes_by_proxy(const transfer_options& options, const location& where) {
+  if (where.kind != scheme::https) return where.kind == scheme::http;
+  return !options.connection.classic && dl_set_extra(DL_EXTRA_PROXY, 1) == 0;
+}
+
+// After the raw options: one of them may have lowered the limit.
+void set_large_size_limit(std::uint64_t bytes) {
+  large_size_limit_bytes = 0;
+  dl_set_size_limit(0);
+  if (bytes <= UINT32_MAX || size_limit_bytes() != UINT32_MAX) return;
+  if (dl_set_size_limit(bytes) == 0) large_size_limit_bytes = bytes;
 }
 
 // The message of an option check, empty when all is well.
@@ -194,6 +212,8 @@ void add_connection_options(CLI::App& app, connection_options& options) {
   app.add_flag("--insecure", options.insecure, "Verify nothing of an HTTPS server");
   app.add_flag("--no-verify-host", options.no_verify_host, "Do not require the certificate to name the host");
   app.add_flag("--ipv6", options.ipv6, "Allow IPv6 addresses and look-ups");
+  app.add_flag("--classic", options.classic,
+               "Keep to the protocols as they were: none of the library's extras");
   app.add_option("--timeout", options.timeout_s, "Limit of every wait, in seconds; 30, for TFTP 5")
       ->check(CLI::Range(1, 60));
   app.add_option("--tls-method", options.tls_method, "auto, tls1.0, or the library's number 0 to 3")
@@ -218,10 +238,10 @@ void add_transfer_options(CLI::App& app, transfer_options& options) {
       ->type_name("\"NAME: VALUE\"")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-  app.add_option("--max-size", options.max_size_bytes,
-                 "Largest file taken or sent, in bytes; K, M and G multiply by 1024")
-      ->transform(CLI::AsSizeValue(false))
-      ->capture_default_str();
+  app.add_option(
+         "--max-size", options.max_size_bytes,
+         "Largest file taken or sent, in bytes; K, M and G multiply by 1024; no limit, with --classic 4 GiB")
+      ->transform(CLI::AsSizeValue(false));
   app.add_option("--retry", options.retries, "Try again so often after a failure that may pass")
       ->check(CLI::Range(0, 100))
       ->type_name("N");
@@ -243,24 +263,31 @@ std::unique_ptr<ca_bundle> configure(const connection_options& options) {
 }
 
 std::unique_ptr<ca_bundle> configure(const transfer_options& options, const location& where) {
-  if (options.max_size_bytes > UINT32_MAX) throw usage_error("--max-size is at most 4294967295 bytes");
   const std::uint32_t usual_s = where.kind == scheme::tftp ? default_tftp_timeout_s : default_timeout_s;
   auto bundle = set_connection_options(options.connection, options.connection.timeout_s.value_or(usual_s));
-  set_number_option(DL_OPT_MAX_FILE_SIZE, static_cast<std::uint32_t>(options.max_size_bytes));
+  const std::uint64_t most_bytes = extras_are_on() ? INT64_MAX : UINT32_MAX;
+  const std::uint64_t max_bytes = options.max_size_bytes.value_or(most_bytes);
+  if (max_bytes > most_bytes)
+    throw usage_error("--max-size is at most " + std::to_string(most_bytes) + " bytes");
+  set_number_option(DL_OPT_MAX_FILE_SIZE,
+                    static_cast<std::uint32_t>(std::min<std::uint64_t>(max_bytes, UINT32_MAX)));
   set_raw_options(options.connection);
+  set_large_size_limit(max_bytes);
   return bundle;
 }
 
 void check_proxy(const transfer_options& options, const location& where) {
-  if (!options.proxy.value_or("").empty() && !goes_by_proxy(where))
-    throw usage_error("--proxy is for http and https URLs");
+  if (!options.proxy.value_or("").empty() && !goes_by_proxy(options, where))
+    throw usage_error(where.is_http() ? "with --classic --proxy is for http URLs"
+                                      : "--proxy is for http and https URLs");
   const std::string proxy = proxy_for(options, where);
   if (!proxy.empty() && strncasecmp(proxy.c_str(), "http://", 7) != 0)
     throw usage_error("the URL of a proxy begins with http://");
 }
 
 std::string proxy_for(const transfer_options& options, const location& where) {
-  std::string proxy = options.no_env ? "" : environment_proxy(where);
+  const bool by_environment = !options.no_env && goes_by_proxy(options, where);
+  std::string proxy = by_environment ? environment_proxy(where) : "";
   if (options.proxy) proxy = *options.proxy;
   return proxy.empty() || proxy.find("://") != proxy.npos ? proxy : "http://" + proxy;
 }
@@ -282,7 +309,12 @@ void take_key_passphrase() {
   if (passphrase) set_text_option(DL_OPT_KEY_PASSPHRASE, passphrase);
 }
 
-std::uint32_t size_limit_bytes() {
+bool extras_are_on() {
+  return dl_get_extra(DL_EXTRA_WHOLE_BODIES) != 0;
+}
+
+std::uint64_t size_limit_bytes() {
+  if (large_size_limit_bytes != 0) return large_size_limit_bytes;
   return locked([](const dl_config& config) { return config.max_file_size; });
 }
 

@@ -28,6 +28,7 @@ struct connection_options {
   bool insecure = false;
   bool no_verify_host = false;
   bool ipv6 = false;
+  bool classic = false;                    // without the library's extras
   std::optional<std::uint32_t> timeout_s;  // limit of every wait; has a default of its own for TFTP
   std::uint32_t tls_method = 3;
   std::vector<std::string> raw_options;  // "NAME=VALUE"
@@ -39,9 +40,9 @@ struct transfer_options {
   connection_options connection;
   std::optional<std::string> user;
   std::optional<std::string> password;
-  std::optional<std::string> proxy;  // empty: none; not given: that of the environment
-  std::vector<std::string> headers;  // "Name: value"
-  std::uint64_t max_size_bytes = UINT32_MAX;
+  std::optional<std::string> proxy;             // empty: none; not given: that of the environment
+  std::vector<std::string> headers;             // "Name: value"
+  std::optional<std::uint64_t> max_size_bytes;  // not given: the most there is
   unsigned retries = 0;
   double retry_delay_s = 1;
   bool no_env = false;
@@ -72,8 +73,9 @@ void set_number_option(std::uint32_t option, std::uint32_t value);
 // Takes the pass phrase of private keys from the environment.
 void take_key_passphrase();
 
-// What is in force: the limits of sizes, waits and redirects, and the directories of trusted CAs.
-std::uint32_t size_limit_bytes();
+// What is in force: the library's extras, the limits of sizes, waits and redirects, the directories of trusted CAs.
+bool extras_are_on();
+std::uint64_t size_limit_bytes();
 std::uint32_t wait_limit_s();
 std::uint32_t redirect_limit();
 std::vector<std::string> ca_directories();

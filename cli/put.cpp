@@ -55,12 +55,17 @@ using redirect_buffer = std::array<char, DL_REDIRECT_SIZE>;
 
 constexpr const char* stdin_name = "stdin";
 
+// The library counts the bytes of a larger file for extras alone, and those of TFTP never.
+std::uint64_t most_sendable(const location& where) {
+  return extras_are_on() && where.kind != scheme::tftp ? INT64_MAX : INT32_MAX;
+}
+
 // What would go wrong late, or without a telling word, in the library's call.
-std::uint64_t check_file(const std::string& path) {
+std::uint64_t check_file(const std::string& path, std::uint64_t most_bytes) {
   struct stat status;
   if (stat(path.c_str(), &status) != 0) throw failed_file(printable(path) + ": " + strerror(errno));
   if (!S_ISREG(status.st_mode)) throw failed_file(printable(path) + " is not a regular file");
-  if (status.st_size > INT32_MAX)
+  if (static_cast<std::uint64_t>(status.st_size) > most_bytes)
     throw failure(0, printable(path) + " is larger than 2 GiB, the most that can be sent", exit_too_large);
   return static_cast<std::uint64_t>(status.st_size);
 }
@@ -89,8 +94,9 @@ failure beyond_limit(const put_options& options) {
 }
 
 // The library sends files alone: what comes from standard input is kept in one until it is sent.
-upload_file spooled_input(const put_options& options, private_directory& directory) {
-  const std::uint64_t limit = std::min<std::uint64_t>(size_limit_bytes(), INT32_MAX);
+upload_file spooled_input(const put_options& options, private_directory& directory,
+                          std::uint64_t most_bytes) {
+  const std::uint64_t limit = std::min(size_limit_bytes(), most_bytes);
   std::vector<char> buffer(spool_buffer_bytes);
   std::uint64_t size_bytes = 0;
   const std::string path = directory.fill(stdin_name, [&] {
@@ -207,10 +213,11 @@ void send(const put_options& options, const upload_file& file, const location& w
 // The file to send, found or made when it is first needed: the limit is known by then.
 class upload_source {
  public:
-  const upload_file& get(const put_options& options) {
+  const upload_file& get(const put_options& options, const location& where) {
     if (file_) return *file_;
-    if (options.from_stdin()) return file_.emplace(spooled_input(options, directory_.emplace()));
-    file_.emplace(upload_file{options.file, check_file(options.file)});
+    const std::uint64_t most_bytes = most_sendable(where);
+    if (options.from_stdin()) return file_.emplace(spooled_input(options, directory_.emplace(), most_bytes));
+    file_.emplace(upload_file{options.file, check_file(options.file, most_bytes)});
     if (file_->size_bytes > size_limit_bytes() && options.when_full == "stop") throw beyond_limit(options);
     return *file_;
   }
@@ -230,7 +237,7 @@ int run_put(const put_options& options) {
   told.repeatable = options.may_be_sent_twice();
   return run_transfer(where, options.transfer, told,
                       [&](const auto& target, const auto& login, outcome& now) {
-                        send(options, file.get(options), target, login, now);
+                        send(options, file.get(options, target), target, login, now);
                       });
 }
 

@@ -67,7 +67,9 @@ class http_source : public source {
   http_source(const source_request& request, server_facts& told);
   std::size_t read(std::span<char> buffer) override;
   std::optional<std::uint64_t> announced_bytes() const override { return announced_bytes_; }
-  bool ends_unmarked() const override { return dl_http_body_end(session_.get()) == DL_BODY_UNMARKED; }
+  bool ends_at_limit() const override {
+    return !extras_are_on() && dl_http_body_end(session_.get()) == DL_BODY_UNMARKED;
+  }
 
  private:
   void check_end() const;
@@ -130,7 +132,8 @@ std::optional<std::uint64_t> http_source::find_length() const {
     const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), length);
     if (error == std::errc() && end == value.data() + value.size()) return length;
   }
-  if (session_->remaining != size_limit_bytes()) return session_->remaining;
+  if (session_->remaining != std::min<std::uint64_t>(size_limit_bytes(), UINT32_MAX))
+    return session_->remaining;
   return std::nullopt;
 }
 

@@ -23,8 +23,8 @@ class source {
   virtual std::size_t read(std::span<char> buffer) = 0;
   // The length that the server announced, if it did.
   virtual std::optional<std::uint64_t> announced_bytes() const = 0;
-  // True when the end is only the end of the connection, or the size limit: the two look the same.
-  virtual bool ends_unmarked() const { return false; }
+  // True when the end is only the end of the connection, or the size limit: the two look the same without extras.
+  virtual bool ends_at_limit() const { return false; }
 };
 
 struct source_request {

@@ -100,6 +100,7 @@ class body_reader {
   int read_line(std::span<char> buffer);
   int receive(std::span<char> to);
   int cut_short(const char* why);
+  int exceeded();
   int failed(int code);
   int end() {
     body_.ended = true;
@@ -112,7 +113,7 @@ class body_reader {
 };
 
 int body_reader::read(std::span<char> to) {
-  if (body_.failed) return failed(DL_ERR_READ);
+  if (body_.failed) return body_.too_long ? exceeded() : failed(DL_ERR_READ);
   if (body_.ended) return 0;
   switch (body_.framed) {
     case framing::length:
@@ -145,8 +146,7 @@ int body_reader::read_until_close(std::span<char> to) {
   if (count == 0) return end();
   if (room == 0) {
     log_line(DL_LOG_HTTP, DL_LOG_ERROR, "exceed max size\n");
-    body_.failed = true;
-    return fail_exceeded(&result_, body_.limit);
+    return exceeded();
   }
   body_.left -= static_cast<uint64_t>(count);
   return count;
@@ -215,6 +215,11 @@ int body_reader::cut_short(const char* why) {
   note_symptom(DL_CAUSE_FILE_CUT);
   log_line(DL_LOG_HTTP, DL_LOG_ERROR, "%s\n", why);
   return failed(DL_ERR_READ);
+}
+
+int body_reader::exceeded() {
+  body_.failed = body_.too_long = true;
+  return fail_exceeded(&result_, body_.limit);
 }
 
 int body_reader::failed(int code) {

@@ -27,6 +27,7 @@ struct whole_body {
   bool in_body = false;  // a chunk's line end comes before the next size
   bool ended = false;
   bool failed = false;
+  bool too_long = false;  // why it failed
 };
 
 // How strictly a response's head is read.

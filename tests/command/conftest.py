@@ -48,7 +48,8 @@ class Fetchrig:
     def run(self, line, env=(), shell='exec "$@"', **names):
         """The outcome of a command line, which `shell` finds as "$@"."""
         known = {"FETCHRIG_STORE": "store", "FETCHRIG_DEVICE_CERT": DEVICE, "HOME": self.work, "XDG_CONFIG_HOME": "",
-                 "http_proxy": "", "https_proxy": "", "HTTPS_PROXY": "", "no_proxy": ""}
+                 "http_proxy": "", "https_proxy": "", "HTTPS_PROXY": "",
+                 "all_proxy": "", "ALL_PROXY": "", "no_proxy": ""}
         words = ["sh", "-c", shell, "sh", *self.words(line, names)]
         done = subprocess.run(words, cwd=self.work, env={**os.environ, **known, **dict(env)}, input=b"typed",
                               capture_output=True, timeout=LIMIT_S)

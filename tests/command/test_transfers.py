@@ -133,14 +133,15 @@ def test_a_login_of_netrc_follows_no_redirect(fetchrig, peer):
     assert other.received == []
 
 
-@pytest.mark.parametrize("options, no_proxy, proxied", [
-    ("", "", True), ("", "example.com, x.invalid:8080", True), ("", "a, .INVALID", False), ("", "*", False),
-    ("", "x.invalid:80", False), ("--no-env", "", False), ("--proxy ''", "", False),
+@pytest.mark.parametrize("variable, options, no_proxy, proxied", [
+    ("http_proxy", "", "", True), ("all_proxy", "", "example.com, x.invalid:8080", True),
+    ("ALL_PROXY", "", "a, .INVALID", False), ("http_proxy", "", "*", False), ("http_proxy", "", "x.invalid:80", False),
+    ("http_proxy", "--no-env", "", False), ("http_proxy", "--proxy ''", "", False), ("https_proxy", "", "", False),
 ])
-def test_the_proxy_of_the_environment(fetchrig, peer, options, no_proxy, proxied):
+def test_the_proxy_of_the_environment(fetchrig, peer, variable, options, no_proxy, proxied):
     server = peer([ASK, OK])
     ended = fetchrig.run(f"get -o - {options} http://x.invalid/a",
-                         env={"http_proxy": server.address, "no_proxy": no_proxy, "HTTP_PROXY": "127.0.0.1:1"})
+                         env={variable: server.address, "no_proxy": no_proxy, "HTTP_PROXY": "127.0.0.1:1"})
     assert (ended.stdout, ended.returncode) == ((b"ok", 0) if proxied else (b"", 3)), ended
 
 
