@@ -23,10 +23,17 @@ namespace fs = std::filesystem;
 using std::string;
 
 std::vector<log_line> log_lines;
+const char* late_limit;  // what another thread sets as MAX_FILE_SIZE while the call connects; null for none
+
+void set_number(uint32_t option, uint32_t value) {
+  if (dl_set_option(option, &value) != 0) throw std::runtime_error("an option was refused");
+}
 
 int take_line(const char* bytes, int32_t length) {
   const host hold;
   const test::log_message line = test::parsed_line({bytes, static_cast<std::size_t>(length)});
+  if (late_limit && line.text.starts_with("Connecting"))
+    set_number(DL_OPT_MAX_FILE_SIZE, static_cast<uint32_t>(std::stoul(late_limit)));
   log_lines.push_back({line.level, trim(line.module), line.text});
   return 0;
 }
@@ -345,10 +352,6 @@ const std::map<string, void (*)(call_record&)> verbs = {
     {"tftp-send", tftp_send},
 };
 
-void set_number(uint32_t option, uint32_t value) {
-  if (dl_set_option(option, &value) != 0) throw std::runtime_error("an option was refused");
-}
-
 void set_option(const string& name, const string& value) {
 #define NAMED(option) \
   { #option, DL_OPT_##option }
@@ -475,6 +478,7 @@ outcome stage::play(const story& told, const run& with) {
   net.hosts = told.hosts;
   set_options(told);
   log_lines.clear();
+  late_limit = told.argument("late");
   const auto before = open_descriptors();
   auto names = test::names_in(place_.path());
   const int64_t start_us = net.clock_us;

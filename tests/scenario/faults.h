@@ -13,7 +13,8 @@ namespace scenario {
 // clang-format off
 enum class call {
   memory, socket, connect, bind, getaddrinfo, send, recv, sendto, recvfrom, poll, sendfile,
-  open, fopen, fdopen, read, write, close, fclose, rename, opendir, mkstemp, fsync, mkdir, pipe, spawn, flock, num_calls
+  open, fopen, fdopen, fwrite, read, write, close, fclose, rename, opendir, mkstemp, fsync, mkdir,
+  pipe, spawn, flock, num_calls
 };
 // clang-format on
 
@@ -49,6 +50,7 @@ inline constexpr fault faults[] = {
     FAULT(open, EACCES), FAULT(open, EMFILE), FAULT(open, ENOSPC),
     FAULT(fopen, EACCES), FAULT(fopen, EMFILE),
     FAULT(fdopen, ENOMEM),
+    FAULT(fwrite, ENOSPC),
     FAULT(read, EIO), FAULT(read, EINTR), FAULT(read, shortened),
     FAULT(write, ENOSPC), FAULT(write, EIO), FAULT(write, EINTR), FAULT(write, shortened),
     FAULT(close, EIO),

@@ -64,6 +64,15 @@ bool was_sent(const story& told, const string& content) {
   });
 }
 
+// To FTP's servers other commands may go when one failed, to TFTP's all is sent again, and the whole file is asked for
+// when its part cannot be gone on with.
+bool asks_nothing_else(const story& told) {
+  const auto resumes = [](const auto& option) { return option.first == "EXTRA_RESUME"; };
+  if (std::any_of(told.options.begin(), told.options.end(), resumes)) return false;
+  return std::none_of(told.connections.begin(), told.connections.end(),
+                      [](const connection& one) { return one.at.port == 21 || one.has("udp"); });
+}
+
 bool is_known_code(int code) {
   return (code >= -19 && code <= 0 && code != -10) || (code >= 100 && code <= 999);
 }
@@ -94,6 +103,8 @@ std::vector<string> broken_rules(const story& told, const outcome& whole, const 
   const bool was_there = std::any_of(told.files.begin(), told.files.end(),
                                      [&](const auto& one) { return one.second.content == left; });
   rule(left == "none" || was_there || !whole_ok || whole.file->starts_with(left), "a part of another file");
+  for (const string& problem : seen.problems)
+    rule(early || !asks_nothing_else(told) || problem.find("received") == string::npos, problem.c_str());
   const bool falls_back = ring && !seen.file && seen.told.at("ring") != whole.told.at("ring");
   rule(!ok || !whole_ok || seen.file == whole.file || (early && part) || falls_back,
        "success with another file");

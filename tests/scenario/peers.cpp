@@ -239,7 +239,7 @@ std::vector<std::string> conversation::problems() {
       problems_.push_back(std::string("asks for the server ") + (asked ? asked : "none"));
   }
   for (const auto& by : parties_) {
-    const bool listens = by->way && !by->way->deaf && !by->way->reset;
+    const bool listens = by->way && !by->way->deaf && !by->way->dead;
     if (listens && !by->inbox.empty())
       problems_.push_back("received behind the last step: " + shown(by->inbox));
     if (by->way && by->way->datagrams && !by->way->received.empty() && !by->way->dead)

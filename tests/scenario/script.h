@@ -5,7 +5,8 @@
 //   download http://a.test/f user=u password=p         the call: a verb, what it is about, named arguments; a value
 //                                                      with spaces stands in quotes ("X: 1\r\n")
 //   with auth=2                                        further arguments of the call; null=redirect,result are the
-//                                                      pointers that it gets as null
+//                                                      pointers that it gets as null, late=7 the MAX_FILE_SIZE that is
+//                                                      set while it connects
 //   set MAX_FILE_SIZE 1000                             an option (enum dl_option without its prefix; TLS_WAIT,
 //                                                      SIZE_LIMIT and enum dl_extra as EXTRA_REDIRECTS too)
 //   host b.test = 10.0.0.9 fd00::9                     a name; a.test to z.test are 10.0.0.1 to .26, others unknown

@@ -264,6 +264,8 @@ REPLACED int fclose(FILE* file) {
   }
 FAILING(FILE*, fopen64, fopen, nullptr, (const char* path, const char* mode), (path, mode))
 FAILING(FILE*, fdopen, fdopen, nullptr, (int fd, const char* mode) noexcept, (fd, mode))
+FAILING(size_t, fwrite, fwrite, 0, (const void* from, size_t size, size_t count, FILE* to),
+        (from, size, count, to))
 FAILING(DIR*, opendir, opendir, nullptr, (const char* path), (path))
 FAILING(int, mkostemp64, mkstemp, -1, (char* pattern, int flags), (pattern, flags))
 FAILING(int, mkdir, mkdir, -1, (const char* path, mode_t mode) noexcept, (path, mode))

@@ -111,17 +111,17 @@ class tls : public leak_free {
 // The limit is in whole seconds, so this takes longer than one.
 TEST_F(tls, a_steady_upload_may_take_longer_than_the_limit) {
   dl_set_tls_wait_limit(1);
-  constexpr std::size_t piece = 65536;
   const connection to([](SSL* ssl) {
-    for (int i = 0; i < 12 && take(ssl, piece); ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(150));
-    SSL_write(ssl, "x", 1);
+    char bytes[1024];
+    for (int i = 0; i < 16; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(120));
+      recv(SSL_get_fd(ssl), bytes, sizeof bytes, MSG_WAITALL);
+    }
   });
+  const int least = 1;
+  setsockopt(to.near.get(), SOL_SOCKET, SO_SNDBUF, &least, sizeof least);
   const auto begin = std::chrono::steady_clock::now();
-  tls_stream stream(to.ssl.get());
-  char answer = 0;
-  EXPECT_EQ(stream.write_all(std::string(12 * piece, 'c')), 0);
-  EXPECT_EQ(stream.read({&answer, 1}, 5).count, 1);
+  EXPECT_EQ(tls_stream(to.ssl.get()).write_all(std::string(16384, 'c')), 0) << "one record";
   EXPECT_GT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
 }
 
