@@ -75,8 +75,8 @@
 //   shows a/b.pem TEXT          what OpenSSL tells of the certificate in it holds this ("with its key":
 //                               that is behind it; "verified by NAME")
 //   field NAME = TEXT           of the record that the call filled (cert_client.cpp)
-//   log 3 HTTP text             the lines of levels 0 to 3, exactly these in this order; other levels: is among them;
-//                               log any: whatever the errors
+//   log 3 HTTP text             the lines of levels 0 to 3, of certificates to 4, exactly these in this order; other
+//                               levels: is among them; log any: whatever the errors
 //
 // A file's certificates are described in front of its stories (cert_table.h).
 //
