@@ -33,7 +33,7 @@ void empty_if_named(int fd) {
 }  // namespace
 
 download_file::~download_file() {
-  if (place_ && held_ > 0) {
+  if (place_ && held_ > 0 && target() >= 0) {
     const int error = write_all(target(), {buffer_.get(), held_});
     if (error != 0) log_line(module_, DL_LOG_WARNING, "partial file is shorter, errno %d\n", error);
   }

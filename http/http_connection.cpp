@@ -82,7 +82,13 @@ bool still_answers(http_channel& channel) {
   const io_result seen = with_stream(channel, [&](stream& from) {
     return from.peek({&first, 1}, timeout_s);
   });
-  return seen.count > 0 || seen.wait_failed;
+  return seen.count > 0 || seen.wait_failed || seen.error == ETIMEDOUT;
+}
+
+// A connection in the middle of a request takes no other.
+int sent(http_channel& channel, int code) {
+  if (code < 0) never_keep(channel);
+  return code;
 }
 
 // The session's origin again, on a connection that nothing was sent on.
@@ -122,7 +128,9 @@ int give(std::string_view text, std::span<char> line) {
 }  // namespace
 
 int http_start_tls(http_channel& channel, const char* host) {
-  const tls_options options = https_options();
+  // Whoever the connection is kept for is told the options that it was made with.
+  const kept_connection* const kept = channel.own ? channel.own->kept.get() : nullptr;
+  const tls_options options = kept && !kept->origin.empty() ? kept->tls : https_options();
   dl_http_session& session = channel.session;
   const unique_ssl_session known = known_session(channel);
   tls_connection made;
@@ -155,9 +163,9 @@ int http_send_request(http_channel& channel, const http_msg& message) {
   if (channel.is_tls() && !channel.session.ssl) return DL_ERR_SEND;
   const int rc = send_guarded(channel, message);
   const kept_connection* const kept = kept_before(channel);
-  if (!kept || rc == DL_ERR_MEMORY || (rc == 0 && still_answers(channel))) return rc;
+  if (!kept || (rc < 0 && rc != DL_ERR_SEND) || (rc == 0 && still_answers(channel))) return sent(channel, rc);
   log_line(DL_LOG_HTTP, DL_LOG_INFO, "the kept connection is dead\n");
-  return connect_anew(channel, *kept) == 0 ? send_guarded(channel, message) : DL_ERR_SEND;
+  return sent(channel, connect_anew(channel, *kept) == 0 ? send_guarded(channel, message) : DL_ERR_SEND);
 }
 
 int http_recv(http_channel& channel, std::span<char> to, read_ahead_use use) {

@@ -40,7 +40,8 @@ int receive_file(dl_http_session& session, const char* path, dl_result& result) 
 
 int download(const http_plan& plan, const char* local_path) {
   std::string path;
-  if (plan.extras.resume && choose_local_path(plan.request, local_path, path) && can_resume(path.c_str()))
+  if (plan.extras.resume && choose_local_path(plan.request, local_path, path) &&
+      can_resume(plan, path.c_str()))
     return resume_download(plan, path.c_str());
   unique_http_session session;
   if (http_open(plan, session) < 0) return -1;

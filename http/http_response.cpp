@@ -150,8 +150,9 @@ int response_loop::read_headers(const head_rules& rules, bool& cut) {
   header_block block;
   if (!block.start(block_bytes_)) return DL_ERR_MEMORY;
   for (;;) {
-    const auto room = block.room(rules.is_whole ? rules.max_line_bytes : usual_line_bytes);
+    auto room = block.room(rules.is_whole ? rules.max_line_bytes : usual_line_bytes);
     if (room.empty()) return DL_ERR_MEMORY;
+    if (rules.is_whole) room = room.first(rules.max_line_bytes);  // a longer line fails
     const int length = http_read_line(channel_, usual_line_bytes, rules.max_line_bytes, room, &cut);
     if (length < 0) return length;
     if (length == 0) break;

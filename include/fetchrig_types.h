@@ -150,13 +150,13 @@ enum dl_extra {
   DL_EXTRA_PROXY = 3,            /**< 0..1: absolute-form requests, CONNECT for https, authentication by the proxy */
   DL_EXTRA_DIGEST = 4,           /**< 0..1: Digest by RFC 7616: SHA-256, SHA-512-256, auth-int; answers the strongest */
   DL_EXTRA_WHOLE_BODIES = 5,     /**< 0..1: a body that ends early fails; 64-bit lengths; dl_set_size_limit() holds */
-  DL_EXTRA_RESUME = 6,           /**< 0..1: dl_download() goes on with the partial file of an earlier try */
+  DL_EXTRA_RESUME = 6,           /**< 0..1: dl_download() goes on with an earlier try; bodies as with 5 */
   DL_EXTRA_FTP_FALLBACKS = 7,    /**< 0..1: EPSV refused means PASV; data connections lead to the server itself */
   DL_EXTRA_FTP_TLS = 8,          /**< 0..1: every FTP session is secured by AUTH TLS (RFC 4217), or fails */
   DL_EXTRA_TFTP_PORTS = 9,       /**< 0..1: the system draws the local port of each session */
-  DL_EXTRA_TFTP_WINDOW = 10,     /**< 0..65535 blocks: window asked for (RFC 7440); 0 and 1: none */
+  DL_EXTRA_TFTP_WINDOW = 10,     /**< 0..32767 blocks: window asked for (RFC 7440); 0 and 1: none */
   DL_EXTRA_TFTP_BLOCK_SIZE = 11, /**< 0, or 8..65464 bytes: block size asked for (RFC 2348); 0: 1432 */
-  DL_EXTRA_KEPT_CONNECTIONS = 12 /**< 0..64: idle HTTP connections kept for the next request to their origin */
+  DL_EXTRA_KEPT_CONNECTIONS = 12 /**< 0..64: idle HTTP connections kept for their origin; bodies as with 5 */
 };
 
 /** The sets of dl_set_extras(). */
@@ -355,7 +355,7 @@ typedef struct dl_http_session {
   void *ssl_ctx;         /**< OpenSSL context, or null */
   uint32_t flags;        /**< DL_HTTP_FLAG_ bits */
   uint32_t remaining;    /**< body bytes still to deliver when not chunked */
-  http_chunk_buf *chunk; /**< from the first chunked read on, else null */
+  http_chunk_buf *chunk; /**< from the first chunked read on, else null; always null with whole bodies */
   char *headers;         /**< header lines of a 200 response, each terminated, then an empty one; or null */
   uint32_t headers_len;  /**< bytes of the lines */
 } dl_http_session;

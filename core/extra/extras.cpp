@@ -41,7 +41,7 @@ struct number_extra {
 };
 
 constexpr number_extra numbers[] = {
-    {DL_EXTRA_TFTP_WINDOW, 0, 65535, &transfer_extras::tftp_window},
+    {DL_EXTRA_TFTP_WINDOW, 0, 32767, &transfer_extras::tftp_window},
     {DL_EXTRA_TFTP_BLOCK_SIZE, 8, 65464, &transfer_extras::tftp_blksize},
     {DL_EXTRA_KEPT_CONNECTIONS, 0, 64, &transfer_extras::kept_connections},
 };

@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -22,6 +23,8 @@ namespace {
 
 constexpr std::string_view title = "fetchrig part 1\n";
 constexpr int own_flags = O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
+constexpr const char* part_ending = ".part";
+constexpr const char* info_ending = ".info";
 constexpr mode_t own_mode = 0600;
 constexpr mode_t permissions = 0777;
 // A part that is completed just before it is locked has lost its name; another try makes a new one.
@@ -82,6 +85,13 @@ partial_file::~partial_file() {
 
 bool partial_file::fits(const char* path) {
   struct stat status = {};
+  const std::string name(base_name(path)), part = std::string(path) + part_ending, info = part + info_ending;
+  const std::string folder(path, std::string_view(path).size() - name.size());
+  if (name.empty() || base_name(info.c_str()).size() > NAME_MAX) return false;
+  if (::access(folder.empty() ? "." : folder.c_str(), W_OK | X_OK) != 0) return false;
+  // What lies there without a record is somebody else's.
+  if (::lstat(part.c_str(), &status) == 0 && status.st_size > 0 && ::lstat(info.c_str(), &status) != 0)
+    return false;
   if (::lstat(path, &status) != 0) return errno == ENOENT;
   return S_ISREG(status.st_mode) && status.st_nlink == 1;
 }
@@ -100,8 +110,8 @@ int partial_file::open_locked() {
 
 bool partial_file::open(const char* path) {
   path_.assign(path);
-  part_ = path_ + ".part";
-  info_ = part_ + ".info";
+  part_ = path_ + part_ending;
+  info_ = part_ + info_ending;
   if (const int error = open_locked(); error != 0) return failed("open", error) == 0;
   struct stat status = {};
   const bool own =
@@ -137,8 +147,8 @@ int partial_file::record(const part_source& now) {
 
 void partial_file::drop() {
   if (!fd_) return;
+  ::unlink(info_.c_str());  // first: behind the part another process may have made its own
   if (still_named(fd_.get(), part_.c_str()) == 0) ::unlink(part_.c_str());
-  ::unlink(info_.c_str());
   fd_.reset();
 }
 

@@ -2,6 +2,7 @@
 // http_resume.cpp: ranges, and what tells one version of a file from the next.
 #include "http/extra/http_resume.h"
 
+#include <string.h>
 #include <time.h>
 
 #include <array>
@@ -81,6 +82,9 @@ class resumed_download {
 };
 
 int resumed_download::run(const char* path) {
+  clear_result(plan_.result);
+  set_last_status(0);
+  clear_cause();
   if (!part_.open(path)) return fail(&plan_.result, DL_ERR_READ);
   bool ranged = part_.held() > 0 && part_.source().url == url_ && !part_.source().validator.empty();
   for (;;) {
@@ -191,8 +195,9 @@ std::optional<content_range> parse_content_range(string_view text) {
   return content_range{*first, *last, *total};
 }
 
-bool can_resume(const char* path) {
-  return partial_file::fits(path);
+bool can_resume(const http_plan& plan, const char* path) {
+  const bool asks_itself = strcasestr(or_empty(plan.request.headers).data(), "range:") != nullptr;
+  return plan.request.method == DL_METHOD_GET && !asks_itself && partial_file::fits(path);
 }
 
 int resume_download(const http_plan& plan, const char* path) {

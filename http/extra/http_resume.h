@@ -31,15 +31,15 @@ struct content_range {
 
 #if FETCHRIG_EXTRAS
 
-// Whether a download into this file can be gone on with.
-[[nodiscard]] bool can_resume(const char* path);
+// Whether a download into this file can be gone on with: by a GET that asks for no range itself.
+[[nodiscard]] bool can_resume(const http_plan& plan, const char* path);
 
 // Downloads the rest, or all of it. Returns 0, or -1 with the plan's result filled; the part stays for the next call.
 [[nodiscard]] int resume_download(const http_plan& plan, const char* path);
 
 #else
 
-[[nodiscard]] inline bool can_resume(const char* /*path*/) {
+[[nodiscard]] inline bool can_resume(const http_plan& /*plan*/, const char* /*path*/) {
   return false;
 }
 [[nodiscard]] inline int resume_download(const http_plan& /*plan*/, const char* /*path*/) {

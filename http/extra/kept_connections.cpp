@@ -78,18 +78,20 @@ unique_waiting take_youngest(Wanted wanted) {
   return nullptr;
 }
 
-// Puts it behind all others; the eldest of more than `most` is returned.
-unique_waiting add_youngest(unique_waiting connection, std::size_t most) {
+// Takes the eldest out when as many wait already: null when there is room.
+unique_waiting take_eldest_of(std::size_t most) {
   const process_lock lock;
-  unique_waiting eldest;
-  auto* end = std::find(waiting.begin(), waiting.end(), nullptr);
-  if (static_cast<std::size_t>(end - waiting.begin()) >= most) {
-    eldest.reset(waiting.front());
-    remove_at(0);
-    --end;
-  }
-  *end = connection.release();
+  if (!waiting[most - 1]) return nullptr;
+  unique_waiting eldest(waiting.front());
+  remove_at(0);
   return eldest;
+}
+
+// Puts it behind all others, where there is room.
+void add_youngest(unique_waiting connection) {
+  const process_lock lock;
+  auto* const end = std::find(waiting.begin(), waiting.end(), nullptr);
+  if (end != waiting.end()) *end = connection.release();
 }
 
 void close_all() {
@@ -107,20 +109,44 @@ bool is_dead(const waiting_connection& connection) {
   return wait_ready(connection.sock.get(), wait_readable, 0) != 0;
 }
 
-// Everything that decides who is at the other end, and how it was made sure of.
-std::string origin_of(const http_channel& channel, const char* host, uint32_t port) {
-  std::string origin = std::to_string(port) + (ipv6_enabled() ? "6 " : " ") + host;
-  if (!channel.is_tls()) return origin;
-  const tls_options tls = https_options();
-  origin += "\ntls " + std::to_string(tls.method) + std::to_string(tls.verify_peer) +
-            std::to_string(tls.verify_host);
-  origin.append("\n").append(tls.cert_file.data()).append("\n").append(tls.ca_dir.data());
+// When the file was last changed: false when that cannot be told.
+bool add_time(std::string& origin, const std::string& path) {
   struct stat status = {};
-  if (::stat(tls.ca_dir.data(), &status) != 0) return origin;
-  return origin + "\n" + std::to_string(status.st_mtim.tv_sec) + "." + std::to_string(status.st_mtim.tv_nsec);
+  if (::stat(path.c_str(), &status) != 0) return false;
+  origin.append("\n").append(path).append(" ").append(std::to_string(status.st_mtim.tv_sec));
+  origin.append(".").append(std::to_string(status.st_mtim.tv_nsec));
+  return true;
+}
+
+bool add_tls(std::string& origin, const tls_options& tls) {
+  const std::string certificate = tls.cert_file.data();
+  origin.append("\ntls");
+  for (const int64_t number : {int64_t{tls.method}, int64_t{tls.verify_peer}, int64_t{tls.verify_host},
+                               int64_t{tls_wait_limit_seconds()}}) {
+    origin.append(" ").append(std::to_string(number));
+  }
+  if (!certificate.empty() && !add_time(origin, certificate)) origin.append("\nno ").append(certificate);
+  std::string_view directories = tls.ca_dir.data();
+  while (!directories.empty()) {
+    const auto colon = directories.find(':');
+    if (!add_time(origin, std::string(directories.substr(0, colon)))) return false;
+    directories.remove_prefix(
+        std::min(directories.size(), colon == std::string_view::npos ? colon : colon + 1));
+  }
+  return true;
+}
+
+// Everything that decides who is at the other end, and how it was made sure of; empty when that cannot be told.
+std::string origin_of(const http_channel& channel, const kept_connection& kept) {
+  std::string origin = std::to_string(kept.port);
+  origin.append(ipv6_enabled() ? "6 " : " ").append(kept.host);
+  if (channel.is_tls() && !add_tls(origin, kept.tls)) return "";
+  return origin;
 }
 
 void give_to(http_channel& channel, unique_waiting connection) {
+  // As a new connection has it, until a session of whole bodies says otherwise.
+  if (connection->ssl) SSL_set_options(connection->ssl.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
   channel.session.sock = connection->sock.release();
   channel.session.ssl = connection->ssl.release();
   channel.session.ssl_ctx = connection->ctx.release();
@@ -133,17 +159,26 @@ bool contains_token(const char* line, std::string_view token) {
   return false;
 }
 
+// Reads what is left of the body, if it is there already: the next request waits for nobody.
+bool has_drained(http_channel& channel) {
+  const whole_body& body = *channel.own->whole;
+  std::array<char, 4096> scratch;
+  dl_result ignored = {};
+  while (body.framed == whole_body::framing::length && body.left > 0 && body.left <= max_drained_bytes) {
+    const bool is_there = channel.ssl() ? static_cast<uint64_t>(SSL_pending(channel.ssl())) >= body.left
+                                        : !channel.own->ahead.held().empty() ||
+                                              wait_ready(channel.session.sock, wait_readable, 0) > 0;
+    if (!is_there || http_read_some(channel, scratch, ignored) <= 0) return false;
+  }
+  return body.ended && !body.failed && body.framed != whole_body::framing::until_close;
+}
+
 // Whether nothing of the last response is left on the way, and nothing else has come.
 bool is_at_rest(http_channel& channel) {
   const http_private& own = *channel.own;
-  if (own.response.status < 200 || own.response.header_cut) return false;
-  if (http_body_end(&channel.session) == DL_BODY_OPEN) {
-    const bool short_rest =
-        channel.is_chunked() || (own.response.has_length && channel.session.remaining <= max_drained_bytes);
-    if (!short_rest || http_drain(channel, max_drained_bytes) != http_drained::whole) return false;
-  }
-  const bool whole = http_body_end(&channel.session) == DL_BODY_WHOLE && !own.response.has_trailer;
-  return whole && own.ahead.held().empty() && (!channel.ssl() || SSL_has_pending(channel.ssl()) == 0);
+  if (!own.whole || own.response.status < 200 || own.response.header_cut || !has_drained(channel))
+    return false;
+  return own.ahead.held().empty() && (!channel.ssl() || SSL_has_pending(channel.ssl()) == 0);
 }
 
 unique_waiting taken_out(http_channel& channel) {
@@ -154,7 +189,7 @@ unique_waiting taken_out(http_channel& channel) {
   connection->ssl.reset(static_cast<SSL*>(std::exchange(channel.session.ssl, nullptr)));
   connection->ctx.reset(static_cast<SSL_CTX*>(std::exchange(channel.session.ssl_ctx, nullptr)));
   connection->since_ms = now_ms();
-  connection->process = ::getpid();
+  connection->process = channel.own->kept->process;
   return connection;
 }
 
@@ -174,10 +209,13 @@ bool take_kept(http_channel& channel, const char* host, uint32_t port, bool may_
   kept_connection* const kept = channel.own ? channel.own->kept.get() : nullptr;
   if (!kept) return false;
   kept->is_kept = kept->persists = false;
-  kept->origin = may_be_kept ? origin_of(channel, host, port) : "";
   kept->host = host;
   kept->port = port;
-  if (!kept->takes_kept || !may_be_kept) return false;
+  kept->process = ::getpid();
+  kept->checked_ms = now_ms();
+  kept->tls = https_options();
+  kept->origin = may_be_kept ? origin_of(channel, *kept) : "";
+  if (!kept->takes_kept || kept->origin.empty()) return false;
   for (;;) {
     unique_waiting found =
         take_youngest([&](const auto& one) { return is_stale(one) || one.origin == kept->origin; });
@@ -203,14 +241,21 @@ void note_persistence(http_channel& channel, std::string_view status_line) {
       is_old ? line && contains_token(line, "keep-alive") : !line || !contains_token(line, "close");
 }
 
+void never_keep(http_channel& channel) {
+  if (channel.own && channel.own->kept) channel.own->kept->origin.clear();
+}
+
 void keep_connection(http_channel& channel) {
   kept_connection* const kept = channel.own ? channel.own->kept.get() : nullptr;
+  if (!kept || kept->origin.empty() || channel.session.sock <= 0 || kept->process != ::getpid()) return;
   remember_session(channel);
-  if (!kept || !kept->persists || kept->origin.empty() || channel.session.sock <= 0) return;
+  const bool wanted = kept->persists && current_extras().kept_connections > 0;
   kept->persists = false;
-  if (!is_at_rest(channel)) return;
+  if (!wanted || !is_at_rest(channel)) return;
   if (unique_waiting connection = taken_out(channel)) {
-    const unique_waiting too_many = add_youngest(std::move(connection), kept->most);
+    while (take_eldest_of(kept->most)) {
+    }
+    add_youngest(std::move(connection));
   }
 }
 

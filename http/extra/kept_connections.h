@@ -1,17 +1,19 @@
 // SPDX-License-Identifier: MIT
 // kept_connections.h: connections that stay open for the next request to the same origin (RFC 9112 section 9.3), for
 // sessions opened with DL_EXTRA_KEPT_CONNECTIONS. A connection is kept when its last response was read to its end, and
-// serves requests that were made under the very same options. A request that finds its kept connection dead goes out
-// again on a new one; a POST, which may not be repeated, never goes out on a kept one. At most 64 wait, none longer
-// than 30 seconds, and dl_exit() closes them. Connections through proxies are not kept. Any thread.
+// serves requests that were made under the very same options. Bodies are whole ones then. A request that finds its kept connection dead goes out
+// again on a new one; a POST, which may not be repeated, never goes out on a kept one. At most 64 wait, none
+// serves after 30 seconds, and dl_exit() closes them. Connections through proxies are not kept. Any thread.
 #ifndef FETCHRIG_HTTP_EXTRA_KEPT_CONNECTIONS_H
 #define FETCHRIG_HTTP_EXTRA_KEPT_CONNECTIONS_H
 
 #include <stdint.h>
+#include <sys/types.h>
 
 #include <string>
 #include <string_view>
 
+#include "core/config.h"
 #include "core/extras.h"
 
 namespace fetchrig {
@@ -24,9 +26,12 @@ struct kept_connection {
   bool takes_kept = false;  // its request may be repeated
   bool is_kept = false;     // the connection served before
   bool persists = false;    // the server leaves it open behind the response
-  std::string origin;       // where it leads, and under which options; empty: somewhere that is not kept
+  std::string origin;       // where it leads, and under which options; empty: it is not kept
+  tls_options tls = {};     // those options
   std::string host;
   uint32_t port = 0;
+  pid_t process = 0;       // that the connection belongs to
+  int64_t checked_ms = 0;  // when the server's chain was checked, by now_ms()
 };
 
 #if FETCHRIG_EXTRAS
@@ -44,6 +49,9 @@ struct kept_connection {
 // Notes from a response's head whether the connection persists.
 void note_persistence(http_channel& channel, std::string_view status_line);
 
+// The connection is in the middle of something: it serves nobody else.
+void never_keep(http_channel& channel);
+
 // Takes the connection out of the session, to wait for another, when it can serve again.
 void keep_connection(http_channel& channel);
 
@@ -60,6 +68,7 @@ inline const kept_connection* kept_before(const http_channel& /*channel*/) {
   return nullptr;
 }
 inline void note_persistence(http_channel& /*channel*/, std::string_view /*status_line*/) {}
+inline void never_keep(http_channel& /*channel*/) {}
 inline void keep_connection(http_channel& /*channel*/) {}
 
 #endif

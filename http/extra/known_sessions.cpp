@@ -55,6 +55,7 @@ unique_ssl_session known_session(const http_channel& channel) {
     found = take([&](const remembered& one) { return one.origin == *origin; });
   }
   if (!found || now_ms() - found->since_ms > max_age_ms) return nullptr;
+  channel.own->kept->checked_ms = found->since_ms;  // until another handshake has checked it
   return std::move(found->session);
 }
 
@@ -66,7 +67,7 @@ void remember_session(const http_channel& channel) {
   made->session.reset(SSL_get1_session(channel.ssl()));
   if (!made->session || SSL_SESSION_is_resumable(made->session.get()) != 1) return;
   made->origin = *origin;
-  made->since_ms = now_ms();
+  made->since_ms = SSL_session_reused(channel.ssl()) == 1 ? channel.own->kept->checked_ms : now_ms();
   std::unique_ptr<remembered> replaced, eldest;
   const process_lock lock;
   replaced = take([&](const remembered& one) { return one.origin == made->origin; });

@@ -208,7 +208,11 @@ int body_reader::read_line(std::span<char> buffer) {
 
 int body_reader::receive(std::span<char> to) {
   const int count = http_recv(channel_, to);
-  return count < 0 ? failed(DL_ERR_READ) : count;
+  if (count < 0) return failed(DL_ERR_READ);
+  // TLS that was cut, or ended by an alert, reads like an end; only the peer's farewell is one.
+  const bool is_end =
+      count > 0 || !channel_.ssl() || SSL_get_error(channel_.ssl(), count) == SSL_ERROR_ZERO_RETURN;
+  return is_end ? count : cut_short("TLS ends without a farewell");
 }
 
 int body_reader::cut_short(const char* why) {
@@ -230,7 +234,7 @@ int body_reader::failed(int code) {
 }  // namespace
 
 int ask_for_whole_bodies(http_channel& channel, const transfer_extras& extras) {
-  if (!extras.whole_bodies && !extras.resume) return 0;
+  if (!extras.whole_bodies && !extras.resume && extras.kept_connections == 0) return 0;
   channel.own->whole.reset(new (std::nothrow) whole_body);
   if (!channel.own->whole) return DL_ERR_MEMORY;
   channel.own->whole->limit = extras.max_file_size(max_file_size());

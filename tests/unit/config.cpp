@@ -45,7 +45,7 @@ TEST_F(config, extras_are_off_until_they_are_set) {
   struct {
     uint32_t extra, most, refused;
   } const rows[] = {{2, 1, 2}, {3, 1, 2}, {4, 1, 2},          {5, 1, 2},      {6, 1, 2},      {7, 1, 2},
-                    {8, 1, 2}, {9, 1, 2}, {10, 65535, 65536}, {11, 65464, 7}, {11, 8, 65465}, {12, 64, 65}};
+                    {8, 1, 2}, {9, 1, 2}, {10, 32767, 32768}, {11, 65464, 7}, {11, 8, 65465}, {12, 64, 65}};
   EXPECT_EQ(dl_set_extra(0, 0) + dl_set_extra(13, 0) + dl_set_extras(2) + dl_set_size_limit(UINT64_MAX), -4);
   for (const auto& row : rows) {
     EXPECT_EQ(dl_get_extra(row.extra), 0U);
