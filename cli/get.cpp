@@ -232,7 +232,7 @@ int run_get(get_options& options) {
 
 void add_options(CLI::App& get, const std::shared_ptr<get_options>& options) {
   get.add_option("URL", options->urls,
-                 "http://, https://, ftp:// or tftp:// URLs; HOST/PATH alone means TFTP")
+                 "http://, https://, ftp://, ftpes:// or tftp:// URLs; HOST/PATH alone means TFTP")
       ->required();
   get.add_option(
          "-o,--output", options->output,

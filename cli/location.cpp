@@ -11,15 +11,15 @@
 namespace fetchrig::cli {
 namespace {
 
+constexpr std::string_view plain_ftp = "ftp://", secured_ftp = "ftpes://";
+
 struct scheme_prefix {
   std::string_view text;
   scheme kind;
 };
 constexpr scheme_prefix prefixes[] = {
-    {"http://", scheme::http},
-    {"https://", scheme::https},
-    {"ftp://", scheme::ftp},
-    {"tftp://", scheme::tftp},
+    {"http://", scheme::http},  {"https://", scheme::https}, {"ftp://", scheme::ftp},
+    {secured_ftp, scheme::ftp}, {"tftp://", scheme::tftp},
 };
 
 // The length of the scheme's prefix; a URL without "://" is a TFTP one and has none.
@@ -32,7 +32,7 @@ std::size_t take_scheme(std::string_view url, scheme& kind) {
     kind = prefix.kind;
     return prefix.text.size();
   }
-  throw usage_error("only http, https, ftp and tftp URLs are supported");
+  throw usage_error("only http, https, ftp, ftpes and tftp URLs are supported");
 }
 
 // Takes "user:password@" or "user@" off `authority`. The last "@" ends it, so a password may hold one.
@@ -75,7 +75,8 @@ location parse_location(std::string_view url) {
   location where;
   const std::size_t prefix_len = take_scheme(url, where.kind);
   where.has_scheme = prefix_len > 0;
-  const std::string_view prefix = url.substr(0, prefix_len);
+  where.is_secured = where.kind == scheme::ftp && prefix_len == secured_ftp.size();
+  const std::string_view prefix = where.is_secured ? plain_ftp : url.substr(0, prefix_len);
   std::string_view rest = url.substr(prefix_len);
   if (where.is_http()) rest = rest.substr(0, rest.find('#'));
 

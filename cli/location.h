@@ -15,7 +15,9 @@ enum class scheme { http, https, ftp, tftp };
 struct location {
   scheme kind = scheme::tftp;
   bool has_scheme = false;
-  std::string url;   // without credentials; HTTP: without the fragment; FTP and TFTP: with a decoded path
+  bool is_secured = false;  // ftpes: FTP under TLS
+  std::string
+      url;  // without credentials; HTTP: without the fragment; FTP and TFTP: with a decoded path; ftpes as ftp
   std::string host;  // without port and brackets
   std::string port;  // as typed, or empty
   std::string path;  // from the first "/", without query and fragment; "/" when the URL has none

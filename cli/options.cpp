@@ -184,6 +184,18 @@ std::string check_ca_dir(const std::string& list) {
   return list.empty() ? "a directory is needed" : "";
 }
 
+// What is asked for by name is had, or the command stops.
+void need_extra(std::uint32_t extra, std::optional<std::uint32_t> value) {
+  if (value && dl_set_extra(extra, *value) != 0)
+    throw usage_error("this library was built without what the options ask for");
+}
+
+void set_extras(const transfer_options& options, const location& where) {
+  if (options.ftp_tls || where.is_secured) need_extra(DL_EXTRA_FTP_TLS, 1);
+  need_extra(DL_EXTRA_TFTP_WINDOW, options.tftp_window);
+  need_extra(DL_EXTRA_TFTP_BLOCK_SIZE, options.tftp_block_size);
+}
+
 // A copy of an option, taken under the lock of the options.
 template <typename Copy>
 auto locked(Copy copy) {
@@ -242,6 +254,14 @@ void add_transfer_options(CLI::App& app, transfer_options& options) {
          "--max-size", options.max_size_bytes,
          "Largest file taken or sent, in bytes; K, M and G multiply by 1024; no limit, with --classic 4 GiB")
       ->transform(CLI::AsSizeValue(false));
+  app.add_flag("--ftp-tls", options.ftp_tls, "FTP under TLS or not at all, as for ftpes URLs");
+  app.add_option("--tftp-window", options.tftp_window, "Blocks that a TFTP server may send at a time; 8")
+      ->check(CLI::Range(1, 65535))
+      ->type_name("N");
+  app.add_option("--tftp-block-size", options.tftp_block_size,
+                 "Bytes in a TFTP block; 1432, which fits an Ethernet frame")
+      ->check(CLI::Range(8, 65464))
+      ->type_name("N");
   app.add_option("--retry", options.retries, "Try again so often after a failure that may pass")
       ->check(CLI::Range(0, 100))
       ->type_name("N");
@@ -271,6 +291,7 @@ std::unique_ptr<ca_bundle> configure(const transfer_options& options, const loca
     throw usage_error("--max-size is at most " + std::to_string(most_bytes) + " bytes");
   set_number_option(DL_OPT_MAX_FILE_SIZE,
                     static_cast<std::uint32_t>(std::min<std::uint64_t>(max_bytes, UINT32_MAX)));
+  set_extras(options, where);
   set_raw_options(options.connection);
   set_large_size_limit(max_bytes);
   return bundle;

@@ -43,6 +43,9 @@ struct transfer_options {
   std::optional<std::string> proxy;             // empty: none; not given: that of the environment
   std::vector<std::string> headers;             // "Name: value"
   std::optional<std::uint64_t> max_size_bytes;  // not given: the most there is
+  bool ftp_tls = false;
+  std::optional<std::uint32_t> tftp_window;
+  std::optional<std::uint32_t> tftp_block_size;
   unsigned retries = 0;
   double retry_delay_s = 1;
   bool no_env = false;
