@@ -169,6 +169,8 @@ BasicAuth $user $password
 
 VSFTPD_ON = """listen anonymous_enable no_anon_password write_enable anon_upload_enable anon_other_write_enable
     run_as_launching_user""".split()
+VSFTPD_TLS = """ssl_enable allow_anon_ssl force_anon_logins_ssl force_anon_data_ssl require_ssl_reuse strict_ssl_read_eof
+    strict_ssl_write_shutdown""".split()
 VSFTPD_OFF = """background anon_world_readable_only seccomp_sandbox isolate isolate_network connect_from_port_20
     xferlog_enable""".split()
 
@@ -222,10 +224,12 @@ def tinyproxy(place, _host, ports, _options):
     return ["tinyproxy", "-d", "-c", place.write("tinyproxy.conf", TINYPROXY, user=USER, password=PASSWORD, **ports)]
 
 
-def vsftpd(place, host, ports, _options):
+def vsftpd(place, host, ports, options):
     values = {"listen_address": host, "listen_port": ports["ftp"], "anon_root": place.root, "anon_umask": "022",
               "secure_chroot_dir": place.root}
     values |= dict.fromkeys(VSFTPD_ON, "YES") | dict.fromkeys(VSFTPD_OFF, "NO")
+    if "tls" in options:
+        values |= dict.fromkeys(VSFTPD_TLS, "YES") | {"rsa_cert_file": place.certificate, "cmds_denied": "EPSV"}
     return ["vsftpd", place.write("vsftpd.conf", "".join(f"{name}={value}\n" for name, value in values.items()))]
 
 

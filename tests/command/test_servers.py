@@ -25,12 +25,14 @@ def contents(path, size):
     ("nginx https", "[::1]", [], "--ipv6", [2 * MIB]),
     ("vsftpd", "127.0.0.1", [], "", [0, 100000, 40 * MIB]),
     ("vsftpd", "127.0.0.1", [], "--ipv6 --user anonymous --password a@b", [100000]),  # EPSV works on IPv4, too
+    ("vsftpd", "127.0.0.1", ["tls"], "--ftp-tls", [0, 40 * MIB]),
     ("pyftpd", "127.0.0.1", [], PHONE, [0, 100000, 40 * MIB]),
     ("pyftpd", "::1", [], f"--ipv6 {PHONE}", [100000]),
     ("tftpd", "127.0.0.1", [], "", [0, 1432, 1433, 100000]),
     ("tftpd", "127.0.0.1", ["--refuse", "blksize"], "", [0, 512, 513, WRAPS]),
     ("tftpd", "::1", [], "--ipv6", [100000]),
-    ("atftpd", "127.0.0.1", [], "", [0, 1432, 1433, 100000]),
+    ("atftpd", "127.0.0.1", [], "--classic", [0, 1432, 1433, 100000]),
+    ("atftpd", "127.0.0.1", [], "--tftp-window 64", [0, 1432, 64 * 1432, 10 * MIB]),
     ("atftpd", "127.0.0.1", ["--no-blksize"], "", [0, 512, 513]),
 ])
 def test_files_go_both_ways(fetchrig, places, program, host, started_with, options, sizes):
