@@ -196,7 +196,8 @@ std::optional<content_range> parse_content_range(string_view text) {
 }
 
 bool can_resume(const http_plan& plan, const char* path) {
-  const bool asks_itself = strcasestr(or_empty(plan.request.headers).data(), "range:") != nullptr;
+  const char* const headers = plan.request.headers;
+  const bool asks_itself = headers && strcasestr(headers, "range:");
   return plan.request.method == DL_METHOD_GET && !asks_itself && partial_file::fits(path);
 }
 
