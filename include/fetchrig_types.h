@@ -162,7 +162,7 @@ enum dl_extra {
 /** The sets of dl_set_extras(). */
 enum dl_extras {
   DL_EXTRAS_NONE = 0,       /**< everything off */
-  DL_EXTRAS_RECOMMENDED = 1 /**< on: 2 to 5, 7 and 9; window 8, 4 kept connections; off: 6, 8 and 11 */
+  DL_EXTRAS_RECOMMENDED = 1 /**< on: 2 to 5, 7 and 9; window 16, 4 kept connections; off: 6, 8 and 11 */
 };
 
 /** A ring name, 128 bytes: the value of option 9. */

@@ -53,7 +53,7 @@ constexpr transfer_extras recommended = {
     .whole_bodies = true,
     .ftp_fallbacks = true,
     .tftp_ports = true,
-    .tftp_window = 8,
+    .tftp_window = 16,
     .kept_connections = 4,
 };
 
