@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "continued_file.h"
 #include "digest.h"
 #include "options.h"
 #include "output_file.h"
@@ -31,6 +32,7 @@ struct get_options {
   std::optional<std::string> output;
   bool xsi = false;
   bool no_clobber = false;
+  bool goes_on = false;  // with the part of an earlier call
   bool show_headers = false;
   bool remote_time = false;
   std::string sha256;  // in lower case, or empty
@@ -69,6 +71,8 @@ void check_url(const get_options& options, const location& where) {
 void check_options(const get_options& options) {
   const bool to_stdout = options.output == "-" || options.output == "/dev/stdout";
   if (options.transfer.json && to_stdout) throw usage_error("--json and -o - both need standard output");
+  const bool can_go_on = !options.transfer.connection.classic && dl_set_extra(DL_EXTRA_RESUME, 1) == 0;
+  if (options.goes_on && !can_go_on) throw usage_error("--continue is one of the extras, which are off");
   if (options.urls.size() > 1 && !options.sha256.empty()) throw usage_error("--sha256 is for one URL");
 }
 
@@ -172,14 +176,48 @@ void check_digest(const std::string& wanted, const std::string& found, const std
                 exit_digest);
 }
 
+std::unique_ptr<source> open_and_tell(const get_options& options, const source_request& request,
+                                      server_facts& told) {
+  auto from = open_source(request, told);
+  if (options.show_headers && !options.transfer.json) show_headers(told);
+  if (!options.show_headers) told.headers.clear();
+  return from;
+}
+
+void put_in_place(const get_options& options, const download& to, const server_facts& server) {
+  if (options.remote_time && server.modified_s) to.file->set_modification_time(*server.modified_s);
+  to.file->commit(options.no_clobber ? name_use::new_only : name_use::replacing);
+}
+
+// The call that goes on keeps no header lines: who wants to know them asks for them first.
+void fetch_rest(const get_options& options, const download& to, const source_request& request,
+                const std::string& place, outcome& told) {
+  const bool wants_headers = options.show_headers || options.remote_time;
+  if (wants_headers && request.where.is_http()) open_and_tell(options, request, told.server);
+  dl_set_extra(DL_EXTRA_RESUME, 1);
+  continued_file file(place);
+  {
+    progress_meter meter(options.transfer.wants_progress(), std::nullopt,
+                         [&file] { return file.received(); });
+    file.download(request, told.server);
+    meter.add(file.received());
+    told.summary = printable(to.name) + ": " + meter.summary();
+  }
+  told.bytes = file.size_bytes();
+  if (!options.sha256.empty()) check_digest(options.sha256, sha256::of_file(file.path()), request.where.url);
+  to.file->take(file.take());
+  put_in_place(options, to, told.server);
+}
+
 void fetch(const get_options& options, const download& to, const location& where, const credentials& login,
            outcome& told) {
   to.file->discard();
   const source_request request = {where, login, proxy_for(options.transfer, where), options.header_lines,
                                   options.xsi};
-  const auto from = open_source(request, told.server);
-  if (options.show_headers && !options.transfer.json) show_headers(told.server);
-  if (!options.show_headers) told.server.headers.clear();
+  const bool can_go_on = options.goes_on && where.kind != scheme::tftp;
+  if (const auto place = can_go_on ? to.file->waiting_place() : std::nullopt)
+    return fetch_rest(options, to, request, *place, told);
+  const auto from = open_and_tell(options, request, told.server);
   to.file->open();
   body_copy copy(*from, to, told, !options.sha256.empty());
   {
@@ -191,8 +229,7 @@ void fetch(const get_options& options, const download& to, const location& where
       told.summary = printable(to.name == "-" ? where.url : to.name) + ": " + meter.summary();
   }
   if (!options.sha256.empty()) check_digest(options.sha256, copy.sha256_hex(), where.url);
-  if (options.remote_time && told.server.modified_s) to.file->set_modification_time(*told.server.modified_s);
-  to.file->commit(options.no_clobber ? name_use::new_only : name_use::replacing);
+  put_in_place(options, to, told.server);
 }
 
 // With --no-clobber: a file that is there already is what was wanted, unless its digest says otherwise.
@@ -239,6 +276,8 @@ void add_options(CLI::App& get, const std::shared_ptr<get_options>& options) {
          "File to write, a directory with \"/\" at its end, \"-\" for standard output; else the URL names it")
       ->type_name("FILE");
   get.add_flag("--no-clobber", options->no_clobber, "Leave a file that is there already as it is");
+  get.add_flag("--continue", options->goes_on,
+               "Keep what came of a download that fails in FILE.fetchrig/, and go on with it (HTTP, FTP)");
   get.add_option_function<std::string>(
          "--sha256", [options](const std::string& typed) { options->sha256 = checked_sha256(typed); },
          "Put the file in place only if this is its SHA-256")

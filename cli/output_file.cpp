@@ -20,6 +20,9 @@
 namespace fetchrig::cli {
 namespace {
 
+// Of a name to which something is added.
+constexpr std::size_t max_name_bytes = 200;
+
 // Whether the directory shows the descriptors of this process: /dev/fd, or its own or a thread's in /proc.
 bool shows_descriptors(const std::string& directory) {
   char own[PATH_MAX], found[PATH_MAX];
@@ -142,7 +145,7 @@ void output_file::open_directly() {
 void output_file::replace(const struct stat* existing) {
   const std::size_t slash = path_.rfind('/');
   const std::size_t name = slash == path_.npos ? 0 : slash + 1;
-  partial_ = new_temporary_file(path_.substr(0, name) + "." + path_.substr(name, 200), fd_);
+  partial_ = new_temporary_file(path_.substr(0, name) + "." + path_.substr(name, max_name_bytes), fd_);
   if (!partial_) {
     const bool directory_refuses = errno == EACCES || errno == EPERM || errno == EROFS;
     if (existing && directory_refuses) return open_in_place();
@@ -153,6 +156,27 @@ void output_file::replace(const struct stat* existing) {
   } else {
     fchmod(fd_, ordinary_mode());
   }
+}
+
+void output_file::take(temporary_path whole) {
+  struct stat status;
+  const bool exists = stat(path_.c_str(), &status) == 0;
+  if (exists) path_ = follow_links(path_);
+  fd_ = ::open(whole.get().c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  if (fd_ < 0) fail("cannot be opened");
+  partial_ = std::move(whole);
+  if (exists) take_access(fd_, status);
+}
+
+std::optional<std::string> output_file::waiting_place() const {
+  struct stat status;
+  const bool exists = stat(path_.c_str(), &status) == 0;
+  if (held_ || (exists && !S_ISREG(status.st_mode))) return std::nullopt;
+  const std::string target = exists ? follow_links(path_) : path_;
+  const std::size_t name = target.rfind('/') + 1;  // 0 without a directory
+  const std::string directory = name == 0 ? "." : target.substr(0, name);
+  if (access(directory.c_str(), W_OK | X_OK) != 0) return std::nullopt;
+  return target.substr(0, name) + target.substr(name, max_name_bytes) + ".fetchrig";
 }
 
 // The old bytes stay until there are new ones.

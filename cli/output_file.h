@@ -9,6 +9,7 @@
 #define FETCHRIG_CLI_OUTPUT_FILE_H
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -32,6 +33,10 @@ class output_file {
   // Comes before all that follows. Throws usage_error when the path is a directory, failure
   // when nothing can be created there.
   void open();
+  // In place of open() and write(): `whole` is all of the file, and beside it.
+  void take(temporary_path whole);
+  // The name of a directory in which a part of the file may wait, if it can be replaced at all.
+  std::optional<std::string> waiting_place() const;
   // Back to before open(), with nothing left of what was written as far as that can be taken back.
   void discard();
   // Throws failure when the bytes cannot be written whole.

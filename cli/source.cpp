@@ -88,8 +88,8 @@ class http_source : public source {
   bool empty_by_status_ = false;
 };
 
-http_source::http_source(const source_request& request, server_facts& told)
-    : where_(request.where), login_(request.login) {
+// Borrows from the request.
+dl_http_request library_request(const source_request& request) {
   dl_http_request http = {};
   http.method = DL_METHOD_GET;
   http.url = request.where.url.c_str();
@@ -97,11 +97,18 @@ http_source::http_source(const source_request& request, server_facts& told)
   http.password = request.login.password();
   http.proxy = request.proxy.empty() ? nullptr : request.proxy.c_str();
   http.headers = request.headers.empty() ? nullptr : request.headers.c_str();
+  return http;
+}
 
+constexpr std::uint32_t xsi_authentication_type = 2;
+
+http_source::http_source(const source_request& request, server_facts& told)
+    : where_(request.where), login_(request.login) {
+  const dl_http_request http = library_request(request);
   redirect_buffer redirect = {};
   dl_result result = {};
   dl_http_session* session = nullptr;
-  const dl_http_request_ex extended = {&http, 2};
+  const dl_http_request_ex extended = {&http, xsi_authentication_type};
   const int rc = request.xsi_authentication ? dl_http_open_ex(&session, &extended, redirect.data(), &result)
                                             : dl_http_open(&session, &http, redirect.data(), &result);
   told.status = dl_http_last_status();
@@ -193,7 +200,31 @@ std::size_t handle_source::read(std::span<char> buffer) {
   return static_cast<std::size_t>(count);
 }
 
+dl_result download_http(const source_request& request, const std::string& path, server_facts& told) {
+  const dl_http_request http = library_request(request);
+  const dl_http_request_ex extended = {&http, xsi_authentication_type};
+  redirect_buffer redirect = {};
+  dl_result result = {};
+  const int rc = request.xsi_authentication
+                     ? dl_http_recv_to_file_ex(&extended, path.c_str(), redirect.data(), &result)
+                     : dl_http_recv_to_file(&http, path.c_str(), redirect.data(), &result);
+  told.status = dl_http_last_status();
+  told.final_url = redirect.data();
+  if (rc == 0 && !is_http_success(told.status)) result.code = told.status;
+  return result;
+}
+
 }  // namespace
+
+dl_result download_to_file(const source_request& request, const std::string& path, server_facts& told) {
+  if (request.where.is_http()) return download_http(request, path, told);
+  const dl_request transfer = {request.where.url.c_str(), request.login.user(), request.login.password(),
+                               nullptr};
+  redirect_buffer redirect = {};
+  dl_result result = {};
+  dl_download(&transfer, path.c_str(), redirect.data(), &result);
+  return result;
+}
 
 bool is_http_success(int status) {
   return status >= 200 && status < 300;

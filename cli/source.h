@@ -11,6 +11,7 @@
 #include <string>
 
 #include "credentials.h"
+#include "fetchrig.h"
 #include "location.h"
 #include "transfer.h"
 
@@ -38,6 +39,10 @@ struct source_request {
 // Opens the download and stores what the server told of it; throws failure, also for an HTTP status that brings no file.
 // What the request refers to must outlive the source.
 std::unique_ptr<source> open_source(const source_request& request, server_facts& told);
+
+// Downloads into the file by one call of the library, which goes on with a part there when the extra is on; stores what
+// the server told. Returns the outcome: code 0, or why it failed, also for an HTTP status that brings no file.
+dl_result download_to_file(const source_request& request, const std::string& path, server_facts& told);
 
 // True for a final HTTP status that means success; redirects that were not followed do not.
 bool is_http_success(int status);

@@ -1,7 +1,9 @@
 # SPDX-License-Identifier: MIT
 """What the command does beyond the library's classic ways, with servers and proxies of today."""
+import hashlib
+
 import pytest
-from conftest import CONTENT
+from conftest import ASK, CONTENT, response, sized
 
 LOGIN = "--user phone --password s3cret"
 
@@ -37,3 +39,60 @@ def test_a_proxy_that_refuses(fetchrig, places, proxy, scheme):
     fetchrig.fails(f"get {{{scheme}}}/a.bin", "407 (the proxy wants a login", status=6, env=env)
     # Without its proxy the server answers.
     fetchrig.done(f"get -o - --ca-dir {{ca}} {{{scheme}}}/a.bin", CONTENT, env=env | {"no_proxy": "127.0.0.1"})
+
+
+TAG = 'ETag: "1"\r\nLast-Modified: Sun, 09 Sep 2001 01:46:40 GMT\r\n'
+BEGUN = [ASK, response(headers=TAG + "Content-Length: 10\r\n", body=b"1234")]
+REST = [ASK, response("206 Part", TAG + "Content-Range: bytes 4-9/10\r\nContent-Length: 6\r\n", b"567890")]
+CHANGED = [ASK, response(headers='ETag: "2"\r\nContent-Length: 3\r\n', body=b"new")]
+DIGEST = hashlib.sha256(b"1234567890").hexdigest()
+
+
+@pytest.mark.parametrize("options, then, status, content", [
+    (f"--sha256 {DIGEST}", [REST], 0, b"1234567890"),
+    ("--remote-time --show-headers --json", [BEGUN, REST], 0, b"1234567890"),
+    ("--retry 1 --retry-delay 0.01", [BEGUN, REST], 0, b"1234567890"), ("", [CHANGED], 0, b"new"),
+    (f"--sha256 {DIGEST}", [CHANGED], 11, b"old"), ("--max-size 9", [REST], 8, b"old"), ("", [[ASK]], 10, b"old"),
+    ("--no-clobber", [REST], 0, b"old"), ("-o -", [sized(2, b"ok")], 0, b"old"),
+])
+def test_a_download_that_was_interrupted_goes_on(fetchrig, peer, options, then, status, content):
+    """The file is the old one until all of the new one is there and right; the part waits for who goes on."""
+    server = peer(BEGUN, *then)
+    fetchrig.write("a", "old")
+    fetchrig.fails("get --continue http://{peer}/a", "before the whole file", status=10, peer=server.address)
+    waiting = fetchrig.work / "a.fetchrig"
+    assert (waiting / "whole.part").read_bytes() == b"1234" and fetchrig.files() == {"a": b"old"}
+    ended = fetchrig.run(f"get --continue {options} http://{server.address}/a")
+    assert (ended.returncode, fetchrig.files()) == (status, {"a": content}), ended
+    left_alone = options in ("--no-clobber", "-o -")
+    assert waiting.exists() == (status == 10 or left_alone)
+    asked = len(server.received) > 1 and "-o" not in options
+    assert (b"Range: bytes=4-\r\n" in server.received[-1]) == asked == (b'If-Range: "1"' in server.received[-1])
+    assert ((fetchrig.work / "a").stat().st_mtime == 1e9) == ("--remote-time" in options)
+
+
+def test_a_part_lies_where_nobody_else_writes(fetchrig):
+    (fetchrig.work / "a.fetchrig").symlink_to("/tmp")
+    fetchrig.fails("get --continue -o a {http}/a.bin", "a.fetchrig is in the way", status=9)
+    (fetchrig.work / "a.fetchrig").unlink()
+    for url in ("{ftp}", "{tftp}", "{http}"):
+        fetchrig.done(f"get --continue -o a {url}/a.bin")
+        assert [path.name for path in fetchrig.work.iterdir()] == ["a"]
+
+
+def test_several_files_of_one_server_come_over_one_connection(fetchrig, peer):
+    two = response(headers="Content-Length: 2\r\n", body=b"ok")
+    server = peer([ASK, two, lambda peer: wait_for_request(peer, 2), two, lambda peer: wait_for_request(peer, 3), two])
+    fetchrig.done(f"get http://{server.address}/a http://{server.address}/b http://{server.address}/c")
+    assert fetchrig.files() == {"a": b"ok", "b": b"ok", "c": b"ok"} and len(server.received) == 1
+    server = peer(sized(2, b"ok"))
+    fetchrig.done(f"get --classic -o x/ http://{server.address}/a http://{server.address}/b", shell='mkdir x; exec "$@"')
+    assert len(server.received) == 2
+
+
+def wait_for_request(peer, number):
+    while peer.received[-1].count(b"\r\n\r\n") < number:
+        more = peer.connection.recv(65536)
+        if not more:
+            raise OSError("the client has gone")
+        peer.received[-1] += more
