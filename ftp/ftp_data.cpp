@@ -60,6 +60,8 @@ int extended_target(const dl_ftp_session& session, std::string_view text, data_t
   memcpy(target.host.data(), session.host, sizeof session.host);
   target.port = *port;
   target.ipv6 = 1;
+  // A name may have several addresses, and the port is of one of them (RFC 2428 section 3).
+  static_cast<void>(ftp_extras_host(session, target.host, target.ipv6));
   return 0;
 }
 

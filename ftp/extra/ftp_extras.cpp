@@ -2,8 +2,8 @@
 // ftp_extras.cpp: what holds for one session, kept beside its record.
 #include "ftp/extra/ftp_extras.h"
 
-#include <arpa/inet.h>
 #include <errno.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -170,12 +170,12 @@ bool ftp_extras_host(const dl_ftp_session& session, std::span<char> host, int& i
   sockaddr_storage peer = {};
   socklen_t length = sizeof peer;
   if (::getpeername(session.ctrl_sock, reinterpret_cast<sockaddr*>(&peer), &length) != 0) return false;
-  const void* const address =
-      peer.ss_family == AF_INET
-          ? static_cast<const void*>(&reinterpret_cast<const sockaddr_in&>(peer).sin_addr)
-          : &reinterpret_cast<const sockaddr_in6&>(peer).sin6_addr;
+  // With the scope of a link-local address.
+  if (::getnameinfo(reinterpret_cast<const sockaddr*>(&peer), length, host.data(),
+                    static_cast<socklen_t>(host.size()), nullptr, 0, NI_NUMERICHOST) != 0)
+    return false;
   ipv6 = peer.ss_family == AF_INET ? 0 : 1;
-  return ::inet_ntop(peer.ss_family, address, host.data(), static_cast<socklen_t>(host.size())) != nullptr;
+  return true;
 }
 
 uint64_t ftp_extras_limit(const dl_ftp_session& session, uint32_t option) {

@@ -17,7 +17,8 @@
 namespace fetchrig {
 namespace {
 
-constexpr std::size_t code_len = 4;  // and the space behind it
+constexpr int positive_completion = 2;  // 226, or 250 (RFC 959 section 5.4)
+constexpr std::size_t code_len = 4;     // and the space behind it
 constexpr std::size_t min_time_len = 14, max_time_len = 32;
 
 // The time of the last change, "YYYYMMDDHHMMSS" and perhaps a fraction; nothing for another answer.
@@ -73,7 +74,8 @@ int ftp_resume::confirm(const dl_ftp_session& session, dl_result* result) {
   ftp_reply_bytes bytes;
   ftp_reply reply(bytes);
   std::string validator;
-  if (dl_recv_reply(session, reply, {ftp_transfer_complete}) < 0) return fail(result, DL_ERR_READ);
+  const int code = dl_recv_reply(session, reply, {});
+  if (code / 100 != positive_completion) return fail(result, DL_ERR_READ);
   if (ask_time(session, name_, reply, validator) < 0) return fail(result, DL_ERR_READ);
   if (validator == part_->source().validator) return 0;
   part_->drop();

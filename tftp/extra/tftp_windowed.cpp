@@ -118,7 +118,9 @@ void windowed_transfer::make_room(std::size_t bytes) const {
     ::setsockopt(session_.sock, SOL_SOCKET, SO_RCVBUF, &wanted, sizeof wanted);
 }
 
+// To the server's own port, whoever else has sent something.
 int windowed_transfer::request() {
+  tftp_set_server_port(session_, port_of(server_));
   tftp_request_buffer packet;
   const std::string_view bytes = tftp_build_wishes(begins_.opcode, begins_.remote_name, wishes_, packet);
   if (tftp_send_packet(session_, bytes) == static_cast<ssize_t>(bytes.size())) return 0;
@@ -152,7 +154,6 @@ int windowed_transfer::refused(int code) {
   retried_ = true;
   is_servers_error_ = false;
   wishes_ = {};
-  tftp_set_server_port(session_, port_of(server_));
   return request();
 }
 
