@@ -48,6 +48,39 @@ std::vector<string> cells_of(const string& line) {
   return cells;
 }
 
+// In a line of these kinds what begins with the mark is a line of its own: "answer 200 OK + X: y", "set A 1, B 2".
+struct mark {
+  const char *kinds, *text, *next;
+};
+constexpr mark marks[] = {{" @ ", " ask ", "ask "},
+                          {" ask answer + ", " + ", "+ "},
+                          {" >> << ", " << ", "<< "},
+                          {" >> << ", " >> ", ">> "},
+                          {" = reads status end ", " cause ", "cause "},
+                          {" = cause ", " log ", "log "},
+                          {" status ", " end ", "end "},
+                          {" reads status end ", " left ", "left "},
+                          {" reads ", " ring ", "ring "},
+                          {" set cert with secret ", ", ", nullptr},
+                          {" log ", ", then ", nullptr}};
+
+std::vector<string> parted(const string& line) {
+  const std::size_t word = std::min(line.find(' '), line.size());
+  std::size_t first = string::npos;
+  string rest;
+  for (const auto& [kinds, text, next] : marks) {
+    const std::size_t at = line.find(text, word);
+    if (at >= first || string(kinds).find(" " + line.substr(0, word) + " ") == string::npos) continue;
+    first = at;
+    const std::size_t tag = line.starts_with("log ") ? line.find(' ', line.find(' ', word + 1) + 1) : word;
+    rest = (next ? next : line.substr(0, tag + 1)) + line.substr(at + string(text).size());
+  }
+  if (first == string::npos) return {line};
+  std::vector<string> lines = parted(rest);
+  lines.insert(lines.begin(), line.substr(0, first));
+  return lines;
+}
+
 std::vector<block> blocks_of(const string& file) {
   std::ifstream in(file);
   if (!in) throw std::runtime_error("cannot read " + file);
@@ -56,6 +89,7 @@ std::vector<block> blocks_of(const string& file) {
   std::map<string, string> texts;
   std::vector<string> of_file = {""};  // variants
   std::vector<source_line>* into = nullptr;
+  std::vector<source_line> settings;  // of all stories
   int number = 0;
   for (string line; std::getline(in, line);) {
     ++number;
@@ -69,12 +103,14 @@ std::vector<block> blocks_of(const string& file) {
     }
     const bool of_table = line.starts_with("each ") || line.starts_with("|") || line.starts_with("also ");
     if (line.starts_with("== ")) {
-      blocks.push_back({.name = line.substr(3), .variants = of_file});
+      blocks.push_back({.name = line.substr(3), .lines = settings, .variants = of_file});
       into = &blocks.back().lines;
     } else if (line.starts_with("-- ")) {
       into = &named[line.substr(3)];
     } else if (!into && line.starts_with("cert ")) {
-      define_certificate(line);
+      for (const string& part : parted(line)) define_certificate(part);
+    } else if (!into && line.starts_with("set ")) {
+      for (const string& part : parted(line)) settings.push_back({part, number});
     } else if (!into && line.starts_with("also ")) {
       of_file.push_back(line.substr(5));
     } else if (!into || (of_table && blocks.empty())) {
@@ -91,13 +127,11 @@ std::vector<block> blocks_of(const string& file) {
     } else if (of_table) {
       blocks.back().variants.push_back(line.substr(5));
     } else {
-      const std::size_t asks = line.starts_with("@ ") ? line.find(" ask ") : string::npos;
-      if (asks != string::npos) into->push_back({line.substr(0, asks), number});
-      if (asks != string::npos) line.erase(0, asks + 1);
       const std::size_t times = line.find_first_not_of("0123456789");
       const bool repeats = times > 0 && line.substr(times).starts_with("x ");
-      into->insert(into->end(), repeats ? std::stoul(line) : 1,
-                   {repeats ? line.substr(times + 2) : line, number});
+      if (repeats) into->insert(into->end(), std::stoul(line), {line.substr(times + 2), number});
+      for (const string& part : repeats ? std::vector<string>() : parted(line))
+        into->push_back({part, number});
     }
   }
   return blocks;
@@ -117,6 +151,47 @@ std::vector<source_line> filled(const block& from, const std::vector<string>& ro
     if (!left_out) lines.push_back(line);
   }
   return lines;
+}
+
+// "1 | 2" in front of and behind the mark.
+std::pair<string, string> split(const string& text, const string& mark) {
+  const std::size_t at = text.find(mark);
+  return {text.substr(0, at), at == string::npos ? "" : text.substr(at + mark.size())};
+}
+
+const std::set<string> steps = {"<",      ">",      "<<",      ">>",   "<~",    "from", "after", "signal",
+                                "secure", "closed", "aborted", "hang", "reset", "hold", "deaf"};
+const std::set<string> composed_steps = {"@", "+", "ask", "answer", "serve", "take"};
+const std::set<string> before_call = {"alone", "set", "host", "fails", "at", "damaged"};
+
+// What the call says of its connection and its request, for a story that begins with what follows them.
+std::vector<string> implied_by(const std::vector<string>& call) {
+  static const std::map<string, string> methods = {{"post", "POST"}, {"put", "PUT"}, {"delete", "DELETE"}};
+  const string& verb = call.at(0);
+  if (verb == "tftp-send") return {"@ " + call.at(1) + ":69 udp", "<< {wrq " + call.at(3) + "}"};
+  if (verb.starts_with("tftp-")) return {"@ " + call.at(1) + ":69 udp", "<< {rrq " + call.at(3) + "}"};
+  const auto [scheme, place] = split(call.at(1), "://");
+  const string host = place.substr(0, place.find('/')), path = place.substr(host.size());
+  if (scheme == "ftp") return {"@ " + host + ":21"};
+  const auto method = methods.find(verb);
+  string asked = (method == methods.end() ? "ask GET " : "ask " + method->second + " ") + path;
+  for (const string& word : call)
+    if (word.starts_with("body=")) asked += " = " + word.substr(5);
+  return {"@ " + host + (scheme == "https" ? ":443 tls" : ":80"), asked};
+}
+
+void imply_connection(std::vector<source_line>& lines) {
+  const auto word = [](const source_line& line) { return line.text.substr(0, line.text.find(' ')); };
+  const auto begins = [&](const source_line& line) { return !before_call.contains(word(line)); };
+  const auto acts = [&](const source_line& line) {
+    return steps.contains(word(line)) || composed_steps.contains(word(line));
+  };
+  const auto call = std::find_if(lines.begin(), lines.end(), begins);
+  const auto step = std::find_if(call, lines.end(), acts);
+  if (step == lines.end() || step->text[0] == '@') return;
+  std::vector<source_line> implied;
+  for (const string& text : implied_by(words_of(call->text))) implied.push_back({text, step->number});
+  lines.insert(step, implied.begin(), implied.end());
 }
 
 void make_secure(std::vector<source_line>& lines) {
@@ -149,12 +224,6 @@ void make_proxied(std::vector<source_line>& lines) {
   if (host.ends_with(":80")) host.resize(host.size() - 3);
   if (ask != lines.end()) ask->text.insert(std::min(ask->text.find(" ="), ask->text.size()), " host=" + host);
   lines.push_back({"with proxy=http://p.test:3128", at->number});
-}
-
-// "1 | 2" in front of and behind the mark.
-std::pair<string, string> split(const string& text, const string& mark) {
-  const std::size_t at = text.find(mark);
-  return {text.substr(0, at), at == string::npos ? "" : text.substr(at + mark.size())};
 }
 
 // Reads the lines of one story.
@@ -200,7 +269,10 @@ class reader {
     head_ = first;
     const std::size_t equals = rest.find(" =");
     if (equals == string::npos) return;
-    body_ = bytes(trim(rest.substr(equals + 2)));
+    const bool arrives = rest.compare(equals, 3, " =>") == 0;
+    body_ = bytes(trim(rest.substr(equals + (arrives ? 3 : 2))));
+    const bool is_file = into_.verb == "fetch" || into_.verb == "download";
+    if (arrives) into_.expected.told[is_file ? "file" : "body"] = (is_file ? "=" : "") + body_;
     head_ += "Content-Length: " + std::to_string(body_.size()) + "\r\n";
   }
   void ask(const string& rest) {
@@ -310,9 +382,6 @@ class reader {
     }
   }
   void read_line(const string& word, const string& rest) {
-    static const std::set<string> steps = {"<",       ">",     "<<",     ">>",     "<~",
-                                           "from",    "after", "signal", "secure", "closed",
-                                           "aborted", "hang",  "reset",  "hold",   "deaf"};
     static const std::set<string> of_call = {"file", "mode",   "body",  "rest",   "redirect", "reads",
                                              "read", "status", "last",  "header", "end",      "left",
                                              "ring", "port",   "cause", "part"};
@@ -339,7 +408,6 @@ class reader {
          }},
         {"fails", [](reader& in, const string& text) { in.into_.fault = words_of(text); }},
     };
-    static const std::set<string> before_call = {"alone", "set", "host", "fails", "at", "damaged"};
     if (into_.verb.empty() && !before_call.contains(word)) {
       into_.verb = word;
       arguments(rest);
@@ -400,6 +468,7 @@ std::vector<story> read_stories(const string& file, const string& directory) {
   const auto add = [&](const block& from, const std::vector<string>& row, const string& name) {
     for (const string& variant : from.variants) {
       std::vector<source_line> lines = filled(from, row);
+      imply_connection(lines);
       if ((variant == "tls" || variant == "proxy") && !can_be_other(lines)) continue;
       story told;
       told.is_variant = !variant.empty();

@@ -7,8 +7,10 @@
 //   with auth=2                                        further arguments of the call; null=redirect,result are the
 //                                                      pointers that it gets as null, late=7 the MAX_FILE_SIZE that is
 //                                                      set while it connects
-//   set MAX_FILE_SIZE 1000                             an option (enum dl_option without its prefix; TLS_WAIT,
-//                                                      SIZE_LIMIT and enum dl_extra as EXTRA_REDIRECTS too)
+//   set MAX_FILE_SIZE 1000, IPV6 1                     options (enum dl_option without its prefix; TLS_WAIT,
+//                                                      SIZE_LIMIT and enum dl_extra as EXTRA_REDIRECTS too); in front
+//                                                      of a file's scenarios: of all; `with`, `secret` and `cert` take
+//                                                      lists too
 //   host b.test = 10.0.0.9 fd00::9                     a name; a.test to z.test are 10.0.0.1 to .26, others unknown
 //   secret s3cret                                      no log line may hold it, nor memory that is given back (the
 //                                                      last one alone); password= is one by itself
@@ -41,14 +43,18 @@
 //                               as=NAME names it; `mute` lets no connection come about; `interrupted`:
 //                               a signal comes while the client connects
 //   @ NAME                      goes on with that connection
-//   @ a.test:80 ask GET /f      connects and asks
+//   @ a.test:80 ask GET /f      connects and asks; both are left out where the call says them: a story that begins with
+//                               a later step has met the host of its URL and was asked for its path (and its body=),
+//                               or that of tftp-fetch, tftp-read or tftp-send
 //   ask PUT /f host=h.test      the head of a request as the library composes it, with this Host (default: the
-//                               connection's name); lines "+ X: y" follow as headers; "= BYTES" behind it adds the
-//                               Content-Length and the body
+//                               connection's name); "+ X: y" behind it or in lines that follow are headers;
+//                               "= BYTES" adds the Content-Length and the body
 //   < text                      exactly this line is received;  << BYTES  these bytes (a datagram, where it is udp)
 //   <~ BYTES                    anything up to and with these
-//   answer 200 OK = BYTES       the head of a response; "+ X: y" and "= BYTES" as above
+//   answer 200 OK = BYTES       the head of a response; "+ X: y" and "= BYTES" as above; "=> BYTES": a body that is what
+//                               was read, or the local file, afterwards
 //   > text                      sends this line;  >> BYTES  these bytes (a datagram)
+//   >> BYTES >> BYTES << BYTES  several of them
 //   from 5000                   further datagrams come from this port, or from another host: from 10.0.0.9:5000
 //   after 5                     so many seconds go by;  signal  interrupts the wait of the client
 //   closed | aborted            the client closes its end here; so that it cannot be taken for a regular end
