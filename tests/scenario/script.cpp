@@ -54,8 +54,8 @@ struct mark {
 };
 constexpr mark marks[] = {{" @ ", " ask ", "ask "},
                           {" ask answer + ", " + ", "+ "},
-                          {" >> << ", " << ", "<< "},
-                          {" >> << ", " >> ", ">> "},
+                          {" @ >> << ", " << ", "<< "},
+                          {" @ >> << ", " >> ", ">> "},
                           {" = reads status end ", " cause ", "cause "},
                           {" = cause ", " log ", "log "},
                           {" status ", " end ", "end "},

@@ -54,7 +54,7 @@
 //   answer 200 OK = BYTES       the head of a response; "+ X: y" and "= BYTES" as above; "=> BYTES": a body that is what
 //                               was read, or the local file, afterwards
 //   > text                      sends this line;  >> BYTES  these bytes (a datagram)
-//   >> BYTES >> BYTES << BYTES  several of them
+//   >> BYTES << BYTES           several of them, also behind "@ NAME"
 //   from 5000                   further datagrams come from this port, or from another host: from 10.0.0.9:5000
 //   after 5                     so many seconds go by;  signal  interrupts the wait of the client
 //   closed | aborted            the client closes its end here; so that it cannot be taken for a regular end
