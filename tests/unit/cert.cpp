@@ -224,6 +224,10 @@ TEST(subject, string_types_and_no_text) {
     if (name) X509_NAME_oneline(name.get(), line, sizeof line);
     EXPECT_STREQ(line, text == rows[0].first ? "/CN=\\xC3\\xA9" : "");
   }
+  const unique_x509_req request(X509_REQ_new());
+  X509_REQ_set_version(request.get(), 2);
+  EXPECT_EQ(make_REQ(request.get(), new_ec_key().get(), "/CN=x", 0, MBSTRING_ASC), 0);
+  EXPECT_EQ(X509_REQ_get_version(request.get()), 0) << "the version of all requests";
   ERR_clear_error();
 }
 

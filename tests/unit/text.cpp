@@ -185,7 +185,8 @@ TEST(exports, refuse_null) {
       dl_cert_build_rsa_key(text, 512, &key, nullptr), dl_cert_write_key(text, 0, nullptr, 0),
       curl_mfprintf(nullptr, "x"), curl_msprintf(nullptr, "x"), curl_msnprintf(nullptr, 1, "x")}) EXPECT_EQ(rc, -1);
   // clang-format on
-  EXPECT_EQ(dl_cert_verify_problems(nullptr, 1) + dl_cert_verify_problems(&number, -1), 0);
+  EXPECT_EQ(dl_cert_verify_problems(nullptr, 1) + dl_cert_verify_problems(&number, -1) + dl_del_ca(nullptr),
+            0);
   EXPECT_EQ(Curl_base64_encode("x", 1, nullptr) + Curl_base64_decode("x", nullptr), 0U);
   EXPECT_EQ(Curl_base64_encode(nullptr, 1, &out) + Curl_base64_decode(nullptr, &bytes), 0U);
   Curl_safefree(out);
