@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <span>
 
 #include "hashed_directory.h"
 #include "options.h"
@@ -236,12 +237,23 @@ constexpr status_word status_words[] = {
     {504, "gateway time-out"},
 };
 
+constexpr status_word reply_words[] = {
+    {421, "service not available"},
+    {425, "no data connection"},
+    {426, "transfer aborted"},
+    {450, "file busy"},
+    {452, "no space left"},
+    {550, "not found or not permitted"},
+    {552, "no space left for this user"},
+    {553, "name not allowed"},
+};
+
 std::string words_of_status(const location& where, int status) {
-  std::string words = "the server answered " + std::to_string(status);
-  const auto* known = std::find_if(std::begin(status_words), std::end(status_words),
-                                   [&](const status_word& entry) { return entry.status == status; });
-  if (!where.is_http() || known == std::end(status_words)) return words;
-  return words + " (" + known->words + ")";
+  const auto known = where.is_http() ? std::span<const status_word>(status_words) : reply_words;
+  const auto entry = std::find_if(known.begin(), known.end(),
+                                  [&](const status_word& each) { return each.status == status; });
+  const std::string words = "the server answered " + std::to_string(status);
+  return entry == known.end() ? words : words + " (" + entry->words + ")";
 }
 
 // The server wanted a login, or did not take the one it was given.

@@ -28,7 +28,7 @@ HELLO = b"220 hi\r\n"
     ("get ftp://{peer}/x", [b"500 \x1b[2Jgo\x9b away\r\n"], 7, "500 \\x1b[2Jgo\\x9b away (code -15)"),
     (f"get {HERE}", [ASK, response("300 Which", "Location: /b\r\n")], 7, "answered 300 (multiple choices)"),
     (f"put s.txt {HERE}", [PUT, response("308 P", "Location: /b\r\nContent-Length: 0\r\n")], 7, "too many redirects"),
-    ("put s.txt {ftp}/no/such/dir", [], 7, "the server answered 55"),
+    ("put s.txt {ftp}/no/such/dir", [], 7, "the server answered 553 (name not allowed)"),
     (f"get --max-size 1 {HERE}", sized(2, b"ok"), 8, "larger than the limit of 1 bytes"),
     (f"get --max-size 10 {HERE}", chunked(b"b\r\n12345678901\r\n0\r\n\r\n"), 8, "larger than the limit of 10 bytes"),
     (f"get --classic --max-size 10 {HERE}", [ASK, response(body=b"1234567890")], 8, "announced no length"),
