@@ -44,6 +44,11 @@ answer info(const info_options& options) {
   }
   answer told = describe_certificate(record, file.path(), options.key);
   told.json["file"] = options.file;
+  const std::size_t number = pem_certificates(read_small_file(file.path()).bytes()).size();
+  if (number > 1) {
+    told.json["certificates_in_file"] = number;
+    told.text += "in the file:  the first of " + std::to_string(number) + " certificates\n";
+  }
   return told;
 }
 

@@ -190,6 +190,7 @@ def test_what_a_certificate_says_of_itself(cert):
 def test_a_bundle_is_installed_certificate_by_certificate(cert):
     bundle = b"".join(path.read_bytes() for path in (cert.root, cert.places["stranger"], cert.places["good"]))
     cert.write("bundle", bundle)
+    assert cert.ask("info bundle")["certificates_in_file"] == 3
     cert.ask("install {root}")
     told = cert.run("cert install bundle --json")
     each = [(one["subject"], one["ca"], one["installed"]) for one in json.loads(told.stdout)["certificates"]]
