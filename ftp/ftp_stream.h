@@ -17,7 +17,10 @@ class ftp_stream {
   static ftp_stream data(const dl_ftp_session& session) {
     return {ftp_extras_data(session), tcp_stream(session.data_sock, first_step::receive)};
   }
-  stream& operator*() { return secured_ ? *secured_ : plain_; }
+  stream& operator*() {
+    if (secured_) return *secured_;
+    return plain_;
+  }
   stream* operator->() { return &**this; }
 
  private:

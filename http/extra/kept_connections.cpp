@@ -195,7 +195,7 @@ unique_waiting taken_out(http_channel& channel) {
 
 }  // namespace
 
-int ask_for_kept(http_channel& channel, const transfer_extras& extras, int32_t method) {
+int ask_for_kept(const http_channel& channel, const transfer_extras& extras, int32_t method) {
   if (extras.kept_connections == 0) return 0;
   channel.own->kept.reset(new (std::nothrow) kept_connection);
   if (!channel.own->kept) return DL_ERR_MEMORY;

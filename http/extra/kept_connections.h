@@ -37,7 +37,7 @@ struct kept_connection {
 #if FETCHRIG_EXTRAS
 
 // Prepares the session for kept connections when `extras` asks for them. Returns 0 or -7.
-[[nodiscard]] int ask_for_kept(http_channel& channel, const transfer_extras& extras, int32_t method);
+[[nodiscard]] int ask_for_kept(const http_channel& channel, const transfer_extras& extras, int32_t method);
 
 // Gives the session a connection to the server that waits, if there is one; else notes where the new one will lead.
 // `kept_origin` is false for a proxy.
@@ -57,7 +57,8 @@ void keep_connection(http_channel& channel);
 
 #else
 
-inline int ask_for_kept(http_channel& /*channel*/, const transfer_extras& /*extras*/, int32_t /*method*/) {
+inline int ask_for_kept(const http_channel& /*channel*/, const transfer_extras& /*extras*/,
+                        int32_t /*method*/) {
   return 0;
 }
 inline bool take_kept(http_channel& /*channel*/, const char* /*host*/, uint32_t /*port*/,

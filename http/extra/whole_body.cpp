@@ -233,7 +233,7 @@ int body_reader::failed(int code) {
 
 }  // namespace
 
-int ask_for_whole_bodies(http_channel& channel, const transfer_extras& extras) {
+int ask_for_whole_bodies(const http_channel& channel, const transfer_extras& extras) {
   if (!extras.whole_bodies && !extras.resume && extras.kept_connections == 0) return 0;
   channel.own->whole.reset(new (std::nothrow) whole_body);
   if (!channel.own->whole) return DL_ERR_MEMORY;
@@ -241,7 +241,7 @@ int ask_for_whole_bodies(http_channel& channel, const transfer_extras& extras) {
   return 0;
 }
 
-head_rules rules_of_head(http_channel& channel, const head_rules& classic) {
+head_rules rules_of_head(const http_channel& channel, const head_rules& classic) {
   if (!channel.own || !channel.own->whole) return classic;
   // Without its farewell, TLS does not tell the peer's end from anybody else's.
   if (channel.ssl()) SSL_clear_options(channel.ssl(), SSL_OP_IGNORE_UNEXPECTED_EOF);

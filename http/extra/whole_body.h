@@ -41,10 +41,10 @@ inline constexpr std::size_t max_whole_line_bytes = 16384;
 #if FETCHRIG_EXTRAS
 
 // Prepares the session for whole bodies when `extras` asks for them. Returns 0 or -7.
-[[nodiscard]] int ask_for_whole_bodies(http_channel& channel, const transfer_extras& extras);
+[[nodiscard]] int ask_for_whole_bodies(const http_channel& channel, const transfer_extras& extras);
 
 // Prepares the connection for the next response and tells how to read its head; `classic` without whole bodies.
-[[nodiscard]] head_rules rules_of_head(http_channel& channel, const head_rules& classic);
+[[nodiscard]] head_rules rules_of_head(const http_channel& channel, const head_rules& classic);
 
 // Whether a request that could not be sent to its end (`code`) may have been answered before: a server that refuses an
 // upload says so, and then takes no more of it.
@@ -61,10 +61,10 @@ inline constexpr std::size_t max_whole_line_bytes = 16384;
 
 #else
 
-inline int ask_for_whole_bodies(http_channel& /*channel*/, const transfer_extras& /*extras*/) {
+inline int ask_for_whole_bodies(const http_channel& /*channel*/, const transfer_extras& /*extras*/) {
   return 0;
 }
-inline head_rules rules_of_head(http_channel& /*channel*/, const head_rules& classic) {
+inline head_rules rules_of_head(const http_channel& /*channel*/, const head_rules& classic) {
   return classic;
 }
 inline bool may_have_answered(const http_channel& /*channel*/, int /*code*/) {
