@@ -7,7 +7,7 @@ import re
 import ssl
 
 import pytest
-from conftest import ASK, DEVICE, Fetchrig, response, tls_server
+from conftest import DEVICE, Fetchrig, sized, tls_server
 from servers import Authority, openssl
 
 
@@ -142,7 +142,7 @@ def test_a_generated_certificate_is_taken_by_a_server(issuer, peer):
     assert issuer.ask("device install a")["ok"], "for all its MD5 signature and short key"
     tls = tls_server(issuer.places["good"], issuer.work / "ca", ssl.TLSVersion.TLSv1)
     line = "get -o - https://{peer}/a --ca-dir store/ca --cert {cert} --tls-method {method}"
-    how = {"peer": peer([ASK, response(body=b"ok")], tls=tls).address}
+    how = {"peer": peer(sized(2, b"ok"), tls=tls).address}
     assert issuer.ask("install {root}")["ok"]
     for method in "auto", "tls1.0":
         issuer.done(line, b"ok", cert="a", method=method, **how)
