@@ -173,7 +173,8 @@ std::optional<std::string> output_file::waiting_place() const {
   const bool exists = stat(path_.c_str(), &status) == 0;
   if (held_ || (exists && !S_ISREG(status.st_mode))) return std::nullopt;
   const std::string target = exists ? follow_links(path_) : path_;
-  const std::size_t name = target.rfind('/') + 1;  // 0 without a directory
+  const std::size_t slash = target.rfind('/');
+  const std::size_t name = slash == target.npos ? 0 : slash + 1;
   const std::string directory = name == 0 ? "." : target.substr(0, name);
   if (access(directory.c_str(), W_OK | X_OK) != 0) return std::nullopt;
   return target.substr(0, name) + target.substr(name, max_name_bytes) + ".fetchrig";

@@ -241,7 +241,7 @@ void note_persistence(http_channel& channel, std::string_view status_line) {
       is_old ? line && contains_token(line, "keep-alive") : !line || !contains_token(line, "close");
 }
 
-void never_keep(http_channel& channel) {
+void never_keep(const http_channel& channel) {
   if (channel.own && channel.own->kept) channel.own->kept->origin.clear();
 }
 

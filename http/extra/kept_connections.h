@@ -50,7 +50,7 @@ struct kept_connection {
 void note_persistence(http_channel& channel, std::string_view status_line);
 
 // The connection is in the middle of something: it serves nobody else.
-void never_keep(http_channel& channel);
+void never_keep(const http_channel& channel);
 
 // Takes the connection out of the session, to wait for another, when it can serve again.
 void keep_connection(http_channel& channel);
@@ -69,7 +69,7 @@ inline const kept_connection* kept_before(const http_channel& /*channel*/) {
   return nullptr;
 }
 inline void note_persistence(http_channel& /*channel*/, std::string_view /*status_line*/) {}
-inline void never_keep(http_channel& /*channel*/) {}
+inline void never_keep(const http_channel& /*channel*/) {}
 inline void keep_connection(http_channel& /*channel*/) {}
 
 #endif
