@@ -86,7 +86,7 @@ bool still_answers(http_channel& channel) {
 }
 
 // A connection in the middle of a request takes no other.
-int sent(http_channel& channel, int code) {
+int sent(const http_channel& channel, int code) {
   if (code < 0) never_keep(channel);
   return code;
 }
