@@ -24,7 +24,7 @@ class ftp_stream {
   stream* operator->() { return &**this; }
 
  private:
-  ftp_stream(stream* secured, tcp_stream plain) : secured_(secured), plain_(plain) {}
+  ftp_stream(stream* secured, const tcp_stream& plain) : secured_(secured), plain_(plain) {}
   stream* secured_;
   tcp_stream plain_;
 };
