@@ -300,8 +300,8 @@ std::unique_ptr<ca_bundle> configure(const transfer_options& options, const loca
 void check_proxy(const transfer_options& options, const location& where) {
   if (!options.proxy.value_or("").empty() && !goes_by_proxy(options, where)) {
     throw usage_error(where.is_http() ? "with --classic --proxy is for http URLs"
-  }
                                       : "--proxy is for http and https URLs");
+  }
   const std::string proxy = proxy_for(options, where);
   if (!proxy.empty() && strncasecmp(proxy.c_str(), "http://", 7) != 0)
     throw usage_error("the URL of a proxy begins with http://");
