@@ -302,7 +302,7 @@ int windowed_transfer::take_data(const tftp_packet& packet, std::span<char>& res
 int windowed_transfer::read(std::span<char> to, dl_result* result) {
   std::span<char> rest = to;
   const std::size_t carried = std::min(rest.size(), carry_.size() - carry_from_);
-  memcpy(rest.data(), carry_.data() + carry_from_, carried);
+  std::copy_n(carry_.data() + carry_from_, carried, rest.data());
   carry_from_ += carried;
   rest = rest.subspan(carried);
   made_progress();
