@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <initializer_list>
+#include <new>
 
 #include "core/openssl_owners.h"
 #include "core/text.h"
@@ -35,7 +36,7 @@ constexpr digest_algorithm algorithms[] = {
     {"SHA-512-256-sess", EVP_sha512_256, true, 3},
 };
 
-// The hash of the parts with ":" between them, in hexadecimal digits; empty when OpenSSL fails.
+// The hash of the parts with ":" between them, in hexadecimal digits; throws when OpenSSL fails, which is for want of memory.
 std::string hashed(const EVP_MD* hash, std::initializer_list<string_view> parts) {
   std::array<unsigned char, EVP_MAX_MD_SIZE> bytes;
   unsigned length = 0;
@@ -50,7 +51,8 @@ std::string hashed(const EVP_MD* hash, std::initializer_list<string_view> parts)
   }
   fine = fine && EVP_DigestFinal_ex(context.get(), bytes.data(), &length) == 1;
   ERR_pop_to_mark();
-  std::string digits = fine ? to_hex(std::span(bytes).first(length)) : std::string();
+  if (!fine) throw std::bad_alloc();  // an answer without its hash says something else
+  std::string digits = to_hex(std::span(bytes).first(length));
   OPENSSL_cleanse(bytes.data(), bytes.size());
   return digits;
 }
