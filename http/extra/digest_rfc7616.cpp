@@ -36,7 +36,8 @@ constexpr digest_algorithm algorithms[] = {
     {"SHA-512-256-sess", EVP_sha512_256, true, 3},
 };
 
-// The hash of the parts with ":" between them, in hexadecimal digits; throws when OpenSSL fails, which is for want of memory.
+// The hash of the parts with ":" between them, in hexadecimal digits. Throws when OpenSSL fails, which is for want of
+// memory.
 std::string hashed(const EVP_MD* hash, std::initializer_list<string_view> parts) {
   std::array<unsigned char, EVP_MAX_MD_SIZE> bytes;
   unsigned length = 0;
