@@ -255,8 +255,8 @@ void add_transfer_options(CLI::App& app, transfer_options& options) {
          "Largest file taken or sent, in bytes; K, M and G multiply by 1024; no limit, with --classic 4 GiB")
       ->transform(CLI::AsSizeValue(false));
   app.add_flag("--ftp-tls", options.ftp_tls, "FTP under TLS or not at all, as for ftpes URLs");
-  app.add_option("--tftp-window", options.tftp_window, "Blocks that a TFTP server may send at a time; 8")
-      ->check(CLI::Range(1, 65535))
+  app.add_option("--tftp-window", options.tftp_window, "Blocks that a TFTP server may send at a time; 16")
+      ->check(CLI::Range(1, 32767))
       ->type_name("N");
   app.add_option("--tftp-block-size", options.tftp_block_size,
                  "Bytes in a TFTP block; 1432, which fits an Ethernet frame")

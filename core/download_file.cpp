@@ -89,6 +89,7 @@ int download_file::judge(uint64_t total, dl_result* result) {
   if (total <= limit_) return 0;
   total_ = std::min(total, (limit_ / step_ + 1) * step_);
   log_line(module_, DL_LOG_ERROR, "exceed max size\n");
+  if (place_) place_->drop();
   return fail_exceeded(result, limit_);
 }
 

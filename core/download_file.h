@@ -26,6 +26,7 @@ class download_place {
   virtual int descriptor() const = 0;        // borrowed; writes go to the end
   virtual uint64_t held() const = 0;         // bytes there already
   [[nodiscard]] virtual int complete() = 0;  // gives all of them the file's name: 0 or errno
+  virtual void drop() = 0;                   // they must not be used again; nothing more is written
 };
 
 class download_file {
@@ -39,8 +40,8 @@ class download_file {
   // Creates or truncates the file; logs "Can't open %s\n" and returns false when that fails. Without memory
   // it throws, and has opened nothing.
   [[nodiscard]] bool open(const char* path);
-  // Goes on behind what the place holds, which counts as delivered. It keeps all that comes, whatever happens, and
-  // finish() completes it. It outlives the object.
+  // Goes on behind what the place holds, which counts as delivered. It keeps all that comes, unless the limit is
+  // passed, and finish() completes it. It outlives the object.
   void open(download_place& place);
 
   // Room for the next bytes: the caller receives straight into it and then calls accept(). At least 4096 bytes.

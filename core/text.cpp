@@ -32,6 +32,15 @@ bool has_line_break(std::string_view text) {
   return text.find_first_of("\r\n") != std::string_view::npos;
 }
 
+bool lists(std::string_view items, std::string_view wanted) {
+  for (;;) {
+    const std::size_t comma = items.find(',');
+    if (equal_ignoring_case(trim_white_space(items.substr(0, comma)), wanted)) return true;
+    if (comma == std::string_view::npos) return false;
+    items.remove_prefix(comma + 1);
+  }
+}
+
 std::string_view base_name(std::string_view path) {
   return path.substr(path.rfind('/') + 1);
 }

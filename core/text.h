@@ -38,6 +38,9 @@ constexpr std::string_view or_empty(const char* text) {
 // True when the text holds CR or LF and so would break a protocol line.
 [[nodiscard]] bool has_line_break(std::string_view text);
 
+// True when one of the items between commas is `wanted`, ignoring case and the white space around it.
+[[nodiscard]] bool lists(std::string_view items, std::string_view wanted);
+
 // The part after the last "/", the whole text when there is none.
 [[nodiscard]] std::string_view base_name(std::string_view path);
 

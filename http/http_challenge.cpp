@@ -55,16 +55,6 @@ bool keep(char*& place, string_view text) {
   return true;
 }
 
-// True when one of the items between commas is `wanted`.
-bool lists(string_view items, string_view wanted) {
-  for (;;) {
-    const std::size_t comma = items.find(',');
-    if (equal_ignoring_case(trim_white_space(items.substr(0, comma)), wanted)) return true;
-    if (comma == string_view::npos) return false;
-    items.remove_prefix(comma + 1);
-  }
-}
-
 // Of the protections that are offered, picks the one that is answered; "auth" wins.
 bool keep_qop(digest_challenge& challenge, string_view items) {
   for (const string_view known : {"auth", "auth-int"}) {

@@ -69,8 +69,8 @@ class partial_file final : public download_place {
   [[nodiscard]] int start(const part_source& now) { return goes_on(now) ? 0 : start_anew(now); }
   // The same for a server that sends the whole file in any case.
   [[nodiscard]] int start_anew(const part_source& now);
-  // The bytes held must not be used again.
-  void drop();
+  // Removes both files.
+  void drop() override;
 
   [[nodiscard]] const char* path() const override { return path_.c_str(); }
   [[nodiscard]] int descriptor() const override { return fd_.get(); }

@@ -66,16 +66,6 @@ bool is_ascii(string_view text) {
   return std::none_of(text.begin(), text.end(), [](char c) { return (c & 0x80) != 0; });
 }
 
-// One of the items between commas.
-bool lists(string_view items, string_view wanted) {
-  for (;;) {
-    const std::size_t comma = items.find(',');
-    if (equal_ignoring_case(trim_white_space(items.substr(0, comma)), wanted)) return true;
-    if (comma == string_view::npos) return false;
-    items.remove_prefix(comma + 1);
-  }
-}
-
 bool says(const auth_challenge& challenge, string_view name, string_view value) {
   const std::string* said = challenge.find(name);
   return said && equal_ignoring_case(*said, value);

@@ -138,12 +138,11 @@ part_source resumed_download::source_of(const dl_http_session& session) const {
 
 int resumed_download::receive(dl_http_session& session) {
   http_channel channel(session);
-  const uint64_t limit = channel.own->whole->limit;
-  download_file file(DL_LOG_HTTP, http_file_step, limit);
+  download_file file(DL_LOG_HTTP, http_file_step, channel.own->whole->limit);
   file.open(part_);
   const int rc = http_copy_body(channel, file, plan_.result);
   log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "recv : %d bytes\n", static_cast<int>(file.total()));
-  if (file.total() > limit) part_.drop();
+  if (channel.own->whole->too_long) part_.drop();
   return rc;
 }
 

@@ -30,26 +30,13 @@ using framing = whole_body::framing;
 constexpr std::size_t max_chunk_line_bytes = 4096;
 constexpr int max_trailer_lines = 256;
 
-// All of the text is a number that a file can have as its size.
-std::optional<uint64_t> whole_number(string_view text) {
-  const auto number = leading_number(text, INT64_MAX);
-  const bool all_digits = !text.empty() && std::all_of(text.begin(), text.end(), is_digit);
-  return all_digits ? number : std::nullopt;
-}
-
-string_view trimmed(string_view text) {
-  text = skip_white_space(text);
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-  return text;
-}
-
 // Calls `take` with the value of each header of that name.
 template <typename Take>
 void each_value(const char* block, string_view name, Take take) {
   for (const char* line = block; line && *line != '\0'; line += strlen(line) + 1) {
     const string_view text(line);
     if (text.starts_with(name) && text.substr(name.size()).starts_with(':'))
-      take(trimmed(text.substr(name.size() + 1)));
+      take(trim_white_space(text.substr(name.size() + 1)));
   }
 }
 
@@ -62,7 +49,7 @@ struct announced_length {
   void take(string_view value) {
     for (bool more = true; more;) {
       const auto comma = value.find(',');
-      take_one(trimmed(value.substr(0, comma)));
+      take_one(trim_white_space(value.substr(0, comma)));
       more = comma != string_view::npos;
       if (more) value.remove_prefix(comma + 1);
     }
@@ -70,7 +57,7 @@ struct announced_length {
 
  private:
   void take_one(string_view text) {
-    const auto number = whole_number(text);
+    const auto number = whole_number(text, INT64_MAX);  // what a file can have as its size
     sound = sound && number && (!present || *number == bytes);
     bytes = number.value_or(0);
     present = true;

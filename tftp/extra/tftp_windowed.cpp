@@ -64,7 +64,7 @@ class windowed_transfer : public beside<windowed_transfer> {
   int refused(int code);
   int take_answer(const tftp_packet& packet, bool& settled);
 
-  void made_progress() { silences_ = 0, due_ms_ = now_ms() + timeout_ms_; }
+  void made_progress();
   bool is_servers(const sockaddr_storage& sender);
   heard receive(tftp_packet& packet);
   heard receive_or_repeat(tftp_packet& packet);
@@ -87,6 +87,7 @@ class windowed_transfer : public beside<windowed_transfer> {
   sockaddr_storage server_ = {};
   const int64_t timeout_ms_;
   int64_t due_ms_ = 0;  // what was said last is repeated
+  int64_t end_ms_ = 0;  // packets that lead no further do not put it off
   int silences_ = 0;
   bool is_settled_ = false;  // the server's port and the terms
   int error_ = 0;            // of a failure: the server's code or errno
@@ -179,6 +180,12 @@ int windowed_transfer::take_answer(const tftp_packet& packet, bool& settled) {
   return 0;
 }
 
+void windowed_transfer::made_progress() {
+  silences_ = 0;
+  due_ms_ = now_ms() + timeout_ms_;
+  end_ms_ = due_ms_ + max_repeats * timeout_ms_;
+}
+
 bool windowed_transfer::is_servers(const sockaddr_storage& sender) {
   if (!same_address(sender, server_)) return false;
   if (is_settled_) return tftp_server_port(session_) == port_of(sender);
@@ -215,10 +222,11 @@ heard windowed_transfer::receive(tftp_packet& packet) {
   }
 }
 
-// The same; silence only when nothing came of all repeats.
+// The same; silence only when nothing came of all repeats, or for as long nothing but what leads no further.
 heard windowed_transfer::receive_or_repeat(tftp_packet& packet) {
   for (;;) {
     const heard outcome = receive(packet);
+    if (outcome == heard::packet && now_ms() > end_ms_) return heard::silence;
     if (outcome != heard::silence || silences_ == max_repeats) return outcome;
     ++silences_;
     due_ms_ = now_ms() + timeout_ms_;
