@@ -49,7 +49,8 @@ struct transfer_extras {
 // All off, with the start of the library; no other thread uses it yet.
 void clear_extras();
 
-// Has `end` called when the library ends; once, however often it is asked for. For what is kept between transfers.
+// Has `end` called when the library ends, or keeps fewer connections from now on; once, however often it is asked for.
+// For what is kept between transfers.
 void at_library_end(void (*end)());
 // Calls it.
 void end_extras();

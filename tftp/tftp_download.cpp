@@ -138,7 +138,8 @@ int copy_to_file(dl_tftp_session& session, download_file& file, dl_result* resul
 
 }  // namespace
 
-int tftp_open(dl_tftp_session** handle, const tftp_target& target, dl_result* result) {
+int tftp_open(dl_tftp_session** handle, const tftp_target& target, dl_result* result,
+              const transfer_extras& extras) {
   if (tftp_check_open(handle, target, result) < 0) return -1;
   if (!config_initialised()) {
     log_line(DL_LOG_TFTP, DL_LOG_ERROR, "config doesn't init\n");
@@ -146,7 +147,6 @@ int tftp_open(dl_tftp_session** handle, const tftp_target& target, dl_result* re
     return fail(result, DL_ERR_NOT_INITIALISED);
   }
   const net_options options = net_settings();
-  const transfer_extras extras = current_extras();
   if (tftp_start(handle, target, 1, {options.ipv6, extras.tftp_ports}, result) < 0) return -1;
   log_line(DL_LOG_TFTP, DL_LOG_INFO, "Send Request Packet\n");
   const tftp_beginning begins = {tftp_opcode::rrq, target.remote_name, {}, options.net_timeout_s};
@@ -174,10 +174,11 @@ int tftp_read(dl_tftp_session& session, std::span<char> to, dl_result* result) {
 }
 
 int tftp_recv_to_file(const tftp_target& target, const char* local_path, dl_result* result) {
+  const transfer_extras extras = current_extras();
   dl_tftp_session* opened = nullptr;
-  if (tftp_open(&opened, target, result) < 0) return -1;
+  if (tftp_open(&opened, target, result, extras) < 0) return -1;
   const unique_tftp session(opened);
-  const uint64_t limit = current_extras().max_file_size(max_file_size());
+  const uint64_t limit = extras.max_file_size(max_file_size());
   if (tftp_windowed_exceeds(*session, limit, result)) return -1;
   download_file file(DL_LOG_TFTP, tftp_max_blksize, limit);
   if (!file.open(local_path ? local_path : target.remote_name)) return -1;

@@ -6,13 +6,15 @@
 
 #include <span>
 
+#include "core/extras.h"
 #include "tftp/tftp_session.h"
 
 namespace fetchrig {
 
 // Requests the file and waits for the server's first answer. Returns 0 with the session in `handle`, or -1
 // with the result filled.
-[[nodiscard]] int tftp_open(dl_tftp_session** handle, const tftp_target& target, dl_result* result);
+[[nodiscard]] int tftp_open(dl_tftp_session** handle, const tftp_target& target, dl_result* result,
+                            const transfer_extras& extras = current_extras());
 
 // Fills `to`; less only at the end of the file. Returns the count, 0 at the end, or -1 with the result filled.
 [[nodiscard]] int tftp_read(dl_tftp_session& session, std::span<char> to, dl_result* result);

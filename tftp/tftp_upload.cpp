@@ -108,10 +108,9 @@ int send_blocks(dl_tftp_session& session, FILE* file, const char* local_path, in
 }  // namespace
 
 int tftp_send_open(dl_tftp_session** handle, const tftp_target& target, dl_result* result,
-                   std::optional<uint64_t> size) {
+                   std::optional<uint64_t> size, const transfer_extras& extras) {
   if (tftp_check_open(handle, target, result) < 0) return -1;
   const net_options options = net_settings();
-  const transfer_extras extras = current_extras();
   if (tftp_start(handle, target, 0, {options.ipv6, extras.tftp_ports}, result) < 0) return -1;
   log_line(DL_LOG_TFTP, DL_LOG_INFO, "Send Request Packet\n");
   const tftp_beginning begins = {tftp_opcode::wrq, target.remote_name, size, options.net_timeout_s};
@@ -124,9 +123,10 @@ int tftp_send_open(dl_tftp_session** handle, const tftp_target& target, dl_resul
   return 0;
 }
 
-int tftp_send(dl_tftp_session& session, const char* local_path, dl_result* result) {
+int tftp_send(dl_tftp_session& session, const char* local_path, dl_result* result,
+              const transfer_extras& extras) {
   const net_options options = net_settings();
-  const uint64_t limit = current_extras().max_file_size(options.max_file_size);
+  const uint64_t limit = extras.max_file_size(options.max_file_size);
   const int64_t size = file_size(local_path);
   if (size != -1 && static_cast<uint64_t>(size) > limit) {
     log_line(DL_LOG_TFTP, DL_LOG_ERROR, "File %s size larger than maxsize %ld\n",
@@ -153,12 +153,13 @@ int tftp_send_file(const tftp_target& target, const char* local_path, dl_result*
   if (!is_upload_file(DL_LOG_TFTP, local_path)) return fail(result, DL_ERR_READ);
   tftp_target named = target;
   if (!named.remote_name || !*named.remote_name) named.remote_name = base_name(local_path).data();
+  const transfer_extras extras = current_extras();
   dl_tftp_session* opened = nullptr;
   const int32_t size = file_size(local_path);
   const auto told = size >= 0 ? std::optional<uint64_t>(size) : std::nullopt;
-  if (tftp_send_open(&opened, named, result, told) < 0) return -1;
+  if (tftp_send_open(&opened, named, result, told, extras) < 0) return -1;
   const unique_tftp session(opened);
-  const int total = tftp_send(*session, local_path, result);
+  const int total = tftp_send(*session, local_path, result, extras);
   if (total < 0) return -1;
   log_line(DL_LOG_TFTP, DL_LOG_NOTICE, "send: %d bytes\n", total);
   return 0;

@@ -64,12 +64,18 @@ auto find_extra(const Table& table, uint32_t extra) {
   return found == std::end(table) ? nullptr : found;
 }
 
-// Changes the values by `change` under the lock.
+// Changes the values by `change` under the lock. What is kept between transfers ends when less is to be kept.
 template <typename Change>
 int store(Change change) {
   if (!config_initialised()) config_init();
-  const config_lock lock;
-  change();
+  bool keeps_less = false;
+  {
+    const config_lock lock;
+    const uint32_t kept = values.kept_connections;
+    change();
+    keeps_less = values.kept_connections < kept;
+  }
+  if (void (*end)() = end_action.load(std::memory_order_acquire); keeps_less && end) end();
   return 0;
 }
 

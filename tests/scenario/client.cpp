@@ -506,7 +506,10 @@ outcome stage::play(const story& told, const run& with) {
   seen.problems = talk.problems();
   seen.num_waits = net.num_waits;
   seen.links = net.links;
-  if (dl_get_extra(DL_EXTRA_KEPT_CONNECTIONS) > 0) dl_exit();  // closes what is kept
+  if (dl_get_extra(DL_EXTRA_KEPT_CONNECTIONS) > 0) {  // either closes what is kept
+    if (told.is_variant) dl_exit();
+    dl_set_extra(DL_EXTRA_KEPT_CONNECTIONS, 0);
+  }
   if (net.num_open() > 0) seen.broken.push_back("a socket is left open");
   if (!net.failure.empty()) seen.broken.push_back(net.failure);
   if (open_descriptors() != before) seen.broken.push_back("a descriptor is left open");
