@@ -100,23 +100,20 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
   return 0;
 }
 #else
-// Each cut lies in memory of its exact size, so that a sanitizer sees a byte too many being read. Of a long file some
-// are left out.
-static void replay(target chosen, const std::string& bytes) {
-  const std::size_t step = bytes.size() / 256 + 1;
-  for (std::size_t length = bytes.size() % step; length <= bytes.size(); length += step) {
-    const std::vector<char> exact(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(length));
-    run(chosen, {exact.data(), exact.size()});
-  }
-}
-
 int main(int count, char** words) {
   const auto folder = std::filesystem::absolute(count > 2 ? words[2] : ".");
   const target chosen = choose(words[1]);
   std::size_t num_files = 0;
   for (const auto& entry : std::filesystem::directory_iterator(folder)) {
     fprintf(stderr, "%s\n", entry.path().c_str());
-    replay(chosen, test::read_file(entry.path()));
+    // Each cut lies in memory of its exact size, so that a sanitizer sees a byte too many being read. Of a long file
+    // some are left out.
+    const std::string bytes = test::read_file(entry.path());
+    const std::size_t step = bytes.size() / 256 + 1;
+    for (std::size_t length = bytes.size() % step; length <= bytes.size(); length += step) {
+      const std::vector<char> exact(bytes.data(), bytes.data() + length);
+      run(chosen, {exact.data(), exact.size()});
+    }
     ++num_files;
   }
   printf("%zu files replayed\n", num_files);

@@ -175,13 +175,8 @@ std::string read_session(dl_http_session* session) {
 FUZZ_TARGET(http_logins) {
   const uint32_t type = input.empty() ? 0 : input[0] & 3;
   play(input.substr(std::min<std::size_t>(input.size(), 1)), [&](dl_result* result, std::string& seen) {
-    const dl_http_request asked = {.method = DL_METHOD_POST,
-                                   .url = "http://a.test/f",
-                                   .user = fuzz::user,
-                                   .password = fuzz::secret,
-                                   .proxy = nullptr,
-                                   .headers = nullptr,
-                                   .body = "x"};
+    const dl_http_request asked = {DL_METHOD_POST, "http://a.test/f", fuzz::user, fuzz::secret,
+                                   nullptr,        nullptr,           "x"};
     const dl_http_request_ex extended = {&asked, type};
     const dl_auth_info known[] = {{"a", fuzz::secret}, {"b", fuzz::secret}};
     dl_http_session* session = nullptr;

@@ -1,12 +1,12 @@
 # SPDX-License-Identifier: MIT
 """What the command's tests share: the built command in a working directory of its own, real servers that start when a
 test names them, and scripted ones. FETCHRIG is the path of the command."""
+import collections
 import contextlib
 import hashlib
 import os
 import pathlib
 import random
-import re
 import shlex
 import socket
 import socketserver
@@ -41,9 +41,7 @@ class Fetchrig:
         self.work, self.places = work, places
 
     def words(self, line, names):
-        for name in re.findall(r"{(\w+)}", line):
-            names = {name: self.places[name], **names} if name not in names else names
-        return [BINARY, *(word.format(**names) for word in shlex.split(line))]
+        return [BINARY, *(word.format_map(collections.ChainMap(names, self.places)) for word in shlex.split(line))]
 
     def run(self, line, env=(), shell='exec "$@"', **names):
         """The outcome of a command line, which `shell` finds as "$@"."""

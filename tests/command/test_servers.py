@@ -4,7 +4,7 @@ ways, with every option that servers negotiate."""
 import os
 
 import pytest
-from conftest import CONTENT, brief, wait_for
+from conftest import brief, wait_for
 from servers import have_ipv6
 
 PHONE = "--user phone --password s3cret"
@@ -54,9 +54,3 @@ def test_files_go_both_ways(fetchrig, places, program, host, started_with, optio
         if "tftp" in name:
             assert ("using blksize 1432" in got.stderr) == (not started_with)
     remote.unlink()
-
-
-@pytest.mark.parametrize("password, status", [("s3cret", 0), ("wrong", 6)])
-def test_digest(fetchrig, password, status):
-    ended = fetchrig.run(f"get --user phone --password {password} {{digest}}/a.bin")
-    assert (ended.returncode, "a.bin" in fetchrig.files()) == (status, status == 0)

@@ -22,32 +22,26 @@ inline bool is_log_socket(int fd) {
          strcmp(peer.sun_path, "/dev/log") == 0;
 }
 
-// The process's open descriptors and what each stands for.
-enum class log_sockets { left_out, counted };
-inline std::map<int, std::string> open_descriptors(log_sockets how = log_sockets::left_out) {
+// The process's open descriptors and what each stands for, the log's among them or not.
+inline std::map<int, std::string> open_descriptors(bool all = false) {
   std::map<int, std::string> found;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
     std::error_code gone;
     const std::string target = std::filesystem::read_symlink(entry, gone);
     const int fd = std::stoi(entry.path().filename());
     const bool own = target.starts_with("/proc/");  // the listing's
-    if (!gone && !own && (how == log_sockets::counted || !is_log_socket(fd))) found[fd] = target;
+    if (!gone && !own && (all || !is_log_socket(fd))) found[fd] = target;
   }
   return found;
 }
 
-// Fails the test when, at its end, other descriptors are open than when it was made.
-class descriptor_check {
- public:
-  ~descriptor_check() { EXPECT_EQ(open_descriptors(), before_) << "descriptors were left open"; }
+// A fixture whose tests leak none, the members of classes derived from it included.
+class leak_free : public ::testing::Test {
+ protected:
+  ~leak_free() override { EXPECT_EQ(open_descriptors(), before_) << "descriptors were left open"; }
 
  private:
   const std::map<int, std::string> before_ = open_descriptors();
-};
-
-// A fixture whose tests leak none, the members of classes derived from it included.
-class leak_free : public ::testing::Test {
-  const descriptor_check check_;
 };
 
 }  // namespace test

@@ -31,16 +31,6 @@ std::string written(const Write& write) {
   return {bytes, static_cast<std::size_t>(length)};
 }
 
-bio reader(const std::string& text) {
-  return {BIO_new_mem_buf(text.data(), static_cast<int>(text.size())), BIO_free_all};
-}
-
-void add_extension(X509* certificate, const char* name, const char* value) {
-  const std::unique_ptr<X509_EXTENSION, decltype(&X509_EXTENSION_free)> extension(
-      X509V3_EXT_nconf(nullptr, nullptr, name, value), X509_EXTENSION_free);
-  require(extension && X509_add_ext(certificate, extension.get(), -1) == 1);
-}
-
 void add_entry(X509_NAME* name, const std::string& element) {
   const std::size_t equals = element.find('=');
   require(equals != std::string::npos);
@@ -84,7 +74,11 @@ identity make_identity(const std::string& common_name, std::shared_ptr<EVP_PKEY>
   require(X509_set_issuer_name(x, issuer) == 1 && X509_set_pubkey(x, key.get()) == 1);
   require(X509_gmtime_adj(X509_getm_notBefore(x), options.valid_from_s) != nullptr);
   require(X509_gmtime_adj(X509_getm_notAfter(x), options.valid_until_s) != nullptr);
-  for (const auto& [name, value] : options.extensions) add_extension(x, name.c_str(), value.c_str());
+  for (const auto& [name, value] : options.extensions) {
+    const std::unique_ptr<X509_EXTENSION, decltype(&X509_EXTENSION_free)> extension(
+        X509V3_EXT_nconf(nullptr, nullptr, name.c_str(), value.c_str()), X509_EXTENSION_free);
+    require(extension && X509_add_ext(x, extension.get(), -1) == 1);
+  }
   if (options.edit) options.edit(x);
   EVP_PKEY* signer = options.issuer ? options.issuer->key.get() : key.get();
   require(X509_sign(x, signer, options.digest) > 0);
@@ -97,8 +91,8 @@ std::string hash_name_of(const identity& who) {
   return name;
 }
 
-std::string pem_of(const X509* certificate) {
-  return written([&](BIO* to) { return PEM_write_bio_X509(to, certificate); });
+std::string pem_of(const identity& who) {
+  return written([&](BIO* to) { return PEM_write_bio_X509(to, who.certificate.get()); });
 }
 
 std::string pem_of(const EVP_PKEY* key, const char* passphrase) {
@@ -119,8 +113,8 @@ std::string crl_pem_of(const identity& ca) {
   return written([&](BIO* to) { return PEM_write_bio_X509_CRL(to, crl.get()); });
 }
 
-std::string der_of(const X509* certificate) {
-  return written([&](BIO* to) { return i2d_X509_bio(to, certificate); });
+std::string der_of(const identity& who) {
+  return written([&](BIO* to) { return i2d_X509_bio(to, who.certificate.get()); });
 }
 
 std::string der_of(const EVP_PKEY* key, const char* passphrase) {
@@ -132,8 +126,10 @@ std::string der_of(const EVP_PKEY* key, const char* passphrase) {
 }
 
 std::shared_ptr<X509> certificate_in(const std::string& text) {
-  X509* pem = PEM_read_bio_X509(reader(text).get(), nullptr, nullptr, nullptr);
-  return {pem ? pem : d2i_X509_bio(reader(text).get(), nullptr), X509_free};
+  const bio memory(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())), BIO_free_all);
+  X509* pem = PEM_read_bio_X509(memory.get(), nullptr, nullptr, nullptr);
+  if (!pem) BIO_reset(memory.get());
+  return {pem ? pem : d2i_X509_bio(memory.get(), nullptr), X509_free};
 }
 
 }  // namespace test

@@ -45,18 +45,12 @@ identity make_identity(const std::string& common_name, std::shared_ptr<EVP_PKEY>
 
 // The certificate's name in a hashed directory, "0123abcd.0".
 std::string hash_name_of(const identity& who);
-std::string pem_of(const X509* certificate);
-inline std::string pem_of(const identity& who) {
-  return pem_of(who.certificate.get());
-}
+std::string pem_of(const identity& who);
 // PKCS #8, encrypted when `passphrase` is given.
 std::string pem_of(const EVP_PKEY* key, const char* passphrase = nullptr);
 // An empty revocation list of the CA.
 std::string crl_pem_of(const identity& ca);
-std::string der_of(const X509* certificate);
-inline std::string der_of(const identity& who) {
-  return der_of(who.certificate.get());
-}
+std::string der_of(const identity& who);
 std::string der_of(const EVP_PKEY* key, const char* passphrase = nullptr);
 
 // The first certificate of a PEM text, or of DER; null when there is none.

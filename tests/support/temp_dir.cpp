@@ -9,12 +9,9 @@
 #include <sstream>
 #include <stdexcept>
 
-namespace test {
-namespace {
-
 namespace fs = std::filesystem;
 
-}  // namespace
+namespace test {
 
 temp_dir::temp_dir() : path_((fs::temp_directory_path() / "fetchrig-test-XXXXXX").string()) {
   if (!mkdtemp(path_.data())) throw std::runtime_error("cannot make " + path_);
@@ -42,9 +39,7 @@ void write_file(const std::string& path, std::string_view content) {
 std::string read_file(const std::string& path) {
   const std::ifstream in(path, std::ios::binary);
   if (!in) throw std::runtime_error("cannot read " + path);
-  std::ostringstream content;
-  content << in.rdbuf();
-  return content.str();
+  return (std::ostringstream() << in.rdbuf()).str();
 }
 
 bool file_exists(const std::string& path) {
