@@ -112,7 +112,9 @@ int ftp_open(const ftp_outcome& out, const ftp_server& server, const char* path,
   if (const int rc = take_size(**out.handle, name, reply); rc < 0) return ftp_fail(out, reply, rc);
   const auto ask = [&] { return resume ? resume->ask(**out.handle, name, reply) : 0; };
   if (const int rc = guarded_step(ask); rc < 0) return ftp_fail(out, reply, rc);
-  if (const int rc = request_file(**out.handle, name, reply); rc < 0) return ftp_fail(out, reply, rc);
+  const bool is_whole = resume && resume->is_whole();
+  if (const int rc = is_whole ? 0 : request_file(**out.handle, name, reply); rc < 0)
+    return ftp_fail(out, reply, rc);
   log_line(DL_LOG_FTP, DL_LOG_NOTICE, "Open Success\n");
   return 0;
 }
@@ -128,13 +130,15 @@ int ftp_read(dl_ftp_session& session, std::span<char> to, dl_result* result) {
 int ftp_recv_to_file(const ftp_server& server, const char* path, const char* local_path, dl_result* result) {
   dl_ftp_session* opened = nullptr;
   ftp_resume resume(server, local_path);
-  if (ftp_open({&opened, result}, server, path, &resume) < 0) return -1;
+  int rc = ftp_open({&opened, result}, server, path, &resume);
+  if (rc < 0 && resume.begins_anew(result)) rc = ftp_open({&opened, result}, server, path, &resume);
+  if (rc < 0) return -1;
   const unique_ftp session(opened);
   download_file file(DL_LOG_FTP, file_step, ftp_extras_limit(*session, max_file_size()));
   const bool is_open = resume.open(file) || file.open(local_path ? local_path : base_name(path).data());
   if (!is_open || copy_to_file(*session, file, result) < 0 || resume.confirm(*session, result) < 0) return -1;
   if (file.finish(result) < 0) return -1;
-  log_line(DL_LOG_FTP, DL_LOG_NOTICE, "recv: %d bytes\n", static_cast<int>(file.total()));
+  log_line(DL_LOG_FTP, DL_LOG_NOTICE, "recv: %lld bytes\n", static_cast<long long>(file.total()));
   return 0;
 }
 

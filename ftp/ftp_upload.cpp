@@ -92,13 +92,15 @@ const char* command_within_limit(int32_t post_mode) {
 }
 
 // Chooses the transfer command and has it accepted. Returns 0, a negative code, or the server's reply code.
-int start_transfer(upload& job, const char* local_path, uint64_t limit) {
+int start_transfer(upload& job, const ftp_upload_request& request, uint64_t limit) {
+  const char* const local_path = request.local_path;
   const remote_file remote = ask_remote_file(job);
   if (remote.missing) {
     log_line(DL_LOG_FTP, DL_LOG_INFO, "File not found, use STOR\n");
     job.post_mode = DL_FTP_STORE;
   }
-  const int64_t local_size = ftp_extras_local_size(job.session, local_path);
+  const int64_t local_size =
+      request.is_counted ? file_size(local_path) : ftp_extras_local_size(job.session, local_path);
   if (local_size == -1) {
     job.reply.assign("cannot get local file size\n");
     return log_and_return(DL_LOG_FTP, DL_ERR_FTP_REPLY, "cannot get local file size\n");
@@ -195,7 +197,7 @@ int ftp_send_open(const ftp_outcome& out, const ftp_server& server, const ftp_up
   reset_on_close((*out.handle)->data_sock);
   upload job{**out.handle, ftp_wire_name(or_empty(name)), request.post_mode, request.limit_mode, reply};
   const uint64_t limit = ftp_extras_limit(**out.handle, options.max_file_size);
-  if (const int rc = start_transfer(job, request.local_path, limit); rc != 0) return ftp_fail(out, reply, rc);
+  if (const int rc = start_transfer(job, request, limit); rc != 0) return ftp_fail(out, reply, rc);
   log_line(DL_LOG_FTP, DL_LOG_NOTICE, "Post open success\n");
   return 0;
 }
@@ -211,7 +213,9 @@ int64_t ftp_send(dl_ftp_session& session, const ftp_upload_source& source, dl_re
 
 int ftp_send_file(const ftp_server& server, const ftp_upload_request& request, dl_result* result) {
   dl_ftp_session* opened = nullptr;
-  if (ftp_send_open({&opened, result}, server, request) < 0) return -1;
+  ftp_upload_request uncounted = request;
+  uncounted.is_counted = false;
+  if (ftp_send_open({&opened, result}, server, uncounted) < 0) return -1;
   const unique_ftp session(opened);
   const ftp_upload_source source = {request.local_path, ftp_extras_max_upload(*session)};
   const int64_t count = ftp_send(*session, source, result);

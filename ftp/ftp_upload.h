@@ -16,6 +16,7 @@ struct ftp_upload_request {
   const char* remote_name;  // null or empty: the local file's name
   int32_t post_mode;        // enum dl_ftp_post_mode
   uint32_t limit_mode;      // enum dl_ftp_limit_mode
+  bool is_counted = true;   // the caller is told the bytes sent, in 31 bits
 };
 
 // Logs in and has the server accept the file. Returns 0 with the session published, or -1 with the result filled.

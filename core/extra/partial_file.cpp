@@ -22,6 +22,7 @@ namespace fetchrig {
 namespace {
 
 constexpr std::string_view title = "fetchrig part 1\n";
+constexpr std::string_view title_of_all = "fetchrig part ";
 constexpr int own_flags = O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
 constexpr const char* part_ending = ".part";
 constexpr const char* info_ending = ".info";
@@ -35,7 +36,24 @@ std::optional<std::string_view> line_of(cursor& in, std::string_view name) {
   return in.take_until('\n');
 }
 
-// 0 when the path leads to this very file, a regular one with no other name; ESTALE when it does not.
+// What the name stands for, all 0 where nothing does; nothing when that cannot be told.
+std::optional<struct stat> look_at(const char* path) {
+  struct stat status = {};
+  if (::lstat(path, &status) != 0 && errno != ENOENT) return std::nullopt;
+  return status;
+}
+bool is_absent(const struct stat& status) {
+  return status.st_nlink == 0;
+}
+bool is_own(const struct stat& status) {
+  return S_ISREG(status.st_mode) && status.st_nlink == 1 && status.st_uid == ::geteuid();
+}
+// One of any version, or one that was not written yet.
+bool is_record(const struct stat& status, const char* path) {
+  return status.st_size == 0 || small_file(path).bytes().starts_with(title_of_all);
+}
+
+// 0 when the path leads to this very file, one of our own; ESTALE when it does not.
 int still_named(int fd, const char* path) {
   struct stat opened = {}, named = {};
   if (::fstat(fd, &opened) != 0) return errno;
@@ -43,7 +61,7 @@ int still_named(int fd, const char* path) {
   if (::lstat(path, &named) != 0) return errno == ENOENT ? ESTALE : errno;
   const bool same = opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
   if (!same) return ESTALE;
-  return opened.st_nlink == 1 && opened.st_uid == ::geteuid() ? 0 : EPERM;
+  return is_own(opened) ? 0 : EPERM;
 }
 
 // Another process may be about to finish; one that is not keeps it for long.
@@ -84,16 +102,16 @@ partial_file::~partial_file() {
 }
 
 bool partial_file::fits(const char* path) {
-  struct stat status = {};
   const std::string name(base_name(path)), part = std::string(path) + part_ending, info = part + info_ending;
   const std::string folder(path, std::string_view(path).size() - name.size());
   if (name.empty() || base_name(info.c_str()).size() > NAME_MAX) return false;
   if (::access(folder.empty() ? "." : folder.c_str(), W_OK | X_OK) != 0) return false;
-  // What lies there without a record is somebody else's.
-  if (::lstat(part.c_str(), &status) == 0 && status.st_size > 0 && ::lstat(info.c_str(), &status) != 0)
-    return false;
-  if (::lstat(path, &status) != 0) return errno == ENOENT;
-  return S_ISREG(status.st_mode) && status.st_nlink == 1;
+  const auto there = look_at(path), begun = look_at(part.c_str()), record = look_at(info.c_str());
+  if (!there || !begun || !record) return false;
+  // What lies there without a record of ours is somebody else's, and so is another record.
+  if (!is_absent(*begun) && !(is_own(*begun) && (begun->st_size == 0 || !is_absent(*record)))) return false;
+  if (!is_absent(*record) && !(is_own(*record) && is_record(*record, info.c_str()))) return false;
+  return is_absent(*there) || (S_ISREG(there->st_mode) && there->st_nlink == 1);
 }
 
 int partial_file::open_locked() {
@@ -114,11 +132,8 @@ bool partial_file::open(const char* path) {
   info_ = part_ + info_ending;
   if (const int error = open_locked(); error != 0) return failed("open", error) == 0;
   struct stat status = {};
-  const bool own =
-      ::lstat(info_.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == ::geteuid();
-  if (own) {
+  if (const auto record = look_at(info_.c_str()); record && is_own(*record))
     source_ = parse_part_source(small_file(info_.c_str()).bytes()).value_or(part_source{});
-  }
   if (::fstat(fd_.get(), &status) == 0 && !source_.url.empty()) held_ = static_cast<uint64_t>(status.st_size);
   return true;
 }
@@ -152,18 +167,20 @@ void partial_file::drop() {
   fd_.reset();
 }
 
-// The mode of a new file is known only from one.
+// The mode of a new file is known only from one. The record goes first: behind the part's name another process may make
+// its own.
 int partial_file::complete() {
   struct stat status = {};
   const bool is_new = ::lstat(path_.c_str(), &status) != 0;
   const unique_fd file(::open(path_.c_str(), O_WRONLY | own_flags, 0666));
   if (!file || ::fstat(file.get(), &status) != 0) return errno;
+  ::unlink(info_.c_str());
   if (::fchmod(fd_.get(), status.st_mode & permissions) != 0 || ::rename(part_.c_str(), path_.c_str()) != 0) {
     const int error = errno;
     if (is_new) ::unlink(path_.c_str());
+    if (record(source_) != 0) drop();  // nobody could tell whose it is
     return error;
   }
-  ::unlink(info_.c_str());
   fd_.reset();
   return 0;
 }

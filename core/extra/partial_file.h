@@ -34,7 +34,7 @@ namespace fetchrig {
 struct part_source {
   static constexpr uint64_t unknown_size = UINT64_MAX;
 
-  std::string url;        // without credentials and fragment
+  std::string url;        // with the user, without password and fragment
   std::string validator;  // strong ETag, date, answer to MDTM; empty: nothing tells one version from the next
   uint64_t size = unknown_size;
 

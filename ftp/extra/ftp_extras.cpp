@@ -93,6 +93,12 @@ void await_end(SSL* ssl, int sock, stream& from) {
   }
 }
 
+// What comes behind the last byte is the server's farewell, or more of a file that has grown since its size was told.
+bool ends_whole(SSL* ssl, stream& from) {
+  char more = 0;
+  return from.read({&more, 1}, 0).count > 0 || SSL_get_shutdown(ssl) & SSL_RECEIVED_SHUTDOWN;
+}
+
 // As the bytes go through OpenSSL: read and sent.
 send_result send_pieces(stream& to, int file, int64_t max_bytes) {
   const auto buffer = std::make_unique_for_overwrite<char[]>(piece_bytes);
@@ -228,14 +234,16 @@ void ftp_extras_fill_up(dl_ftp_session& session) {
 
 int ftp_extras_end_download(const dl_ftp_session& session, dl_result* result) {
   auto* const extras = extras_of(session);
-  if (!extras || !extras->on.whole_bodies || !extras->data.stream || extras->ended) return 0;
-  char more = 0;
-  const io_result behind = extras->data.stream->read({&more, 1}, 0);
-  extras->ended = behind.count <= 0 && SSL_get_shutdown(extras->data.tls.ssl.get()) & SSL_RECEIVED_SHUTDOWN;
-  if (extras->ended) return 0;
-  note_cause(DL_CAUSE_FILE_CUT);
-  log_line(DL_LOG_FTP, DL_LOG_ERROR, "data connection ends without TLS's farewell\n");
-  return fail(result, DL_ERR_READ);
+  if (!extras || !extras->data.stream || extras->ended) return 0;
+  SSL* const ssl = extras->data.tls.ssl.get();
+  if (extras->on.whole_bodies && !ends_whole(ssl, *extras->data.stream)) {
+    note_cause(DL_CAUSE_FILE_CUT);
+    log_line(DL_LOG_FTP, DL_LOG_ERROR, "data connection ends without TLS's farewell\n");
+    return fail(result, DL_ERR_READ);
+  }
+  extras->ended = true;
+  SSL_shutdown(ssl);  // the server may wait for it
+  return 0;
 }
 
 std::optional<send_result> ftp_extras_send(const dl_ftp_session& session, int file, int64_t max_bytes) {

@@ -13,6 +13,7 @@
 #include "ftp/ftp_command.h"
 #include "ftp/ftp_session.h"
 #include "log/log.h"
+#include "net/socket.h"
 
 namespace fetchrig {
 namespace {
@@ -46,11 +47,23 @@ int ftp_resume::ask(dl_ftp_session& session, std::string_view name, ftp_reply& r
   part_.emplace(DL_LOG_FTP);
   if (!part_->open(path)) return DL_ERR_READ;
   const std::string host = host_and_port(server_.host, server_.port ? server_.port : ftp_port, ftp_port);
-  part_source now = {"ftp://" + host + "/" + name_, "", *left};
+  // Names are those of the user's own tree.
+  const std::string user =
+      server_.user && *server_.user ? std::string(server_.user).append("@") : std::string();
+  part_source now = {"ftp://" + user + host + "/" + name_, "", *left};
   if (const int rc = ask_time(session, name, reply, now.validator); rc < 0) return rc;
-  goes_on_ = part_->goes_on(now);
-  if (goes_on_) return restart(session, now, reply);
-  return part_->start(now) == 0 ? 0 : DL_ERR_READ;
+  goes_on_ = !anew_ && part_->goes_on(now);
+  if (is_whole()) ftp_extras_set_left(session, 0);
+  if (goes_on_) return is_whole() ? 0 : restart(session, now, reply);
+  return part_->start_anew(now) == 0 ? 0 : DL_ERR_READ;
+}
+
+bool ftp_resume::begins_anew(const dl_result* result) {
+  const bool is_refused = goes_on_ && result->code == DL_ERR_FTP_REPLY && result->message[0] == '5';
+  if (!is_refused) return false;
+  log_line(DL_LOG_FTP, DL_LOG_NOTICE, "the rest cannot be had, all of it again\n");
+  goes_on_ = false;
+  return anew_ = true;
 }
 
 int ftp_resume::restart(dl_ftp_session& session, const part_source& now, ftp_reply& reply) {
@@ -69,8 +82,9 @@ bool ftp_resume::open(download_file& file) {
   return part_.has_value();
 }
 
-int ftp_resume::confirm(const dl_ftp_session& session, dl_result* result) {
-  if (!goes_on_) return 0;
+int ftp_resume::confirm(dl_ftp_session& session, dl_result* result) {
+  if (!goes_on_ || is_whole()) return 0;
+  close_in_order(session.data_sock);  // some servers tell their verdict when it has ended
   ftp_reply_bytes bytes;
   ftp_reply reply(bytes);
   std::string validator;

@@ -33,7 +33,12 @@ class ftp_resume {
   // Has the file go on with the part. False when there is none.
   [[nodiscard]] bool open(download_file& file);
   // All bytes are there. Returns 0, or -1 with the result filled: the server's verdict is another, or the file is.
-  [[nodiscard]] int confirm(const dl_ftp_session& session, dl_result* result);
+  [[nodiscard]] int confirm(dl_ftp_session& session, dl_result* result);
+
+  // All of it is there already: nothing is asked for.
+  [[nodiscard]] bool is_whole() const { return goes_on_ && part_->held() == part_->source().size; }
+  // The open call has failed. True when the server would not send the rest: the next one asks for all of it.
+  [[nodiscard]] bool begins_anew(const dl_result* result);
 
  private:
   [[nodiscard]] int restart(dl_ftp_session& session, const part_source& now, ftp_reply& reply);
@@ -43,6 +48,7 @@ class ftp_resume {
   std::string name_;
   std::optional<partial_file> part_;
   bool goes_on_ = false;
+  bool anew_ = false;
 };
 
 #else
@@ -55,6 +61,8 @@ class ftp_resume {
   }
   [[nodiscard]] static bool open(download_file& /*file*/) { return false; }
   [[nodiscard]] static int confirm(const dl_ftp_session& /*session*/, dl_result* /*result*/) { return 0; }
+  [[nodiscard]] static bool is_whole() { return false; }
+  [[nodiscard]] static bool begins_anew(const dl_result* /*result*/) { return false; }
 };
 
 #endif

@@ -49,21 +49,26 @@ std::optional<int> month(cursor& in) {
   return static_cast<int>(at / 3);
 }
 
-std::string url_without_login(const char* url) {
-  string_view text = url;
+// What one user is shown under a URL may not be what another one is.
+std::string url_with_user(const dl_http_request& request) {
+  string_view text = request.url, user = or_empty(request.user);
   text = text.substr(0, text.find('#'));
-  const auto host = text.find("://");
-  if (host == string_view::npos) return std::string(text);
-  const auto authority = text.substr(host + 3, text.find_first_of("/?", host + 3) - (host + 3));
+  const auto scheme = text.find("://");
+  if (scheme == string_view::npos) return std::string(text);
+  const std::size_t host = scheme + 3;
+  const auto authority = text.substr(host, text.find_first_of("/?", host) - host);
   const auto login = authority.rfind('@');
   const std::size_t skipped = login == string_view::npos ? 0 : login + 1;
-  return std::string(text.substr(0, host + 3)).append(text.substr(host + 3 + skipped));
+  if (user.empty() && skipped > 0) user = authority.substr(0, authority.find_first_of(":@"));
+  std::string whole(text.substr(0, host));
+  if (!user.empty()) whole.append(user).append("@");
+  return whole.append(text.substr(host + skipped));
 }
 
 // One download with its part.
 class resumed_download {
  public:
-  explicit resumed_download(const http_plan& plan) : plan_(plan), url_(url_without_login(plan.request.url)) {}
+  explicit resumed_download(const http_plan& plan) : plan_(plan), url_(url_with_user(plan.request)) {}
 
   int run(const char* path);
 
@@ -141,7 +146,7 @@ int resumed_download::receive(dl_http_session& session) {
   download_file file(DL_LOG_HTTP, http_file_step, channel.own->whole->limit);
   file.open(part_);
   const int rc = http_copy_body(channel, file, plan_.result);
-  log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "recv : %d bytes\n", static_cast<int>(file.total()));
+  log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "recv : %lld bytes\n", static_cast<long long>(file.total()));
   if (channel.own->whole->too_long) part_.drop();
   return rc;
 }
@@ -197,7 +202,8 @@ std::optional<content_range> parse_content_range(string_view text) {
 bool can_resume(const http_plan& plan, const char* path) {
   const char* const headers = plan.request.headers;
   const bool asks_itself = headers && strcasestr(headers, "range:");
-  return plan.request.method == DL_METHOD_GET && !asks_itself && partial_file::fits(path);
+  const bool is_recordable = !has_line_break(or_empty(plan.request.user));
+  return plan.request.method == DL_METHOD_GET && !asks_itself && is_recordable && partial_file::fits(path);
 }
 
 int resume_download(const http_plan& plan, const char* path) {

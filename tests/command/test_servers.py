@@ -54,3 +54,24 @@ def test_files_go_both_ways(fetchrig, places, program, host, started_with, optio
         if "tftp" in name:
             assert ("using blksize 1432" in got.stderr) == (not started_with)
     remote.unlink()
+
+
+@pytest.mark.parametrize("program, started_with, options, login, validator", [
+    ("nginx", [], "", "", '"3b9aca00-300000"'),
+    ("vsftpd", [], "", "", "20010909014640"),
+    ("vsftpd", ["tls"], "--ftp-tls", "", "20010909014640"),
+    ("pyftpd", [], PHONE, "phone@", "20010909014640"),
+])
+def test_a_download_goes_on_behind_its_part(fetchrig, places, program, started_with, options, login, validator):
+    server = places.start(program, options=started_with)
+    url = server.url(next(iter(server.ports))) + "/upload/source"
+    size, source, waiting = 3 * MIB, places.served / "upload/source", fetchrig.work / "file.fetchrig"
+    source.write_bytes(os.urandom(size))
+    os.utime(source, (1e9, 1e9))
+    for held in [1, 2 * MIB] + [size] * url.startswith("ftp"):
+        waiting.mkdir(0o700)
+        (waiting / "whole.part").write_bytes(bytes(held))  # another beginning shows that it is kept
+        (waiting / "whole.part.info").write_text(
+            f"fetchrig part 1\nurl {url.replace('//', '//' + login)}\nvalidator {validator}\nsize {size}\n")
+        fetchrig.done(f"get --continue --ca-dir {{ca}} {options} -o file {url}")
+        assert fetchrig.files() == {"file": brief(bytes(held) + source.read_bytes()[held:])}

@@ -135,6 +135,10 @@ TEST_F(files, a_part_is_its_owners_alone_and_of_one_call_at_a_time) {
   ASSERT_EQ(symlink(path.c_str(), dir.file("file.part").c_str()), 0);
   EXPECT_EQ(receive("x"), UINT64_MAX) << "no link is followed";
   EXPECT_FALSE(fetchrig::partial_file::fits(path.c_str())) << "it is somebody else's";
+  unlink(dir.file("file.part").c_str());
+  EXPECT_TRUE(fetchrig::partial_file::fits(path.c_str()));
+  write_file(dir.file("file.part.info"), "notes of another program");
+  EXPECT_FALSE(fetchrig::partial_file::fits(path.c_str()));
 }
 
 }  // namespace
