@@ -14,6 +14,7 @@ using std::string;
 
 std::map<string, std::vector<string>> descriptions;
 std::map<string, test::identity> made;
+std::map<string, string> made_texts;  // an encrypted key is another each time it is made
 
 std::shared_ptr<EVP_PKEY> new_key(const string& kind) {
   if (kind.starts_with("rsa")) return test::new_rsa_key(static_cast<unsigned>(std::stoul(kind.substr(3))));
@@ -100,6 +101,12 @@ string verified_by(X509* certificate) {
   return names;
 }
 
+void forget_certificates() {
+  descriptions.clear();
+  made.clear();
+  made_texts.clear();
+}
+
 void define_certificate(const string& line) {
   std::vector<string> words = words_of(line);
   const string name = words.at(1);
@@ -110,8 +117,7 @@ void define_certificate(const string& line) {
 std::optional<string> certificate_text(const string& word, const string& rest) {
   const auto known = texts.find(word);
   if (known == texts.end()) return std::nullopt;
-  static std::map<string, string> made_before;  // an encrypted key is another each time it is made
-  const auto [found, is_new] = made_before.try_emplace(word + " " + rest);
+  const auto [found, is_new] = made_texts.try_emplace(word + " " + rest);
   const std::vector<string> words = words_of(rest);
   const bool locks = word.starts_with("locked");
   if (is_new) found->second = known->second(identity_of(locks ? words.at(0) : rest), words.back().c_str());

@@ -5,7 +5,7 @@
 //
 // until= and serial= take raw bytes, too: utc:491231235959Z, general:20491231235959Z, plus:BYTES, minus:BYTES. Without
 // anything else it is self-signed, P-256 and SHA-256, of "/O=Test/CN=NAME", from yesterday to next year. It is made when
-// it is first used and stays the same for the whole program.
+// it is first used and stays the same for all stories of the file.
 #ifndef FETCHRIG_TESTS_SCENARIO_CERT_TABLE_H
 #define FETCHRIG_TESTS_SCENARIO_CERT_TABLE_H
 
@@ -18,6 +18,7 @@
 
 namespace scenario {
 
+void forget_certificates();
 void define_certificate(const std::string& line);
 // "NAME", or "NAME until=-1 ..." for one of another description.
 const test::identity& identity_of(const std::string& text);

@@ -26,10 +26,10 @@ int main(int count, char** words) {
   try {
     std::vector<std::filesystem::path> files;  // the stage is in a directory of its own
     for (int i = optind; i < count; ++i) files.push_back(std::filesystem::absolute(words[i]));
-    stage on;
-    player plays(on, chosen);
+    player plays(chosen);
     for (const auto& file : files) {
-      for (const story& told : read_stories(file, on.directory())) plays.play(told);
+      stage on;  // of its own: certificates of two files may have one name
+      for (const story& told : read_stories(file, on.directory())) plays.play(told, on);
     }
     const tally& all = plays.counted();
     std::string split;

@@ -171,7 +171,7 @@ void player::report(const std::vector<string>& found, const outcome& seen) {
 }
 
 outcome player::check(const story& told, const run& with) {
-  outcome seen = stage_.play(told, with);
+  outcome seen = stage_->play(told, with);
   ++tally_.runs;
   // A fault that never came changes nothing, and one of the story's own is part of what it expects.
   const bool changes = seen.struck && told.fault.empty() && !(with.what && with.what->harmless());
@@ -240,7 +240,7 @@ void player::damage(const story& told) {
     if (chosen_.n > 0 && static_cast<std::size_t>(chosen_.n) != at) continue;
     begin(told.name + ": --mode damaged --n " + std::to_string(at));
     content[at] ^= 1;
-    const outcome seen = stage_.play(other, {});
+    const outcome seen = stage_->play(other, {});
     content[at] ^= 1;
     ++tally_.runs;
     ++tally_.faults["damaged"];
@@ -248,9 +248,10 @@ void player::damage(const story& told) {
   }
 }
 
-void player::play(const story& told) {
+void player::play(const story& told, stage& on) {
   if (!chosen_.only.empty() && told.name.find(chosen_.only) == string::npos) return;
   signal(SIGALRM, on_alarm);
+  stage_ = &on;
   ++tally_.stories;
   const bool sound = play_whole(told);
   if (sound && told.fault.empty() && !told.alone) {

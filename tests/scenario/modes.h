@@ -25,8 +25,8 @@ struct tally {
 
 class player {
  public:
-  player(stage& on, const selection& chosen) : stage_(on), chosen_(chosen) {}
-  void play(const story& told);
+  explicit player(const selection& chosen) : chosen_(chosen) {}
+  void play(const story& told, stage& on);
   const tally& counted() const { return tally_; }
 
  private:
@@ -44,7 +44,7 @@ class player {
   outcome check(const story& told, const run& with);
   void report(const std::vector<std::string>& found, const outcome& seen);
 
-  stage& stage_;
+  stage* stage_ = nullptr;
   selection chosen_;
   tally tally_;
   outcome whole_;  // without any fault

@@ -26,6 +26,7 @@ std::string shown(std::string_view bytes) {
 }  // namespace
 
 certificates::certificates(const test::temp_dir& place) : trusted_dir_(place.make_dir("trusted")) {
+  forget_certificates();
   for (const char* line :
        {"cert authority ca", "cert server by=authority names=DNS:a.test,DNS:b.test,IP:10.0.0.3",
         "cert stranger ca", "cert foreign by=stranger names=DNS:a.test",
