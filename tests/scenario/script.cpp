@@ -54,6 +54,7 @@ struct mark {
 };
 constexpr mark marks[] = {{" @ ", " ask ", "ask "},
                           {" ask answer + ", " + ", "+ "},
+                          {" @ ", " <~ ", "<~ "},
                           {" @ >> << ", " << ", "<< "},
                           {" @ >> << ", " >> ", ">> "},
                           {" = reads status end ", " cause ", "cause "},
@@ -80,6 +81,8 @@ std::vector<string> parted(const string& line) {
   lines.insert(lines.begin(), line.substr(0, first));
   return lines;
 }
+
+const std::set<string> before_call = {"alone", "set", "host", "fails", "at", "damaged", "secret"};
 
 std::vector<block> blocks_of(const string& file) {
   std::ifstream in(file);
@@ -109,7 +112,7 @@ std::vector<block> blocks_of(const string& file) {
       into = &named[line.substr(3)];
     } else if (!into && line.starts_with("cert ")) {
       for (const string& part : parted(line)) define_certificate(part);
-    } else if (!into && line.starts_with("set ")) {
+    } else if (!into && before_call.contains(line.substr(0, line.find(' ')))) {
       for (const string& part : parted(line)) settings.push_back({part, number});
     } else if (!into && line.starts_with("also ")) {
       of_file.push_back(line.substr(5));
@@ -129,9 +132,11 @@ std::vector<block> blocks_of(const string& file) {
     } else {
       const std::size_t times = line.find_first_not_of("0123456789");
       const bool repeats = times > 0 && line.substr(times).starts_with("x ");
-      if (repeats) into->insert(into->end(), std::stoul(line), {line.substr(times + 2), number});
-      for (const string& part : repeats ? std::vector<string>() : parted(line))
-        into->push_back({part, number});
+      for (int i = 0; i < (repeats ? std::stoi(line) : 1); ++i) {
+        string one = repeats ? line.substr(times + 2) : line;
+        replace_all(one, "{#}", std::to_string(i));
+        for (const string& part : parted(one)) into->push_back({part, number});
+      }
     }
   }
   return blocks;
@@ -162,7 +167,6 @@ std::pair<string, string> split(const string& text, const string& mark) {
 const std::set<string> steps = {"<",      ">",      "<<",      ">>",   "<~",    "from", "after", "signal",
                                 "secure", "closed", "aborted", "hang", "reset", "hold", "deaf"};
 const std::set<string> composed_steps = {"@", "+", "ask", "answer", "serve", "take"};
-const std::set<string> before_call = {"alone", "set", "host", "fails", "at", "damaged"};
 
 // What the call says of its connection and its request, for a story that begins with what follows them.
 std::vector<string> implied_by(const std::vector<string>& call) {
@@ -248,6 +252,9 @@ class reader {
     string& file = into_.expected.told["file"];
     if (file == "kept") into_.arguments.emplace("old", "old file");
     if (file == "kept") file = "=" + into_.arguments.at("old");
+    static const std::set<string> file_verbs = {"download", "fetch", "ftp-fetch", "tftp-fetch"};
+    const bool fails = into_.expected.fails || into_.expected.code != 0;
+    if (file.empty() && fails && file_verbs.contains(into_.verb)) file = "none";
     if (file.empty()) into_.expected.told.erase("file");
   }
   int line() const { return line_; }
@@ -282,9 +289,12 @@ class reader {
     string host = here.host.find(':') == string::npos ? here.host : "[" + here.host + "]";
     if (here.at.port != (tls ? 443 : 80)) host += ":" + std::to_string(here.at.port);
     if (words.size() > 2) host = split(words[2], "host=").second;
+    const bool tunnel = words.at(0) == "CONNECT";
+    if (tunnel) host = words.at(1);
     begin_head("<<",
-               words.at(0) + " " + bytes(words.at(1)) + " HTTP/1.1\r\nHost: " + host +
-                   "\r\nUser-Agent: Korvane\r\nAccept: */*\r\n" + (tls ? "" : "Connection: Keep-Alive\r\n"),
+               words[0] + " " + bytes(words.at(1)) + " HTTP/1.1\r\nHost: " + host +
+                   "\r\nUser-Agent: Korvane\r\n" + (tunnel ? "" : "Accept: */*\r\n") +
+                   (tls || tunnel ? "" : "Connection: Keep-Alive\r\n"),
                rest);
   }
   void answer(const string& rest) {

@@ -8,18 +8,19 @@
 //                                                      pointers that it gets as null, late=7 the MAX_FILE_SIZE that is
 //                                                      set while it connects
 //   set MAX_FILE_SIZE 1000, IPV6 1                     options (enum dl_option without its prefix; TLS_WAIT,
-//                                                      SIZE_LIMIT and enum dl_extra as EXTRA_REDIRECTS too); in front
-//                                                      of a file's scenarios: of all; `with`, `secret` and `cert` take
-//                                                      lists too
+//                                                      SIZE_LIMIT and enum dl_extra as EXTRA_REDIRECTS too); `with`,
+//                                                      `secret` and `cert` take lists too
 //   host b.test = 10.0.0.9 fd00::9                     a name; a.test to z.test are 10.0.0.1 to .26, others unknown
 //   secret s3cret                                      no log line may hold it, nor memory that is given back (the
 //                                                      last one alone); password= is one by itself
 //   fails bind-EADDRINUSE 2 9                          a fault (faults.h) that is part of it, from this call on so
 //                                                      many times, or once; without any others
-//   alone                                              no faults, cuts and silences are played
+//   alone                                              no faults, cuts and silences are played; a line like those
+//                                                      above, or `at`, in front of a file's scenarios is of all
 //   let refused = Connect Failed!                     {refused} stands for the text from here on
 //   -- login ... do login                             lines that have a name of their own instead of "==", and
-//                                                     their place;  5x < NOOP  is a line five times
+//                                                     their place;  5x at {#}  is a line five times, "at 0" to
+//                                                     "at 4"
 //   at a/b.pem mode=0640 BYTES                         a file {w}/a/b.pem; "at a/" a directory, "at a -> b" a link,
 //                                                      "at a fifo" a pipe, "at a zeros=3000 BYTES" a file of so
 //                                                      many bytes, these and zeros; what is called "planted" is
@@ -66,7 +67,8 @@
 //   = -8                        the result's code where it is not 0, -1 being returned; the message is that of the
 //                               code unless it follows; "= cleared": -1 with code 0; "= untouched": -1, no result stored
 //   file BYTES | file none | file kept | file special   the local file afterwards (kept: what lay there before, which
-//                               is old=BYTES of the call or "old file"; special: no regular file, and still there)
+//                               is old=BYTES of the call or "old file"; special: no regular file, and still there);
+//                               none is it where a call for a file fails and nothing else is said
 //   mode 644                    of that file
 //   part BYTES                  the part of the local file that is kept for a later call, or none
 //   body BYTES   read -8   reads 3 3 1   what was read, the code of the read that failed, the counts of the reads

@@ -50,6 +50,7 @@ void plant(const string& directory, const std::vector<std::pair<string, node>>& 
   for (const auto& [name, one] : entries) {
     const fs::path path = fs::path(directory) / name;
     fs::create_directories(path.parent_path());
+    fs::remove(path);
     if (one.kind == entry::file) test::write_file(path, one.content);
     if (one.zeros > 0) fs::resize_file(path, static_cast<std::uintmax_t>(one.zeros));
     if (one.kind == entry::directory) fs::create_directory(path);
