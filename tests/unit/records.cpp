@@ -148,18 +148,6 @@ TEST_F(records, never_close_the_standard_streams) {
   }
 }
 
-TEST_F(records, names_of_any_length_are_looked_up) {
-  dl_http_session session = {};
-  EXPECT_EQ(nullptr, dl_http_find_header_by_name(&session, "x-a"));
-  EXPECT_EQ(nullptr, dl_http_find_header_by_name(nullptr, "x-a"));
-  std::string block = std::string(127, 'y') + ": 1";
-  session.headers = block.data();
-  EXPECT_EQ(nullptr, dl_http_find_header_by_name(&session, nullptr));
-  EXPECT_EQ(nullptr, dl_http_find_header_by_name(&session, ""));
-  EXPECT_STREQ(block.c_str(),
-               dl_http_find_header_by_name(&session, (std::string(127, 'y') + "cut off").c_str()));
-}
-
 TEST_F(records, dead_sockets_fail) {
   dl_http_session bare = {};
   bare.magic = DL_HTTP_MAGIC;

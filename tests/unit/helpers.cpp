@@ -1,60 +1,14 @@
-// text.cpp, cursor.cpp, printable.cpp, result.cpp and helpers.cpp: the primitives that read untrusted bytes,
-// the texts of result codes and the exported stand-ins for standard functions.
+// The texts of result codes, the exported stand-ins for standard functions, and pointers that are null.
 #include "core/text.h"
 
-#include "core/cursor.h"
 #include "core/owners.h"
 #include "core/result.h"
 #include "include/fetchrig_openssl.h"
-#include "log/printable.h"
 #include "tests/support/options.h"
 
 namespace {
 
 using namespace fetchrig;
-using std::string_view;
-
-TEST(text, numbers_are_whole_and_bounded) {
-  // clang-format off
-  const std::tuple<const char*, uint64_t, std::optional<uint64_t>> rows[] = {  // text, highest, value
-      {"0", 0, 0}, {"65535", 65535, 65535}, {"65536", 65535, {}}, {"5", 4, {}}, {"000000000000000000000080", 99, 80},
-      {"18446744073709551615", UINT64_MAX, UINT64_MAX}, {"18446744073709551616", UINT64_MAX, {}},
-      {"", 9, {}}, {"8a", 99, {}}, {" 8", 99, {}}, {"+8", 99, {}}, {"-8", 99, {}}};
-  // clang-format on
-  for (const auto& [text, max, value] : rows) EXPECT_EQ(whole_number(text, max), value) << text;
-  string_view rest;
-  EXPECT_EQ(leading_number("226 done", 999, &rest), 226U);
-  EXPECT_EQ(rest, " done");
-}
-
-TEST(text, reads_and_copies_stay_in_bounds) {
-  cursor in(string_view("\x01\x02name\0rest", 11));
-  EXPECT_FALSE(in.take(12) || in.take(SIZE_MAX) || in.take_until('!') || in.skip("\x01\x03") || in.number(9));
-  EXPECT_EQ(in.u16be(), 0x0102);
-  EXPECT_EQ(in.terminated(), "name");
-  EXPECT_FALSE(in.terminated()) << "no terminator is left";
-  EXPECT_TRUE(in.skip("res") && !in.u16be()) << "one byte is left";
-  EXPECT_EQ(in.rest(), "t");
-  char buffer[4] = {'#', '#', '#', '#'};
-  EXPECT_TRUE(copy_text(buffer, "abc"));
-  EXPECT_FALSE(copy_text(buffer, "wxyz"));
-  EXPECT_STREQ(buffer, "wxy");
-  EXPECT_EQ(trim_white_space(" \t\r\n\v a b \n"), "\v a b") << "vertical tabs are text";
-  EXPECT_FALSE(equal_ignoring_case("a", "ab") || starts_ignoring_case("http:/", "http://"));
-}
-
-TEST(text, is_made_printable_without_passwords) {
-  EXPECT_STREQ(printable(string_view("a\r\nb\tc\x1b[0m\x7f\0", 12)).c_str(), "a??b?c?[0m??");
-  EXPECT_STREQ(printable("gr\xc3\xbc\xc3\x9f").c_str(), "gr\xc3\xbc\xc3\x9f");
-  EXPECT_STREQ(printable(static_cast<const char*>(nullptr)).c_str(), "");
-  EXPECT_EQ(printable(std::string(1000, 'x')).c_str(), std::string(383, 'x'));
-  const std::pair<const char*, const char*> rows[] = {
-      {"ftp://user@h/x", "ftp://user@h/x"}, {"ftp://user:secret@h/x", "ftp://user:******@h/x"},
-      {"http://h/a:b@c", "http://h/a:b@c"}, {"ftp://user:se@cr:et@h:21/x", "ftp://user:******@h:21/x"},
-      {"http://h:80/", "http://h:80/"},     {"ftp://user:\n@h", "ftp://user:******@h"},
-      {"user:secret@h", "user:******@h"}};
-  for (const auto& [url, shown] : rows) EXPECT_STREQ(printable_url(url).c_str(), shown);
-}
 
 TEST(result, every_code_has_its_text) {
   // clang-format off
@@ -149,7 +103,7 @@ TEST(helpers, stand_in_for_standard_functions) {
   EXPECT_STREQ(header, "a[\xc4-b: Text");
 }
 
-// The pointers that stories cannot leave out.
+// The pointers that stories cannot leave out; names of headers of any length.
 TEST(exports, refuse_null) {
   const test::library initialised;
   char text[8] = "", *list = nullptr, *out = nullptr;
@@ -197,6 +151,14 @@ TEST(exports, refuse_null) {
   for (const int answer : {Curl_output_auth(nullptr, 0, "GET", "/"),
                            Curl_output_digest(nullptr, 0, "GET", "/"), Curl_output_xsi_auth(nullptr)})
     EXPECT_EQ(answer, HTTP_ANSWER_SCHEME);
+  dl_http_session found = {};
+  const std::string longest(127, 'y');
+  EXPECT_EQ(dl_http_find_header_by_name(&found, longest.c_str()), nullptr);
+  std::string header = longest + ": 1";
+  found.headers = header.data();
+  EXPECT_EQ(dl_http_find_header_by_name(&found, (longest + "cut off").c_str()), found.headers);
+  EXPECT_FALSE(dl_http_find_header_by_name(nullptr, "y") || dl_http_find_header_by_name(&found, nullptr) ||
+               dl_http_find_header_by_name(&found, ""));
   dl_url_free(dl_url_parse("http://h/", nullptr, nullptr, nullptr));
   dl_last_cause(nullptr);
   Curl_digest_cleanup_one(nullptr);
