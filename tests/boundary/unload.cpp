@@ -2,7 +2,6 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <openssl/bio.h>
-#include <sys/socket.h>
 
 #include "include/fetchrig_openssl.h"
 #include "tests/support/descriptors.h"
@@ -23,13 +22,12 @@ void use_once(bool end) {
   dl_result result;
   dl_http_session* session = nullptr;
   EXPECT_EQ(CALL(library, dl_http_open)(&session, &get, redirect, &result), -1);
-  int pair[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-  close(pair[1]);
+  test::socket_pair ends;
+  ends.far.reset();
   SSL* ssl = nullptr;
   SSL_CTX* ctx = nullptr;
-  EXPECT_EQ(CALL(library, dl_do_SSL_connect)(pair[0], "", "/", 3, 0, 0, "h", &ssl, &ctx), DL_ERR_CONNECT);
-  close(pair[0]);
+  EXPECT_EQ(CALL(library, dl_do_SSL_connect)(ends.near.get(), "", "/", 3, 0, 0, "h", &ssl, &ctx),
+            DL_ERR_CONNECT);
   if (end) CALL(library, dl_exit)();
   dlclose(library);
   EXPECT_EQ(dlopen(path, RTLD_NOW | RTLD_NOLOAD), nullptr) << "it is gone";

@@ -26,6 +26,7 @@ import servers  # noqa: E402
 BINARY = os.environ["FETCHRIG"]
 DEVICE = "device/server/WebServer.pem"
 LIMIT_S = 60
+PASSWORD = {"FETCHRIG_PASSWORD": "s3cret"}
 CONTENT = random.Random(1).randbytes(200000)
 
 
@@ -158,6 +159,11 @@ def response(status="200 OK", headers="", body=b""):
     return f"HTTP/1.1 {status}\r\n{headers}\r\n".encode() + body
 
 
+OK = response(headers="Content-Length: 2\r\n", body=b"ok")
+CREATED = response("201 Created", "Content-Length: 0\r\n")
+CHALLENGE = response("401 Unauthorized", 'WWW-Authenticate: Basic realm="x"\r\nContent-Length: 0\r\n')
+
+
 def sized(number, body):
     """A script: an answer of so many bytes, of which these come."""
     return [ASK, response(headers=f"Content-Length: {number}\r\n", body=body)]
@@ -186,6 +192,12 @@ def wait_for(happened, limit_s=20):
     while not happened():
         assert time.monotonic() < limit
         time.sleep(0.01)
+
+
+def arrived(path, size):
+    """The whole of a file, once it is there: a TFTP server may acknowledge the last block before it has written it."""
+    wait_for(lambda: path.exists() and path.stat().st_size >= size)
+    return brief(path.read_bytes())
 
 
 @pytest.fixture(scope="session")

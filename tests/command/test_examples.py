@@ -4,7 +4,7 @@ import pathlib
 import struct
 
 import pytest
-from conftest import ASK, BINARY, CONTENT, brief, response, tls_server, until, wait_for
+from conftest import ASK, BINARY, CONTENT, arrived, brief, response, tls_server, until
 
 EXAMPLES = pathlib.Path(BINARY).with_name("examples")
 WAVE = b"RIFF\0\0\0\0WAVEfmt " + struct.pack("<IHHIIH", 18, 7, 1, 8000, 8000, 1) + bytes(100)
@@ -47,8 +47,6 @@ def test_examples(fetchrig, places, peer, line, status, told):
     both = ended.stdout.decode(errors="replace") + ended.stderr
     assert (ended.returncode, told in both) == (status, True), both
     place, _, name = line.split()[2].rpartition("/")
-    arrived = (places.served / "upload" if place else fetchrig.work) / name
     if status == 0 and "got" in name:
-        wait_for(lambda: arrived.stat().st_size == len(CONTENT))  # a TFTP server may write after its last word
-        assert brief(arrived.read_bytes()) == brief(CONTENT)
+        assert arrived((places.served / "upload" if place else fetchrig.work) / name, len(CONTENT)) == brief(CONTENT)
     assert status == 0 or "got" not in fetchrig.files()

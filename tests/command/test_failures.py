@@ -4,11 +4,10 @@ every file as it was."""
 import json
 
 import pytest
-from conftest import ASK, reset, response, sized, stall, until
+from conftest import ASK, CHALLENGE, reset, response, sized, stall, until
 
 HERE = "http://{peer}/a"
 PUT = until(b"short")
-CHALLENGE = response("401 Unauthorized", 'WWW-Authenticate: Basic realm="x"\r\nContent-Length: 0\r\n')
 HELLO = b"220 hi\r\n"
 
 

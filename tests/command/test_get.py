@@ -6,11 +6,10 @@ import subprocess
 import tempfile
 
 import pytest
-from conftest import ASK, CONTENT, brief, chunked, reset, response, sized, stall, tls_server, wait_for
+from conftest import (ASK, CHALLENGE, CONTENT, OK, PASSWORD, brief, chunked, reset, response, sized, stall, tls_server,
+                      wait_for)
 
 WHOLE = brief(CONTENT)
-PASSWORD = {"FETCHRIG_PASSWORD": "s3cret"}
-OK = response(headers="Content-Length: 2\r\n", body=b"ok")
 
 
 @pytest.mark.parametrize("url", [
@@ -151,9 +150,6 @@ def test_an_interrupted_download_leaves_nothing(fetchrig, peer, number, options)
         assert command.wait(20) == -number
         assert (fetchrig.files(), os.listdir(temporary)) == ({"out": b"" if in_place else b"longer"}, [])
     fetchrig.work.chmod(0o755)
-
-
-CHALLENGE = response("401 Unauthorized", 'WWW-Authenticate: Basic realm="x"\r\nContent-Length: 0\r\n')
 
 
 @pytest.mark.parametrize("line, scripts, sent", [

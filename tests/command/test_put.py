@@ -3,10 +3,8 @@
 import email
 
 import pytest
-from conftest import CONTENT, brief, response, until, wait_for
+from conftest import CONTENT, CREATED, PASSWORD, arrived, brief, until
 
-PASSWORD = {"FETCHRIG_PASSWORD": "s3cret"}
-CREATED = response("201 Created", "Content-Length: 0\r\n")
 
 
 @pytest.fixture(autouse=True)
@@ -21,12 +19,10 @@ def sources(fetchrig):
     ("{tftp}/upload/", "up file.bin"),
 ])
 def test_every_scheme(fetchrig, places, line, remote):
-    arrived = places.served / "upload" / remote
-    arrived.unlink(missing_ok=True)
+    path = places.served / "upload" / remote
+    path.unlink(missing_ok=True)
     fetchrig.done(f"put 'up file.bin' {line}", env=PASSWORD)
-    # A TFTP server may still be writing when it has acknowledged the last block.
-    wait_for(lambda: arrived.exists() and arrived.stat().st_size >= len(CONTENT))
-    assert brief(arrived.read_bytes()) == brief(CONTENT)
+    assert arrived(path, len(CONTENT)) == brief(CONTENT)
 
 
 @pytest.mark.parametrize("option, content_type", [

@@ -4,18 +4,12 @@ ways, with every option that servers negotiate."""
 import os
 
 import pytest
-from conftest import brief, wait_for
+from conftest import arrived, brief
 from servers import have_ipv6
 
 PHONE = "--user phone --password s3cret"
 MIB = 1 << 20
 WRAPS = 65537 * 512 + 1  # block numbers start again
-
-
-def contents(path, size):
-    """Waits for the whole of a file: a TFTP server may acknowledge the last block before it has written it."""
-    wait_for(lambda: path.exists() and path.stat().st_size >= size)
-    return brief(path.read_bytes())
 
 
 @pytest.mark.parametrize("program, host, started_with, options, sizes", [
@@ -48,9 +42,9 @@ def test_files_go_both_ways(fetchrig, places, program, host, started_with, optio
         sent = brief(local.read_bytes())
         limit = "--max-size 300M --timeout 20 --ca-dir {ca} " + options
         fetchrig.done(f"put {limit} file {base}/upload/file")
-        assert contents(remote, size) == sent
+        assert arrived(remote, size) == sent
         got = fetchrig.run(f"get -vv {limit} {base}/upload/file")
-        assert (got.returncode, contents(local, size)) == (0, sent), got.stderr
+        assert (got.returncode, arrived(local, size)) == (0, sent), got.stderr
         if "tftp" in name:
             assert ("using blksize 1432" in got.stderr) == (not started_with)
     remote.unlink()

@@ -6,14 +6,11 @@ import os
 import re
 
 import pytest
-from conftest import ASK, CONTENT, brief, response, until, wait_for
+from conftest import ASK, CHALLENGE, CONTENT, CREATED, OK, arrived, brief, response, until
 
-OK = response(headers="Content-Length: 2\r\n", body=b"ok")
-CHALLENGE = response("401 Unauthorized", 'WWW-Authenticate: Basic realm="x"\r\nContent-Length: 0\r\n')
 BUSY = response("503 Busy", "Content-Length: 0\r\n")
 GONE = response("404 Gone", "Content-Length: 0\r\n")
 CUT = response(headers="Content-Length: 9\r\n", body=b"half")
-CREATED = response("201 Created", "Content-Length: 0\r\n")
 HERE = "http://{peer}/a"
 
 
@@ -70,8 +67,7 @@ def test_saved_names_are_decoded_and_safe(fetchrig, peer, path, name):
 def test_names_with_spaces_are_reached(fetchrig, places, scheme):
     fetchrig.write("s.txt", "short")
     fetchrig.done(f"put s.txt {{{scheme}}}/upload/{scheme}%20%23s")
-    arrived = places.served / f"upload/{scheme} #s"
-    wait_for(lambda: arrived.exists() and arrived.read_bytes() == b"short")
+    assert arrived(places.served / f"upload/{scheme} #s", 5) == b"short"
     (places.served / "with space").write_bytes(b"spaced")
     fetchrig.done(f"get {{{scheme}}}/with%20space")
     assert fetchrig.files()["with space"] == b"spaced"

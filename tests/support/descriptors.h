@@ -13,6 +13,8 @@
 #include <map>
 #include <string>
 
+#include "core/owners.h"
+
 namespace test {
 
 inline bool is_log_socket(int fd) {
@@ -42,6 +44,17 @@ class leak_free : public ::testing::Test {
 
  private:
   const std::map<int, std::string> before_ = open_descriptors();
+};
+
+// Both ends of a connection.
+struct socket_pair {
+  explicit socket_pair(int kind = SOCK_STREAM) {
+    int ends[2] = {-1, -1};
+    EXPECT_EQ(socketpair(AF_UNIX, kind, 0, ends), 0);
+    near.reset(ends[0]);
+    far.reset(ends[1]);
+  }
+  fetchrig::unique_fd near, far;
 };
 
 }  // namespace test

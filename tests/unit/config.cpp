@@ -12,6 +12,7 @@
 
 #include "include/fetchrig_openssl.h"
 #include "log/syslog_socket.h"
+#include "tests/support/descriptors.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -95,14 +96,13 @@ TEST_F(config, the_first_option_initialises_and_the_end_clears_all) {
 // Whether TLS 1.3 alone is offered to a peer, which has nothing to say and so ends the handshake.
 bool offers_only_tls13(const std::string& ca_dir) {
   dl_config_init();
-  int ends[2] = {-1, -1};
-  if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) return false;
-  shutdown(ends[1], SHUT_WR);
+  const test::socket_pair ends;
+  shutdown(ends.far.get(), SHUT_WR);
   SSL* ssl = nullptr;
   SSL_CTX* ctx = nullptr;
-  dl_do_SSL_connect(ends[0], "", ca_dir.c_str(), 3, 0, 0, "host", &ssl, &ctx);
+  dl_do_SSL_connect(ends.near.get(), "", ca_dir.c_str(), 3, 0, 0, "host", &ssl, &ctx);
   char hello[1024] = {};
-  const ssize_t length = recv(ends[1], hello, sizeof hello, 0);
+  const ssize_t length = recv(ends.far.get(), hello, sizeof hello, 0);
   const std::string only_tls13("\0\x2b\0\x03\x02\x03\x04", 7);
   return std::string(hello, hello + std::max<ssize_t>(length, 0)).find(only_tls13) != std::string::npos;
 }

@@ -11,6 +11,7 @@
 #include "core/owners.h"
 #include "include/fetchrig.h"
 #include "log/syslog_socket.h"
+#include "tests/support/descriptors.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -187,16 +188,14 @@ TEST_F(log_facility, a_descriptor_that_the_application_has_reused_gets_no_lines)
     socklen_t length = sizeof peer;
     if (getpeername(++log_fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0) peer = {};
   }
-  int pair[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, pair), 0);
-  const unique_fd first(pair[0]), second(pair[1]);
-  ASSERT_EQ(dup2(first.get(), log_fd), log_fd);
+  const test::socket_pair others(SOCK_DGRAM);
+  ASSERT_EQ(dup2(others.near.get(), log_fd), log_fd);
   arrived();
   qxfr_log(DL_LOG_ANY, DL_LOG_ERROR, "m\n");
   EXPECT_EQ(arrived().size(), 1U) << "over a new socket";
   qxfr_log_exit();
   char got = 0;
-  EXPECT_EQ(recv(second.get(), &got, 1, MSG_DONTWAIT), -1);
+  EXPECT_EQ(recv(others.far.get(), &got, 1, MSG_DONTWAIT), -1);
   EXPECT_EQ(close(log_fd), 0) << "it was left open";
 }
 

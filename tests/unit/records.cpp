@@ -20,15 +20,8 @@ namespace {
 using namespace fetchrig;
 using lines = std::vector<std::string>;
 
-class records : public test::leak_free {
+class records : public test::leak_free, protected test::socket_pair {
  protected:
-  records() {
-    int ends[2] = {-1, -1};
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    near_.reset(ends[0]);
-    far_.reset(ends[1]);
-  }
-
   template <typename Record>
   static Record* new_record(uint32_t magic) {
     auto* record = static_cast<Record*>(calloc(1, sizeof(Record)));
@@ -61,32 +54,31 @@ class records : public test::leak_free {
 
   test::library library_;
   test::log_capture log_;
-  unique_fd near_, far_;
   dl_result result_ = {};
   char bytes_[2000] = {};
 };
 
 TEST_F(records, of_ftp) {
   dl_ftp_session none = {}, dead = {}, live = {}, endless = {};
-  dead.data_sock = live.ctrl_sock = near_.get();
+  dead.data_sock = live.ctrl_sock = near.get();
   live.magic = none.magic = endless.magic = DL_FTP_MAGIC;
   memset(endless.host, 'h', sizeof endless.host);
   dl_ftp_session usable = live;
-  usable.data_sock = near_.get();
+  usable.data_sock = near.get();
   refused(dl_ftp_read, dl_ftp_send, dl_ftp_close, none, dead, usable, "ftp read with invalid parameter");
   for (dl_ftp_session* bad : {static_cast<dl_ftp_session*>(nullptr), &dead, &endless})
     EXPECT_EQ(dl_ftp_create_data_conn(bad, bytes_, 512, 1), DL_ERR_PARAMETER);
   EXPECT_EQ(dl_ftp_create_data_conn(&live, nullptr, 512, 1), DL_ERR_PARAMETER);
   EXPECT_EQ(dl_ftp_create_data_conn(&live, bytes_, 0, 1), DL_ERR_PARAMETER);
   EXPECT_EQ(log_.messages(), lines(5, "ftp data connection with invalid parameter"));
-  ASSERT_EQ(write(far_.get(), "227 x\r\n", 7), 7);
+  ASSERT_EQ(write(far.get(), "227 x\r\n", 7), 7);
   EXPECT_EQ(dl_ftp_create_data_conn(&live, bytes_, 1, 1), -1) << "no room for a line";
 }
 
 TEST_F(records, of_tftp) {
   dl_tftp_session none = {}, dead = {};
   none.magic = DL_TFTP_MAGIC;
-  dead.sock = near_.get();
+  dead.sock = near.get();
   auto* full = new_record<dl_tftp_session>(DL_TFTP_MAGIC);
   full->sock = 2;
   full->done = 1;
@@ -109,9 +101,9 @@ TEST_F(records, packets_that_do_not_fit_are_not_sent) {
 }
 
 TEST_F(records, of_http) {
-  ASSERT_EQ(write(far_.get(), "body", 4), 4);
+  ASSERT_EQ(write(far.get(), "body", 4), 4);
   auto* session = new_record<dl_http_session>(DL_HTTP_MAGIC);
-  session->sock = fcntl(near_.get(), F_DUPFD_CLOEXEC, 3);
+  session->sock = fcntl(near.get(), F_DUPFD_CLOEXEC, 3);
   session->remaining = 4;
   dl_http_session dead = *session, no_sock = *session;
   dead.magic = DL_FTP_MAGIC;

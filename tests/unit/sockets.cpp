@@ -22,15 +22,8 @@ namespace {
 
 using namespace fetchrig;
 
-// Both ends of a connection.
-class sockets : public test::leak_free {
+class sockets : public test::leak_free, protected test::socket_pair {
  protected:
-  sockets() {
-    int ends[2] = {-1, -1};
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    near_.reset(ends[0]);
-    far_.reset(ends[1]);
-  }
   // A listener on loopback.
   int listen_at(int& port) {
     sockaddr_in address = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
@@ -44,7 +37,6 @@ class sockets : public test::leak_free {
   }
 
   test::library library_;
-  unique_fd near_, far_;
 };
 
 TEST_F(sockets, have_their_options) {
@@ -73,10 +65,10 @@ TEST_F(sockets, tell_readiness_above_descriptor_1023_too) {
   const rlimit raised = {std::max<rlim_t>(limit.rlim_cur, 1200), limit.rlim_max};
   if (setrlimit(RLIMIT_NOFILE, &raised) != 0) GTEST_SKIP() << "too few descriptors";
   {
-    const unique_fd high(fcntl(near_.get(), F_DUPFD_CLOEXEC, 1100));
+    const unique_fd high(fcntl(near.get(), F_DUPFD_CLOEXEC, 1100));
     EXPECT_EQ(dl_select(high.get(), wait_readable, 0), 0);
     EXPECT_EQ(dl_select(high.get(), wait_readable | wait_writable, 5), 1);
-    ASSERT_EQ(send(far_.get(), "x", 1, 0), 1);
+    ASSERT_EQ(send(far.get(), "x", 1, 0), 1);
     EXPECT_EQ(dl_select(high.get(), wait_readable | wait_writable, 5), 2) << "counts like select()";
     EXPECT_LT(dl_select(high.get(), wait_readable, -1), 0);
   }
@@ -86,8 +78,8 @@ TEST_F(sockets, tell_readiness_above_descriptor_1023_too) {
     EXPECT_EQ(errno, EBADF);
   }
   setrlimit(RLIMIT_NOFILE, &limit);
-  far_.reset();
-  EXPECT_EQ(dl_send_all(near_.get(), "x", 1), DL_ERR_SEND) << "and no SIGPIPE";
+  far.reset();
+  EXPECT_EQ(dl_send_all(near.get(), "x", 1), DL_ERR_SEND) << "and no SIGPIPE";
 }
 
 // A file with a size, and one that has contents without.
@@ -102,10 +94,10 @@ TEST_F(sockets, take_a_file_from_where_it_stands_to_its_end_or_limit) {
   for (const auto& [name, limit, end, arrives] : rows) {
     const unique_fd file(::open(name, O_RDONLY | O_CLOEXEC));
     lseek(file.get(), 2, SEEK_SET);
-    const send_result sent = send_file(near_.get(), file.get(), limit, 1);
+    const send_result sent = send_file(near.get(), file.get(), limit, 1);
     EXPECT_EQ(std::pair(sent.end, sent.total), std::pair(end, static_cast<int64_t>(arrives.size()))) << name;
     std::string got(arrives.size() + 1, '\0');
-    got.resize(static_cast<std::size_t>(std::max<ssize_t>(recv(far_.get(), got.data(), got.size(), 0), 0)));
+    got.resize(static_cast<std::size_t>(std::max<ssize_t>(recv(far.get(), got.data(), got.size(), 0), 0)));
     EXPECT_EQ(got, arrives);
   }
 }
@@ -116,19 +108,19 @@ TEST_F(sockets, that_stop_a_file_are_told_without_a_signal) {
   const std::string path = dir.file("file");
   test::write_file(path, test::make_bytes(4000000));
   const unique_fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  const send_result stuck = send_file(near_.get(), file.get(), INT_MAX, 0);
+  const send_result stuck = send_file(near.get(), file.get(), INT_MAX, 0);
   EXPECT_EQ(std::pair(stuck.end, stuck.error), std::pair(send_end::wait_failed, 0))
       << "a time-out has no errno";
-  EXPECT_EQ(fcntl(near_.get(), F_GETFL) & O_NONBLOCK, 0) << "as it was";
-  far_.reset();
-  const send_result closed = send_file(near_.get(), file.get(), INT_MAX, 1);
+  EXPECT_EQ(fcntl(near.get(), F_GETFL) & O_NONBLOCK, 0) << "as it was";
+  far.reset();
+  const send_result closed = send_file(near.get(), file.get(), INT_MAX, 1);
   EXPECT_EQ(std::pair(closed.end, closed.error), std::pair(send_end::send_failed, EPIPE));
   int port = 0;
   const unique_fd listener(listen_at(port));
-  near_.reset(dl_connect("127.0.0.1", port, 0, 5));
+  near.reset(dl_connect("127.0.0.1", port, 0, 5));
   unique_fd(accept(listener.get(), nullptr, nullptr)).reset();
   lseek(file.get(), 0, SEEK_SET);
-  EXPECT_EQ(send_file(near_.get(), file.get(), INT_MAX, 5).end, send_end::send_failed);
+  EXPECT_EQ(send_file(near.get(), file.get(), INT_MAX, 5).end, send_end::send_failed);
   sigset_t pending;
   sigpending(&pending);
   EXPECT_FALSE(sigismember(&pending, SIGPIPE));

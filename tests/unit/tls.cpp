@@ -63,12 +63,9 @@ TEST(host_name, is_compared_with_the_certificates_names) {
 }
 
 // A connection to a server of TLS 1.2 in a thread, which does `serve` behind the handshake.
-struct connection {
+struct connection : socket_pair {
   explicit connection(const std::function<void(SSL*)>& serve) {
-    int ends[2] = {-1, -1};
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    near.reset(ends[0]);
-    server = std::jthread([serve, far = ends[1]] {
+    server = std::jthread([serve, far = far.release()] {
       static const identity who = make_identity("server");
       const unique_fd end(far);
       const unique_ssl_ctx context(SSL_CTX_new(TLS_server_method()));
@@ -91,7 +88,6 @@ struct connection {
   }
 
   std::jthread server;
-  unique_fd near;
   unique_ssl_ctx ctx;
   unique_ssl ssl;
 };
