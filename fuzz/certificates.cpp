@@ -72,7 +72,7 @@ FUZZ_TARGET(ca_store) {
     FUZZ_CHECK(dl_install_ca("given.pem") == -2);
   }
   dl_del_ca("given.pem");
-  FUZZ_CHECK(!test::file_exists("given.pem"));
+  FUZZ_CHECK(!fs::exists("given.pem"));
   for (const auto& entry : fs::recursive_directory_iterator(store))
     FUZZ_CHECK(fs::is_directory(entry.symlink_status()));
 }
@@ -86,7 +86,7 @@ FUZZ_TARGET(device_certificate) {
     FUZZ_CHECK(dl_get_ser_ca_info(&info) == 0);
     check(info);
   }
-  FUZZ_CHECK(dl_install_ser_ca_separate("given.pem") != 0 || test::file_exists("config/server/own.pem"));
+  FUZZ_CHECK(dl_install_ser_ca_separate("given.pem") != 0 || fs::exists("config/server/own.pem"));
   fs::remove_all("config");
 }
 

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <deque>
+#include <filesystem>
 #include <functional>
 
 #include "fuzz/fuzz.h"
@@ -58,7 +59,7 @@ bool is_stated(int code) {
 
 // The content of a file that is removed now.
 std::string take_file(const char* path) {
-  const std::string content = test::file_exists(path) ? "=" + test::read_file(path) : "none";
+  const std::string content = std::filesystem::exists(path) ? "=" + test::read_file(path) : "none";
   unlink(path);
   return content;
 }

@@ -42,11 +42,6 @@ std::string read_file(const std::string& path) {
   return (std::ostringstream() << in.rdbuf()).str();
 }
 
-bool file_exists(const std::string& path) {
-  std::error_code ignored;
-  return fs::exists(fs::symlink_status(path, ignored));
-}
-
 std::vector<std::string> names_in(const std::string& directory) {
   std::vector<std::string> names;
   for (const auto& entry : fs::directory_iterator(directory)) names.push_back(entry.path().filename());

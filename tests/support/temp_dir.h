@@ -33,7 +33,6 @@ class temp_dir {
 
 void write_file(const std::string& path, std::string_view content);
 std::string read_file(const std::string& path);
-bool file_exists(const std::string& path);
 // Names in a directory, sorted.
 std::vector<std::string> names_in(const std::string& directory);
 

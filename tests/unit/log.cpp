@@ -10,6 +10,7 @@
 
 #include "core/owners.h"
 #include "include/fetchrig.h"
+#include "log/printable.h"
 #include "log/syslog_socket.h"
 #include "tests/support/descriptors.h"
 #include "tests/support/temp_dir.h"
@@ -31,7 +32,10 @@ class log_facility : public testing::Test {
     fetchrig::syslog_path = path.c_str();
     start_daemon();
   }
-  ~log_facility() override { qxfr_log_exit(); }
+  ~log_facility() override {
+    qxfr_log_exit();
+    fetchrig::syslog_path = "/nonexistent/log";
+  }
 
   void start_daemon() {
     sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
@@ -117,6 +121,7 @@ TEST_F(log_facility, levels_have_tags_and_pass_up_to_their_modules_and_lines_are
     const std::string message(length, 'm');
     EXPECT_EQ(logged(DL_LOG_ANY, DL_LOG_EMERG, message), lines{(head + message).substr(0, 382)});
   }
+  EXPECT_EQ(fetchrig::printable(std::string(1000, 'x')).c_str(), std::string(383, 'x'));
 }
 
 TEST_F(log_facility, setting_levels) {
