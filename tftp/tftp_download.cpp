@@ -183,7 +183,7 @@ int tftp_recv_to_file(const tftp_target& target, const char* local_path, dl_resu
   download_file file(DL_LOG_TFTP, tftp_max_blksize, limit);
   if (!file.open(local_path ? local_path : target.remote_name)) return -1;
   if (copy_to_file(*session, file, result) < 0) return -1;
-  log_line(DL_LOG_TFTP, DL_LOG_NOTICE, "recv: %d bytes\n", static_cast<int>(file.total()));
+  log_line(DL_LOG_TFTP, DL_LOG_NOTICE, "recv: %lld bytes\n", static_cast<long long>(file.total()));
   return 0;
 }
 
