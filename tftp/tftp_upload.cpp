@@ -105,6 +105,28 @@ int send_blocks(dl_tftp_session& session, FILE* file, const char* local_path, in
   return total;
 }
 
+// The file, when it can be sent; what is in the way is logged.
+unique_file open_upload(const char* local_path, uint64_t limit) {
+  const int64_t size = file_size(local_path);
+  if (size != -1 && static_cast<uint64_t>(size) > limit) {
+    log_line(DL_LOG_TFTP, DL_LOG_ERROR, "File %s size larger than maxsize %ld\n",
+             printable(local_path).c_str(), static_cast<long>(limit));
+    return nullptr;
+  }
+  if (!is_upload_file(DL_LOG_TFTP, local_path)) return nullptr;
+  unique_file file(fopen(local_path, "rbe"));
+  if (!file) {
+    log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Can't open %s\n", printable(local_path).c_str());
+    return nullptr;
+  }
+  // A file that opens has a size; one without has more bytes than 31 bits count.
+  if (size == -1) {
+    log_line(DL_LOG_TFTP, DL_LOG_ERROR, "File %s has 2 GiB or more\n", printable(local_path).c_str());
+    return nullptr;
+  }
+  return file;
+}
+
 }  // namespace
 
 int tftp_send_open(dl_tftp_session** handle, const tftp_target& target, dl_result* result,
@@ -126,34 +148,21 @@ int tftp_send_open(dl_tftp_session** handle, const tftp_target& target, dl_resul
 int tftp_send(dl_tftp_session& session, const char* local_path, dl_result* result,
               const transfer_extras& extras) {
   const net_options options = net_settings();
-  const uint64_t limit = extras.max_file_size(options.max_file_size);
-  const int64_t size = file_size(local_path);
-  if (size != -1 && static_cast<uint64_t>(size) > limit) {
-    log_line(DL_LOG_TFTP, DL_LOG_ERROR, "File %s size larger than maxsize %ld\n",
-             printable(local_path).c_str(), static_cast<long>(limit));
-    return fail(result, DL_ERR_READ);
-  }
-  if (!is_upload_file(DL_LOG_TFTP, local_path)) return fail(result, DL_ERR_READ);
-  const unique_file file(fopen(local_path, "rbe"));
-  if (!file) {
-    log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Can't open %s\n", printable(local_path).c_str());
-    return fail(result, DL_ERR_READ);
-  }
-  // A file that opens has a size; one without has more bytes than 31 bits count.
-  if (size == -1) {
-    log_line(DL_LOG_TFTP, DL_LOG_ERROR, "File %s has 2 GiB or more\n", printable(local_path).c_str());
-    return fail(result, DL_ERR_READ);
-  }
+  const unique_file file = open_upload(local_path, extras.max_file_size(options.max_file_size));
+  if (!file) return fail(result, DL_ERR_READ);
   if (const auto count = tftp_windowed_send(session, fileno(file.get()), local_path, result)) return *count;
   return send_blocks(session, file.get(), local_path, options.net_timeout_s, result);
 }
 
 int tftp_send_file(const tftp_target& target, const char* local_path, dl_result* result) {
+  clear_cause();
   // Before the request, with which the server may empty the remote file.
   if (!is_upload_file(DL_LOG_TFTP, local_path)) return fail(result, DL_ERR_READ);
   tftp_target named = target;
   if (!named.remote_name || !*named.remote_name) named.remote_name = base_name(local_path).data();
   const transfer_extras extras = current_extras();
+  if (tftp_windowed_wanted(extras) && !open_upload(local_path, extras.max_file_size(max_file_size())))
+    return fail(result, DL_ERR_READ);
   dl_tftp_session* opened = nullptr;
   const int32_t size = file_size(local_path);
   const auto told = size >= 0 ? std::optional<uint64_t>(size) : std::nullopt;

@@ -404,9 +404,13 @@ tftp_wishes wishes_of(const tftp_beginning& begins, const transfer_extras& extra
 
 }  // namespace
 
+bool tftp_windowed_wanted(const transfer_extras& extras) {
+  return extras.tftp_window > 1 || extras.tftp_blksize != 0;
+}
+
 std::optional<int> tftp_windowed_open(dl_tftp_session& session, const tftp_beginning& begins,
                                       const transfer_extras& extras) {
-  if (extras.tftp_window <= 1 && extras.tftp_blksize == 0) return {};
+  if (!tftp_windowed_wanted(extras)) return {};
   return guarded_step([&] {
     auto transfer = std::make_unique<windowed_transfer>(session, begins, wishes_of(begins, extras));
     const int rc = transfer->negotiate();

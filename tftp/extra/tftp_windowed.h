@@ -27,6 +27,9 @@ struct tftp_beginning {
 
 #if FETCHRIG_EXTRAS
 
+// Whether a transfer with them is one of these; what is in its way locally is then told before the request.
+[[nodiscard]] bool tftp_windowed_wanted(const transfer_extras& extras);
+
 // Requests the file and takes the server's answer. Returns 0, or a negative code; nothing where `extras` ask for a
 // classic transfer.
 [[nodiscard]] std::optional<int> tftp_windowed_open(dl_tftp_session& session, const tftp_beginning& begins,
@@ -46,6 +49,9 @@ void tftp_windowed_close(const dl_tftp_session& session);
 
 #else
 
+[[nodiscard]] constexpr bool tftp_windowed_wanted(const transfer_extras& /*extras*/) {
+  return false;
+}
 [[nodiscard]] constexpr std::optional<int> tftp_windowed_open(dl_tftp_session& /*session*/,
                                                               const tftp_beginning& /*begins*/,
                                                               const transfer_extras& /*extras*/) {
