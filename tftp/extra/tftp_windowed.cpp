@@ -16,19 +16,21 @@
 #include "core/cause.h"
 #include "core/extra/beside.h"
 #include "core/upload_file.h"
-#include "log/clock.h"
 #include "log/log.h"
 #include "net/socket.h"
 #include "tftp/extra/tftp_options.h"
+#include "tftp/extra/tftp_pace.h"
 
 namespace fetchrig {
 namespace {
 
-constexpr int max_repeats = 4;               // in a row, each after option 7 of silence
+constexpr int longest_server_timeout_s = 2;  // asked for: what is lost on the way is missed here first
+constexpr int max_strangers_told = 4;
 constexpr uint16_t half_of_numbers = 32768;  // block numbers wrap: what is further ahead is behind
 constexpr uint16_t error_disk_full = 3;
+constexpr uint16_t error_unknown_port = 5;
 
-enum class heard { packet, silence, failure };
+enum class heard { packet, silence, failure, unsaid };
 
 bool same_address(const sockaddr_storage& first, const sockaddr_storage& second) {
   if (first.ss_family != second.ss_family) return false;
@@ -47,7 +49,7 @@ in_port_t port_of(const sockaddr_storage& address) {
 class windowed_transfer : public beside<windowed_transfer> {
  public:
   windowed_transfer(dl_tftp_session& session, const tftp_beginning& begins, const tftp_wishes& wishes)
-      : session_(session), begins_(begins), wishes_(wishes), timeout_ms_(int64_t{begins.timeout_s} * 1000) {
+      : session_(session), begins_(begins), wishes_(wishes), pace_(begins.timeout_s) {
     const uint32_t blksize = std::max<uint32_t>(wishes.blksize.value_or(0), tftp_default_blksize);
     buffer_.resize(tftp_header_len + blksize + 1);  // one more shows a block that is too long
     make_room(blksize * std::size_t{wishes.window.value_or(1)});
@@ -64,14 +66,15 @@ class windowed_transfer : public beside<windowed_transfer> {
   int refused(int code);
   int take_answer(const tftp_packet& packet, bool& settled);
 
-  void made_progress();
   bool is_servers(const sockaddr_storage& sender);
+  void tell_stranger(in_port_t port, std::string_view datagram);
   heard receive(tftp_packet& packet);
   heard receive_or_repeat(tftp_packet& packet);
   int next(tftp_packet& packet, dl_result* result);
   int repeat();
 
   int acknowledge();
+  int acknowledge_again();
   int take_data(const tftp_packet& packet, std::span<char>& rest);
   int take_block(std::string_view body, std::span<char>& rest);
 
@@ -85,14 +88,13 @@ class windowed_transfer : public beside<windowed_transfer> {
   tftp_terms terms_;
   std::vector<char> buffer_;
   sockaddr_storage server_ = {};
-  const int64_t timeout_ms_;
-  int64_t due_ms_ = 0;  // what was said last is repeated
-  int64_t end_ms_ = 0;  // packets that lead no further do not put it off
-  int silences_ = 0;
+  tftp_pace pace_;
   bool is_settled_ = false;  // the server's port and the terms
   int error_ = 0;            // of a failure: the server's code or errno
   bool is_servers_error_ = false;
+  int unsaid_ = 0;  // the code of what could not be said again
   bool retried_ = false;
+  int strangers_told_ = 0;
 
   uint16_t next_ = 1;  // block that is due
   uint32_t unacknowledged_ = 0;
@@ -102,11 +104,11 @@ class windowed_transfer : public beside<windowed_transfer> {
   std::size_t carry_from_ = 0;
 
   int file_ = -1;
+  const char* local_path_ = nullptr;
   uint64_t size_ = 0;
   uint64_t num_blocks_ = 0;
   uint64_t acked_ = 0;
   uint64_t sent_ = 0;
-  bool went_back_ = false;
 };
 
 // A window arrives while nobody reads.
@@ -122,6 +124,7 @@ void windowed_transfer::make_room(std::size_t bytes) const {
 // To the server's own port, whoever else has sent something.
 int windowed_transfer::request() {
   tftp_set_server_port(session_, port_of(server_));
+  pace_.said();
   tftp_request_buffer packet;
   const std::string_view bytes = tftp_build_wishes(begins_.opcode, begins_.remote_name, wishes_, packet);
   if (tftp_send_packet(session_, bytes) == static_cast<ssize_t>(bytes.size())) return 0;
@@ -132,18 +135,17 @@ int windowed_transfer::request() {
 int windowed_transfer::negotiate() {
   memcpy(&server_, session_.server, sizeof session_.server);
   if (const int rc = request(); rc < 0) return rc;
-  made_progress();
   while (!is_settled_) {
     tftp_packet packet;
     const heard outcome = receive_or_repeat(packet);
     if (outcome == heard::silence) return begins_.opcode == tftp_opcode::rrq ? DL_ERR_NOT_TFTP : DL_ERR_READ;
+    if (outcome == heard::unsaid) return unsaid_;
     const int rc = outcome == heard::failure ? refused(DL_ERR_READ) : take_answer(packet, is_settled_);
     if (rc < 0) return rc;
   }
   session_.blksize = static_cast<int32_t>(terms_.blksize);
   log_line(DL_LOG_TFTP, DL_LOG_INFO, "using blksize %u, window %u\n", static_cast<unsigned>(terms_.blksize),
            static_cast<unsigned>(terms_.window));
-  made_progress();
   return 0;
 }
 
@@ -170,20 +172,16 @@ int windowed_transfer::take_answer(const tftp_packet& packet, bool& settled) {
     terms_ = *terms;
     settled = true;
     owes_ack_ = reads;
+    pace_.round_over();
   } else if (reads && packet.kind == tftp_kind::data && packet.block == 1) {
     std::span<char> nowhere;
     settled = true;
-    return take_data(packet, nowhere);
+    return take_data(packet, nowhere) < 0 ? DL_ERR_SEND : 0;
   } else if (!reads && packet.kind == tftp_kind::ack && packet.block == 0) {
     settled = true;
+    pace_.round_over();
   }
   return 0;
-}
-
-void windowed_transfer::made_progress() {
-  silences_ = 0;
-  due_ms_ = now_ms() + timeout_ms_;
-  end_ms_ = due_ms_ + max_repeats * timeout_ms_;
 }
 
 bool windowed_transfer::is_servers(const sockaddr_storage& sender) {
@@ -193,6 +191,18 @@ bool windowed_transfer::is_servers(const sockaddr_storage& sender) {
   return true;
 }
 
+// A server that heard the request twice may have begun twice: the transfer on the other port ends (RFC 1350, section
+// 4). Few are told, without a text, and never an ERROR: nobody is made to flood the server, or to talk for ever.
+void windowed_transfer::tell_stranger(in_port_t port, std::string_view datagram) {
+  const bool transfers = tftp_parse_packet(datagram).kind != tftp_kind::unexpected;
+  if (!transfers || strangers_told_ == max_strangers_told) return;
+  ++strangers_told_;
+  const uint16_t own = tftp_server_port(session_);
+  tftp_set_server_port(session_, port);
+  tftp_send_error(session_, error_unknown_port, {});
+  tftp_set_server_port(session_, own);
+}
+
 // The next packet of the server, at the latest when something is due.
 heard windowed_transfer::receive(tftp_packet& packet) {
   for (;;) {
@@ -200,11 +210,11 @@ heard windowed_transfer::receive(tftp_packet& packet) {
     socklen_t sender_len = sizeof sender;
     const ssize_t length = ::recvfrom(session_.sock, buffer_.data(), buffer_.size(), MSG_DONTWAIT,
                                       reinterpret_cast<sockaddr*>(&sender), &sender_len);
-    const int64_t left_ms = due_ms_ - now_ms();
+    const int64_t left_ms = pace_.left_ms();
     error_ = length < 0 ? errno : 0;
     if (length < 0 && error_ != EINTR && !would_block()) return heard::failure;
+    const std::string_view datagram(buffer_.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
     if (length >= 0 && is_servers(sender)) {
-      const std::string_view datagram(buffer_.data(), static_cast<std::size_t>(length));
       packet = tftp_parse_packet(datagram);
       if (packet.kind != tftp_kind::unexpected) return heard::packet;
       if (const auto code = tftp_note_server_error(datagram)) {
@@ -212,6 +222,8 @@ heard windowed_transfer::receive(tftp_packet& packet) {
         is_servers_error_ = true;
         return heard::failure;
       }
+    } else if (length >= 0 && same_address(sender, server_)) {
+      tell_stranger(port_of(sender), datagram);
     }
     if (left_ms <= 0) return heard::silence;
     if (length >= 0 || error_ == EINTR) continue;
@@ -226,21 +238,18 @@ heard windowed_transfer::receive(tftp_packet& packet) {
 heard windowed_transfer::receive_or_repeat(tftp_packet& packet) {
   for (;;) {
     const heard outcome = receive(packet);
-    if (outcome == heard::packet && now_ms() > end_ms_) return heard::silence;
-    if (outcome != heard::silence || silences_ == max_repeats) return outcome;
-    ++silences_;
-    due_ms_ = now_ms() + timeout_ms_;
-    if (repeat() < 0) {
-      error_ = errno;
-      return heard::failure;
-    }
+    if (outcome == heard::failure) return outcome;
+    if (pace_.is_over()) return heard::silence;
+    if (outcome == heard::packet) return outcome;
+    pace_.repeats();
+    if (unsaid_ = repeat(); unsaid_ < 0) return heard::unsaid;
   }
 }
 
-// Says again what was said last.
+// Says again what was said last. Returns 0 or a negative code, logged.
 int windowed_transfer::repeat() {
   if (!is_settled_) return request();
-  if (begins_.opcode == tftp_opcode::rrq) return acknowledge();
+  if (begins_.opcode == tftp_opcode::rrq) return acknowledge() < 0 ? DL_ERR_SEND : 0;
   sent_ = acked_;
   return send_window();
 }
@@ -249,6 +258,7 @@ int windowed_transfer::repeat() {
 int windowed_transfer::next(tftp_packet& packet, dl_result* result) {
   const heard outcome = receive_or_repeat(packet);
   if (outcome == heard::packet) return 0;
+  if (outcome == heard::unsaid) return fail(result, unsaid_);
   if (outcome == heard::silence) {
     note_symptom(DL_CAUSE_WAIT);
     log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Error Select! errno 0\n");
@@ -272,7 +282,14 @@ int windowed_transfer::acknowledge() {
   if (tftp_send_ack(session_, static_cast<uint16_t>(next_ - 1)) < 0) return -1;
   unacknowledged_ = 0;
   owes_ack_ = false;
+  pace_.said();
   return 0;
+}
+
+// What was answered has come once more: the ACK is lost, and the server was silent for a while; else it is a copy on the
+// way, and an answer would make the server send the next window twice, and so on to the end.
+int windowed_transfer::acknowledge_again() {
+  return pace_.may_have_crossed() ? 0 : acknowledge();
 }
 
 // The block that is due, with the ACK that may be due with it. The ACK goes out before anything changes.
@@ -280,6 +297,7 @@ int windowed_transfer::take_block(std::string_view body, std::span<char>& rest) 
   const bool last = body.size() < terms_.blksize;
   ++next_;
   if (++unacknowledged_ >= terms_.window || last) {
+    pace_.round_over();
     if (acknowledge() < 0) {
       --next_, --unacknowledged_;
       return -1;
@@ -293,17 +311,18 @@ int windowed_transfer::take_block(std::string_view body, std::span<char>& rest) 
   session_.block = next_;
   session_.done = last;
   gap_told_ = false;
-  made_progress();
+  pace_.progressed();
   return 0;
 }
 
 int windowed_transfer::take_data(const tftp_packet& packet, std::span<char>& rest) {
   const auto ahead = static_cast<uint16_t>(packet.block - next_);
   if (ahead == 0) return packet.body.size() <= terms_.blksize ? take_block(packet.body, rest) : 0;
-  const bool is_previous = ahead == UINT16_MAX;
-  const bool is_gap = ahead < half_of_numbers && !gap_told_;
-  if (!is_previous && !is_gap) return 0;
-  gap_told_ = gap_told_ || is_gap;
+  if (ahead == UINT16_MAX) return acknowledge_again();
+  if (ahead >= half_of_numbers) return 0;
+  pace_.heard();  // of a window that goes on without it
+  if (gap_told_) return 0;
+  gap_told_ = true;
   return acknowledge();  // the server goes on behind it
 }
 
@@ -313,14 +332,14 @@ int windowed_transfer::read(std::span<char> to, dl_result* result) {
   std::copy_n(carry_.data() + carry_from_, carried, rest.data());
   carry_from_ += carried;
   rest = rest.subspan(carried);
-  made_progress();
+  pace_.progressed();
   const auto unsent = [result] { return fail(result, DL_ERR_SEND); };
   if (owes_ack_ && acknowledge() < 0) return unsent();
   while (!session_.done && !rest.empty()) {
     tftp_packet packet;
     if (next(packet, result) < 0) return -1;
     const bool is_late_oack = packet.kind == tftp_kind::oack && next_ == 1;
-    if (is_late_oack && acknowledge() < 0) return unsent();
+    if (is_late_oack && acknowledge_again() < 0) return unsent();
     if (packet.kind == tftp_kind::data && take_data(packet, rest) < 0) return unsent();
   }
   return static_cast<int>(to.size() - rest.size());
@@ -343,45 +362,47 @@ int windowed_transfer::send_block(uint64_t index) {
   return tftp_send_packet(session_, packet) == static_cast<ssize_t>(packet.size()) ? 0 : DL_ERR_SEND;
 }
 
+// What is left of the window. Returns 0 or a negative code, logged.
 int windowed_transfer::send_window() {
   const uint64_t end = std::min(acked_ + terms_.window, num_blocks_);
+  if (sent_ < end) pace_.said();
   for (; sent_ < end; ++sent_) {
-    if (const int rc = send_block(sent_); rc < 0) return rc;
+    errno = 0;
+    const int rc = send_block(sent_);
+    const int error = errno;
+    if (rc == DL_ERR_READ) log_unreadable(DL_LOG_TFTP, local_path_, error);
+    if (rc == DL_ERR_SEND) {
+      note_symptom(DL_CAUSE_BROKEN, error);
+      log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Send DATA Error\n");
+    }
+    if (rc < 0) return rc;
   }
   return 0;
 }
 
 // Blocks behind the acknowledged one are sent again: whoever acknowledges fewer than a window has missed one. An old
-// ACK again tells the same of the window's first, but counts once: it may be a copy.
+// ACK may be a copy, and to answer it would make copies of all that follows: a window's first block that is missed is
+// sent again after a silence.
 void windowed_transfer::take_ack(uint16_t block) {
   const auto count = static_cast<uint16_t>(block - static_cast<uint16_t>(acked_));
-  if (count > sent_ - acked_) return;
-  if (count == 0 && (terms_.window == 1 || went_back_)) return;
-  went_back_ = count == 0;
+  if (count == 0 || count > sent_ - acked_) return;
+  pace_.round_over();
   acked_ += count;
   sent_ = acked_;
-  if (count > 0) made_progress();
+  pace_.progressed();
 }
 
 int windowed_transfer::send(int file, const char* local_path, dl_result* result) {
   struct stat status = {};
   if (::fstat(file, &status) != 0) return fail(result, DL_ERR_READ);
   file_ = file;
+  local_path_ = local_path;
   size_ = static_cast<uint64_t>(status.st_size);
   num_blocks_ = size_ / terms_.blksize + 1;
   acked_ = sent_ = 0;
-  made_progress();
+  pace_.progressed();
   while (acked_ < num_blocks_) {
-    errno = 0;
-    if (const int rc = send_window(); rc < 0) {
-      const int error = errno;
-      if (rc == DL_ERR_READ) log_unreadable(DL_LOG_TFTP, local_path, error);
-      if (rc == DL_ERR_SEND) {
-        note_symptom(DL_CAUSE_BROKEN, error);
-        log_line(DL_LOG_TFTP, DL_LOG_ERROR, "Send DATA Error\n");
-      }
-      return fail(result, rc);
-    }
+    if (const int rc = send_window(); rc < 0) return fail(result, rc);
     tftp_packet packet;
     if (next(packet, result) < 0) return -1;
     if (packet.kind == tftp_kind::ack) take_ack(packet.block);
@@ -396,7 +417,7 @@ tftp_wishes wishes_of(const tftp_beginning& begins, const transfer_extras& extra
   wishes.blksize = extras.tftp_blksize != 0 ? extras.tftp_blksize : tftp_max_blksize;
   if (extras.tftp_window > 1) {
     wishes.window = extras.tftp_window;
-    wishes.timeout_s = static_cast<uint32_t>(begins.timeout_s);
+    wishes.timeout_s = static_cast<uint32_t>(std::min(begins.timeout_s, longest_server_timeout_s));
   }
   wishes.tsize = reads ? uint64_t{0} : begins.size;
   return wishes;

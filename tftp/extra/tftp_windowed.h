@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
 // tftp_windowed.h: transfers that negotiate more than the classic block size: windows of blocks (RFC 7440), larger
-// blocks, the file's size and the server's time-out (RFC 2348, RFC 2349). Packets that are lost are sent again: after
-// option 7 of silence, a few times; datagrams of others than the server's port are passed over; an ERROR ends the
-// transfer. A server that knows none of the options is served block by block. This is the seam: without the extras
-// nothing here does anything. One thread at a time per session.
+// blocks, the file's size and the server's time-out (RFC 2348, RFC 2349). Packets that are lost are sent again after a
+// silence (tftp_pace.h), for five times option 7 at most; other ports of the server are told that they are strangers,
+// datagrams of other hosts are passed over; an ERROR ends the transfer. A server that knows none of the options is
+// served block by block. This is the seam: without the extras nothing here does anything. One thread at a time per
+// session.
 #ifndef FETCHRIG_TFTP_EXTRA_TFTP_WINDOWED_H
 #define FETCHRIG_TFTP_EXTRA_TFTP_WINDOWED_H
 
