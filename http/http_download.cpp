@@ -34,7 +34,7 @@ int receive_file(dl_http_session& session, const char* path, dl_result& result) 
   download_file file(DL_LOG_HTTP, http_file_step, whole ? channel.own->whole->limit : max_file_size());
   if (!file.open(path)) return -1;
   const int rc = http_copy_body(channel, file, result);
-  log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "recv : %d bytes\n", static_cast<int>(file.total()));
+  log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "recv : %lld bytes\n", static_cast<long long>(file.total()));
   return rc;
 }
 

@@ -2,8 +2,8 @@
 # SPDX-License-Identifier: MIT
 """Starts real servers on loopback, on ports that are free, and stops them again.
 
-  servers.py SERVER... [-- COMMAND...]     SERVER is nginx, apache, lighttpd, vsftpd, pyftpd, tftpd or
-                                           atftpd, or one of the proxies squid and tinyproxy
+  servers.py SERVER... [-- COMMAND...]     SERVER is nginx, apache, lighttpd, vsftpd, pureftpd, pyftpd, tftpd
+                                           or atftpd, or one of the proxies squid and tinyproxy
 
 All serve one new directory, in which "upload" is writable. When they answer, the command runs, and they end with it;
 without one they run until standard input ends. The command finds in its environment, and without one standard output
@@ -16,6 +16,7 @@ import hashlib
 import json
 import os
 import pathlib
+import pwd
 import shutil
 import signal
 import socket
@@ -28,7 +29,7 @@ import time
 USER, PASSWORD, REALM = "phone", "s3cret", "the vault"
 START_LIMIT_S = 20
 SEARCHED = os.environ.get("PATH", "") + ":/usr/local/sbin:/usr/sbin:/sbin:/usr/bin:/bin"
-UNPACKED = pathlib.Path(__file__).resolve().parent.parent / "build-servers/usr/sbin"
+UNPACKED = pathlib.Path(__file__).resolve().parent.parent / "build-servers/usr"
 
 
 class Missing(Exception):
@@ -233,6 +234,19 @@ def vsftpd(place, host, ports, options):
     return ["vsftpd", place.write("vsftpd.conf", "".join(f"{name}={value}\n" for name, value in values.items()))]
 
 
+def pureftpd(place, host, ports, options):
+    if os.geteuid() != 0:
+        raise Missing("pure-ftpd runs as root only")
+    hashed, owner = openssl("passwd", "-1", PASSWORD).decode().strip(), pwd.getpwnam("ftp")
+    entry = [USER, hashed, owner.pw_uid, owner.pw_gid, "", f"{place.root}/./", *[""] * 12]
+    users = place.directory / "pure-users"
+    users.write_text(":".join(map(str, entry)) + "\n")
+    subprocess.run([UNPACKED / "bin/pure-pw", "mkdb", f"{users}.pdb", "-f", users], check=True)
+    tls = ["-Y", "3", "-2", place.certificate] if "tls" in options else []
+    return [UNPACKED / "sbin/pure-ftpd", "-S", f"{host},{ports['ftp']}", "-l", f"puredb:{users}.pdb", "-E", "-H", "-u", "1",
+            "-g", place.directory / "pure.pid", *tls]
+
+
 def pyftpd(place, host, ports, _options):
     login = ["-u", USER, "-P", PASSWORD]
     return ["/usr/bin/python3", "-m", "pyftpdlib", "-i", host, "-p", ports["ftp"], "-w", "-d", place.root, *login]
@@ -247,12 +261,12 @@ def tftpd(place, host, ports, options):
 
 
 def atftpd(place, host, ports, options):
-    return [UNPACKED / "atftpd", "--daemon", "--no-fork", f"--bind-address={host}", f"--port={ports['tftp']}",
+    return [UNPACKED / "sbin/atftpd", "--daemon", "--no-fork", f"--bind-address={host}", f"--port={ports['tftp']}",
             "--logfile=-", *options, place.root]
 
 
 SCHEMES = {nginx: ["http", "https"], apache: ["http"], lighttpd: ["http"], squid: ["http"], tinyproxy: ["http"],
-           vsftpd: ["ftp"], pyftpd: ["ftp"], tftpd: ["tftp"], atftpd: ["tftp"]}
+           vsftpd: ["ftp"], pureftpd: ["ftp"], pyftpd: ["ftp"], tftpd: ["tftp"], atftpd: ["tftp"]}
 
 
 class Server:

@@ -18,7 +18,7 @@ demo=(
 tests=(
   git libgtest-dev libbenchmark-dev
   clang clang-format clang-tidy libclang-rt-14-dev cppcheck dwarves reuse
-  apache2-bin lighttpd squid tinyproxy-bin python3-pyftpdlib
+  apache2-bin lighttpd squid tinyproxy-bin python3-pyftpdlib libsodium23
   python3-pytest python3-pexpect valgrind gcovr doxygen
   gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user-static
 )
@@ -47,16 +47,20 @@ if [ ${#missing[@]} -gt 0 ] && [ ${#as_root[@]} -gt 0 ] && ! { command -v sudo &
   exit 1
 fi
 
-# Packages that cannot be installed beside others are unpacked into build-servers/ instead: atftpd excludes tftpd-hpa.
+# Packages that cannot be installed beside others are unpacked into build-servers/ instead: atftpd excludes tftpd-hpa,
+# pure-ftpd vsftpd.
 unpack_servers() {
   local target
   target=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/build-servers
-  [ ! -x "$target/usr/sbin/atftpd" ] || return 0
+  [ ! -x "$target/usr/sbin/atftpd" ] || [ ! -x "$target/usr/bin/pure-pw" ] || return 0
   mkdir -p "$target"
   local download
   download=$(mktemp -d)
   chmod 755 "$download"
-  (cd "$download" && apt-get download -qq atftpd >/dev/null 2>&1 && dpkg-deb -x atftpd_*.deb "$target")
+  (
+    cd "$download" && apt-get download -qq atftpd pure-ftpd pure-ftpd-common >/dev/null 2>&1 || exit 1
+    for package in *.deb; do dpkg-deb -x "$package" "$target"; done
+  )
   rm -rf "$download"
 }
 

@@ -20,6 +20,7 @@ WRAPS = 65537 * 512 + 1  # block numbers start again
     ("vsftpd", "127.0.0.1", [], "", [0, 100000, 40 * MIB]),
     ("vsftpd", "127.0.0.1", [], "--ipv6 --user anonymous --password a@b", [100000]),  # EPSV works on IPv4, too
     ("vsftpd", "127.0.0.1", ["tls"], "--ftp-tls", [0, 40 * MIB]),
+    ("pureftpd", "127.0.0.1", ["tls"], f"--ftp-tls {PHONE}", [0, 40 * MIB]),
     ("pyftpd", "127.0.0.1", [], PHONE, [0, 100000, 40 * MIB]),
     ("pyftpd", "::1", [], f"--ipv6 {PHONE}", [100000]),
     ("tftpd", "127.0.0.1", [], "", [0, 1432, 1433, 100000]),
@@ -54,7 +55,7 @@ def test_files_go_both_ways(fetchrig, places, program, host, started_with, optio
     ("nginx", [], "", "", '"3b9aca00-300000"'),
     ("vsftpd", [], "", "", "20010909014640"),
     ("vsftpd", ["tls"], "--ftp-tls", "", "20010909014640"),
-    ("pyftpd", [], PHONE, "phone@", "20010909014640"),
+    ("pureftpd", ["tls"], f"--ftp-tls {PHONE}", "phone@", "20010909014640"),
 ])
 def test_a_download_goes_on_behind_its_part(fetchrig, places, program, started_with, options, login, validator):
     server = places.start(program, options=started_with)
