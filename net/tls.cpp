@@ -149,6 +149,19 @@ long offer_session(SSL* ssl, SSL_SESSION* known) {
   return known && SSL_set_session(ssl, known) == 1 ? SSL_get_verify_result(ssl) : X509_V_ERR_UNSPECIFIED;
 }
 
+// The error of the system that ended the handshake; 0 where OpenSSL saw a reason of its own, as the end of the stream,
+// and errno tells of another call.
+int system_error(const SSL* ssl, int rc, int error) {
+  switch (SSL_get_error(ssl, rc)) {
+    case SSL_ERROR_SYSCALL:
+    case SSL_ERROR_WANT_READ:
+    case SSL_ERROR_WANT_WRITE:
+      return error;
+    default:
+      return 0;
+  }
+}
+
 int hand_shake(const tls_request& request, SSL_CTX* ctx, unique_ssl& ssl) {
   ssl.reset(SSL_new(ctx));
   const unsigned limit_s = request.wait_limit_s != 0 ? request.wait_limit_s : tls_wait_limit_seconds();
@@ -162,13 +175,14 @@ int hand_shake(const tls_request& request, SSL_CTX* ctx, unique_ssl& ssl) {
   name_server(ssl.get(), request.host);
   start_tls_operation(ssl.get());
   ERR_clear_error();
-  if (SSL_connect(ssl.get()) > 0) {
+  const int rc = SSL_connect(ssl.get());
+  if (rc > 0) {
     end_tls_operation(ssl.get());
     if (SSL_session_reused(ssl.get())) SSL_set_verify_result(ssl.get(), known_verdict);
     ERR_clear_error();  // of CA files that were passed over: a read would take it for its own
     return 0;
   }
-  const int error = errno;
+  const int error = system_error(ssl.get(), rc, errno);
   note_tls_error(ERR_peek_error());
   note_symptom(DL_CAUSE_HANDSHAKE_ENDED, error);
   log_reason("TLS handshake");
