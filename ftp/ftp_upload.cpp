@@ -172,7 +172,10 @@ int64_t send_local_file(dl_ftp_session& session, const ftp_upload_source& source
 int finish_transfer(const dl_ftp_session& session, dl_result* result) {
   ftp_final_reply_bytes bytes;
   ftp_reply reply(bytes);
-  if (dl_recv_reply(session, reply, {ftp_transfer_complete}) < 0) return fail(result, DL_ERR_SEND);
+  const int rc = dl_recv_reply(session, reply, {ftp_transfer_complete});
+  if (rc == DL_ERR_FTP_REPLY)
+    note_cause(DL_CAUSE_FTP_REPLY, ftp_reply_code(reply.line()).value_or(0), reply.line());
+  if (rc < 0) return fail(result, DL_ERR_SEND);
   say_goodbye(session);
   return 0;
 }

@@ -85,6 +85,7 @@ enum dl_cause {
   DL_CAUSE_NOT_HTTP = 15, /**< the answer is not HTTP */
   DL_CAUSE_NO_REPLY = 16, /**< an FTP server closed the connection without a whole reply */
   DL_CAUSE_LONG_REPLY = 27, /**< an FTP server's reply has too long a line or too many lines */
+  DL_CAUSE_FTP_REPLY = 28,  /**< an FTP server did not confirm an upload [its reply's code; text: the reply] */
   DL_CAUSE_FILE_CUT = 17,   /**< an FTP data connection ended before the whole file had come */
   DL_CAUSE_NO_TARGET = 18,  /**< a redirect without "Location" */
   DL_CAUSE_CHALLENGE = 19,  /**< a challenge that cannot be answered: not of a kind that is supported */

@@ -138,7 +138,10 @@ int windowed_transfer::negotiate() {
   while (!is_settled_) {
     tftp_packet packet;
     const heard outcome = receive_or_repeat(packet);
-    if (outcome == heard::silence) return begins_.opcode == tftp_opcode::rrq ? DL_ERR_NOT_TFTP : DL_ERR_READ;
+    if (outcome == heard::silence) {
+      note_symptom(DL_CAUSE_WAIT);
+      return begins_.opcode == tftp_opcode::rrq ? DL_ERR_NOT_TFTP : DL_ERR_READ;
+    }
     if (outcome == heard::unsaid) return unsaid_;
     const int rc = outcome == heard::failure ? refused(DL_ERR_READ) : take_answer(packet, is_settled_);
     if (rc < 0) return rc;
