@@ -9,6 +9,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <charconv>
 #include <iterator>
 #include <span>
 
@@ -133,6 +134,10 @@ std::string file_cut_words(const dl_cause_info&) {
   return "the connection ended before the whole file had come";
 }
 
+std::string reply_words_of(const dl_cause_info& cause) {
+  return "the server answered " + printable(cause.text);
+}
+
 std::string header_cut_words(const dl_cause_info&) {
   return "the server's answer ends inside its header";
 }
@@ -170,7 +175,7 @@ constexpr cause_entry causes[] = {
     {DL_CAUSE_TRUSTED_CAS, connecting, ca_words, exit_tls},
     {DL_CAUSE_CLIENT_CERT, connecting, certificate_words, exit_tls},
     {DL_CAUSE_CLIENT_KEY, connecting, key_words, exit_tls},
-    {DL_CAUSE_HANDSHAKE_ENDED, connecting, handshake_words, exit_tls, limits::by_errno},
+    {DL_CAUSE_HANDSHAKE_ENDED, connecting, handshake_words, exit_tls, limits::by_errno, outlook::may_pass},
     {DL_CAUSE_CHAIN, connecting, chain_words, exit_tls},
     {DL_CAUSE_SERVER_NAME, connecting, server_name_words, exit_tls},
     {DL_CAUSE_TLS, connecting | talking, tls_words, exit_tls},
@@ -182,6 +187,7 @@ constexpr cause_entry causes[] = {
     {DL_CAUSE_NOT_HTTP, talking, no_http_words, exit_protocol},
     {DL_CAUSE_NO_REPLY, talking, no_reply_words, exit_protocol, limits::none, outlook::may_pass},
     {DL_CAUSE_LONG_REPLY, talking, long_reply_words, exit_protocol},
+    {DL_CAUSE_FTP_REPLY, talking, reply_words_of, exit_protocol},
     {DL_CAUSE_FILE_CUT, talking, file_cut_words, exit_protocol, limits::none, outlook::may_pass},
     {DL_CAUSE_HEADER_CUT, talking, header_cut_words, exit_protocol, limits::none, outlook::may_pass},
     {DL_CAUSE_NO_TARGET, talking, no_target_words, exit_protocol},
@@ -189,11 +195,25 @@ constexpr cause_entry causes[] = {
     {DL_CAUSE_TFTP_ERROR, talking, tftp_words, exit_refused},
 };
 
+// An FTP reply, or in its place what the library says of the limit. A reply that begins with 4 is for now only.
+verdict reply_verdict(std::string_view line) {
+  if (line.starts_with("exceed max")) return {"", exit_too_large};
+  if (line.starts_with("530")) return {"", exit_login};
+  if (line.starts_with("4")) return {"", exit_refused, outlook::may_pass};
+  return {"", line.starts_with("5") ? exit_refused : exit_protocol};
+}
+
 verdict verdict_on(const cause_entry& entry, const dl_cause_info& cause) {
   const bool timed = entry.by_number != limits::none && is_time_out(cause.number) &&
                      (cause.number != 0 || entry.by_number == limits::zero_too);
   if (timed) return {entry.words(cause), exit_timeout, outlook::may_pass};
-  return {entry.words(cause), entry.status, entry.later};
+  verdict told = {entry.words(cause), entry.status, entry.later};
+  if (entry.cause == DL_CAUSE_FTP_REPLY) {
+    const verdict by_reply = reply_verdict(cause.text);
+    told.status = by_reply.status;
+    told.later = by_reply.later;
+  }
+  return told;
 }
 
 // The library's last cause when it belongs to one of the steps.
@@ -290,14 +310,6 @@ verdict status_verdict(const location& where, int status) {
           passes ? outlook::may_pass : outlook::stays};
 }
 
-// An FTP reply, or in its place what the library says of the limit. A reply that begins with 4 is for now only.
-verdict reply_verdict(std::string_view line) {
-  if (line.starts_with("exceed max")) return {"", exit_too_large};
-  if (line.starts_with("530")) return {"", exit_login};
-  if (line.starts_with("4")) return {"", exit_refused, outlook::may_pass};
-  return {"", line.starts_with("5") ? exit_refused : exit_protocol};
-}
-
 // The cause of what a call that returned `code` failed in. DL_ERR_HOST also stands for a connection that broke.
 std::optional<verdict> cause_of(int code) {
   switch (code) {
@@ -365,8 +377,13 @@ verdict code_verdict(const dl_result& result) {
   return told;
 }
 
+// How often the library has repeated itself, and waited, until it gave up is its own affair.
+bool is_tftp_silence(const location& where) {
+  const auto trouble = where.kind == scheme::tftp ? connection_trouble() : std::nullopt;
+  return trouble && trouble->status == exit_timeout;
+}
+
 verdict transfer_verdict(const location& where, const credentials& login, const dl_result& result) {
-  constexpr std::uint32_t least_tftp_wait_s = 3;
   if (result.code >= 100 && !is_about_login(where, result)) return status_verdict(where, result.code);
   std::optional<verdict> known;
   if (result.code == DL_ERR_REDIRECTS && login.is_for_one_host()) {
@@ -374,10 +391,8 @@ verdict transfer_verdict(const location& where, const credentials& login, const 
              exit_refused};
   } else if (is_about_login(where, result)) {
     known = {login_words(login, result.code), exit_login};
-  } else if (result.code == DL_ERR_NOT_TFTP) {
-    const std::uint32_t limit_s = std::max(wait_limit_s(), least_tftp_wait_s);
-    known = {"no TFTP server answered within " + std::to_string(limit_s) + " s", exit_timeout,
-             outlook::may_pass};
+  } else if (result.code == DL_ERR_NOT_TFTP || is_tftp_silence(where)) {
+    known = {"no TFTP server answered in time", exit_timeout, outlook::may_pass};
   } else if (result.code != DL_ERR_FTP_REPLY) {  // which the reply explains
     known = cause_of(result.code);
   }
@@ -412,11 +427,20 @@ std::optional<verdict> connection_trouble() {
   return cause_in(talking);
 }
 
+int ftp_reply_number(const dl_result& result) {
+  dl_cause_info cause = {};
+  if (result.code >= 100) return result.code;
+  if (dl_last_cause(&cause) == DL_CAUSE_FTP_REPLY) return cause.number;
+  int number = 0;
+  if (result.code == DL_ERR_FTP_REPLY) std::from_chars(result.message, result.message + 3, number);
+  return number;
+}
+
 failure failed_transfer(const location& where, const credentials& login, const dl_result& result) {
   const verdict told = transfer_verdict(where, login, result);
-  std::string message = printable(where.url) + ": " + told.words;
+  std::string message = printable(where.shown) + ": " + told.words;
   if (!where.has_scheme) {
-    message += "; a URL without a scheme means TFTP, did you mean http://" + printable(where.url) + "?";
+    message += "; a URL without a scheme means TFTP, did you mean http://" + printable(where.shown) + "?";
   }
   return failure(result.code, message, told.status, told.later);
 }

@@ -27,6 +27,9 @@ struct verdict {
 // What went wrong on the connection, if anything. An alert that ends TLS in mid-body reads like the body's end.
 std::optional<verdict> connection_trouble();
 
+// The reply of an FTP server that a failed call of FTP tells of; 0 when it tells of none.
+int ftp_reply_number(const dl_result& result);
+
 // The failure of a library call that moves `where`.
 failure failed_transfer(const location& where, const credentials& login, const dl_result& result);
 

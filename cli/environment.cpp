@@ -35,7 +35,7 @@ bool is_excepted(const location& where, std::string entry) {
   if (entry == "*") return true;
   const std::size_t colon = entry.find(':') == entry.rfind(':') ? entry.find(':') : entry.npos;
   const std::string usual_port = where.kind == scheme::https ? "443" : "80";
-  const std::string port = where.port.empty() ? usual_port : where.port;
+  const std::string port = where.port.value_or(usual_port);
   if (colon != entry.npos && entry.substr(colon + 1) != port) return false;
   entry.resize(colon == entry.npos ? entry.size() : colon);
   if (entry.starts_with('.')) entry.erase(0, 1);

@@ -2,6 +2,7 @@
 // get.cpp: "fetchrig get", downloading files.
 #include <stdio.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -51,10 +52,13 @@ std::string output_name(const get_options& options, const location& where) {
   const std::string& output = options.output.value_or("./");
   if (output.empty())
     throw usage_error("-o takes the name of a file, a directory with \"/\" at its end, or \"-\"");
+  struct stat status;
+  if (output.back() != '/' && stat(output.c_str(), &status) == 0 && S_ISDIR(status.st_mode))
+    throw usage_error(printable(output) + " is a directory; for a file in it end it in \"/\"");
   if (output.back() != '/') return output;
   const std::string name = saved_name(where);
   if (name.empty()) throw usage_error("the URL names no file; say where with -o FILE");
-  return options.output ? output + name : name;
+  return options.output || name == "-" ? output + name : name;
 }
 
 void check_url(const get_options& options, const location& where) {
@@ -68,18 +72,26 @@ void check_url(const get_options& options, const location& where) {
   check_proxy(options.transfer, where);
 }
 
+// Whether data there would come among the answers on standard output, by whatever name. A device takes both, unless it
+// is a terminal.
+bool is_where_answers_go(const std::string& name) {
+  struct stat there, answers;
+  if (name == "-") return true;
+  if (stat(name.c_str(), &there) != 0 || fstat(STDOUT_FILENO, &answers) != 0) return false;
+  if (S_ISCHR(answers.st_mode) && isatty(STDOUT_FILENO) != 1) return false;
+  return there.st_dev == answers.st_dev && there.st_ino == answers.st_ino;
+}
+
 void check_options(const get_options& options) {
-  const bool to_stdout = options.output == "-" || options.output == "/dev/stdout";
-  if (options.transfer.json && to_stdout) throw usage_error("--json and -o - both need standard output");
   const bool can_go_on = !options.transfer.connection.classic && dl_set_extra(DL_EXTRA_RESUME, 1) == 0;
   if (options.goes_on && !can_go_on) throw usage_error("--continue is one of the extras, which are off");
   if (options.urls.size() > 1 && !options.sha256.empty()) throw usage_error("--sha256 is for one URL");
 }
 
-// Whether a second file would take the first one's place; devices and pipes take both.
-bool is_file_name(const std::string& name) {
+// Whether a second file would take the first one's place; descriptors, devices and pipes take both.
+bool takes_one_file(const download& to) {
   struct stat status;
-  return name != "-" && (stat(name.c_str(), &status) != 0 || S_ISREG(status.st_mode));
+  return !to.file->is_descriptor() && (stat(to.name.c_str(), &status) != 0 || S_ISREG(status.st_mode));
 }
 
 // Everything that can be wrong with the call, before anything is done.
@@ -89,12 +101,14 @@ std::vector<download> planned(const get_options& options) {
   check_options(options);
   for (const std::string& url : options.urls) {
     location where = parse_location(url);
-    std::string name = output_name(options, where);
+    const std::string name = output_name(options, where);
     check_url(options, where);
-    if (!names.insert(name).second && is_file_name(name))
+    if (options.transfer.json && is_where_answers_go(name))
+      throw usage_error("--json and " + (name == "-" ? "-o -" : printable(name)) +
+                        " both need standard output");
+    plan.push_back({std::move(where), name, std::make_unique<output_file>(name)});
+    if (!names.insert(name).second && takes_one_file(plan.back()))
       throw usage_error("two URLs go to the file " + printable(name));
-    auto file = std::make_unique<output_file>(name);
-    plan.push_back({std::move(where), std::move(name), std::move(file)});
   }
   return plan;
 }
@@ -115,7 +129,8 @@ class body_copy {
   }
 
   void run(progress_meter& meter) {
-    if (announced_ && *announced_ > limit_) throw too_large(to_.where.url, limit_, "the file is larger than");
+    if (announced_ && *announced_ > limit_)
+      throw too_large(to_.where.shown, limit_, "the file is larger than");
     std::vector<char> buffer(copy_buffer_bytes);
     std::size_t wanted = meter.draws() ? least_read_bytes : buffer.size();
     for (;;) {
@@ -141,7 +156,7 @@ class body_copy {
   }
   void take(std::span<const char> bytes) {
     told_.bytes += bytes.size();
-    if (told_.bytes > limit_) throw too_large(to_.where.url, limit_, "the file is larger than");
+    if (told_.bytes > limit_) throw too_large(to_.where.shown, limit_, "the file is larger than");
     if (to_.file->is_direct()) told_.repeatable = false;
     to_.file->write(bytes);
     if (digest_) digest_->add(bytes);
@@ -149,13 +164,13 @@ class body_copy {
   void check_end() const {
     if (announced_ && told_.bytes < *announced_) {
       throw failure(DL_ERR_READ,
-                    printable(to_.where.url) + ": the connection ended after " + std::to_string(told_.bytes) +
-                        " of " + std::to_string(*announced_) + " bytes",
+                    printable(to_.where.shown) + ": the connection ended after " +
+                        std::to_string(told_.bytes) + " of " + std::to_string(*announced_) + " bytes",
                     exit_protocol, outlook::may_pass);
     }
     // The library stops such a body at the limit, where a longer one would look the same.
     if (from_.ends_at_limit() && told_.bytes == limit_)
-      throw too_large(to_.where.url, limit_, "the server announced no length and the file reaches");
+      throw too_large(to_.where.shown, limit_, "the server announced no length and the file reaches");
   }
 
   source& from_;
@@ -204,7 +219,8 @@ void fetch_rest(const get_options& options, const download& to, const source_req
     told.summary = printable(to.name) + ": " + meter.summary();
   }
   told.bytes = file.size_bytes();
-  if (!options.sha256.empty()) check_digest(options.sha256, sha256::of_file(file.path()), request.where.url);
+  if (!options.sha256.empty())
+    check_digest(options.sha256, sha256::of_file(file.path()), request.where.shown);
   to.file->take(file.take());
   put_in_place(options, to, told.server);
 }
@@ -226,9 +242,9 @@ void fetch(const get_options& options, const download& to, const location& where
     progress_meter meter(wanted, from->announced_bytes());
     copy.run(meter);
     if (!to.file->is_terminal())
-      told.summary = printable(to.name == "-" ? where.url : to.name) + ": " + meter.summary();
+      told.summary = printable(to.name == "-" ? where.shown : to.name) + ": " + meter.summary();
   }
-  if (!options.sha256.empty()) check_digest(options.sha256, copy.sha256_hex(), where.url);
+  if (!options.sha256.empty()) check_digest(options.sha256, copy.sha256_hex(), where.shown);
   put_in_place(options, to, told.server);
 }
 

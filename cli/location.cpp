@@ -5,6 +5,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <charconv>
 
 #include "report.h"
 
@@ -25,13 +26,16 @@ constexpr scheme_prefix prefixes[] = {
 // The length of the scheme's prefix; a URL without "://" is a TFTP one and has none.
 std::size_t take_scheme(std::string_view url, scheme& kind) {
   kind = scheme::tftp;
-  if (url.find("://") == url.npos) return 0;
+  const bool has_scheme = url.find("://") != url.npos;
   for (const scheme_prefix& prefix : prefixes) {
-    if (url.size() < prefix.text.size()) continue;
-    if (strncasecmp(url.data(), prefix.text.data(), prefix.text.size()) != 0) continue;
+    const std::string_view wanted = has_scheme ? prefix.text : prefix.text.substr(0, prefix.text.size() - 1);
+    if (url.size() < wanted.size() || strncasecmp(url.data(), wanted.data(), wanted.size()) != 0) continue;
+    if (!has_scheme)
+      throw usage_error("two slashes stand behind " + std::string(wanted.data(), wanted.size() - 1));
     kind = prefix.kind;
     return prefix.text.size();
   }
+  if (!has_scheme) return 0;
   throw usage_error("only http, https, ftp, ftpes and tftp URLs are supported");
 }
 
@@ -84,16 +88,26 @@ location parse_location(std::string_view url) {
   std::string_view authority = rest.substr(0, authority_len);
   rest.remove_prefix(authority_len);
   take_credentials(authority, where);
-  if (authority.empty()) throw usage_error("the URL names no host");
-
   take_host(authority, where);
+  if (where.host.empty()) throw usage_error("the URL names no host");
 
   std::string tail(rest);
   if (tail.empty() || tail.front() != '/') tail.insert(0, 1, '/');
-  where.path = tail.substr(0, tail.find_first_of("?#"));
-  if (!where.is_http()) tail = where.path = decoded_path(where.path);
+  where.path = where.is_http() ? tail.substr(0, tail.find('?')) : decoded_path(tail);
+  if (!where.is_http()) tail = where.path;
   where.url.append(prefix).append(authority).append(tail);
+  where.shown =
+      where.is_http() ? where.url : std::string(url.substr(0, prefix_len)).append(authority).append(rest);
   return where;
+}
+
+bool has_usable_address(const location& where) {
+  constexpr unsigned max_port = 65535;
+  unsigned number = 0;
+  const std::string port = where.port.value_or("0");
+  const auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), number);
+  const bool whole = error == std::errc() && end == port.data() + port.size() && number <= max_port;
+  return whole && where.host.find_first_of("[]") == where.host.npos;
 }
 
 std::string last_part(std::string_view path) {

@@ -18,9 +18,10 @@ struct location {
   bool is_secured = false;  // ftpes: FTP under TLS
   std::string
       url;  // without credentials; HTTP: without the fragment; FTP and TFTP: with a decoded path; ftpes as ftp
-  std::string host;  // without port and brackets
-  std::string port;  // as typed, or empty
-  std::string path;  // from the first "/", without query and fragment; "/" when the URL has none
+  std::string shown;                // as typed, without credentials; HTTP: the same as `url`
+  std::string host;                 // without port and brackets
+  std::optional<std::string> port;  // as typed
+  std::string path;  // from the first "/"; HTTP: without query and fragment; "/" when the URL has none
   std::optional<std::string> user;
   std::optional<std::string> password;
 
@@ -30,6 +31,9 @@ struct location {
 // Takes `url` apart; credentials are taken as they stand, without decoding. Throws usage_error for an empty
 // URL, control characters and schemes the library does not know.
 location parse_location(std::string_view url);
+
+// Whether host and port are fit for a connection.
+bool has_usable_address(const location& where);
 
 // The part of `path` after its last "/", which may be empty.
 std::string last_part(std::string_view path);

@@ -335,6 +335,10 @@ bool extras_are_on() {
   return dl_get_extra(DL_EXTRA_WHOLE_BODIES) != 0;
 }
 
+bool ipv6_is_allowed() {
+  return locked([](const dl_config& config) { return config.ipv6_enable; }) != 0;
+}
+
 std::uint64_t size_limit_bytes() {
   if (large_size_limit_bytes != 0) return large_size_limit_bytes;
   return locked([](const dl_config& config) { return config.max_file_size; });

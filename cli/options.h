@@ -78,6 +78,7 @@ void take_key_passphrase();
 
 // What is in force: the library's extras, the limits of sizes, waits and redirects, the directories of trusted CAs.
 bool extras_are_on();
+bool ipv6_is_allowed();
 std::uint64_t size_limit_bytes();
 std::uint32_t wait_limit_s();
 std::uint32_t redirect_limit();

@@ -120,7 +120,9 @@ void output_file::open() {
   if (fd_ >= 0) return;
   struct stat status;
   const bool exists = stat(path_.c_str(), &status) == 0;
-  if (exists && S_ISDIR(status.st_mode)) throw usage_error(printable(path_) + " is a directory");
+  if (!exists && errno != ENOENT)
+    fail("cannot be created");  // a name that is too long, a file for a directory
+  if (exists && S_ISDIR(status.st_mode)) throw failed_file(printable(path_) + " is a directory");
   if (exists && !S_ISREG(status.st_mode)) return open_directly();
   if (exists) path_ = follow_links(path_);
   replace(exists ? &status : nullptr);

@@ -30,8 +30,7 @@ class output_file {
   output_file& operator=(const output_file&) = delete;
   ~output_file();
 
-  // Comes before all that follows. Throws usage_error when the path is a directory, failure
-  // when nothing can be created there.
+  // Comes before all that follows. Throws failure when nothing can be created there.
   void open();
   // In place of open() and write(): `whole` is all of the file, and beside it.
   void take(temporary_path whole);
@@ -46,6 +45,8 @@ class output_file {
   void commit(name_use use);
   // Seconds since 1970, for a file.
   void set_modification_time(std::int64_t seconds);
+  // A descriptor of the caller's, before commit(): what is written goes behind what is there.
+  bool is_descriptor() const { return held_; }
   // What is written is gone: to a descriptor, a device, a pipe.
   bool is_direct() const { return !partial_ && !in_place_; }
   // True when the bytes show on a terminal.

@@ -183,7 +183,7 @@ std::string remote_name(const put_options& options, const location& where) {
 }
 
 void put_named(const put_options& options, const std::string& file, const location& where,
-               const credentials& login) {
+               const credentials& login, server_facts& told) {
   const std::string name = remote_name(options, where);
   const dl_request request = {where.url.c_str(), login.user(), login.password(), nullptr};
   const std::int32_t mode = options.append ? DL_FTP_APPEND : DL_FTP_STORE;
@@ -192,6 +192,7 @@ void put_named(const put_options& options, const std::string& file, const locati
   dl_result result = {};
   if (dl_upload(&request, file.c_str(), name.c_str(), redirect.data(), &result, nullptr, mode, when_full) !=
       0) {
+    told.status = ftp_reply_number(result);
     throw failed_transfer(where, login, result);
   }
 }
@@ -203,7 +204,7 @@ void send(const put_options& options, const upload_file& file, const location& w
   if (where.is_http()) {
     put_http(options, file.path, where, login, told.server);
   } else {
-    put_named(options, file.path, where, login);
+    put_named(options, file.path, where, login, told.server);
   }
   meter.add(file.size_bytes);
   told.bytes = file.size_bytes;

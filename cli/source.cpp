@@ -2,6 +2,7 @@
 // source.cpp: opening and reading downloads through the library.
 #include "source.h"
 
+#include <string.h>
 #include <time.h>
 
 #include <algorithm>
@@ -74,7 +75,7 @@ class http_source : public source {
  private:
   void check_end() const;
   failure cut_short(const verdict& how) const {
-    return failure(DL_ERR_READ, printable(where_.url) + ": " + how.words + " (code -8)", how.status,
+    return failure(DL_ERR_READ, printable(where_.shown) + ": " + how.words + " (code -8)", how.status,
                    how.later);
   }
   failure cut_short(const char* how) const { return cut_short({how, exit_protocol, outlook::may_pass}); }
@@ -101,6 +102,11 @@ dl_http_request library_request(const source_request& request) {
 }
 
 constexpr std::uint32_t xsi_authentication_type = 2;
+constexpr int status_partial = 206;
+
+bool asks_for_part(const source_request& request) {
+  return strcasestr(("\n" + request.headers).c_str(), "\nrange:") != nullptr;
+}
 
 http_source::http_source(const source_request& request, server_facts& told)
     : where_(request.where), login_(request.login) {
@@ -117,6 +123,10 @@ http_source::http_source(const source_request& request, server_facts& told)
   session_.reset(session);
 
   const int status = dl_http_get_status(session_.get());
+  if (status == status_partial && !asks_for_part(request)) {
+    throw failure(status, printable(where_.shown) + ": the server answered 206, a part that nobody asked for",
+                  exit_protocol);
+  }
   if (!is_http_success(status)) {
     result.code = status;
     throw failed_transfer(where_, login_, result);
@@ -163,7 +173,7 @@ void http_source::check_end() const {
 
 class handle_source : public source {
  public:
-  explicit handle_source(const source_request& request);
+  handle_source(const source_request& request, server_facts& told);
   std::size_t read(std::span<char> buffer) override;
   std::optional<std::uint64_t> announced_bytes() const override { return announced_bytes_; }
 
@@ -174,20 +184,23 @@ class handle_source : public source {
   std::optional<std::uint64_t> announced_bytes_;
 };
 
-handle_source::handle_source(const source_request& request) : where_(request.where), login_(request.login) {
+handle_source::handle_source(const source_request& request, server_facts& told)
+    : where_(request.where), login_(request.login) {
   const dl_request transfer = {request.where.url.c_str(), request.login.user(), request.login.password(),
                                nullptr};
   redirect_buffer redirect = {};
   dl_result result = {};
   dl_handle* handle = nullptr;
-  if (dl_open(&transfer, &handle, redirect.data(), &result) != 0)
+  if (dl_open(&transfer, &handle, redirect.data(), &result) != 0) {
+    told.status = ftp_reply_number(result);
     throw failed_transfer(where_, login_, result);
+  }
   handle_.reset(handle);
   // An FTP session counts down from the size that the server told.
   if (handle_->proto == DL_PROTO_FTP) {
     announced_bytes_ = static_cast<const dl_ftp_session*>(handle_->session)->remaining;
     if (dl_last_cause(nullptr) == DL_CAUSE_TOO_LARGE) {
-      throw failure(DL_ERR_READ, printable(where_.url) + ": the file has 4 GiB or more (code -8)",
+      throw failure(DL_ERR_READ, printable(where_.shown) + ": the file has 4 GiB or more (code -8)",
                     exit_too_large);
     }
   }
@@ -222,7 +235,8 @@ dl_result download_to_file(const source_request& request, const std::string& pat
                                nullptr};
   redirect_buffer redirect = {};
   dl_result result = {};
-  dl_download(&transfer, path.c_str(), redirect.data(), &result);
+  if (dl_download(&transfer, path.c_str(), redirect.data(), &result) != 0)
+    told.status = ftp_reply_number(result);
   return result;
 }
 
@@ -232,7 +246,7 @@ bool is_http_success(int status) {
 
 std::unique_ptr<source> open_source(const source_request& request, server_facts& told) {
   if (request.where.is_http()) return std::make_unique<http_source>(request, told);
-  return std::make_unique<handle_source>(request);
+  return std::make_unique<handle_source>(request, told);
 }
 
 }  // namespace fetchrig::cli

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <optional>
 #include <random>
 #include <thread>
 
@@ -20,6 +21,14 @@ namespace fetchrig::cli {
 namespace {
 
 constexpr double longest_wait_s = 300;
+
+// Who asks for a login: the server that the URL names, or the one that it redirected to. Nothing when that one's URL is
+// none that the command would take.
+std::optional<location> asking_server(const location& where, const server_facts& server) try {
+  return server.final_url.empty() ? where : parse_location(server.final_url);
+} catch (const usage_error&) {
+  return std::nullopt;
+}
 
 // A login of ~/.netrc must not go to whom its host redirects to.
 void limit_redirects(const credentials& login, std::uint32_t usual) {
@@ -57,12 +66,12 @@ class transfer {
       attempt_once_(where_, login_, told);
     } catch (const failure& why) {
       if (why.status() != exit_login || login_.user() || !where_.is_http() || options_.no_env) throw;
-      const location asking = told.server.final_url.empty() ? where_ : parse_location(told.server.final_url);
-      auto found = environment_login(asking, std::nullopt);
+      const auto asking = asking_server(where_, told.server);
+      auto found = asking ? environment_login(*asking, std::nullopt) : std::nullopt;
       if (!found) throw;
       const credentials host_login(std::move(*found));
       limit_redirects(host_login, usual_redirects_);
-      attempt_once_(asking, host_login, told);
+      attempt_once_(*asking, host_login, told);
     }
   }
 
@@ -87,12 +96,23 @@ class transfer {
   const std::uint32_t usual_redirects_ = redirect_limit();
 };
 
+// What the calls for FTP and TFTP refuse, as those for HTTP tell it.
+void check_address(const location& where) {
+  if (where.is_http()) return;
+  if (!has_usable_address(where))
+    throw failure(DL_ERR_URL, printable(where.shown) + ": the host or the port is wrong (code -9)",
+                  exit_usage);
+  if (where.host.find(':') != where.host.npos && !ipv6_is_allowed())
+    throw failure(DL_ERR_IPV6_DISABLED, printable(where.shown) + ": an IPv6 address needs --ipv6 (code -13)",
+                  exit_usage);
+}
+
 nlohmann::ordered_json outcome_json(const location& where, const outcome& told, double seconds) {
   nlohmann::ordered_json json = {{"ok", true}, {"code", 0}, {"message", ""}, {"exit", exit_done}};
   json["status"] = nullptr;
   if (told.server.status != 0) json["status"] = told.server.status;
-  json["url"] = where.url;
-  json["final_url"] = told.server.final_url.empty() ? where.url : told.server.final_url;
+  json["url"] = where.shown;
+  json["final_url"] = told.server.final_url.empty() ? where.shown : told.server.final_url;
   json["file"] = told.file;
   json["bytes"] = told.bytes;
   json["seconds"] = std::round(seconds * 1000) / 1000;
@@ -119,6 +139,7 @@ int run_transfer(const location& where, const transfer_options& options, outcome
   };
   try {
     const auto trusted_cas = configure(options, where);
+    check_address(where);
     transfer(where, options, attempt_once).run(told);
     if (options.json) print_json_line(json_now());
     if (!options.quiet && somebody_watches() && !told.summary.empty()) tell(told.summary);
@@ -127,8 +148,6 @@ int run_transfer(const location& where, const transfer_options& options, outcome
     const std::string words = failure_words(why, where, options);
     auto json = json_now();
     json.update({{"ok", false}, {"code", why.code()}, {"message", words}, {"exit", why.status()}});
-    // An FTP reply in place of a library's code.
-    if (told.server.status == 0 && why.code() >= 100) json["status"] = why.code();
     if (options.json) print_json_line(json);
     tell(words);
     return why.status();

@@ -173,6 +173,22 @@ def chunked(body):
     return [ASK, response(headers="Transfer-Encoding: chunked\r\n", body=body)]
 
 
+def ftp_store(verdict):
+    """A script: an FTP server that takes a file and says this of it."""
+    data = socket.create_server(("127.0.0.1", 0))
+    port = data.getsockname()[1]
+
+    def take(_):
+        with data.accept()[0] as sender:
+            while sender.recv(65536):
+                pass
+
+    steps = {b"USER": b"331", b"PASS": b"230", b"TYPE": b"200",
+             b"PASV": b"227 (127,0,0,1,%d,%d)" % divmod(port, 256), b"SIZE": b"550", b"STOR": b"150"}
+    talk = [step for word, reply in steps.items() for step in (until(word), reply + b" x\r\n")]
+    return [b"220 hi\r\n", *talk, take, verdict, stall]
+
+
 def tls_server(certificate, ca_file=None, oldest=ssl.TLSVersion.TLSv1_2):
     """How a scripted server talks TLS; with `ca_file` it wants a client certificate."""
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)

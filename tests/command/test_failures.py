@@ -12,10 +12,13 @@ HELLO = b"220 hi\r\n"
 
 
 @pytest.mark.parametrize("line, script, status, told", [
+    ("get ftp://127.0.0.1:99999/x", [], 2, "ftp://127.0.0.1:99999/x: the host or the port is wrong (code -9)"),
+    ("get tftp://[::1]/x", [], 2, "--ipv6 (code -13)"),
     ("get http://127.0.0.1:1/x", [], 3, "connection refused"),
     (f"get --timeout 1 {HERE}", [ASK, stall], 4, "no answer within 1 s"),
     (f"get --timeout 1 {HERE}", sized(10, b"four") + [stall], 4, "no answer within 1 s (code -8)"),
-    ("get --timeout 1 {peer}/a", [], 4, "no TFTP server answered within ... did you mean http://"),
+    ("get --timeout 1 {peer}/a", [], 4, "no TFTP server answered in time ... did you mean http://"),
+    ("put --timeout 1 s.txt tftp://{peer}/a", [], 4, "no TFTP server answered in time (code -8)"),
     ("get https://{peer}/a", [b"SSH-2.0-x\r\n"], 5, "TLS failed: wrong version number, is there a TLS server?"),
     (f"get {HERE}", [ASK, CHALLENGE], 6, "login needed"),
     ("put --user u --password p s.txt {ftp_login}/x", [], 6, "does not take this user name and password (code -19)"),
@@ -33,9 +36,11 @@ HELLO = b"220 hi\r\n"
     (f"get --max-size 5G {HERE}", sized(5 * 2**30 + 1, b""), 8, "larger than the limit of 5368709120 bytes"),
     (f"put --max-size 1 s.txt {HERE}", [], 8, "larger"),
     (f"put --max-size 1 - {HERE}", [], 8, "larger"),
+    ("get http://{peer}/d", sized(2, b"ok"), 9, "d is a directory"),
     (f"get -o missing/x {HERE}", sized(2, b"ok"), 9, "missing/x ... No such file"),
     (f"put missing {HERE}", [], 9, "missing: No such file"),
     (f"put /tmp {HERE}", [], 9, "not a regular file"),
+    (f"get {HERE}", [ASK, response("206 Part", "Content-Length: 2\r\n", b"ok")], 10, "206"),
     (f"get {HERE}", [ASK, b"SSH-2.0\r\n"], 10, "not HTTP (code -5)"),
     (f"get {HERE}", [ASK], 10, "closed the connection without an answer (code -5)"),
     (f"get {HERE}", [ASK, b"HTTP/1.1 200 OK\r\nContent-Le"], 10, "ends inside its header"),
@@ -51,6 +56,7 @@ HELLO = b"220 hi\r\n"
 def test_the_status_is_that_of_the_class_and_the_cause_is_named(fetchrig, peer, line, script, status, told):
     fetchrig.write("s.txt", "short")
     fetchrig.write("a", "old")
+    (fetchrig.work / "d").mkdir()
     ended = fetchrig.run(f"{line} --json", peer=peer(script).address)
     answer = json.loads(ended.stdout)
     assert (ended.returncode, answer["exit"], answer["ok"]) == (status, status, False), ended

@@ -37,7 +37,7 @@ def test_a_link_stays_and_its_target_keeps_owner_and_mode(fetchrig):
 
 @pytest.mark.parametrize("output, status, reason, shell", [
     (".", 2, "is a directory", ""), ("/dev/full", 9, "No space left", ""), ("long", 9, "too large", "ulimit -f 1; "),
-    ("/dev/fd/3", 9, "Bad file descriptor", "exec 3>&-; "),
+    ("/dev/fd/3", 9, "Bad file descriptor", "exec 3>&-; "), ("n" * 300, 9, "created: File name too long", ""),
 ])
 def test_places_that_take_no_file(fetchrig, output, status, reason, shell):
     fetchrig.fails(f"get -o {output} {{http}}/a.bin", output, reason, status=status, shell=shell + 'exec "$@"')
@@ -47,8 +47,8 @@ def test_places_that_take_no_file(fetchrig, output, status, reason, shell):
 @pytest.mark.parametrize("output", ["/dev/stdout", "through", "/dev/null"])
 def test_descriptors_and_devices_are_written_where_they_are(fetchrig, output):
     (fetchrig.work / "through").symlink_to("/proc/thread-self/fd/1")
-    fetchrig.done(f"get -o {output} {{http}}/a.bin", shell='exec >out; echo 1; exec "$@"')
-    written = b"" if output == "/dev/null" else CONTENT
+    fetchrig.done(f"get -o {output} {{http}}/a.bin {{http}}/a.bin", shell='exec >out; echo 1; exec "$@"')
+    written = b"" if output == "/dev/null" else CONTENT + CONTENT
     assert (fetchrig.work / "out").read_bytes() == b"1\n" + written
     assert (fetchrig.work / "through").is_symlink() and not os.path.isfile("/dev/null")
 

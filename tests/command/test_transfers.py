@@ -6,7 +6,7 @@ import os
 import re
 
 import pytest
-from conftest import ASK, CHALLENGE, CONTENT, CREATED, OK, arrived, brief, response, until
+from conftest import ASK, CHALLENGE, CONTENT, CREATED, OK, arrived, brief, ftp_store, response, until
 
 BUSY = response("503 Busy", "Content-Length: 0\r\n")
 GONE = response("404 Gone", "Content-Length: 0\r\n")
@@ -19,10 +19,11 @@ def test_answers_in_json(fetchrig, places):
         ended = fetchrig.run(f"{line} --json --ca-dir {{ca}}")
         return [json.loads(each) for each in ended.stdout.splitlines()]
 
-    came, refused = ask("get {http}/to-https/a.bin {http}/none")
+    came, refused, absent = ask("get {http}/to-https/a.bin {http}/none {ftp}/not%20there")
     assert (came["ok"], came["code"], came["status"], came["file"]) == (True, 0, 200, "a.bin")
     assert (came["bytes"], came["final_url"]) == (len(CONTENT), places["https"] + "/a.bin")
     assert came["seconds"] > 0 and (refused["ok"], refused["code"], refused["status"]) == (False, 404, 404)
+    assert (absent["code"], absent["status"], absent["url"]) == (-15, 550, places["ftp"] + "/not%20there")
     sent, = ask("put a.bin {http}/upload/j")
     assert (sent["ok"], sent["status"], sent["bytes"]) == (True, 201, len(CONTENT))
 
@@ -32,10 +33,13 @@ def test_answers_in_json(fetchrig, places):
     (f"get {HERE}", [[ASK, BUSY]], 7, 4),
     (f"get {HERE}", [[ASK, GONE]], 7, 1),
     (f"get {HERE}", [[ASK, CHALLENGE]], 6, 1),
+    (f"get {HERE}", [[ASK, response("302 F", "Location: /\x01\r\nContent-Length: 0\r\n")], [ASK, CHALLENGE]], 6, 2),
     (f"get -o missing/x {HERE}", [[ASK, OK]], 9, 1),
+    ("get https://{peer}/a", [[until(b"\x16")]], 5, 4),  # TLS is ended without a word
     (f"get -o - {HERE}", [[ASK, CUT]], 10, 1),  # what went to a pipe cannot be taken back
     ("get ftp://{peer}/a", [[b"421 later\r\n"], [b"500 no\r\n"]], 7, 2),
     (f"put - {HERE}", [[until(b"typed"), BUSY], [until(b"typed"), CREATED]], 0, 2),
+    ("put s.txt ftp://{peer}/a", [ftp_store(b"452 quota\r\n"), ftp_store(b"552 quota\r\n")], 7, 2),
     (f"put --method post s.txt {HERE}", [[until(b"--\r\n"), BUSY]], 7, 1),
 ])
 def test_what_may_pass_is_tried_again(fetchrig, peer, line, scripts, status, tries):
@@ -56,7 +60,7 @@ def test_waits_grow_and_are_random(fetchrig):
 
 @pytest.mark.parametrize("path, name", [
     ("a%20b%zz", "a b%zz"), ("x/%2e%2e%2fetc", "_._etc"), (".profile?q=%2f", "_profile"), ("%1B[2J%C2%9B", "_[2J__"),
-    ("gr%C3%BC%C3%9Fe", "grüße"),
+    ("gr%C3%BC%C3%9Fe", "grüße"), ("%2d", "-"),
 ])
 def test_saved_names_are_decoded_and_safe(fetchrig, peer, path, name):
     fetchrig.done(f"get http://{peer([ASK, OK]).address}/{path}")
@@ -71,6 +75,7 @@ def test_names_with_spaces_are_reached(fetchrig, places, scheme):
     (places.served / "with space").write_bytes(b"spaced")
     fetchrig.done(f"get {{{scheme}}}/with%20space")
     assert fetchrig.files()["with space"] == b"spaced"
+    fetchrig.fails(f"get '{{{scheme}}}/a.bin?'", '"?"', status=2)
     fetchrig.fails(f"get {{{scheme}}}/a%0d%0aDELE%20b", "control characters", status=2)
 
 

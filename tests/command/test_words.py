@@ -17,6 +17,7 @@ URL = "http://127.0.0.1:1/a"  # refused connections would end in 1
     (f"put a {URL} c", 'unexpected word "c"\n'), (f"get -o '' {URL}", "name of a file"),
     ("get http://127.0.0.1:1/..", "names no file"),
     ("get gopher://127.0.0.1/a", "only http, https, ftp, ftpes and tftp"), ("get http:///a", "no host"),
+    ("get http:/127.0.0.1/a", "two slashes"), (f"get --json -o /dev/fd/1 {URL}", "both need standard output"),
     ("get ftp://:secret@127.0.0.1/a", "no user name"),
     ("get 'http://127.0.0.1/a\r\nX: y'", "control characters"),
     (f"get --sha256 {'0' * 63} {URL}", "64 hexadecimal digits"),
