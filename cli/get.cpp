@@ -212,13 +212,14 @@ void fetch_rest(const get_options& options, const download& to, const source_req
   dl_set_extra(DL_EXTRA_RESUME, 1);
   continued_file file(place);
   {
-    progress_meter meter(options.transfer.wants_progress(), std::nullopt,
-                         [&file] { return file.received(); });
-    file.download(request, told.server);
-    meter.add(file.received());
+    progress_meter meter(options.transfer.wants_progress(), [&file] { return file.progress(); });
+    const auto came = file.download(request, told.server);
+    const position end = file.progress();
+    told.bytes = end.held_bytes + end.moved_bytes;
+    if (came.code != 0) throw file.failed(request, came);
+    meter.add(end.moved_bytes);
     told.summary = printable(to.name) + ": " + meter.summary();
   }
-  told.bytes = file.size_bytes();
   if (!options.sha256.empty())
     check_digest(options.sha256, sha256::of_file(file.path()), request.where.shown);
   to.file->take(file.take());

@@ -74,8 +74,12 @@ double speed_window::still_for_s() const {
   return (samples_.back().at - last_change_).count();
 }
 
-progress_meter::progress_meter(bool wanted, std::optional<std::uint64_t> expected_bytes, watch bytes_moved)
-    : expected_bytes_(expected_bytes), bytes_moved_(std::move(bytes_moved)) {
+progress_meter::progress_meter(bool wanted, std::optional<std::uint64_t> whole_bytes)
+    : progress_meter(wanted, [this, whole_bytes] {
+        return position{total_bytes_, 0, whole_bytes};
+      }) {}
+
+progress_meter::progress_meter(bool wanted, watch look) : look_(std::move(look)) {
   if (!wanted || !somebody_watches()) return;
   watch_signals();
   drawer_ = quiet_thread([this](const std::stop_token& stop) { run(stop); });
@@ -102,24 +106,25 @@ std::string progress_meter::summary() const {
 // Without memory for its line a transfer goes on without one.
 void progress_meter::run(const std::stop_token& stop) try {
   do {
-    const std::uint64_t total = bytes_moved_ ? bytes_moved_() : total_bytes_.load();
-    window_.add(clock::now() - start_, total);
-    draw_line(line(total));
+    const position now = look_();
+    window_.add(clock::now() - start_, now.moved_bytes);
+    draw_line(line(now));
     std::unique_lock asleep(sleep_);
     wake_.wait_for(asleep, stop, redraw_time, [] { return false; });
   } while (!stop.stop_requested());
 } catch (const std::bad_alloc&) {
 }
 
-std::string progress_meter::line(std::uint64_t total_bytes) const {
-  std::string text = readable_size(static_cast<double>(total_bytes));
-  if (expected_bytes_ && *expected_bytes_ > 0) text += share_of(total_bytes, *expected_bytes_);
+std::string progress_meter::line(const position& now) const {
+  const std::uint64_t there = now.held_bytes + now.moved_bytes, whole = now.whole_bytes.value_or(0);
+  std::string text = readable_size(static_cast<double>(there));
+  if (whole > 0) text += share_of(there, whole);
   if (window_.still_for_s() >= stall_s) return text + "  stalled for " + readable_time(window_.still_for_s());
   if (window_.length_s() < 1) return text;  // the first moments say little
   const double speed = window_.bytes_per_s();
   text += "  " + readable_size(speed) + "/s";
-  if (speed > 0 && expected_bytes_ && *expected_bytes_ > total_bytes)
-    text += "  " + readable_time(static_cast<double>(*expected_bytes_ - total_bytes) / speed) + " left";
+  if (speed > 0 && whole > there)
+    text += "  " + readable_time(static_cast<double>(whole - there) / speed) + " left";
   return text;
 }
 

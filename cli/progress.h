@@ -41,13 +41,21 @@ class speed_window {
   time last_change_{0};
 };
 
+// How far a transfer is.
+struct position {
+  std::uint64_t moved_bytes = 0;
+  std::uint64_t held_bytes = 0;              // those of an earlier transfer that this one goes on with
+  std::optional<std::uint64_t> whole_bytes;  // the length of all, when it is known
+};
+
 class progress_meter {
  public:
-  // Asked by the drawing thread for the bytes that have moved.
-  using watch = std::function<std::uint64_t()>;
+  using watch = std::function<position()>;
 
-  // `expected_bytes` is the whole length, when it is known. Without a `watch` the bytes are those of add().
-  progress_meter(bool wanted, std::optional<std::uint64_t> expected_bytes, watch bytes_moved = {});
+  // The bytes that move are those of add(), of so many when that is known.
+  progress_meter(bool wanted, std::optional<std::uint64_t> whole_bytes);
+  // The drawing thread asks `look`.
+  progress_meter(bool wanted, watch look);
   progress_meter(const progress_meter&) = delete;
   progress_meter& operator=(const progress_meter&) = delete;
   // Erases the line, so that what is told next starts in an empty one.
@@ -64,10 +72,9 @@ class progress_meter {
  private:
   using clock = std::chrono::steady_clock;
   void run(const std::stop_token& stop);
-  std::string line(std::uint64_t total_bytes) const;
+  std::string line(const position& now) const;
 
-  const std::optional<std::uint64_t> expected_bytes_;
-  const watch bytes_moved_;
+  const watch look_;
   const clock::time_point start_ = clock::now();
   std::atomic<std::uint64_t> total_bytes_ = 0;
   speed_window window_;  // the drawing thread's

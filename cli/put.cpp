@@ -199,8 +199,10 @@ void put_named(const put_options& options, const std::string& file, const locati
 
 void send(const put_options& options, const upload_file& file, const location& where,
           const credentials& login, outcome& told) {
-  progress_meter meter(options.transfer.wants_progress(), file.size_bytes,
-                       upload_watch(where.kind, file.path, file.size_bytes));
+  const upload_watch arrived(where.kind, file.path, file.size_bytes);
+  progress_meter meter(options.transfer.wants_progress(), [&] {
+    return position{arrived(), 0, file.size_bytes};
+  });
   if (where.is_http()) {
     put_http(options, file.path, where, login, told.server);
   } else {

@@ -80,12 +80,15 @@ def test_no_progress_is_shown_when_nobody_asks_or_the_file_is_shown(terminal, pe
     assert screen_and_status(terminal(f"get {options} http://{server.address}/a")) == (leaves, 0)
 
 
-def test_progress_on_a_terminal_tells_of_a_stall(fetchrig, terminal, peer):
+@pytest.mark.parametrize("options", ["", "--continue"])
+def test_progress_on_a_terminal_tells_of_a_stall(fetchrig, terminal, peer, options):
     seen = threading.Event()
     half = b"x" * (1 << 20)
+    fetchrig.write("a.fetchrig/whole.part", half)  # of another source, which does not count
+    fetchrig.write("a.fetchrig/whole.part.info", "fetchrig part 1\nurl x\nvalidator x\nsize 1\n")
     server = peer(sized(2 << 20, half) + [lambda _: seen.wait(LIMIT_S), half])
-    shown = terminal(f"get -o a http://{server.address}/a")
-    shown.expect(rb"\d% of 2\.0 MiB  stalled for 2 s")
+    shown = terminal(f"get {options} -o a http://{server.address}/a")
+    shown.expect(rb"50% of 2\.0 MiB  stalled for 2 s")
     seen.set()
     screen, status = screen_and_status(shown)
     assert status == 0 and b"a: 2.0 MiB in " in screen and (fetchrig.work / "a").read_bytes() == half + half
