@@ -429,7 +429,7 @@ class reader {
     } else if (of_call.contains(word)) {
       const auto [name, value] = word == "header" ? split(word + " " + rest, " = ") : std::pair(word, rest);
       const bool is_content = word == "file" && value != "none" && value != "special" && value != "kept";
-      into_.expected.told[name] = (is_content ? "=" : "") + bytes(value);
+      into_.expected.told[bytes(name)] = (is_content ? "=" : "") + bytes(value);
     } else if (const auto known = others.find(word); known != others.end()) {
       known->second(*this, rest);
     } else {
