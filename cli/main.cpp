@@ -16,6 +16,7 @@
 
 #include "commands.h"
 #include "completion.h"
+#include "config_file.h"
 #include "fetchrig.h"
 #include "help.h"
 #include "report.h"
@@ -50,29 +51,12 @@ const CLI::App& reached(const CLI::App& app) {
   return parsed.empty() ? app : reached(*parsed.front());
 }
 
-// The value of an option that was not typed comes from the configuration file.
-bool is_typed(std::string_view option, int argc, char** argv) {
-  return std::any_of(argv + 1, argv + argc, [&](std::string_view word) { return word.starts_with(option); });
-}
-
-// What is wrong with a value, and in which file when nobody typed it.
-std::string value_words(const CLI::App& app, const CLI::ParseError& error, int argc, char** argv) {
-  constexpr std::string_view unknown = "INI was not able to parse ";
-  std::string words = error.what();
-  const bool in_file = words.starts_with(unknown);
-  if (in_file) words = words.substr(unknown.size()) + " is not known";
-  const bool of_value = error.get_name() == "ValidationError" || error.get_name() == "ConversionError";
-  const std::size_t at = words.find("--");
-  const bool untyped =
-      of_value && at != words.npos &&
-      !is_typed(std::string_view(words).substr(at, words.find_first_of(": =", at) - at), argc, argv);
-  return in_file || untyped ? app["--config"]->as<std::string>() + ": " + words : words;
-}
-
 // A word that nobody takes explains an error better than what is missed in its place.
 int wrong_command_line(const CLI::App& app, const CLI::ParseError& error, int argc, char** argv) {
   const auto wrong = app.remaining(true);
-  if (wrong.empty()) return wrong_usage(value_words(app, error, argc, argv));
+  const bool of_value = error.get_name() != "RequiredError";
+  if (wrong.empty())
+    return wrong_usage(with_config_name(app, of_value ? nullptr : &reached(app), error.what(), argc, argv));
   const std::string word = first_wrong_word(wrong, argc, argv);
   const bool wants_subcommand = !reached(app).get_subcommands({}).empty();
   const char* kind = is_option(word)    ? "unknown option"
@@ -85,11 +69,11 @@ int wrong_command_line(const CLI::App& app, const CLI::ParseError& error, int ar
                      (is_general ? ", which stands before the subcommand" : ""));
 }
 
-int run_action(const action& chosen) {
+int run_action(const action& chosen, const CLI::App& app, int argc, char** argv) {
   try {
     return chosen();
   } catch (const usage_error& error) {
-    return wrong_usage(error.what());
+    return wrong_usage(with_config_name(app, &reached(app), error.what(), argc, argv));
   } catch (const failure& error) {
     tell(error.what());
     return error.status();
@@ -128,22 +112,6 @@ void fill_standard_descriptors() {
   }
 }
 
-// $XDG_CONFIG_HOME/fetchrig.conf, or where that directory is by default; empty when nobody is at home.
-std::string usual_config() {
-  const char* place = getenv("XDG_CONFIG_HOME");
-  if (place && *place) return std::string(place) + "/fetchrig.conf";
-  const char* home = getenv("HOME");
-  return home && *home ? std::string(home) + "/.config/fetchrig.conf" : "";
-}
-
-// The file has a section for each subcommand, [get] or [cert.list], and in it the long names of options. What stands
-// in none of them is a mistake that is told.
-void take_config(CLI::App& app) {
-  app.set_config("--config", usual_config(), "File with the defaults of options; comes before the subcommand")
-      ->type_name("FILE");
-  app.allow_config_extras(CLI::config_extras_mode::error);
-}
-
 int tell_completions(const CLI::App& app, int argc, char** argv) {
   for (const std::string& line : completions(app, {argv + 2, argv + argc})) puts(line.c_str());
   return exit_done;
@@ -159,7 +127,7 @@ int run_command_line(int argc, char** argv) {
   add_cert(app, chosen);
   add_ring(app, chosen);
   add_help_texts(app);
-  take_config(app);
+  take_config(app, argc, argv);
   if (argc > 1 && std::string_view(argv[1]) == completion_word) return tell_completions(app, argc, argv);
   try {
     app.parse(argc, argv);
@@ -167,9 +135,10 @@ int run_command_line(int argc, char** argv) {
     if (error.get_exit_code() == 0) return app.exit(error);  // --help, --version
     return wrong_command_line(app, error, argc, argv);
   } catch (const usage_error& error) {  // of an option's own reader
-    return wrong_usage(error.what());
+    return wrong_usage(with_config_name(app, nullptr, error.what(), argc, argv));
   }
-  return run_action(chosen);
+  if (const std::string fault = unread_config(app); !fault.empty()) return wrong_usage(fault);
+  return run_action(chosen, app, argc, argv);
 }
 
 }  // namespace
