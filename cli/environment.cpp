@@ -33,11 +33,15 @@ bool ends_alike(const std::string& text, const std::string& end) {
 // An entry of no_proxy: "*", a host, or a domain for all in it; with ":PORT" for that port alone.
 bool is_excepted(const location& where, std::string entry) {
   if (entry == "*") return true;
-  const std::size_t colon = entry.find(':') == entry.rfind(':') ? entry.find(':') : entry.npos;
+  const std::size_t close = entry.starts_with('[') ? entry.find(']') : entry.npos;
+  const bool bracketed = close != entry.npos;
+  std::size_t colon = entry.find(':', bracketed ? close : 0);
+  if (!bracketed && colon != entry.rfind(':')) colon = entry.npos;  // an IPv6 address
   const std::string usual_port = where.kind == scheme::https ? "443" : "80";
   const std::string port = where.port.value_or(usual_port);
   if (colon != entry.npos && entry.substr(colon + 1) != port) return false;
   entry.resize(colon == entry.npos ? entry.size() : colon);
+  if (bracketed) entry = entry.substr(1, close - 1);
   if (entry.starts_with('.')) entry.erase(0, 1);
   if (entry.empty()) return false;
   return strcasecmp(where.host.c_str(), entry.c_str()) == 0 || ends_alike(where.host, "." + entry);
@@ -47,7 +51,7 @@ bool is_excepted(const location& where, std::string entry) {
 std::string proxy_for_all() {
   const std::string lower = variable("all_proxy");
   const std::string proxy = lower.empty() ? variable("ALL_PROXY") : lower;
-  return proxy.find("://") == proxy.npos || proxy.starts_with("http://") ? proxy : "";
+  return proxy.find("://") == proxy.npos || strncasecmp(proxy.c_str(), "http://", 7) == 0 ? proxy : "";
 }
 
 bool goes_without_proxy(const location& where) {
@@ -63,6 +67,10 @@ bool goes_without_proxy(const location& where) {
 bool is_usable(const std::string& path) {
   struct stat status;
   if (stat(path.c_str(), &status) != 0) return false;
+  if (!S_ISREG(status.st_mode)) {
+    tell("warning: " + printable(path) + " is not used: it is no regular file");
+    return false;
+  }
   if (status.st_uid == geteuid() && (status.st_mode & 077) == 0) return true;
   tell("warning: " + printable(path) + " is not used: others have access to it (chmod 600 mends that)");
   return false;

@@ -252,7 +252,12 @@ void fetch(const get_options& options, const download& to, const location& where
 // With --no-clobber: a file that is there already is what was wanted, unless its digest says otherwise.
 bool is_there(const get_options& options, const download& to) {
   struct stat status;
-  if (!options.no_clobber || stat(to.name.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  if (!options.no_clobber) return false;
+  if (stat(to.name.c_str(), &status) != 0) {
+    if (lstat(to.name.c_str(), &status) == 0) throw failed_file(printable(to.name) + " is a link to nothing");
+    return false;
+  }
+  if (!S_ISREG(status.st_mode)) return false;
   if (!options.sha256.empty()) check_digest(options.sha256, sha256::of_file(to.name), to.name);
   return true;
 }

@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <iterator>
 #include <map>
 #include <sstream>
@@ -196,6 +197,21 @@ void set_extras(const transfer_options& options, const location& where) {
   need_extra(DL_EXTRA_TFTP_BLOCK_SIZE, options.tftp_block_size);
 }
 
+// A wrong one would read like a fault of the URL that is fetched.
+void check_proxy_url(const std::string& proxy) {
+  constexpr std::string_view prefix = "http://";
+  if (proxy.empty()) return;
+  if (strncasecmp(proxy.c_str(), prefix.data(), prefix.size()) != 0)
+    throw usage_error("the URL of a proxy begins with http://");
+  const std::size_t login = proxy.rfind('@', proxy.find('/', prefix.size()));
+  const std::string address = proxy.substr(login == proxy.npos ? prefix.size() : login + 1);
+  try {
+    if (has_usable_address(parse_location(std::string(prefix) + address))) return;
+  } catch (const usage_error&) {
+  }
+  throw usage_error("the URL of the proxy is wrong: http://" + printable(address));
+}
+
 // A copy of an option, taken under the lock of the options.
 template <typename Copy>
 auto locked(Copy copy) {
@@ -268,9 +284,12 @@ void add_transfer_options(CLI::App& app, transfer_options& options) {
   app.add_option("--retry-delay", options.retry_delay_s,
                  "Longest wait before the first new try, in seconds; doubled for each one after it")
       ->check(CLI::Range(0.0, 3600.0))
+      ->check([](const std::string& typed) {
+        return std::isnan(strtod(typed.c_str(), nullptr)) ? "--retry-delay: a number is needed" : "";
+      })
       ->type_name("SECONDS")
       ->capture_default_str();
-  app.add_flag("--no-env", options.no_env, "Use neither http_proxy, https_proxy nor ~/.netrc");
+  app.add_flag("--no-env", options.no_env, "Use neither http_proxy, https_proxy, all_proxy nor ~/.netrc");
   app.add_flag("--json", options.json, "Answer in JSON, one object a transfer");
   app.add_flag("-q,--quiet", options.quiet, "Show no progress");
   add_connection_options(app, options.connection);
@@ -302,9 +321,7 @@ void check_proxy(const transfer_options& options, const location& where) {
     throw usage_error(where.is_http() ? "with --classic --proxy is for http URLs"
                                       : "--proxy is for http and https URLs");
   }
-  const std::string proxy = proxy_for(options, where);
-  if (!proxy.empty() && strncasecmp(proxy.c_str(), "http://", 7) != 0)
-    throw usage_error("the URL of a proxy begins with http://");
+  check_proxy_url(proxy_for(options, where));
 }
 
 std::string proxy_for(const transfer_options& options, const location& where) {

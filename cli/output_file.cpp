@@ -215,10 +215,12 @@ void output_file::commit(name_use use) {
   in_place_ = false;
   close_checked();
   if (!partial_) return;
+  const char* const partial = partial_.get().c_str();
   const unsigned flags = use == name_use::new_only ? RENAME_NOREPLACE : 0;
-  if (renameat2(AT_FDCWD, partial_.get().c_str(), AT_FDCWD, path_.c_str(), flags) != 0)
-    fail("cannot be given its name");
-  partial_.keep();
+  if (renameat2(AT_FDCWD, partial, AT_FDCWD, path_.c_str(), flags) == 0) return partial_.keep();
+  // Some file systems do not know the flag. A second name replaces nothing either; the first one goes with its owner.
+  if (flags == 0 || errno != EINVAL || link(partial, path_.c_str()) != 0) fail("cannot be given its name");
+  partial_ = temporary_path();
 }
 
 bool output_file::is_terminal() const {

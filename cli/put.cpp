@@ -88,8 +88,9 @@ void check_options(const put_options& options, const location& where) {
 
 failure beyond_limit(const put_options& options) {
   return failure(0,
-                 printable(options.file) + " is larger than the limit of " +
-                     std::to_string(size_limit_bytes()) + " bytes (--max-size)",
+                 (options.from_stdin() ? "standard input" : printable(options.file)) +
+                     " is larger than the limit of " + std::to_string(size_limit_bytes()) +
+                     " bytes (--max-size)",
                  exit_too_large);
 }
 

@@ -35,7 +35,7 @@ HELLO = b"220 hi\r\n"
     (f"get --max-size 10 {HERE}", [ASK, response(body=b"12345678901")], 8, "larger than the limit of 10 bytes"),
     (f"get --max-size 5G {HERE}", sized(5 * 2**30 + 1, b""), 8, "larger than the limit of 5368709120 bytes"),
     (f"put --max-size 1 s.txt {HERE}", [], 8, "larger"),
-    (f"put --max-size 1 - {HERE}", [], 8, "larger"),
+    (f"put --max-size 1 - {HERE}", [], 8, "standard input is larger"),
     ("get http://{peer}/d", sized(2, b"ok"), 9, "d is a directory"),
     (f"get -o missing/x {HERE}", sized(2, b"ok"), 9, "missing/x ... No such file"),
     (f"put missing {HERE}", [], 9, "missing: No such file"),

@@ -90,6 +90,8 @@ def test_several_files_and_what_is_there_already(fetchrig, places):
     fetchrig.fails(f"get -o to/ --no-clobber --sha256 {right} {{http}}/a.bin", "SHA-256", status=11)
     fetchrig.fails(f"get -o to/ --sha256 {wrong} {{http}}/a.bin", "SHA-256", status=11)
     fetchrig.done("get -o to/ --no-clobber {http}/a.bin")
+    (fetchrig.work / "link").symlink_to("none")
+    fetchrig.fails("get -o link --no-clobber {http}/a.bin", "link to nothing", status=9)
     assert os.listdir(got.parent) == ["a.bin"] and got.read_bytes() == b"old"
     os.utime(places.served / "a.bin", (1, 1e9))
     fetchrig.done(f"get -o to/ --remote-time --sha256 {right} {{http}}/a.bin")
@@ -134,21 +136,29 @@ def test_a_login_of_netrc_follows_no_redirect(fetchrig, peer):
     assert other.received == []
 
 
+def test_a_netrc_that_is_no_file_is_passed_over(fetchrig):
+    (fetchrig.work / ".netrc").mkdir()
+    ended = fetchrig.run("get -o - {ftp}/a.bin")
+    assert ended.stdout == CONTENT and "no regular file" in ended.stderr
+
+
 @pytest.mark.parametrize("variable, options, no_proxy, proxied", [
     ("http_proxy", "", "", True), ("all_proxy", "", "example.com, x.invalid:8080", True),
     ("ALL_PROXY", "", "a, .INVALID", False), ("http_proxy", "", "*", False), ("http_proxy", "", "x.invalid:80", False),
+    ("http_proxy", "--ipv6 http://[::1]:1/a", "[::1]:1, x.invalid", False),
     ("http_proxy", "--no-env", "", False), ("http_proxy", "--proxy ''", "", False), ("https_proxy", "", "", False),
 ])
 def test_the_proxy_of_the_environment(fetchrig, peer, variable, options, no_proxy, proxied):
     server = peer([ASK, OK])
     ended = fetchrig.run(f"get -o - {options} http://x.invalid/a",
-                         env={variable: server.address, "no_proxy": no_proxy, "HTTP_PROXY": "127.0.0.1:1"})
+                         env={variable: "HTTP://" * (variable == "all_proxy") + server.address, "no_proxy": no_proxy, "HTTP_PROXY": "127.0.0.1:1"})
     assert (ended.stdout, ended.returncode) == ((b"ok", 0) if proxied else (b"", 3)), ended
 
 
 @pytest.mark.parametrize("content, status, with_option", [
     ("[get]\nmax-size = 10\n[cert.list]\njson = true\n", 8, 0), ("[get]\ncolour = red\n", 2, 2),
-    ("[get]\ntimeout = 99\n", 2, 2),
+    ("[get]\ntimeout = 99\n", 2, 2), (f"[get]\nsha256 = {'0' * 64}#\n", 2, 2), ("[get]\nheader = a\n", 2, 2),
+    ("[get]\nuser = a b # c\npassword = x, #y\nmax-size = 10\n", 8, 0),
 ])
 def test_defaults_of_a_configuration_file(fetchrig, content, status, with_option):
     fetchrig.write("fetchrig.conf", content)
@@ -157,6 +167,9 @@ def test_defaults_of_a_configuration_file(fetchrig, content, status, with_option
     assert (by_itself.returncode, "./fetchrig.conf: " in by_itself.stderr) == (status, status == 2), by_itself
     assert fetchrig.run(f"--config fetchrig.conf {line}").returncode == status
     assert fetchrig.run(f"--config fetchrig.conf {line} --max-size 1M").returncode == with_option
+    fetchrig.done("--config fetchrig.conf --version", b"fetchrig 5.3.0.4\n")
+    (fetchrig.work / "d/fetchrig.conf").mkdir(parents=True)
+    fetchrig.fails(line, "d/fetchrig.conf: is no file", status=2, env={"XDG_CONFIG_HOME": "d"})
 
 
 @pytest.mark.parametrize("words, offers", [

@@ -25,6 +25,7 @@ URL = "http://127.0.0.1:1/a"  # refused connections would end in 1
     (f"get --header 'A: b\r\nC: d' {URL}", "--header"), (f"get --auth ntlm {URL}", "--auth"),
     ("get --header 'A: b' ftp://127.0.0.1/a", "--header"),
     (f"get --proxy {URL} ftp://127.0.0.1/a", "--proxy"), (f"get --proxy socks5://a {URL}", "begins with http://"),
+    (f"get --proxy u:p@a:99999 {URL}", "the proxy is wrong: http://a:99999"), (f"get --retry-delay nan {URL}", "--retry-delay"),
     (f"get --classic --proxy {URL} https://127.0.0.1/a", "--proxy"),
     (f"get --config a {URL}", "before the subcommand"), (f"get --timeout '\x1b[31m' {URL}", r"\x1b[31m"),
     (f"get --cert missing.pem {URL}", "missing.pem"),
