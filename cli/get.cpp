@@ -103,9 +103,10 @@ std::vector<download> planned(const get_options& options) {
     location where = parse_location(url);
     const std::string name = output_name(options, where);
     check_url(options, where);
-    if (options.transfer.json && is_where_answers_go(name))
+    if (options.transfer.json && is_where_answers_go(name)) {
       throw usage_error("--json and " + (name == "-" ? "-o -" : printable(name)) +
                         " both need standard output");
+    }
     plan.push_back({std::move(where), name, std::make_unique<output_file>(name)});
     if (!names.insert(name).second && takes_one_file(plan.back()))
       throw usage_error("two URLs go to the file " + printable(name));

@@ -99,12 +99,14 @@ class transfer {
 // What the calls for FTP and TFTP refuse, as those for HTTP tell it.
 void check_address(const location& where) {
   if (where.is_http()) return;
-  if (!has_usable_address(where))
+  if (!has_usable_address(where)) {
     throw failure(DL_ERR_URL, printable(where.shown) + ": the host or the port is wrong (code -9)",
                   exit_usage);
-  if (where.host.find(':') != where.host.npos && !ipv6_is_allowed())
+  }
+  if (where.host.find(':') != where.host.npos && !ipv6_is_allowed()) {
     throw failure(DL_ERR_IPV6_DISABLED, printable(where.shown) + ": an IPv6 address needs --ipv6 (code -13)",
                   exit_usage);
+  }
 }
 
 nlohmann::ordered_json outcome_json(const location& where, const outcome& told, double seconds) {
