@@ -106,6 +106,7 @@ TEST_F(files, a_failed_download_removes_what_it_wrote_and_nothing_else) {
   EXPECT_EQ(read_file(link), "foreign") << "another file that took the name";
 }
 
+#if FETCHRIG_EXTRAS
 TEST_F(files, a_part_is_its_owners_alone_and_of_one_call_at_a_time) {
   // Receives `bytes` of nine; tells how much was held.
   const auto receive = [&](std::string_view bytes) -> uint64_t {
@@ -140,5 +141,6 @@ TEST_F(files, a_part_is_its_owners_alone_and_of_one_call_at_a_time) {
   write_file(dir.file("file.part.info"), "notes of another program");
   EXPECT_FALSE(fetchrig::partial_file::fits(path.c_str()));
 }
+#endif
 
 }  // namespace
