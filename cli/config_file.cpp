@@ -14,25 +14,22 @@
 #include <string_view>
 #include <vector>
 
+#include "environment.h"
 #include "report.h"
 
 namespace fetchrig::cli {
 namespace {
 
-constexpr std::string_view blanks = " \t\r";
+constexpr std::string_view line_blanks = " \t\r";
 constexpr const char* config_option = "--config";
-
-std::string trimmed(const std::string& text) {
-  const std::size_t start = text.find_first_not_of(blanks);
-  return start == text.npos ? "" : text.substr(start, text.find_last_not_of(blanks) + 1 - start);
-}
 
 // A "#" begins a comment where no word is and no quotes are open.
 std::string without_comment(const std::string& line) {
   char open = 0, before = ' ';
   for (std::size_t at = 0; at < line.size(); ++at) {
     const char c = line[at];
-    if (open == 0 && c == '#' && blanks.find(before) != blanks.npos) return trimmed(line.substr(0, at));
+    if (open == 0 && c == '#' && line_blanks.find(before) != line_blanks.npos)
+      return without_blanks(line.substr(0, at));
     const bool starts = open == 0 && (c == '"' || c == '\'') &&
                         std::string_view(" \t=[,").find(before) != std::string_view::npos;
     if (starts) {
@@ -42,7 +39,7 @@ std::string without_comment(const std::string& line) {
     }
     before = c;
   }
-  return trimmed(line);
+  return without_blanks(line);
 }
 
 // The parser would take blanks and commas for the ends of words.
@@ -62,7 +59,7 @@ class config_reader : public CLI::ConfigBase {
     for (std::string line; std::getline(file, line);) {
       line = without_comment(line);
       const std::size_t equals = in_list || line.starts_with('[') ? line.npos : line.find('=');
-      std::string value = equals == line.npos ? line : as_one_value(trimmed(line.substr(equals + 1)));
+      std::string value = equals == line.npos ? line : as_one_value(without_blanks(line.substr(equals + 1)));
       in_list = (in_list || (equals != line.npos && value.starts_with('['))) && !value.ends_with(']');
       ready << (equals == line.npos ? "" : line.substr(0, equals + 1)) << value << '\n';
     }

@@ -21,11 +21,6 @@ std::string variable(const char* name) {
   return value ? value : "";
 }
 
-std::string without_blanks(const std::string& text) {
-  const std::size_t start = text.find_first_not_of(" \t");
-  return start == text.npos ? "" : text.substr(start, text.find_last_not_of(" \t") + 1 - start);
-}
-
 bool ends_alike(const std::string& text, const std::string& end) {
   return text.size() >= end.size() && strcasecmp(text.c_str() + text.size() - end.size(), end.c_str()) == 0;
 }
@@ -77,6 +72,12 @@ bool is_usable(const std::string& path) {
 }
 
 }  // namespace
+
+std::string without_blanks(const std::string& text) {
+  constexpr const char* blanks = " \t\r";
+  const std::size_t start = text.find_first_not_of(blanks);
+  return start == text.npos ? "" : text.substr(start, text.find_last_not_of(blanks) + 1 - start);
+}
 
 std::string environment_proxy(const location& where) {
   std::string proxy = variable(where.kind == scheme::http ? "http_proxy" : "https_proxy");
