@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: MIT
 # Tells which lines and branches of the library and of the command the tests reach: builds with counters, runs the
 # tests, and prints a table for each. Branches that only an exception takes do not count. Works from any folder.
-#   coverage.sh                    all tests, the replays of fuzz inputs left out
+#   coverage.sh                    all tests but the replays of fuzz inputs and those of packages
 #   coverage.sh -R 'unit|tftp'     the tests that these arguments of ctest choose
 # The page build-coverage/coverage.html shows each line.
 set -euo pipefail
@@ -16,7 +16,7 @@ cmake --preset coverage >/dev/null
 cmake --build --preset coverage -j "$jobs" -- --quiet
 find build-coverage -name '*.gcda' -delete
 failed=no
-ctest --preset coverage -j "$jobs" -LE fuzz "$@" || failed=yes
+ctest --preset coverage -j "$jobs" -LE 'fuzz|package' "$@" || failed=yes
 
 # Of the objects of each alone: what tests compile of their headers has branches of its own.
 report() {
