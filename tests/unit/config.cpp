@@ -111,7 +111,9 @@ bool offers_only_tls13(const std::string& ca_dir) {
 
 // OpenSSL reads its configuration when it is first used: in a process where nobody has. An emulator starts no program
 // anew; there it is one where only this file's tests ran.
-TEST_F(config, start_up_leaves_the_systems_tls_policy_in_force) {
+// Before OpenSSL has started: GoogleTest runs what is so called before all others.
+using config_DeathTest = config;
+TEST_F(config_DeathTest, start_up_leaves_the_systems_tls_policy_in_force) {
 #if !defined(FETCHRIG_EMULATED)
   GTEST_FLAG_SET(death_test_style, "threadsafe");
 #endif
