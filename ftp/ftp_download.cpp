@@ -111,10 +111,9 @@ int ftp_open(const ftp_outcome& out, const ftp_server& server, const char* path,
   const std::string_view name = ftp_wire_name(path);
   if (const int rc = take_size(**out.handle, name, reply); rc < 0) return ftp_fail(out, reply, rc);
   const auto ask = [&] { return resume ? resume->ask(**out.handle, name, reply) : 0; };
-  if (const int rc = guarded_step(ask); rc < 0) return ftp_fail(out, reply, rc);
-  const bool is_whole = resume && resume->is_whole();
-  if (const int rc = is_whole ? 0 : request_file(**out.handle, name, reply); rc < 0)
-    return ftp_fail(out, reply, rc);
+  int rc = guarded_step(ask);
+  if (rc == 0) rc = request_file(**out.handle, name, reply);
+  if (rc < 0) return ftp_fail(out, reply, rc);
   log_line(DL_LOG_FTP, DL_LOG_NOTICE, "Open Success\n");
   return 0;
 }

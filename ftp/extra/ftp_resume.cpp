@@ -53,8 +53,11 @@ int ftp_resume::ask(dl_ftp_session& session, std::string_view name, ftp_reply& r
   part_source now = {"ftp://" + user + host + "/" + name_, "", *left};
   if (const int rc = ask_time(session, name, reply, now.validator); rc < 0) return rc;
   goes_on_ = !anew_ && part_->goes_on(now);
-  if (is_whole()) ftp_extras_set_left(session, 0);
-  if (goes_on_) return is_whole() ? 0 : restart(session, now, reply);
+  if (is_whole()) {
+    ftp_extras_set_left(session, 0);
+    return 1;
+  }
+  if (goes_on_) return restart(session, now, reply);
   return part_->start_anew(now) == 0 ? 0 : DL_ERR_READ;
 }
 

@@ -27,20 +27,19 @@ class ftp_resume {
   // The server and the local path, which may be null, outlive the object.
   ftp_resume(const ftp_server& server, const char* local_path) : server_(server), local_path_(local_path) {}
 
-  // Between SIZE and RETR of `name`: opens the part that is there, and has the server go on behind it. Returns 0, or a
-  // negative code; does nothing unless it is asked for.
+  // Between SIZE and RETR of `name`: opens the part that is there, and has the server go on behind it. Returns 0, 1 when
+  // all of it is there already and nothing is left to ask for, or a negative code; does nothing unless it is wanted.
   [[nodiscard]] int ask(dl_ftp_session& session, std::string_view name, ftp_reply& reply);
   // Has the file go on with the part. False when there is none.
   [[nodiscard]] bool open(download_file& file);
   // All bytes are there. Returns 0, or -1 with the result filled: the server's verdict is another, or the file is.
   [[nodiscard]] int confirm(dl_ftp_session& session, dl_result* result);
 
-  // All of it is there already: nothing is asked for.
-  [[nodiscard]] bool is_whole() const { return goes_on_ && part_->held() == part_->source().size; }
   // The open call has failed. True when the server would not send the rest: the next one asks for all of it.
   [[nodiscard]] bool begins_anew(const dl_result* result);
 
  private:
+  [[nodiscard]] bool is_whole() const { return goes_on_ && part_->held() == part_->source().size; }
   [[nodiscard]] int restart(dl_ftp_session& session, const part_source& now, ftp_reply& reply);
 
   const ftp_server& server_;
@@ -61,7 +60,6 @@ class ftp_resume {
   }
   [[nodiscard]] static bool open(download_file& /*file*/) { return false; }
   [[nodiscard]] static int confirm(const dl_ftp_session& /*session*/, dl_result* /*result*/) { return 0; }
-  [[nodiscard]] static bool is_whole() { return false; }
   [[nodiscard]] static bool begins_anew(const dl_result* /*result*/) { return false; }
 };
 
