@@ -198,12 +198,17 @@ handle_source::handle_source(const source_request& request, server_facts& told)
   handle_.reset(handle);
   // An FTP session counts down from the size that the server told.
   if (handle_->proto == DL_PROTO_FTP) {
-    announced_bytes_ = static_cast<const dl_ftp_session*>(handle_->session)->remaining;
+    const std::uint32_t left = static_cast<const dl_ftp_session*>(handle_->session)->remaining;
+    if (left != UINT32_MAX) announced_bytes_ = left;  // else it counts no further
     if (dl_last_cause(nullptr) == DL_CAUSE_TOO_LARGE) {
       throw failure(DL_ERR_READ, printable(where_.shown) + ": the file has 4 GiB or more (code -8)",
                     exit_too_large);
     }
   }
+  std::uint64_t size = 0;
+  if (handle_->proto == DL_PROTO_TFTP &&
+      dl_tftp_get_size(static_cast<const dl_tftp_session*>(handle_->session), &size) == 0)
+    announced_bytes_ = size;
 }
 
 std::size_t handle_source::read(std::span<char> buffer) {

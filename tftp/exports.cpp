@@ -4,6 +4,7 @@
 #include "core/ports.h"
 #include "include/fetchrig.h"
 #include "log/log.h"
+#include "tftp/extra/tftp_windowed.h"
 #include "tftp/tftp_download.h"
 #include "tftp/tftp_upload.h"
 
@@ -28,6 +29,14 @@ int dl_tftp_read(dl_tftp_session* session, char* buffer, int32_t size, dl_result
   return guarded_transfer(result, [&] {
     return tftp_read(*session, {buffer, static_cast<std::size_t>(size)}, result);
   });
+}
+
+int dl_tftp_get_size(const dl_tftp_session* session, uint64_t* size) {
+  const bool is_usable = session && session->magic == DL_TFTP_MAGIC && size;
+  const auto announced = is_usable ? tftp_windowed_size(*session) : std::nullopt;
+  if (!announced) return -1;
+  *size = *announced;
+  return 0;
 }
 
 void dl_tftp_close(dl_tftp_session* session) {

@@ -312,6 +312,8 @@ void tftp_read(call_record& call) {
   };
   const auto work = [&](dl_tftp_session* session) {
     overwrite(call, *session);
+    uint64_t size = 0;
+    if (dl_tftp_get_size(session, &size) == 0) call.seen.told["left"] = std::to_string(size);
     read_all(call, session, dl_tftp_read);
   };
   with_session<dl_tftp_session>(call, open, work, dl_tftp_close);

@@ -59,6 +59,11 @@ class windowed_transfer : public beside<windowed_transfer> {
   int read(std::span<char> to, dl_result* result);
   int send(int file, const char* local_path, dl_result* result);
   bool exceeds(uint64_t limit, dl_result* result);
+  std::optional<uint64_t> announced() const {
+    const bool is_told =
+        begins_.opcode == tftp_opcode::rrq && terms_.tsize != 0;  // some echo the 0 of the request
+    return is_told ? terms_.tsize : std::nullopt;
+  }
 
  private:
   void make_room(std::size_t bytes) const;
@@ -452,6 +457,11 @@ std::optional<int> tftp_windowed_send(dl_tftp_session& session, int file, const 
                                       dl_result* result) {
   auto* const transfer = windowed_transfer::of(&session);
   return transfer ? std::optional(transfer->send(file, local_path, result)) : std::nullopt;
+}
+
+std::optional<uint64_t> tftp_windowed_size(const dl_tftp_session& session) {
+  auto* const transfer = windowed_transfer::of(&session);
+  return transfer ? transfer->announced() : std::nullopt;
 }
 
 bool tftp_windowed_exceeds(dl_tftp_session& session, uint64_t limit, dl_result* result) {

@@ -42,6 +42,9 @@ struct tftp_beginning {
 [[nodiscard]] std::optional<int> tftp_windowed_send(dl_tftp_session& session, int file,
                                                     const char* local_path, dl_result* result);
 
+// What the server has announced of a download.
+[[nodiscard]] std::optional<uint64_t> tftp_windowed_size(const dl_tftp_session& session);
+
 // Whether the server has announced a file above the limit; it is told, and the result filled.
 [[nodiscard]] bool tftp_windowed_exceeds(dl_tftp_session& session, uint64_t limit, dl_result* result);
 
@@ -65,6 +68,9 @@ void tftp_windowed_close(const dl_tftp_session& session);
 [[nodiscard]] constexpr std::optional<int> tftp_windowed_send(dl_tftp_session& /*session*/, int /*file*/,
                                                               const char* /*local_path*/,
                                                               dl_result* /*result*/) {
+  return {};
+}
+[[nodiscard]] constexpr std::optional<uint64_t> tftp_windowed_size(const dl_tftp_session& /*session*/) {
   return {};
 }
 [[nodiscard]] constexpr bool tftp_windowed_exceeds(dl_tftp_session& /*session*/, uint64_t /*limit*/,
