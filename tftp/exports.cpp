@@ -4,7 +4,6 @@
 #include "core/ports.h"
 #include "include/fetchrig.h"
 #include "log/log.h"
-#include "tftp/extra/tftp_windowed.h"
 #include "tftp/tftp_download.h"
 #include "tftp/tftp_upload.h"
 
@@ -33,7 +32,7 @@ int dl_tftp_read(dl_tftp_session* session, char* buffer, int32_t size, dl_result
 
 int dl_tftp_get_size(const dl_tftp_session* session, uint64_t* size) {
   const bool is_usable = session && session->magic == DL_TFTP_MAGIC && size;
-  const auto announced = is_usable ? tftp_windowed_size(*session) : std::nullopt;
+  const auto announced = is_usable ? tftp_announced_size(*session) : std::nullopt;
   if (!announced) return -1;
   *size = *announced;
   return 0;

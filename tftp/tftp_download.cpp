@@ -158,6 +158,10 @@ int tftp_open(dl_tftp_session** handle, const tftp_target& target, dl_result* re
   return 0;
 }
 
+std::optional<uint64_t> tftp_announced_size(const dl_tftp_session& session) {
+  return tftp_windowed_size(session);
+}
+
 int tftp_read(dl_tftp_session& session, std::span<char> to, dl_result* result) {
   if (const auto count = tftp_windowed_read(session, to, result)) return *count;
   // The carry buffer marks a session that has begun: it stays only once a packet that settles the sizes was

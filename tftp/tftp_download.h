@@ -4,6 +4,7 @@
 #ifndef FETCHRIG_TFTP_TFTP_DOWNLOAD_H
 #define FETCHRIG_TFTP_TFTP_DOWNLOAD_H
 
+#include <optional>
 #include <span>
 
 #include "core/extras.h"
@@ -15,6 +16,9 @@ namespace fetchrig {
 // with the result filled.
 [[nodiscard]] int tftp_open(dl_tftp_session** handle, const tftp_target& target, dl_result* result,
                             const transfer_extras& extras = current_extras());
+
+// The size of the file, where the server has told it.
+[[nodiscard]] std::optional<uint64_t> tftp_announced_size(const dl_tftp_session& session);
 
 // Fills `to`; less only at the end of the file. Returns the count, 0 at the end, or -1 with the result filled.
 [[nodiscard]] int tftp_read(dl_tftp_session& session, std::span<char> to, dl_result* result);
