@@ -53,10 +53,12 @@ class peer : public scenario::peers {
 // Made twice and compared: what it returns, its record, and what else it tells in `seen`.
 using call = std::function<int(dl_result* result, std::string& seen)>;
 
-// A status line's negative number, of up to two digits, is told as it is.
+// The number of a status line, even a negative one of up to two digits, and of an FTP reply is told as it was sent.
 bool is_stated(int code, std::string_view input) {
-  const bool is_sent = code < 0 && code > -100 && input.find(" " + std::to_string(code)) != input.npos;
-  return is_sent || (code >= -19 && code < 0 && code != DL_ERR_PORT) || (code >= 100 && code <= 999);
+  if (code >= 100) return code <= 999;
+  if (code >= -19 && code < 0 && code != DL_ERR_PORT) return true;
+  const bool is_status = code > -100 && input.find(" " + std::to_string(code)) != input.npos;
+  return is_status || (code >= 0 && input.find(std::to_string(1000 + code).substr(1) + " ") != input.npos);
 }
 
 // The content of a file that is removed now.
