@@ -2,6 +2,7 @@
 // ca_store.cpp: changes the trusted-CA store.
 #include "cert/ca_store.h"
 
+#include <errno.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -106,12 +107,13 @@ void run_removal(const removal& each) {
 // that was not there before.
 bool copy_into_store(const char* path, const std::string& file) {
   struct stat status;
-  const bool was_there = ::lstat(file.c_str(), &status) == 0;
+  const bool was_there = ::lstat(file.c_str(), &status) == 0 || errno != ENOENT;
   guarded([&] { copy_file(path, file.c_str()); });
-  give_owner_access(file, S_IRUSR | S_IWUSR);
+  const int no_access = give_owner_access(file, S_IRUSR | S_IWUSR);
   const small_file from(path), to(file.c_str());
-  if (from.error() == 0 && to.error() == 0 && from.bytes() == to.bytes()) return true;
-  note_cause(DL_CAUSE_LOCAL_FILE, from.error() != 0 ? from.error() : to.error());
+  const int error = from.error() != 0 ? from.error() : to.error() != 0 ? to.error() : no_access;
+  if (error == 0 && from.bytes() == to.bytes()) return true;
+  note_cause(DL_CAUSE_LOCAL_FILE, error);
   log_line(DL_LOG_CMN, DL_LOG_ERROR, "Can't copy the ca file to %s\n", printable(file).c_str());
   if (!was_there) ::unlink(file.c_str());
   return false;

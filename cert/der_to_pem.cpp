@@ -54,26 +54,21 @@ unique_fd create_scratch() {
   return unique_fd(::open(scratch_path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
 }
 
-file_access access_of(const char* path) {
-  struct stat status;
-  return ::stat(path, &status) == 0 ? file_access{status.st_mode & 0777} : file_access{};
-}
-
 // Where the scratch file lies on another file system, the new file is made beside the old one.
-bool rewrite_through_scratch(const char* path, std::string_view text) {
+bool rewrite_through_scratch(const char* path, std::string_view text, const file_access& access) {
   unique_fd scratch = create_scratch();
   if (!scratch) {
     log_line(DL_LOG_CMN, DL_LOG_ERROR, "open file err\n");
     return false;
   }
-  if (const int error = fill_new_file(std::move(scratch), text, access_of(path)); error != 0) {
+  if (const int error = fill_new_file(std::move(scratch), text, access); error != 0) {
     log_line(DL_LOG_CMN, DL_LOG_ERROR, "write scratch file errno %d\n", error);
     ::unlink(scratch_path);
     return false;
   }
   if (::rename(scratch_path, path) == 0) return true;
   const int error = errno;
-  if (error == EXDEV && replace_file(path, text, access_of(path)) == 0) {
+  if (error == EXDEV && replace_file(path, text, access) == 0) {
     ::unlink(scratch_path);
     return true;
   }
@@ -91,8 +86,11 @@ bool rewrite_as_pem(const char* path, X509* certificate) {
   }
   const unique_bio text = pem_text(certificate, nullptr);
   const scratch_lock lock;
-  if (text && lock.owned()) return rewrite_through_scratch(path, text_of(text.get()));
-  if (text && replace_file(path, text_of(text.get()), access_of(path)) == 0) return true;
+  struct stat status;
+  const bool is_known = ::stat(path, &status) == 0;
+  const file_access access = {is_known ? status.st_mode & 0777 : 0};
+  if (is_known && text && lock.owned()) return rewrite_through_scratch(path, text_of(text.get()), access);
+  if (is_known && text && replace_file(path, text_of(text.get()), access) == 0) return true;
   log_line(DL_LOG_CMN, DL_LOG_ERROR, "open file err\n");
   return false;
 }

@@ -2,6 +2,7 @@
 // directory.cpp: opening and making folders.
 #include "cert/directory.h"
 
+#include <errno.h>
 #include <sys/stat.h>
 
 #include "cert/shell.h"
@@ -15,13 +16,13 @@ unique_dir open_directory(const std::string& path) {
 
 int make_directory_by_shell(const std::string& path) {
   const int status = run_shell(shell_command(command_size, "mkdir", {path}));
-  if (status == 0) give_owner_access(path, S_IRWXU);
+  if (status == 0) (void)give_owner_access(path, S_IRWXU);
   return status;
 }
 
 int make_directory_by_call(const std::string& path) {
   const int rc = ::mkdir(path.c_str(), 0775);
-  if (rc == 0) give_owner_access(path, S_IRWXU);
+  if (rc == 0) (void)give_owner_access(path, S_IRWXU);
   return rc;
 }
 
@@ -33,10 +34,11 @@ unique_dir open_or_make_directory(const std::string& path, directory_maker make)
   return directory;
 }
 
-void give_owner_access(const std::string& path, mode_t mode) {
+int give_owner_access(const std::string& path, mode_t mode) {
   struct stat status;
-  if (::stat(path.c_str(), &status) != 0 || (status.st_mode & mode) == mode) return;
-  ::chmod(path.c_str(), (status.st_mode & 07777) | mode);
+  if (::stat(path.c_str(), &status) != 0) return errno;
+  if ((status.st_mode & mode) == mode) return 0;
+  return ::chmod(path.c_str(), (status.st_mode & 07777) | mode) == 0 ? 0 : errno;
 }
 
 }  // namespace fetchrig

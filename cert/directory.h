@@ -29,8 +29,8 @@ int make_directory_by_call(const std::string& path);
 [[nodiscard]] unique_dir open_or_make_directory(const std::string& path,
                                                 directory_maker make = make_directory_by_shell);
 
-// Gives the owner of what was just made the access in `mode`, which the umask may have taken away.
-void give_owner_access(const std::string& path, mode_t mode);
+// Gives the owner of what was just made the access in `mode`, which the umask may have taken away. 0, or errno.
+[[nodiscard]] int give_owner_access(const std::string& path, mode_t mode);
 
 }  // namespace fetchrig
 #endif

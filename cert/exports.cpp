@@ -46,6 +46,7 @@ void removal_ran_out_of_memory() {
 }
 
 int refuse_parameter() {
+  clear_cause();
   return log_and_return(DL_LOG_CMN, -1, "Invalid Parameter\n");
 }
 
@@ -86,14 +87,12 @@ int dl_get_trust_ca_info_ex(dl_trust_ca_list_ex* list, dl_result* result) {
 }
 
 int dl_install_ca(const char* path) {
-  if (!path) return -1;
-  return certificate_operation(-1, [&] { return install_ca(path); });
+  return certificate_operation(-1, [&] { return path ? install_ca(path) : -1; });
 }
 
 int dl_del_ca(const char* path) {
-  if (!path) return 0;
   const certificate_call call;
-  guarded([&] { remove_ca(path); }, removal_ran_out_of_memory);
+  if (path) guarded([&] { remove_ca(path); }, removal_ran_out_of_memory);
   return 0;
 }
 
@@ -102,8 +101,9 @@ int dl_install_ser_ca(const char* path) {
 }
 
 int dl_install_ser_ca_separate(const char* path) {
-  if (!path) return log_and_return(DL_LOG_CMN, -1, "Invaild paramter\n");
-  return certificate_operation(-1, [&] { return install_device_cert_part(path); });
+  return certificate_operation(-1, [&] {
+    return path ? install_device_cert_part(path) : log_and_return(DL_LOG_CMN, -1, "Invaild paramter\n");
+  });
 }
 
 int dl_del_ser_ca(void) {
@@ -120,8 +120,8 @@ int dl_generate_client_cert(const char* ca_cert, const char* ca_key, const char*
 }
 
 int dl_cert_build_rsa_key(const char* path, int bits, EVP_PKEY** key, int* reused) {
-  if (!path || !key || !reused) return -1;
   return certificate_operation(-1, [&] {
+    if (!path || !key || !reused) return -1;
     device_key result;
     if (build_rsa_key(result, path, bits, nullptr) != 0) return -1;
     if (result.reused) *reused = 1;

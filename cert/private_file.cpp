@@ -43,13 +43,13 @@ int follow_links(std::string& path) {
   return ELOOP;
 }
 
-// Who may use the file that takes the place of the one at `path`.
-file_access access_like(const std::string& path) {
+// Leaves in `access` who may use the file that takes the place of the one at `path`. 0, or errno.
+int find_access(const std::string& path, file_access& access) {
   struct stat old;
-  const bool chosen = ::lstat(path.c_str(), &old) == 0 && S_ISREG(old.st_mode) && old.st_uid == ::geteuid() &&
-                      (old.st_mode & S_IRWXO) == 0;
-  if (!chosen) return {};
-  return {old.st_mode & (S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP), old.st_gid};
+  if (::lstat(path.c_str(), &old) != 0) return errno == ENOENT ? 0 : errno;
+  const bool chosen = S_ISREG(old.st_mode) && old.st_uid == ::geteuid() && (old.st_mode & S_IRWXO) == 0;
+  if (chosen) access = {old.st_mode & (S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP), old.st_gid};
+  return 0;
 }
 
 // Opening its path instead would start at the file's beginning, over what was written before.
@@ -73,12 +73,17 @@ int write_special_file(const char* path, std::string_view text) {
 
 int write_file(const char* path, std::string_view text, at_link choice) {
   if (const auto descriptor = own_descriptor(path)) return write_descriptor(*descriptor, text);
-  if (is_special_file(path)) return write_special_file(path, text);
+  struct stat status;
+  const bool found = ::stat(path, &status) == 0;
+  if (!found && errno != ENOENT && errno != ELOOP) return errno;  // it could be a device
+  if (found && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) return write_special_file(path, text);
   std::string target = path;
+  file_access access;
   if (choice == at_link::replace_target) {
     if (const int error = follow_links(target); error != 0) return error;
   }
-  return replace_file(target, text, access_like(target));
+  if (const int unknown = find_access(target, access); unknown != 0) return unknown;
+  return replace_file(target, text, access);
 }
 
 }  // namespace

@@ -23,11 +23,13 @@ constexpr std::size_t buffer_bytes = 65536;
 // room() never offers less, so that a datagram always fits and receives stay large.
 constexpr std::size_t min_room_bytes = 4096;
 
-// What is left has another name (a hard link), or one that may not be removed. No part passes for the whole there.
+// What is left has another name (a hard link), or one that may not be removed or cannot be told just now. No part
+// passes for the whole there.
 void empty_if_named(int fd) {
   struct stat status = {};
-  if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink == 0) return;
-  if (::ftruncate(fd, 0) != 0) log_line(DL_LOG_CMN, DL_LOG_WARNING, "partial file stays, errno %d\n", errno);
+  if (::fstat(fd, &status) == 0 && (!S_ISREG(status.st_mode) || status.st_nlink == 0)) return;
+  if (::ftruncate(fd, 0) != 0 && errno != EINVAL)
+    log_line(DL_LOG_CMN, DL_LOG_WARNING, "partial file stays, errno %d\n", errno);
 }
 
 }  // namespace

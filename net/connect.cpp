@@ -70,8 +70,11 @@ void await_connection(int sock, int seconds, connect_outcome& outcome) {
   outcome.result = wait_ready(sock, wait_writable, seconds);
   outcome.error = errno;
   socklen_t length = sizeof outcome.pending;
-  if (outcome.result > 0 && ::getsockopt(sock, SOL_SOCKET, SO_ERROR, &outcome.pending, &length) == 0) {
+  if (outcome.result <= 0) return;
+  if (::getsockopt(sock, SOL_SOCKET, SO_ERROR, &outcome.pending, &length) == 0) {
     outcome.connected = outcome.pending == 0;
+  } else {
+    outcome.error = errno;
   }
 }
 

@@ -83,7 +83,7 @@ int wait_for(int sock, short events, int64_t limit_ms) {
 bool wait_to_send(int sock) {
   timeval limit = {};
   socklen_t length = sizeof limit;
-  ::getsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &limit, &length);
+  if (::getsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &limit, &length) != 0) return false;
   const int64_t limit_ms = int64_t{limit.tv_sec} * 1000 + limit.tv_usec / 1000;
   int ready = 0;
   do {

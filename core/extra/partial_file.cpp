@@ -171,7 +171,7 @@ void partial_file::drop() {
 // its own.
 int partial_file::complete() {
   struct stat status = {};
-  const bool is_new = ::lstat(path_.c_str(), &status) != 0;
+  const bool is_new = ::lstat(path_.c_str(), &status) != 0 && errno == ENOENT;
   const unique_fd file(::open(path_.c_str(), O_WRONLY | own_flags, 0666));
   if (!file || ::fstat(file.get(), &status) != 0) return errno;
   ::unlink(info_.c_str());

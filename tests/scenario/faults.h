@@ -14,7 +14,7 @@ namespace scenario {
 enum class call {
   memory, socket, connect, bind, getaddrinfo, send, recv, sendto, recvfrom, poll, sendfile,
   open, fopen, fdopen, fwrite, read, write, close, fclose, rename, opendir, mkstemp, fsync, mkdir,
-  pipe, spawn, flock, num_calls
+  pipe, spawn, flock, fstat, stat, lstat, fchmod, ftruncate, fcntl, getsockopt, getpeername, random, num_calls
 };
 // clang-format on
 
@@ -63,6 +63,13 @@ inline constexpr fault faults[] = {
     FAULT(pipe, EMFILE),
     FAULT(spawn, EAGAIN),
     FAULT(flock, EAGAIN), FAULT(flock, EINTR),
+    FAULT(fstat, EIO), FAULT(stat, EACCES), FAULT(lstat, EIO),
+    FAULT(fchmod, EPERM),
+    FAULT(ftruncate, EIO),
+    FAULT(fcntl, EMFILE),
+    FAULT(getsockopt, ENOBUFS),
+    FAULT(getpeername, ENOTCONN),
+    FAULT(random, EIO),
 };
 // clang-format on
 #undef FAULT

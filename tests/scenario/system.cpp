@@ -173,12 +173,14 @@ REPLACED ssize_t sendfile64(int to, int from, off64_t*, size_t count) noexcept {
 }
 
 REPLACED int getsockopt(int fd, int, int name, void* value, socklen_t*) noexcept {
-  if (name == SO_SNDTIMEO) {
-    *static_cast<timeval*>(value) = net.at(fd).send_limit;
-  } else {
-    *static_cast<int*>(value) = name == SO_ERROR ? net.pending_error(fd) : net.at(fd).type;
-  }
-  return 0;
+  return faulty(call::getsockopt, [&] {
+    if (name == SO_SNDTIMEO) {
+      *static_cast<timeval*>(value) = net.at(fd).send_limit;
+    } else {
+      *static_cast<int*>(value) = name == SO_ERROR ? net.pending_error(fd) : net.at(fd).type;
+    }
+    return 0;
+  });
 }
 REPLACED int setsockopt(int fd, int level, int name, const void* value, socklen_t) noexcept {
   if (level != SOL_SOCKET) return 0;
@@ -187,10 +189,11 @@ REPLACED int setsockopt(int fd, int level, int name, const void* value, socklen_
   return 0;
 }
 REPLACED int getpeername(int fd, sockaddr* address, socklen_t* length) noexcept {
-  const host hold;
-  const auto& way = net.at(fd).way;
-  fill_address(way ? way->server : endpoint{}, address, length);
-  return 0;
+  return faulty(call::getpeername, [&] {
+    const auto& way = net.at(fd).way;
+    fill_address(way ? way->server : endpoint{}, address, length);
+    return 0;
+  });
 }
 REPLACED int ioctl(int fd, unsigned long request, ...) noexcept {
   va_list arguments;
@@ -205,10 +208,11 @@ REPLACED int fcntl64(int fd, int command, ...) {
   const long value = va_arg(arguments, long);
   va_end(arguments);
   if (!net.owns(fd)) return static_cast<int>(syscall(SYS_fcntl, fd, command, value));
-  const host hold;
-  if (command == F_DUPFD_CLOEXEC) return net.duplicate(fd, static_cast<int>(value));
-  if (command == F_SETFL) net.at(fd).status_flags = static_cast<int>(value);
-  return command == F_GETFL ? net.at(fd).status_flags : 0;
+  return faulty(call::fcntl, [&] {
+    if (command == F_DUPFD_CLOEXEC) return net.duplicate(fd, static_cast<int>(value));
+    if (command == F_SETFL) net.at(fd).status_flags = static_cast<int>(value);
+    return command == F_GETFL ? net.at(fd).status_flags : 0;
+  });
 }
 
 REPLACED int open64(const char* path, int flags, ...) {
@@ -246,7 +250,7 @@ REPLACED int close(int fd) {
 }
 REPLACED int stat64(const char* __restrict path, struct stat64* __restrict status) noexcept {
   static const auto real = reinterpret_cast<int (*)(const char*, struct stat64*)>(dlsym(RTLD_NEXT, "stat64"));
-  return real(own_place(path), status);
+  return strikes(call::stat) ? -1 : real(own_place(path), status);
 }
 REPLACED int fclose(FILE* file) {
   NEXT(fclose);
@@ -275,10 +279,14 @@ FAILING(int, posix_spawn, spawn, plan.what->error,
          const posix_spawnattr_t* attributes, char* const* words, char* const* variables),
         (child, path, actions, attributes, words, variables))
 FAILING(int, flock, flock, -1, (int fd, int how) noexcept, (fd, how))
+FAILING(int, fstat64, fstat, -1, (int fd, struct stat64* status) noexcept, (fd, status))
+FAILING(int, fchmod, fchmod, -1, (int fd, mode_t mode) noexcept, (fd, mode))
+FAILING(int, ftruncate64, ftruncate, -1, (int fd, off64_t size) noexcept, (fd, size))
 
 // What is called "planted" is somebody else's.
 REPLACED int lstat64(const char* path, struct stat64* status) noexcept {
   NEXT(lstat64);
+  if (strikes(call::lstat)) return -1;
   const int rc = real(path, status);
   if (rc == 0 && strstr(path, "planted")) status->st_uid = 65534;
   return rc;
@@ -287,7 +295,7 @@ REPLACED int lstat64(const char* path, struct stat64* status) noexcept {
 // The library's own nonces; OpenSSL draws by other calls.
 REPLACED int RAND_bytes(unsigned char* to, int count) {
   memset(to, 0xab, static_cast<std::size_t>(count));
-  return 1;
+  return strikes(call::random) ? 0 : 1;
 }
 
 REPLACED int clock_gettime(clockid_t clock, timespec* now) noexcept {
