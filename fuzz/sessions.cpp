@@ -2,6 +2,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <deque>
 #include <filesystem>
 #include <functional>
@@ -20,7 +21,7 @@ namespace {
 constexpr char next_connection = '\x1e', next_piece = '\x1f', other_port = '\x1d';
 
 // Takes the connections in the order in which they are made. On each it sends a piece at once (over datagrams, as the
-// answer to the first one), and each other piece when the client has sent something; then it closes.
+// answer to the first one), and each other piece when the client has sent a request or part of one; then it closes.
 class peer : public scenario::peers {
  public:
   explicit peer(std::string_view input) : input_(input) {}
@@ -35,11 +36,19 @@ class peer : public scenario::peers {
   void play() override {
     for (auto& [way, pieces] : ways_) {
       for (; !way->received.empty(); way->received.pop_front())
-        if (way->datagrams || way->received.size() == 1) send(*way, pieces);
+        for (long left = way->datagrams ? 1 : num_requests(way->received.front().bytes); left > 0; --left)
+          send(*way, pieces);
     }
   }
 
  private:
+  // Of those whose answers were there before them, several arrive at once.
+  static long num_requests(std::string_view bytes) {
+    constexpr std::string_view end = "\r\n\r\n";
+    long count = 0;
+    for (std::size_t at = 0; (at = bytes.find(end, at)) != bytes.npos; at += end.size()) ++count;
+    return std::max(count, 1L);
+  }
   static void send(scenario::link& way, std::string_view& pieces) {
     const std::string piece(fuzz::next_part(pieces, next_piece));
     const scenario::endpoint from = {"10.0.0.1", piece.starts_with(other_port) ? 1025 : 1024};
