@@ -77,11 +77,9 @@ std::string without_dots(string_view rest) {
   return path;
 }
 
-// Section 5.2.3.
+// Section 5.2.3, of a base that has a path.
 std::string merged(const url_parts& base, string_view reference) {
-  if (base.authority && base.path.empty()) return std::string("/").append(reference);
-  const std::size_t slash = base.path.rfind('/');
-  return std::string(base.path.substr(0, slash == string_view::npos ? 0 : slash + 1)).append(reference);
+  return std::string(base.path.substr(0, base.path.rfind('/') + 1)).append(reference);
 }
 
 std::string composed(const url_parts& parts, const std::string& path) {

@@ -144,6 +144,9 @@ TEST_F(keygen, fails_after_the_application_has_cleaned_up_openssl) {
   waitpid(child, &status, 0);
   EXPECT_EQ(status, 0);
   EXPECT_EQ(dl_cert_write_key(nullptr, 0, root_.key.get(), -1), -1);
+  const std::string written = place_.file("written");
+  EXPECT_EQ(dl_cert_write_key(written.c_str(), 0, root_.key.get(), -1), 0);
+  EXPECT_EQ(read_file(written), pem_of(root_.key.get()));
 }
 
 TEST(certificate_callbacks, pass_phrase_is_cut_to_the_buffer) {
@@ -215,6 +218,10 @@ TEST(subject, string_types_and_no_text) {
   X509_REQ_set_version(request.get(), 2);
   EXPECT_EQ(make_REQ(request.get(), new_ec_key().get(), "/CN=x", 0, MBSTRING_ASC), 0);
   EXPECT_EQ(X509_REQ_get_version(request.get()), 0) << "the version of all requests";
+  EXPECT_EQ(build_subject(request.get(), "/CN=y", MBSTRING_ASC), 1);
+  EXPECT_EQ(build_subject(request.get(), nullptr, MBSTRING_ASC), 0);
+  char line[64] = "";
+  EXPECT_STREQ(X509_NAME_oneline(X509_REQ_get_subject_name(request.get()), line, sizeof line), "/CN=y");
   ERR_clear_error();
 }
 

@@ -107,6 +107,7 @@ TEST(helpers, stand_in_for_standard_functions) {
 TEST(exports, refuse_null) {
   const test::library initialised;
   char text[8] = "", *list = nullptr, *out = nullptr;
+  const char* const none = nullptr;
   unsigned char* bytes = nullptr;
   int32_t number = 0;
   EVP_PKEY* key = nullptr;
@@ -137,7 +138,8 @@ TEST(exports, refuse_null) {
       dl_generate_client_cert(text, text, text, nullptr, text, 512),
       dl_cert_build_rsa_key(nullptr, 512, &key, &number), dl_cert_build_rsa_key(text, 512, nullptr, &number),
       dl_cert_build_rsa_key(text, 512, &key, nullptr), dl_cert_write_key(text, 0, nullptr, 0),
-      curl_mfprintf(nullptr, "x"), curl_msprintf(nullptr, "x"), curl_msnprintf(nullptr, 1, "x")}) EXPECT_EQ(rc, -1);
+      curl_mfprintf(nullptr, "x"), curl_msprintf(nullptr, "x"), curl_msnprintf(nullptr, 1, "x"),
+      curl_mprintf(none), curl_msprintf(text, none), curl_msnprintf(text, 1, none)}) EXPECT_EQ(rc, -1);
   // clang-format on
   EXPECT_EQ(dl_cert_verify_problems(nullptr, 1) + dl_cert_verify_problems(&number, -1) + dl_del_ca(nullptr),
             0);
@@ -146,7 +148,13 @@ TEST(exports, refuse_null) {
   Curl_safefree(out);
   Curl_safefree(bytes);
   EXPECT_FALSE(strdupdelim(nullptr, text) || strdupdelim(text + 1, text) ||
-               Curl_strtok_r(text, nullptr, &list) || Curl_strtok_r(text, ",", nullptr));
+               Curl_strtok_r(text, nullptr, &list) || Curl_strtok_r(text, ",", nullptr) ||
+               Curl_strtok_r(nullptr, ",", &list) || curl_maprintf(none) || Curl_raw_equal("", nullptr));
+  EXPECT_FALSE(dl_look_up_host(nullptr, 0, 0));
+  SSL* ssl = nullptr;
+  SSL_CTX* ctx = nullptr;
+  EXPECT_EQ(dl_do_SSL_connect(-1, nullptr, nullptr, 0, 0, 0, nullptr, nullptr, &ctx), DL_ERR_CONNECT);
+  EXPECT_EQ(dl_do_SSL_connect(-1, nullptr, nullptr, 0, 0, 0, nullptr, &ssl, nullptr), DL_ERR_CONNECT);
   EXPECT_EQ(Curl_input_auth(nullptr, 0, "Basic"), HTTP_CHALLENGE_UNKNOWN);
   for (const int answer : {Curl_output_auth(nullptr, 0, "GET", "/"),
                            Curl_output_digest(nullptr, 0, "GET", "/"), Curl_output_xsi_auth(nullptr)})
