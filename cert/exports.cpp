@@ -131,8 +131,7 @@ int dl_cert_build_rsa_key(const char* path, int bits, EVP_PKEY** key, int* reuse
 }
 
 int dl_cert_write_key(const char* path, int /*unused1*/, EVP_PKEY* key, int /*unused2*/) {
-  if (!path || !key) return -1;
-  return certificate_operation(-1, [&] { return write_key(path, key); });
+  return certificate_operation(-1, [&] { return path && key ? write_key(path, key) : -1; });
 }
 
 X509_NAME* do_subject(const char* text, int string_type) {

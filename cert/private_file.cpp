@@ -71,16 +71,23 @@ int write_special_file(const char* path, std::string_view text) {
   return ::close(file.release()) == 0 ? 0 : errno;
 }
 
+bool is_link(const char* path) {
+  struct stat status;
+  return ::lstat(path, &status) == 0 && S_ISLNK(status.st_mode);
+}
+
 int write_file(const char* path, std::string_view text, at_link choice) {
   if (const auto descriptor = own_descriptor(path)) return write_descriptor(*descriptor, text);
   struct stat status;
-  const bool found = ::stat(path, &status) == 0;
-  if (!found && errno != ENOENT && errno != ELOOP) return errno;  // it could be a device
+  const int error = ::stat(path, &status) == 0 ? 0 : errno;
+  const bool found = error == 0, absent = error == ENOENT || error == ELOOP;
+  // What cannot be looked at could be a device; a link that leads where this process may not look goes like any other.
+  if (!found && !absent && !(choice == at_link::replace_link && is_link(path))) return error;
   if (found && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) return write_special_file(path, text);
   std::string target = path;
   file_access access;
   if (choice == at_link::replace_target) {
-    if (const int error = follow_links(target); error != 0) return error;
+    if (const int lost = follow_links(target); lost != 0) return lost;
   }
   if (const int unknown = find_access(target, access); unknown != 0) return unknown;
   return replace_file(target, text, access);

@@ -173,7 +173,12 @@ int partial_file::complete() {
   struct stat status = {};
   const bool is_new = ::lstat(path_.c_str(), &status) != 0 && errno == ENOENT;
   const unique_fd file(::open(path_.c_str(), O_WRONLY | own_flags, 0666));
-  if (!file || ::fstat(file.get(), &status) != 0) return errno;
+  if (!file) return errno;
+  if (::fstat(file.get(), &status) != 0) {
+    const int error = errno;
+    if (is_new) ::unlink(path_.c_str());
+    return error;
+  }
   ::unlink(info_.c_str());
   if (::fchmod(fd_.get(), status.st_mode & permissions) != 0 || ::rename(part_.c_str(), path_.c_str()) != 0) {
     const int error = errno;

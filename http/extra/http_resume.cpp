@@ -53,7 +53,8 @@ std::optional<int> month(cursor& in) {
 std::string url_with_user(const dl_http_request& request) {
   string_view text = request.url, user = or_empty(request.user);
   text = text.substr(0, text.find('#'));
-  const std::size_t host = text.find("://") + 3;
+  const auto scheme = text.find("://");
+  const std::size_t host = scheme == string_view::npos ? 0 : scheme + 3;
   const auto authority = text.substr(host, text.find_first_of("/?", host) - host);
   const auto login = authority.rfind('@');
   const std::size_t skipped = login == string_view::npos ? 0 : login + 1;
