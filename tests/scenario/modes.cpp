@@ -64,11 +64,15 @@ bool was_sent(const story& told, const string& content) {
   });
 }
 
+bool resumes(const story& told) {
+  return std::any_of(told.options.begin(), told.options.end(),
+                     [](const auto& option) { return option.first == "EXTRA_RESUME"; });
+}
+
 // To FTP's servers other commands may go when one failed, to TFTP's all is sent again, and the whole file is asked for
 // when its part cannot be gone on with.
 bool asks_nothing_else(const story& told) {
-  const auto resumes = [](const auto& option) { return option.first == "EXTRA_RESUME"; };
-  if (std::any_of(told.options.begin(), told.options.end(), resumes)) return false;
+  if (resumes(told)) return false;
   return std::none_of(told.connections.begin(), told.connections.end(),
                       [](const connection& one) { return one.at.port == 21 || one.has("udp"); });
 }
@@ -99,7 +103,8 @@ std::vector<string> broken_rules(const story& told, const outcome& whole, const 
   const bool part =
       seen.file && (whole.file ? whole.file->starts_with(*seen.file) : was_sent(told, *seen.file));
   // Where the file cannot be looked at, nobody can tell that its name is still its own.
-  const bool unseen = with.what && (with.what->which == call::fstat || with.what->which == call::lstat);
+  const call which = with.what ? with.what->which : call::memory;
+  const bool unseen = which == call::lstat || (which == call::fstat && !resumes(told));
   const bool emptied = unseen && seen.file && seen.file->empty();
   rule(!seen.file || kept || seen.file == whole.file || (early && part) || emptied, "a partial file");
   const string& left = seen.told.at("part");
