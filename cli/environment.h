@@ -16,7 +16,8 @@ namespace fetchrig::cli {
 std::string without_blanks(const std::string& text);
 
 // The proxy for an http URL by http_proxy, for an https one by https_proxy or HTTPS_PROXY, for both by all_proxy or
-// ALL_PROXY, unless no_proxy excepts the host; else empty. HTTP_PROXY is not looked at: in a CGI program it is a header line of the client's.
+// ALL_PROXY, unless no_proxy excepts the host; else empty. HTTP_PROXY is not looked at: in a CGI program it is a header
+// line of the client's.
 std::string environment_proxy(const location& where);
 
 // The login for the host in ~/.netrc, that of `user` when there is one. A file that others may read, or that is no

@@ -8,7 +8,8 @@
 
 namespace fetchrig::cli {
 
-// `text` with everything that would steer a terminal (control characters, those of direction, broken UTF-8) written as "\xNN".
+// `text` with everything that would steer a terminal (control characters, those of direction, broken UTF-8) written as
+// "\xNN".
 std::string printable(std::string_view text);
 
 // The same with "_" for each such byte, for the name of a file.

@@ -36,8 +36,8 @@ struct source_request {
   bool xsi_authentication;  // BroadWorks XSI instead of Basic and Digest
 };
 
-// Opens the download and stores what the server told of it; throws failure, also for an HTTP status that brings no file.
-// What the request refers to must outlive the source.
+// Opens the download and stores what the server told of it; throws failure, also for an HTTP status that brings no
+// file. What the request refers to must outlive the source.
 std::unique_ptr<source> open_source(const source_request& request, server_facts& told);
 
 // Downloads into the file by one call of the library, which goes on with a part there when the extra is on; stores what

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// store_entries.h: the names in a trusted-CA store. An installed CA has a file named after its hash, a link HASH.0 to it,
-// and a link ca/HASH.0 to that one. Stores are directories with "/" at their end. One thread.
+// store_entries.h: the names in a trusted-CA store. An installed CA has a file named after its hash, a link HASH.0 to
+// it, and a link ca/HASH.0 to that one. Stores are directories with "/" at their end. One thread.
 #ifndef FETCHRIG_CLI_STORE_ENTRIES_H
 #define FETCHRIG_CLI_STORE_ENTRIES_H
 

@@ -36,8 +36,8 @@ struct outcome {
 // One try; throws failure.
 using attempt = std::function<void(const location& where, const credentials& login, outcome& told)>;
 
-// Sets the library's options for `where`, tries until it is done or must be given up, and tells the outcome. Returns the
-// exit status.
+// Sets the library's options for `where`, tries until it is done or must be given up, and tells the outcome. Returns
+// the exit status.
 int run_transfer(const location& where, const transfer_options& options, outcome& told,
                  const attempt& attempt_once);
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// x509_text.h: what a certificate says, as texts in UTF-8: its whole names, where the library's records hold one part of
-// them, and what those records leave out. The texts may hold control characters: see printable.h. Any thread.
+// x509_text.h: what a certificate says, as texts in UTF-8: its whole names, where the library's records hold one part
+// of them, and what those records leave out. The texts may hold control characters: see printable.h. Any thread.
 #ifndef FETCHRIG_CLI_X509_TEXT_H
 #define FETCHRIG_CLI_X509_TEXT_H
 

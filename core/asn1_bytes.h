@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// asn1_bytes.h: the content of OpenSSL's strings as bytes. They come from certificates that nobody has verified, and may
-// hold anything, a NUL included. No state; any thread.
+// asn1_bytes.h: the content of OpenSSL's strings as bytes. They come from certificates that nobody has verified, and
+// may hold anything, a NUL included. No state; any thread.
 #ifndef FETCHRIG_CORE_ASN1_BYTES_H
 #define FETCHRIG_CORE_ASN1_BYTES_H
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// config.h: the configuration: its start and end, setting options and reading them. The record itself, g_dl_cfg, belongs
-// to config.cpp, and its lock to process_lock.cpp too; all others use these functions. Every function that reads copies
-// what it returns under the configuration lock and has released the lock when it returns, so no lock is ever held
-// across I/O. Any thread, once the library is initialised.
+// config.h: the configuration: its start and end, setting options and reading them. The record itself, g_dl_cfg,
+// belongs to config.cpp, and its lock to process_lock.cpp too; all others use these functions. Every function that
+// reads copies what it returns under the configuration lock and has released the lock when it returns, so no lock is
+// ever held across I/O. Any thread, once the library is initialised.
 #ifndef FETCHRIG_CORE_CONFIG_H
 #define FETCHRIG_CORE_CONFIG_H
 

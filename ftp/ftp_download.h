@@ -11,7 +11,8 @@
 
 namespace fetchrig {
 
-// Logs in and requests `path`, or what `resume` lacks of it. Returns 0 with the session published, or -1 with the result filled.
+// Logs in and requests `path`, or what `resume` lacks of it. Returns 0 with the session published, or -1 with the
+// result filled.
 [[nodiscard]] int ftp_open(const ftp_outcome& out, const ftp_server& server, const char* path,
                            ftp_resume* resume = nullptr);
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // ftp_reply.h: reading the server's replies from the control connection. Lines end in CR LF; a text
-// that does not leave room for four more bytes in its buffer, and a reply of more than 10,000 lines, fail. Nothing beyond
-// a line is taken (net/line_reader.h), and no state is kept between replies. One thread at a time per session.
+// that does not leave room for four more bytes in its buffer, and a reply of more than 10,000 lines, fail. Nothing
+// beyond a line is taken (net/line_reader.h), and no state is kept between replies. One thread at a time per session.
 #ifndef FETCHRIG_FTP_FTP_REPLY_H
 #define FETCHRIG_FTP_FTP_REPLY_H
 

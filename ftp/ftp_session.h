@@ -41,7 +41,8 @@ using unique_ftp = std::unique_ptr<dl_ftp_session, ftp_closer>;
 // logs, fills the result and empties the handle.
 [[nodiscard]] bool ftp_check_open(const ftp_outcome& out, const ftp_server& server, const char* name);
 
-// Allocates and publishes a session, connects, logs in and opens the data connection. Returns 0, or -1 after ftp_fail().
+// Allocates and publishes a session, connects, logs in and opens the data connection. Returns 0, or -1 after
+// ftp_fail().
 [[nodiscard]] int ftp_session_open(const ftp_outcome& out, const ftp_server& server,
                                    const net_options& options, ftp_reply& reply);
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
-// ftp_upload.h: sending a file. The remote file's size and the caller's two modes choose between APPE and STOR; the data
-// connection is closed to end the file, and the server's final reply tells the outcome. One thread at a time per session.
+// ftp_upload.h: sending a file. The remote file's size and the caller's two modes choose between APPE and STOR; the
+// data connection is closed to end the file, and the server's final reply tells the outcome. One thread at a time per
+// session.
 #ifndef FETCHRIG_FTP_FTP_UPLOAD_H
 #define FETCHRIG_FTP_FTP_UPLOAD_H
 

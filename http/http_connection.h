@@ -34,8 +34,9 @@ inline constexpr std::size_t max_line_bytes = 512;
 
 // Reads one line into `line`, terminated, without its CRLF; nothing behind the CRLF is consumed. The search
 // for the CRLF works in a buffer of `initial` bytes that grows to `maximum` (beyond max_line_bytes it is `line`
-// itself, which has as many); a longer line comes in pieces. Returns the length, 0 at the end of the stream too, or -8 (also when the line
-// does not fit `line`). `at_end`, when given, tells whether the end of the stream stood in for the CRLF.
+// itself, which has as many); a longer line comes in pieces. Returns the length, 0 at the end of the stream too, or -8
+// (also when the line does not fit `line`). `at_end`, when given, tells whether the end of the stream stood in for the
+// CRLF.
 [[nodiscard]] int http_read_line(http_channel& channel, std::size_t initial, std::size_t maximum,
                                  std::span<char> line, bool* at_end = nullptr);
 

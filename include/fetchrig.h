@@ -283,9 +283,9 @@ FETCHRIG_API int dl_tftp_open(dl_tftp_session **session, const char *host, uint3
                               dl_result *result);
 /** Reads up to `size` bytes; less only at the end of the file. Returns the count, 0 at the end, -1 on failure. */
 FETCHRIG_API int dl_tftp_read(dl_tftp_session *session, char *buffer, int32_t size, dl_result *result);
-/** The size of the whole file, in bytes, as the server has announced it (RFC 2349); it is asked with DL_EXTRA_TFTP_WINDOW
- * or DL_EXTRA_TFTP_BLOCK_SIZE. Returns 0 with `size` filled, or -1 where it is not known or told as 0, for null and
- * for a dead record; nothing is logged. The session's thread. */
+/** The size of the whole file, in bytes, as the server has announced it (RFC 2349); it is asked with
+ * DL_EXTRA_TFTP_WINDOW or DL_EXTRA_TFTP_BLOCK_SIZE. Returns 0 with `size` filled, or -1 where it is not known or told
+ * as 0, for null and for a dead record; nothing is logged. The session's thread. */
 FETCHRIG_API int dl_tftp_get_size(const dl_tftp_session *session, uint64_t *size);
 /** Ends a session of either direction. Null or a dead record is logged and ignored. */
 FETCHRIG_API void dl_tftp_close(dl_tftp_session *session);

@@ -5,8 +5,8 @@
 
 namespace fetchrig {
 
-// Connects to host and port, each usable address in turn for at most `seconds` (0: no limit). Returns a blocking socket,
-// which the caller closes, or -1 (DL_ERR_HOST) or -3 (DL_ERR_CONNECT).
+// Connects to host and port, each usable address in turn for at most `seconds` (0: no limit). Returns a blocking
+// socket, which the caller closes, or -1 (DL_ERR_HOST) or -3 (DL_ERR_CONNECT).
 [[nodiscard]] int connect_to_host(const char* host, int port, int ipv6, int seconds);
 
 }  // namespace fetchrig

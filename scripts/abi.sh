@@ -37,7 +37,8 @@ describe() {
   sed -n 's|^/\* include/fetchrig[^*]*\*/ extern ||p' "$work/functions" | LC_ALL=C sort
   echo "== constants and records"
   sed -nE 's/^(typedef )?(enum|struct) ([a-z_0-9]+) \{.*/\3/p' include/fetchrig*.h | LC_ALL=C sort -u | paste -sd , |
-    xargs -I {} pahole -C {} "$work/headers.o" | sed 's/, cachelines: [0-9]*//; /cacheline/d; /X\{3\}/d; /^$/d; s/\t/  /g'
+    xargs -I {} pahole -C {} "$work/headers.o" |
+    sed 's/, cachelines: [0-9]*//; /cacheline/d; /X\{3\}/d; /^$/d; s/\t/  /g'
 }
 
 compile_headers

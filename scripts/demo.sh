@@ -31,7 +31,8 @@ build() {
     cmake --preset default -DFETCHRIG_TESTS=OFF -DFETCHRIG_BENCH=OFF >/dev/null
   fi
   say "Building the library and the command: about 3 minutes the first time, a second later on"
-  cmake --build --preset default --target fetchrig_command -j 2 -- --quiet 2>&1 | sed '/^ninja: no work to do/d; /^-- /d'
+  cmake --build --preset default --target fetchrig_command -j 2 -- --quiet 2>&1 |
+    sed '/^ninja: no work to do/d; /^-- /d'
   cd "$OLDPWD"
 }
 

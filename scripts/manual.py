@@ -97,7 +97,8 @@ def read_headers():
 
 def overview_page(overview, families, heading):
     lines = [heading("libfetchrig", 7), ".SH NAME", "libfetchrig \\- file transfer over HTTP, HTTPS, FTP and TFTP",
-             ".SH SYNOPSIS", ".nf", "#include <fetchrig.h>", ".PP", "cc $(pkg\\-config \\-\\-cflags \\-\\-libs fetchrig)", ".fi",
+             ".SH SYNOPSIS", ".nf", "#include <fetchrig.h>", ".PP",
+             "cc $(pkg\\-config \\-\\-cflags \\-\\-libs fetchrig)", ".fi",
              ".SH DESCRIPTION", "\n.PP\n".join(map(prose, overview[1:])), ".SH CALLS"]
     for family in families:
         lines += [".TP", f".BR {family.page} (3)", f"{family.title}: {', '.join(family.names()) or 'records'}"]

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
-# Makes the source archive of the last commit and the Debian packages of it, looks at them with lintian, and uses them in
-# a clean Debian: they are installed, fetch a file, and are removed without leaving anything.
+# Makes the source archive of the last commit and the Debian packages of it, looks at them with lintian, and uses them
+# in a clean Debian: they are installed, fetch a file, and are removed without leaving anything.
 #   packages.sh DIR           all of it, into that new folder
 #   packages.sh --build DIR   without looking at them
 #   packages.sh --check DIR   looks at those that are in that folder
@@ -38,8 +38,8 @@ build_packages() {
 
 # The files of the clean system, but for what dpkg and ldconfig keep for themselves.
 list_files() {
-  (cd "$root" && find . -xdev \( -path ./var/lib/dpkg -o -path ./var/cache -o -path ./var/log -o -path ./tmp \) -prune -o \
-    ! -path ./etc/ld.so.cache -print) | LC_ALL=C sort
+  (cd "$root" && find . -xdev \( -path ./var/lib/dpkg -o -path ./var/cache -o -path ./var/log -o -path ./tmp \) -prune \
+    -o ! -path ./etc/ld.so.cache -print) | LC_ALL=C sort
 }
 
 in_root() {

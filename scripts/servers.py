@@ -170,8 +170,8 @@ BasicAuth $user $password
 
 VSFTPD_ON = """listen anonymous_enable no_anon_password write_enable anon_upload_enable anon_other_write_enable
     run_as_launching_user""".split()
-VSFTPD_TLS = """ssl_enable allow_anon_ssl force_anon_logins_ssl force_anon_data_ssl require_ssl_reuse strict_ssl_read_eof
-    strict_ssl_write_shutdown""".split()
+VSFTPD_TLS = """ssl_enable allow_anon_ssl force_anon_logins_ssl force_anon_data_ssl require_ssl_reuse
+    strict_ssl_read_eof strict_ssl_write_shutdown""".split()
 VSFTPD_OFF = """background anon_world_readable_only seccomp_sandbox isolate isolate_network connect_from_port_20
     xferlog_enable""".split()
 
@@ -243,8 +243,8 @@ def pureftpd(place, host, ports, options):
     users.write_text(":".join(map(str, entry)) + "\n")
     subprocess.run([UNPACKED / "bin/pure-pw", "mkdb", f"{users}.pdb", "-f", users], check=True)
     tls = ["-Y", "3", "-2", place.certificate] if "tls" in options else []
-    return [UNPACKED / "sbin/pure-ftpd", "-S", f"{host},{ports['ftp']}", "-l", f"puredb:{users}.pdb", "-E", "-H", "-u", "1",
-            "-g", place.directory / "pure.pid", *tls]
+    return [UNPACKED / "sbin/pure-ftpd", "-S", f"{host},{ports['ftp']}", "-l", f"puredb:{users}.pdb", "-E", "-H",
+            "-u", "1", "-g", place.directory / "pure.pid", *tls]
 
 
 def pyftpd(place, host, ports, _options):

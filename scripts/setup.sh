@@ -33,7 +33,8 @@ case "${1:-test}" in
   *) sed -n '3,8s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"; exit 2 ;;
 esac
 
-installed=$(dpkg-query -W -f='${Package} ${Status}\n' "${packages[@]}" 2>/dev/null | sed -n 's/ .*ok installed$//p') || true
+installed=$(dpkg-query -W -f='${Package} ${Status}\n' "${packages[@]}" 2>/dev/null |
+  sed -n 's/ .*ok installed$//p') || true
 missing=()
 for package in "${packages[@]}"; do
   grep -qxF "$package" <<<"$installed" || missing+=("$package")
@@ -81,5 +82,6 @@ trap '[ "$placed_policy" = no ] || "${as_root[@]}" rm -f "$policy"' EXIT
 
 echo "Installing: ${missing[*]}"
 "${as_root[@]}" apt-get update -qq || echo "Some package lists are missing; going on with the others"
-"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
+  "${missing[@]}" >/dev/null
 unpack_servers

@@ -38,7 +38,8 @@ step() {
 
 check_format() {
   find . \( -name 'build*' -o -name .git \) -prune -o -type f \( -name '*.cpp' -o -name '*.h' -o -name '*.c' \) \
-    -print0 | xargs -0 clang-format --dry-run -Werror
+    -print0 | xargs -0 clang-format --dry-run -Werror || return 1
+  ! LC_ALL=C.UTF-8 git grep -nE '.{121}' -- '*.cpp' '*.h' '*.c' '*.py' '*.sh' '*.txt'  # comments and data too
 }
 
 # The library, the command and the scripts name their licence themselves, .reuse/dep5 names it for what has no comments.

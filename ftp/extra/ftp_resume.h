@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // ftp_resume.h: a download that goes on where an earlier one stopped, by REST (RFC 3659). SIZE and the answer to MDTM
-// tell whether it still is the same file; where they cannot, it begins anew. A file of which a part was there already is
-// asked about once more behind its last byte, as it may have changed meanwhile; what changes twice within a second and
-// keeps its size goes unnoticed. One thread at a time per object.
+// tell whether it still is the same file; where they cannot, it begins anew. A file of which a part was there already
+// is asked about once more behind its last byte, as it may have changed meanwhile; what changes twice within a second
+// and keeps its size goes unnoticed. One thread at a time per object.
 #ifndef FETCHRIG_FTP_EXTRA_FTP_RESUME_H
 #define FETCHRIG_FTP_EXTRA_FTP_RESUME_H
 
@@ -27,8 +27,9 @@ class ftp_resume {
   // The server and the local path, which may be null, outlive the object.
   ftp_resume(const ftp_server& server, const char* local_path) : server_(server), local_path_(local_path) {}
 
-  // Between SIZE and RETR of `name`: opens the part that is there, and has the server go on behind it. Returns 0, 1 when
-  // all of it is there already and nothing is left to ask for, or a negative code; does nothing unless it is wanted.
+  // Between SIZE and RETR of `name`: opens the part that is there, and has the server go on behind it. Returns 0, 1
+  // when all of it is there already and nothing is left to ask for, or a negative code; does nothing unless it is
+  // wanted.
   [[nodiscard]] int ask(dl_ftp_session& session, std::string_view name, ftp_reply& reply);
   // Has the file go on with the part. False when there is none.
   [[nodiscard]] bool open(download_file& file);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// digest_rfc7616.h: Digest by RFC 7616: MD5, SHA-256 and SHA-512-256, each with -sess, qop "auth" and "auth-int", hashed
-// user names. Knows texts, not sockets. One thread at a time per object; secrets are wiped before their memory is given
-// back.
+// digest_rfc7616.h: Digest by RFC 7616: MD5, SHA-256 and SHA-512-256, each with -sess, qop "auth" and "auth-int",
+// hashed user names. Knows texts, not sockets. One thread at a time per object; secrets are wiped before their memory
+// is given back.
 #ifndef FETCHRIG_HTTP_EXTRA_DIGEST_RFC7616_H
 #define FETCHRIG_HTTP_EXTRA_DIGEST_RFC7616_H
 

@@ -30,8 +30,8 @@ class http_login {
   http_login(const http_login&) = delete;
   http_login& operator=(const http_login&) = delete;
 
-  // Chooses among the challenges of a header block. Returns 0, or DL_ERR_AUTH, logged: none can be answered, or this user
-  // and password have been refused; a nonce may be stale once.
+  // Chooses among the challenges of a header block. Returns 0, or DL_ERR_AUTH, logged: none can be answered, or this
+  // user and password have been refused; a nonce may be stale once.
   [[nodiscard]] int choose(const char* headers, const char* user, const char* password);
 
   // Sets the message's answer, when there is one. `uri` is as in the request line. Returns 0 or a negative code.

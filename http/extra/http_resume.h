@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// http_resume.h: downloads that go on with what an earlier one left (RFC 9110 section 14), with DL_EXTRA_RESUME: a range
-// is asked for on the condition that the source is still the same (If-Range with a strong validator); what comes is
-// taken for the rest only when everything says so, else the file is fetched anew. The part waits in
+// http_resume.h: downloads that go on with what an earlier one left (RFC 9110 section 14), with DL_EXTRA_RESUME: a
+// range is asked for on the condition that the source is still the same (If-Range with a strong validator); what comes
+// is taken for the rest only when everything says so, else the file is fetched anew. The part waits in
 // core/extra/partial_file.h. One thread at a time.
 #ifndef FETCHRIG_HTTP_EXTRA_HTTP_RESUME_H
 #define FETCHRIG_HTTP_EXTRA_HTTP_RESUME_H

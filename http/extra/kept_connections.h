@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
 // kept_connections.h: connections that stay open for the next request to the same origin (RFC 9112 section 9.3), for
 // sessions opened with DL_EXTRA_KEPT_CONNECTIONS. A connection is kept when its last response was read to its end, and
-// serves requests that were made under the very same options. Bodies are whole ones then. A request that finds its kept connection dead goes out
-// again on a new one; a POST, which may not be repeated, never goes out on a kept one. At most 64 wait, none
-// serves after 30 seconds, and dl_exit() closes them. Connections through proxies are not kept. Any thread.
+// serves requests that were made under the very same options. Bodies are whole ones then. A request that finds its kept
+// connection dead goes out again on a new one; a POST, which may not be repeated, never goes out on a kept one. At most
+// 64 wait, none serves after 30 seconds, and dl_exit() closes them. Connections through proxies are not kept. Any
+// thread.
 #ifndef FETCHRIG_HTTP_EXTRA_KEPT_CONNECTIONS_H
 #define FETCHRIG_HTTP_EXTRA_KEPT_CONNECTIONS_H
 

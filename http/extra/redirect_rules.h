@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// redirect_rules.h: redirects as RFC 9110 section 15.4 has them and browsers follow them: 303, 307 and 308 too, relative
-// targets, what is left of a request at its new place. One thread at a time per message.
+// redirect_rules.h: redirects as RFC 9110 section 15.4 has them and browsers follow them: 303, 307 and 308 too,
+// relative targets, what is left of a request at its new place. One thread at a time per message.
 #ifndef FETCHRIG_HTTP_EXTRA_REDIRECT_RULES_H
 #define FETCHRIG_HTTP_EXTRA_REDIRECT_RULES_H
 
@@ -19,7 +19,8 @@ namespace fetchrig {
 [[nodiscard]] std::string url_text(const dl_url& url);
 
 // The absolute URL that a stored "location" line leads to from `url`. Returns 0, or DL_ERR_REDIRECT_URL, logged, for a
-// line longer than `max_line_len`, which came in pieces, a target that does not fit DL_REDIRECT_SIZE, and one that leads from https to http.
+// line longer than `max_line_len`, which came in pieces, a target that does not fit DL_REDIRECT_SIZE, and one that
+// leads from https to http.
 [[nodiscard]] int resolve_redirect(std::string& target, const dl_url& url, std::string_view line,
                                    std::size_t max_line_len);
 

@@ -150,8 +150,9 @@ def test_a_netrc_that_is_no_file_is_passed_over(fetchrig):
 ])
 def test_the_proxy_of_the_environment(fetchrig, peer, variable, options, no_proxy, proxied):
     server = peer([ASK, OK])
+    proxy = "HTTP://" * (variable == "all_proxy") + server.address
     ended = fetchrig.run(f"get -o - {options} http://x.invalid/a",
-                         env={variable: "HTTP://" * (variable == "all_proxy") + server.address, "no_proxy": no_proxy, "HTTP_PROXY": "127.0.0.1:1"})
+                         env={variable: proxy, "no_proxy": no_proxy, "HTTP_PROXY": "127.0.0.1:1"})
     assert (ended.stdout, ended.returncode) == ((b"ok", 0) if proxied else (b"", 3)), ended
 
 

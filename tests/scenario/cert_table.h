@@ -4,8 +4,8 @@
 //        names=DNS:a.test,IP:10.0.0.1
 //
 // until= and serial= take raw bytes, too: utc:491231235959Z, general:20491231235959Z, plus:BYTES, minus:BYTES. Without
-// anything else it is self-signed, P-256 and SHA-256, of "/O=Test/CN=NAME", from yesterday to next year. It is made when
-// it is first used and stays the same for all stories of the file.
+// anything else it is self-signed, P-256 and SHA-256, of "/O=Test/CN=NAME", from yesterday to next year. It is made
+// when it is first used and stays the same for all stories of the file.
 #ifndef FETCHRIG_TESTS_SCENARIO_CERT_TABLE_H
 #define FETCHRIG_TESTS_SCENARIO_CERT_TABLE_H
 

@@ -155,8 +155,8 @@ void player::begin(const string& name) {
 template <typename With>
 void player::play_chosen(const story& told, const string& mode, long count, long& struck, With with) {
   if (!chosen_.mode.empty() && chosen_.mode != mode) return;
-  // Variants are much alike: of theirs every so-manyth is enough. So are certificates' stories, of whose sample not every
-  // mode is in every one; nearly all their allocations are OpenSSL's.
+  // Variants are much alike: of theirs every so-manyth is enough. So are certificates' stories, of whose sample not
+  // every mode is in every one; nearly all their allocations are OpenSSL's.
   const bool allocates = mode.starts_with("memory");
   const bool is_certificate = is_certificate_call(told) && chosen_.every > 1;
   const long rarely = told.is_variant ? 12 : is_certificate ? (allocates ? 20 : 1) : 0;

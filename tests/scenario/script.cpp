@@ -38,6 +38,12 @@ void replace_all(string& text, const string& from, const string& to) {
     text.replace(at, from.size(), to);
 }
 
+// "1 | 2" in front of and behind the mark.
+std::pair<string, string> split(const string& text, const string& mark) {
+  const std::size_t at = text.find(mark);
+  return {text.substr(0, at), at == string::npos ? "" : text.substr(at + mark.size())};
+}
+
 std::vector<string> cells_of(const string& line) {
   std::vector<string> cells;
   for (std::size_t at = 1; at < line.size();) {
@@ -96,6 +102,7 @@ std::vector<block> blocks_of(const string& file) {
   int number = 0;
   for (string line; std::getline(in, line);) {
     ++number;
+    for (string more; in.peek() == ' ' && std::getline(in, more); ++number) line += " " + trim(more);
     line.erase(line.find_last_not_of(" \t\r") + 1);
     if (line.empty() || line[0] == '#') continue;
     for (const auto& [name, text] : texts) replace_all(line, "{" + name + "}", text);
@@ -104,9 +111,10 @@ std::vector<block> blocks_of(const string& file) {
       texts[line.substr(4, equals - 4)] = line.substr(equals + 3);
       continue;
     }
-    const bool of_table = line.starts_with("each ") || line.starts_with("|") || line.starts_with("also ");
+    const bool of_table = line.starts_with("|") || line.starts_with("also ");
     if (line.starts_with("== ")) {
-      blocks.push_back({.name = line.substr(3), .lines = settings, .variants = of_file});
+      const auto [name, columns] = split(line.substr(3), " | ");
+      blocks.push_back({.name = name, .lines = settings, .columns = words_of(columns), .variants = of_file});
       into = &blocks.back().lines;
     } else if (line.starts_with("-- ")) {
       into = &named[line.substr(3)];
@@ -121,8 +129,6 @@ std::vector<block> blocks_of(const string& file) {
     } else if (line.starts_with("do ")) {
       const auto& lines = named.at(line.substr(3));
       into->insert(into->end(), lines.begin(), lines.end());
-    } else if (line.starts_with("each ")) {
-      blocks.back().columns = words_of(line.substr(5));
     } else if (line.starts_with("|")) {
       blocks.back().rows.push_back(cells_of(line));
     } else if (line.starts_with("never ")) {
@@ -156,12 +162,6 @@ std::vector<source_line> filled(const block& from, const std::vector<string>& ro
     if (!left_out) lines.push_back(line);
   }
   return lines;
-}
-
-// "1 | 2" in front of and behind the mark.
-std::pair<string, string> split(const string& text, const string& mark) {
-  const std::size_t at = text.find(mark);
-  return {text.substr(0, at), at == string::npos ? "" : text.substr(at + mark.size())};
 }
 
 const std::set<string> steps = {"<",      ">",      "<<",      ">>",   "<~",    "from", "after", "signal",

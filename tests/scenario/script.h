@@ -1,7 +1,10 @@
 // script.h: scenarios as data. A file holds blocks of lines; each block becomes one scenario, or one for each row of
 // its table and each of its variants.
 //
-//   # to the end of the line: a comment                == what happens          begins a scenario
+//   # to the end of the line: a comment                what begins with a space goes on with the line before
+//   == what happens                                    begins a scenario
+//   == what happens | a b c                            with a table: {a} is replaced in every line by the cell of each
+//   | 1 | two | - |                                    row; a line that uses a cell "-" is left out
 //   download http://a.test/f user=u password=p         the call: a verb, what it is about, named arguments; a value
 //                                                      with spaces stands in quotes ("X: 1\r\n")
 //   with auth=2                                        further arguments of the call; null=redirect,result are the
@@ -32,28 +35,25 @@
 //   also proxy                                         the same again through a proxy: its first connection
 //                                                      (of what goes wrong in variants, each twelfth run is played)
 //   also bare                                          `get` again as `read`: by a record with the stated fields only
-//   each a b c                                         a table: {a} is replaced in every line by the cell of each row;
-//   | 1 | two | - |                                    a line that uses a cell "-" is left out
 //
 // The other side, in the order in which things happen, whatever the connection:
 //   @ a.test:80                 the client connects here; `tls` or `tls=NAME` behind it makes it a TLS server with
-//                               that certificate (server, foreign, elsewhere, or the file's own), version=1.2; `later`: from the line
-//                               "secure" on;
-//                               sni=a.test or sni=none is the name that the client must ask for; `demands` a
-//                               certificate of it, by `authority`, which is what it trusts; `udp` makes it datagrams;
-//                               as=NAME names it; `mute` lets no connection come about; `interrupted`:
-//                               a signal comes while the client connects
+//                               that certificate (server, foreign, elsewhere, or the file's own), version=1.2;
+//                               `later`: from the line "secure" on; sni=a.test or sni=none is the name that the client
+//                               must ask for; `demands` a certificate of it, by `authority`, which is what it trusts;
+//                               `udp` makes it datagrams; as=NAME names it; `mute` lets no connection come about;
+//                               `interrupted`: a signal comes while the client connects
 //   @ NAME                      goes on with that connection
-//   @ a.test:80 ask GET /f      connects and asks; both are left out where the call says them: a story that begins with
-//                               a later step has met the host of its URL and was asked for its path (and its body=),
-//                               or that of tftp-fetch, tftp-read or tftp-send
+//   @ a.test:80 ask GET /f      connects and asks; both are left out where the call says them: a story that begins
+//                               with a later step has met the host of its URL and was asked for its path (and its
+//                               body=), or that of tftp-fetch, tftp-read or tftp-send
 //   ask PUT /f host=h.test      the head of a request as the library composes it, with this Host (default: the
 //                               connection's name); "+ X: y" behind it or in lines that follow are headers;
 //                               "= BYTES" adds the Content-Length and the body
 //   < text                      exactly this line is received;  << BYTES  these bytes (a datagram, where it is udp)
 //   <~ BYTES                    anything up to and with these
-//   answer 200 OK = BYTES       the head of a response; "+ X: y" and "= BYTES" as above; "=> BYTES": a body that is what
-//                               was read, or the local file, afterwards
+//   answer 200 OK = BYTES       the head of a response; "+ X: y" and "= BYTES" as above; "=> BYTES": a body that is
+//                               what was read, or the local file, afterwards
 //   > text                      sends this line;  >> BYTES  these bytes (a datagram)
 //   >> BYTES << BYTES           several of them, also behind "@ NAME"
 //   from 5000                   further datagrams come from this port, or from another host: from 10.0.0.9:5000
@@ -65,7 +65,8 @@
 //
 // What comes of it:
 //   = -8                        the result's code where it is not 0, -1 being returned; the message is that of the
-//                               code unless it follows; "= cleared": -1 with code 0; "= untouched": -1, no result stored
+//                               code unless it follows; "= cleared": -1 with code 0; "= untouched": -1, no result
+//                               stored
 //   file BYTES | file none | file kept | file special   the local file afterwards (kept: what lay there before, which
 //                               is old=BYTES of the call or "old file"; special: no regular file, and still there);
 //                               none is it where a call for a file fails and nothing else is said
@@ -89,9 +90,9 @@
 // A file's certificates are described in front of its stories (cert_table.h).
 //
 // BYTES may hold \r \n \t \s \0 \\ \xNN and {bytes N} (N bytes of generated content), {bytes N@M} (from its byte M on),
-// {repeat N TEXT}, {chunk BYTES}, {md5 TEXT}, {sha256 TEXT}, {sha512-256 TEXT}, {base64 TEXT}, {octets} (all that a file's name may hold), {dir}, {w} (the
-// directory of the files that `at` tells of), {got} (the local file), and for TFTP
-// {rrq NAME} {wrq NAME} {data N BYTES} {ack N} {oack NAME VALUE} {error N TEXT}.
+// {repeat N TEXT}, {chunk BYTES}, {md5 TEXT}, {sha256 TEXT}, {sha512-256 TEXT}, {base64 TEXT}, {octets} (all that a
+// file's name may hold), {dir}, {w} (the directory of the files that `at` tells of), {got} (the local file), and for
+// TFTP {rrq NAME} {wrq NAME} {data N BYTES} {ack N} {oack NAME VALUE} {error N TEXT}.
 //
 // A new verb: a function in client.cpp and a row in its table. A new step: a word in script.cpp and what becomes of it
 // in peers.cpp. A new expectation: a word in script.cpp, and in client.cpp what a run tells by that word.

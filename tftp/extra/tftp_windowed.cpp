@@ -294,8 +294,8 @@ int windowed_transfer::acknowledge() {
   return 0;
 }
 
-// What was answered has come once more: the ACK is lost, and the server was silent for a while; else it is a copy on the
-// way, and an answer would make the server send the next window twice, and so on to the end.
+// What was answered has come once more: the ACK is lost, and the server was silent for a while; else it is a copy on
+// the way, and an answer would make the server send the next window twice, and so on to the end.
 int windowed_transfer::acknowledge_again() {
   return pace_.may_have_crossed() ? 0 : acknowledge();
 }
