@@ -95,11 +95,22 @@ class Tree:
         archive = subprocess.run(["git", "-C", source, "archive", commit, *folders], check=True, capture_output=True)
         subprocess.run(["tar", "-x", "-C", self.root], input=archive.stdout, check=True)
 
-    def build(self):
-        return self.run("cmake", "--build", "build", "-j", self.jobs, "--target", *self.targets).returncode == 0
+    def build(self, *targets):
+        targets = targets or self.targets
+        return self.run("cmake", "--build", "build", "-j", self.jobs, "--target", *targets).returncode == 0
 
-    def run(self, *command):
-        return subprocess.run(command, cwd=self.root, capture_output=True, text=True)
+    def run(self, *command, **how):
+        return subprocess.run(command, cwd=self.root, capture_output=True, text=True, **how)
+
+    def stories_fail(self):
+        """Whether a story fails as it is written: told in seconds, where what goes wrong meanwhile takes minutes."""
+        stories = sorted(self.root.glob("tests/scenarios/*.txt"))
+        if not stories or not self.build("scenario"):
+            return False
+        try:
+            return self.run("build/tests/scenario", "--mode", "as-sent", *stories, timeout=HUNG_SECONDS).returncode != 0
+        except subprocess.TimeoutExpired:
+            return True
 
     def test(self, *choice):
         """The first test that fails, None when all pass."""
@@ -123,6 +134,8 @@ def try_fault(tree, layer, file, number, changed, tests):
     before = tree.digest(file)
     path.write_text("".join(lines))
     try:
+        if re.search(tests, "scenario") and tree.stories_fail():
+            return "caught by the stories as they are written"
         if not tree.build() or tree.digest(file) == before:
             return None
         # The tests named after the layer are the likeliest to tell; the rest is run when they do not.
