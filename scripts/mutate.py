@@ -100,7 +100,7 @@ class Tree:
         return self.run("cmake", "--build", "build", "-j", self.jobs, "--target", *targets).returncode == 0
 
     def run(self, *command, **how):
-        return subprocess.run(command, cwd=self.root, capture_output=True, text=True, **how)
+        return subprocess.run(command, cwd=self.root, capture_output=True, text=True, errors="replace", **how)
 
     def stories_fail(self):
         """Whether a story fails as it is written: told in seconds, where what goes wrong meanwhile takes minutes."""
