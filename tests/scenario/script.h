@@ -77,8 +77,8 @@
 //   redirect URL   status 200   last 200   end 1   left 5   header X = X: y   ring 6   as the calls tell them;
 //                               of `ring`, `reads` is what it returned and `redirect` the path of the file
 //   port 1025                   the local port of the datagrams
-//   cause 20 1 text             what dl_last_cause() tells: enum dl_cause, number and text; of a call on certificates
-//                               "0 0" where no line tells it, or "cause any"
+//   cause 20 1 text             what dl_last_cause() tells: enum dl_cause, number and text; of a call on certificates,
+//                               and where all goes well, "0 0" if no line tells it, or "cause any"
 //   at a/b.pem BYTES            the file is this afterwards, with the mode of before or mode=; "at a none", "at a any";
 //                               all others are as before
 //   shows a/b.pem TEXT          what OpenSSL tells of the certificate in it holds this ("with its key":
