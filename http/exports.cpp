@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // exports.cpp: the exported calls of the HTTP client.
 #include "core/boundary.h"
-#include "core/cause.h"
 #include "core/text.h"
 #include "http/http_answer.h"
 #include "http/http_auth.h"
@@ -21,8 +20,7 @@ using namespace fetchrig;
 namespace {
 
 int refuse(const char* message, dl_result* result) {
-  set_last_status(0);
-  clear_cause();
+  forget_earlier_calls();
   return fail(result, log_and_return(DL_LOG_HTTP, DL_ERR_PARAMETER, "%s", message));
 }
 

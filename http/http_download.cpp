@@ -11,6 +11,7 @@
 #include "core/url.h"
 #include "http/extra/http_resume.h"
 #include "http/http_response_body.h"
+#include "http/http_status.h"
 #include "log/log.h"
 
 namespace fetchrig {
@@ -61,6 +62,7 @@ int http_copy_body(http_channel& channel, download_file& file, dl_result& result
 }
 
 int http_recv_to_file(const http_plan& plan, const char* local_path) {
+  forget_earlier_calls();
   return guarded_transfer(&plan.result, [&] { return download(plan, local_path); });
 }
 

@@ -3,7 +3,6 @@
 #include "http/http_open.h"
 
 #include "core/boundary.h"
-#include "core/cause.h"
 #include "core/config.h"
 #include "core/extras.h"
 #include "core/result.h"
@@ -96,8 +95,7 @@ int exchange(const http_plan& plan, http_channel& channel) {
 
 int open_new_session(const http_plan& plan, unique_http_session& session) {
   clear_result(plan.result);
-  set_last_status(0);
-  clear_cause();
+  forget_earlier_calls();
   log_line(DL_LOG_HTTP, DL_LOG_NOTICE, "URL : %s\n", printable_url(plan.request.url).c_str());
   session = new_http_session();
   if (!session) return log_and_return(DL_LOG_HTTP, DL_ERR_MEMORY, "Out of Memory\n");

@@ -2,6 +2,7 @@
 // http_status.cpp: status and end of a response.
 #include "http/http_status.h"
 
+#include "core/cause.h"
 #include "http/http_session.h"
 
 namespace fetchrig {
@@ -48,6 +49,11 @@ dl_body_end http_body_end(const dl_http_session* session) {
 
 int last_status() {
   return last_status_read;
+}
+
+void forget_earlier_calls() {
+  set_last_status(0);
+  clear_cause();
 }
 
 void set_last_status(int status) {

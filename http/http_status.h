@@ -21,5 +21,8 @@ namespace fetchrig {
 [[nodiscard]] int last_status();
 void set_last_status(int status);
 
+// A call begins: neither the status nor the cause that this thread has met before is told of it.
+void forget_earlier_calls();
+
 }  // namespace fetchrig
 #endif

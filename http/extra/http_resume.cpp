@@ -7,7 +7,6 @@
 
 #include <array>
 
-#include "core/cause.h"
 #include "core/cursor.h"
 #include "core/dispatch_url.h"
 #include "core/extra/partial_file.h"
@@ -87,8 +86,6 @@ class resumed_download {
 
 int resumed_download::run(const char* path) {
   clear_result(plan_.result);
-  set_last_status(0);
-  clear_cause();
   if (!part_.open(path)) return fail(&plan_.result, DL_ERR_READ);
   bool ranged = part_.held() > 0 && part_.source().url == url_ && !part_.source().validator.empty();
   for (;;) {

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "core/cause.h"
 #include "include/fetchrig.h"
 #include "include/fetchrig_openssl.h"
 #include "tests/scenario/cert_client.h"
@@ -491,6 +492,8 @@ outcome stage::play(const story& told, const run& with) {
   plan = plan_of(told, with);
   if (!told.secrets.empty()) plan.secret = told.secrets.back().c_str();
   if (told.argument("state")) dl_exit();  // the library is not initialised
+  fetchrig::clear_cause();
+  if (told.verb != "read" && told.verb != "ring") fetchrig::note_cause(DL_CAUSE_NONE, -1, "stale");
   if (is_certificate_call(told)) {
     play_certificate_call(call, place_.path() + "/w");
   } else if (const auto known = verbs.find(told.verb); known != verbs.end()) {
@@ -535,6 +538,8 @@ outcome stage::play(const story& told, const run& with) {
   seen.told["last"] = std::to_string(dl_http_last_status());
   seen.told["port"] = std::to_string(net.bound_port);
   seen.told["cause"] = cause_now();
+  if (seen.told["cause"] == "0 -1 stale" && seen.code != untouched_code && seen.code != DL_ERR_PARAMETER)
+    seen.broken.push_back("tells the cause of an earlier call");
   net.stop();
   dl_exit();
   seen.lines = log_lines;
