@@ -9,9 +9,11 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <set>
 #include <stdexcept>
 
 #include "core/cause.h"
+#include "http/http_status.h"
 #include "include/fetchrig.h"
 #include "include/fetchrig_openssl.h"
 #include "tests/scenario/cert_client.h"
@@ -24,6 +26,7 @@ namespace fs = std::filesystem;
 using std::string;
 
 std::vector<log_line> log_lines;
+constexpr int stale_status = 299;
 const char* late_limit;  // what another thread sets as MAX_FILE_SIZE while the call connects; null for none
 
 void set_number(uint32_t option, uint32_t value) {
@@ -493,6 +496,7 @@ outcome stage::play(const story& told, const run& with) {
   if (!told.secrets.empty()) plan.secret = told.secrets.back().c_str();
   if (told.argument("state")) dl_exit();  // the library is not initialised
   fetchrig::clear_cause();
+  fetchrig::set_last_status(stale_status);
   if (told.verb != "read" && told.verb != "ring") fetchrig::note_cause(DL_CAUSE_NONE, -1, "stale");
   if (is_certificate_call(told)) {
     play_certificate_call(call, place_.path() + "/w");
@@ -540,6 +544,9 @@ outcome stage::play(const story& told, const run& with) {
   seen.told["cause"] = cause_now();
   if (seen.told["cause"] == "0 -1 stale" && seen.code != untouched_code && seen.code != DL_ERR_PARAMETER)
     seen.broken.push_back("tells the cause of an earlier call");
+  static const std::set<string> of_http = {"get", "post", "put", "delete", "fetch", "send"};
+  if (seen.told["last"] == std::to_string(stale_status) && of_http.contains(told.verb))
+    seen.broken.push_back("tells the status of an earlier call");
   net.stop();
   dl_exit();
   seen.lines = log_lines;
