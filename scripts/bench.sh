@@ -3,9 +3,8 @@
 # Builds the release preset and runs every benchmark; each prints ratios against a bare loop measured in the same run,
 # or the instructions of a start, and fails when its bound is passed.
 #   bench.sh [MIB]     MiB to move
-#   bench.sh --peers   the command beside wget, aria2, lftp, tftp-hpa and atftp, which it installs: the table and the
-#   chart
-#                      of docs/speed.md
+#   bench.sh --peers   the command beside wget, aria2, lftp, tftp-hpa and atftp, which it installs: the table and
+#                      the chart of docs/speed.md
 #   bench.sh --kept    500 small files over one kept connection beside one connection each
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
